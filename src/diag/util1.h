@@ -1,0 +1,24 @@
+#pragma once
+
+// Small helpers for files and texts of the log location.  No state; any thread.
+
+/// 1 when the path can be examined, its size in bytes stored through size when that is not null;
+/// else 0.
+int fileExists(const char* path, unsigned int* size);
+
+/// Reads exactly size bytes of a file into a new buffer, adds a zero byte and hands it over through
+/// text (the caller frees it); 1.  On any failure, a shorter file included, *text is null; 0.
+int readFile(const char* path, unsigned int size, char** text);
+
+/// Cuts s at its first carriage return or line feed.  Null is left alone.
+void clipLine(char* s);
+
+/// Removes blanks, "=", tabs, carriage returns and line feeds from both ends of s.  Null is left
+/// alone.
+void trimString(char* s);
+
+/// Appends "/" unless s ends in one (or is empty or null).  The caller leaves room for it.
+void ensureEndsWithSlash(char* s);
+
+/// Appends as much of source to the text in dst as fits into size bytes with the terminating zero.
+void appendBounded(char* dst, const char* source, unsigned long size);

@@ -1,0 +1,77 @@
+#include "diag/util2.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "diag/util1.h"
+
+namespace {
+
+constexpr const char* LOG_PROPS_FS = "/etc/orv/kestra/common/cfg/log.properties";
+constexpr const char COMMON_LOGDIR_KEY[] = "kestra_common_dir";
+constexpr const char* LOGDIR_TRAILER = "QDN/logs/";
+constexpr const char* DEFAULT_LOGFILE_DIR = "/var/orv/kestra/common/QDN/logs/";
+constexpr const char* DEFAULT_LOG_FILE_NAME = "trace-armdebug.log";
+constexpr int WORKING_SIZE = 4096;
+constexpr std::size_t KEY_LENGTH = sizeof COMMON_LOGDIR_KEY - 1;
+
+/// The first occurrence of the key that has no "#" directly before it.
+const char* findKey(const char* text) {
+  const char* found = std::strstr(text, COMMON_LOGDIR_KEY);
+  // Deliberate: only a "#" touching the key comments it out, and a longer key that ends in the
+  // key's text matches too.
+  while (found != nullptr && found != text && found[-1] == '#') {
+    found = std::strstr(found + 1, COMMON_LOGDIR_KEY);
+  }
+  return found;
+}
+
+void copyBounded(char* dst, const char* source, int len) {
+  if (len < 1) return;
+  dst[0] = '\0';
+  appendBounded(dst, source, static_cast<unsigned long>(len));
+}
+
+}  // namespace
+
+char* getLogFileSpec(char* dst, unsigned int len) {
+  if (len == 0) return dst;
+  char directory[WORKING_SIZE];
+  findCommonLogDir(directory, WORKING_SIZE);
+  dst[0] = '\0';
+  appendBounded(dst, directory, len);
+  appendBounded(dst, DEFAULT_LOG_FILE_NAME, len);
+  return dst;
+}
+
+void findCommonLogDir(char* dst, int len) {
+  if (getLogPropertiesCommonLogDir(LOG_PROPS_FS, dst, len) == 1) return;
+  copyBounded(dst, DEFAULT_LOGFILE_DIR, len);
+}
+
+int getLogPropertiesCommonLogDir(const char* path, char* dst, int len) {
+  if (len < 1) return 0;
+  unsigned int size = 0;
+  if (fileExists(path, &size) == 0 || size < 1) return 0;
+  char* text = nullptr;
+  if (readFile(path, size, &text) == 0) return 0;
+  const int found = parseLogProps(text, size, dst, len);
+  std::free(text);
+  // A key without a value gives the default directory, as if it were missing.
+  if (found == 0 || dst[0] == '\0') return 0;
+  if (std::strlen(dst) + 1 < static_cast<std::size_t>(len)) ensureEndsWithSlash(dst);
+  appendBounded(dst, LOGDIR_TRAILER, static_cast<unsigned long>(len));
+  return 1;
+}
+
+int parseLogProps(char* text, unsigned int, char* dst, int len) {
+  const char* key = findKey(text);
+  if (key == nullptr) return 0;
+  // The key's characters and one separator, whatever that is; a key that ends the text has neither
+  // a separator nor a value.
+  const char* separator = key + KEY_LENGTH;
+  copyBounded(dst, *separator == '\0' ? separator : separator + 1, len);
+  clipLine(dst);
+  trimString(dst);
+  return 1;
+}

@@ -1,0 +1,191 @@
+#include "diag/wcdebug.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include "diag/util2.h"
+#include "platform/kelptime2.h"
+
+namespace {
+
+constexpr int FORMAT_BASIC = 0;
+constexpr int FORMAT_XML = 1;
+constexpr int NEW_RECORD = 1;
+constexpr int CONTINUATION = 0;
+
+constexpr std::size_t SPEC_SIZE = 4096;
+constexpr std::size_t HOST_SIZE = 256;
+constexpr std::size_t STAMP_SIZE = 100;
+
+std::atomic<int> VLogFormat{FORMAT_XML};
+std::atomic<bool> VTriedFileOnce{false};
+pthread_once_t VInitialized = PTHREAD_ONCE_INIT;
+char VLogFileSpec[SPEC_SIZE];
+char VHostName[HOST_SIZE];
+
+// The fixed text of an XML record, in its order; the host name is the only part that is not
+// constant.
+constexpr const char VXMLPart1[] = "<Trace>\n <Time Millis=\"";
+constexpr const char VXMLPart2[] = "\">";
+constexpr const char XML_BEFORE_HOST[] = "</Time>\n <Server Format=\"IP\">";
+constexpr const char XML_AFTER_HOST[] =
+    "</Server>\n <ProductId>QDN</ProductId>\n <Component>ARM</Component>\n"
+    " <ProductInstance>5.3</ProductInstance>\n <LogText><![CDATA[";
+char VXMLPart3[sizeof XML_BEFORE_HOST + HOST_SIZE + sizeof XML_AFTER_HOST];
+constexpr const char VXMLPart4[] =
+    "]]></LogText>\n <LogAttribs><Key>organization</Key><Value>ORV</Value></LogAttribs>\n"
+    " <Source FileName=\"None\" Method=\"None\"/>\n <Thread>";
+constexpr const char VXMLPart5[] = "</Thread>\n <Process>";
+constexpr const char VXMLPart6[] = "</Process>\n</Trace>\n";
+
+/// When a record was begun.
+struct TStamp {
+  char text[STAMP_SIZE];
+  uint32_t seconds;
+  uint32_t milliseconds;
+};
+
+unsigned long getPid() {
+  return static_cast<unsigned long>(getpid());
+}
+unsigned long getTid() {
+  return pthread_self();
+}
+
+void writeString(int file, const char* text) {
+  if (write(file, text, std::strlen(text)) < 0) return;  // a lost trace is never the host's problem
+}
+
+/// Writes a number with at least four digits.
+void writeId(int file, unsigned long number) {
+  char text[48];
+  (void)std::snprintf(text, sizeof text, "%04lu", number);
+  writeString(file, text);
+}
+
+void prepXMLFormat() {
+  if (gethostname(VHostName, sizeof VHostName) != 0) VHostName[0] = '\0';
+  VHostName[HOST_SIZE - 1] = '\0';
+  (void)std::snprintf(VXMLPart3, sizeof VXMLPart3, "%s%s%s", XML_BEFORE_HOST, VHostName,
+                      XML_AFTER_HOST);
+}
+
+void doInit() {
+  (void)getLogFileSpec(VLogFileSpec, sizeof VLogFileSpec);
+  prepXMLFormat();
+}
+
+void prepare() {
+  (void)pthread_once(&VInitialized, doInit);
+}
+
+/// The current local time as text, with the microseconds and nanoseconds when subMilliseconds is
+/// set. The milliseconds are stored only together with the seconds.
+void getLocalTime(bool subMilliseconds, char (&buffer)[STAMP_SIZE], uint32_t* seconds,
+                  uint32_t* milliseconds) {
+  uint32_t now = 0;
+  uint32_t nanoseconds = 0;
+  KelpBestGetCurrentTime(&now, &nanoseconds);
+  HrtTime time = {};
+  ConvertToHRT(now, nanoseconds, &time);
+  const std::tm& day = time.calendar;
+  const int length =
+      std::snprintf(buffer, sizeof buffer, "%04d-%02d-%02d %02d:%02d:%02d.%03lu",
+                    day.tm_year + 1900, day.tm_mon + 1, day.tm_mday, day.tm_hour, day.tm_min,
+                    day.tm_sec, static_cast<unsigned long>(time.milliseconds));
+  if (subMilliseconds && length > 0) {
+    (void)std::snprintf(buffer + length, sizeof buffer - static_cast<std::size_t>(length),
+                        ":%03lu:%03lu", static_cast<unsigned long>(time.microseconds),
+                        static_cast<unsigned long>(time.nanoseconds));
+  }
+  if (seconds == nullptr) return;
+  *seconds = now;
+  if (milliseconds != nullptr) *milliseconds = time.milliseconds;
+}
+
+void writeBasicMsg(int file, const char* text, int kind, const TStamp& stamp) {
+  if (kind == NEW_RECORD) {
+    writeString(file, stamp.text);
+    char ids[64];
+    (void)std::snprintf(ids, sizeof ids, " (%04lu:%04lu)", getPid(), getTid());
+    writeString(file, ids);
+    writeString(file, " - ");
+  }
+  writeString(file, text);
+}
+
+void writeXMLMsg(int file, const char* text, int kind, const TStamp& stamp) {
+  if (kind == CONTINUATION) return;
+  writeString(file, VXMLPart1);
+  char millis[48];
+  (void)std::snprintf(millis, sizeof millis, "%13.0f", stamp.seconds * 1000.0 + stamp.milliseconds);
+  writeString(file, millis);
+  writeString(file, VXMLPart2);
+  writeString(file, stamp.text);
+  writeString(file, VXMLPart3);
+  // Deliberate: no escaping; a text with "]]>" in it ends the section early.
+  writeString(file, text);
+  writeString(file, VXMLPart4);
+  writeId(file, getTid());
+  writeString(file, VXMLPart5);
+  writeId(file, getPid());
+  writeString(file, VXMLPart6);
+}
+
+int openTraceFile() {
+  const int file = open(VLogFileSpec, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR);
+  if (file < 0 && !VTriedFileOnce.exchange(true)) {
+    (void)std::printf("Failed to open trace file [%s], make sure that subdirectory exists\n",
+                      VLogFileSpec);
+  }
+  return file;
+}
+
+}  // namespace
+
+void wcDebug(const char* text) {
+  wcDebugWorker(text, NEW_RECORD);
+}
+
+void wcDebugln(const char* text) {
+  wcDebug(text);
+  wcDebugWorker("\n", CONTINUATION);
+}
+
+void wcDebugWorker(const char* text, int kind) {
+  if (text == nullptr) return;
+  TStamp stamp = {};
+  if (kind == NEW_RECORD) {
+    const bool xml = VLogFormat == FORMAT_XML;
+    getLocalTime(!xml, stamp.text, xml ? &stamp.seconds : nullptr,
+                 xml ? &stamp.milliseconds : nullptr);
+  }
+  prepare();
+  const int file = openTraceFile();
+  if (file < 0) return;
+  if (VLogFormat == FORMAT_XML) {
+    writeXMLMsg(file, text, kind, stamp);
+  } else {
+    writeBasicMsg(file, text, kind, stamp);
+  }
+  (void)close(file);
+}
+
+void wcDebugSetLogFormat(int format) {
+  if (format == FORMAT_BASIC || format == FORMAT_XML) VLogFormat = format;
+}
+
+char* wcDebugGetLogFileSpec(char* dst, unsigned int len) {
+  prepare();
+  if (len == 0) return dst;
+  std::strncpy(dst, VLogFileSpec, len);
+  dst[len - 1] = '\0';
+  return dst;
+}

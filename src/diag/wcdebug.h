@@ -1,0 +1,25 @@
+#pragma once
+
+// The trace writer.  It stamps a finished text with the local time, the process and the thread, and
+// appends it to the trace file, as a plain line (the basic format) or as a small XML document.
+// Callers decide whether to trace at all; the writer writes what it is given, never changes a
+// result and ignores its own failures.  Any thread, no lock: each record is several appending
+// writes, so records of different threads may interleave between them.
+
+/// Writes text as a new record.
+void wcDebug(const char* text);
+
+/// Writes text as a new record and a newline as its continuation, which shows in the basic format
+/// only.
+void wcDebugln(const char* text);
+
+/// The worker of both: kind 1 writes a new record, kind 0 a continuation (the text alone in the
+/// basic format, nothing in the XML format).  A null text is ignored.
+void wcDebugWorker(const char* text, int kind);
+
+/// Sets the format, 0 basic or 1 XML (the initial one); other values are ignored.
+void wcDebugSetLogFormat(int format);
+
+/// Copies at most len bytes of the trace file's path into dst, padded with zeros, the last byte
+/// forced to zero; returns dst.
+char* wcDebugGetLogFileSpec(char* dst, unsigned int len);

@@ -1,0 +1,364 @@
+#pragma once
+
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "diag/CkesErrorManager.h"
+#include "diag/libarmdebug.h"
+#include "diag/wcdebug.h"
+#include "ipc/RequestQueueLayout.h"
+#include "platform/CkesSemaphore.h"
+#include "platform/CkesSharedMemory.h"
+#include "platform/sharedword.h"
+
+/// The writer's end of the request queue: a bounded ring of records of type T in a shared segment
+/// that the engine creates and reads (RequestQueueLayout.h).
+///
+/// Results are 0 or a negative code, also recorded with the error manager.  Any number of threads
+/// of any number of processes may put at once: every change of the ring is made under the segment's
+/// lock, which is never held while a writer waits for room.  The object itself is fixed after
+/// opening.
+template <typename T>
+class CIPCSimpleQueue {
+ public:
+  static constexpr long ERR_FULL = -274;
+  static constexpr long ERR_NOT_INITIALIZED = -276;
+  static constexpr long ERR_DAMAGED = -283;  ///< the segment holds impossible values
+  static constexpr long ERR_STATE = -284;
+
+  /// Opens the queue of a base name: the segment name + "_mem" and the semaphores name + "_ovr" and
+  /// name + "_emp".  Writes the version word whatever the queue's state, and stays not initialized
+  /// when anything is missing or the state is not 0.  A creator that has exited is no reason to
+  /// refuse.
+  explicit CIPCSimpleQueue(const char* name);
+  /// An owner empties and closes the queue first; others leave the shared queue as it is.
+  ~CIPCSimpleQueue();
+  CIPCSimpleQueue(const CIPCSimpleQueue&) = delete;
+  CIPCSimpleQueue& operator=(const CIPCSimpleQueue&) = delete;
+
+  bool IsInitialized() const { return VInitialized; }
+  bool CreatorAlive() const { return VInitialized && VSharedMemory->CreatorAlive(); }
+  /// True once the engine reads the queue.
+  bool IsReadyForIO() const { return VHeader != nullptr && loadShared(VHeader->ready_for_io) != 0; }
+  /// The version word, 0 without a segment.
+  unsigned long GetArmVersion() const {
+    return VHeader != nullptr ? loadShared(VHeader->arm_version) : 0;
+  }
+  /// Whether Put waits while the queue is full.
+  void SetOverflowWait(bool wait) { VOverflowWait = wait; }
+
+  /// Appends a record at the tail.  -274 when the queue is full and does not wait, -276, -283,
+  /// -284, or the code of the lock or of the wait.
+  long Put(const T& record);
+  /// The worker of Put; front inserts before the oldest record instead.
+  long PrivatePut(const T& record, bool front);
+  /// Called with the segment locked, and returns with it locked: waits for room, or refuses with
+  /// -274.
+  long CheckOverflow(bool wait);
+
+  /// Writes the state; 1 and 2 also wake everybody who waits on the queue.
+  long SetState(unsigned long state);
+  /// Empties the queue and wakes the writers that wait for room.
+  long Cleanup();
+
+ private:
+  bool open(const char* name);
+  bool openSegment(const char* name);
+  void closeAll();
+  bool ringIsDamaged() const;
+  void placeAtTail(const T& record);
+  void placeAtHead(const T& record);
+  void copyToSlot(uint16_t slot, const T& record);
+  void wakeOrDrain();
+  long wakeAll();
+  static long postTimes(CkesSemaphore* semaphore, uint32_t times);
+  uint32_t state() const { return loadShared(VHeader->state); }
+  uint16_t count() const { return loadShared(VHeader->count); }
+
+  static void log(const char* text) {
+    if (VDebugRun) wcDebug(text);
+  }
+  static long record(long code, const char* where) {
+    (void)CkesErrorManager::SetError(code, where);
+    return code;
+  }
+
+  static constexpr const char* PUT = "CIPCSimpleQueue<T>::Put()";
+  static constexpr const char* PRIVATE_PUT = "CIPCSimpleQueue<T>::PrivatePut()";
+  /// Deliberate: the name of the other queue's class.  Readers of error trails know it so.
+  static constexpr const char* CHECK_OVERFLOW = "CIPCQueue::CheckOverflow()";
+  static constexpr const char* SET_STATE = "CIPCSimpleQueue<T>::SetState()";
+  static constexpr const char* CLEANUP = "CIPCSimpleQueue<T>::Cleanup()";
+
+  bool VInitialized;
+  uint16_t VCapacity;
+  CkesSharedMemory* VSharedMemory;
+  TRequestQueueHeader* VHeader;
+  uint8_t* VSlots;
+  bool VOverflowWait;
+  CkesSemaphore* VEmptySem;
+  CkesSemaphore* VOverflowSem;
+  bool VOwner;
+};
+
+template <typename T>
+CIPCSimpleQueue<T>::CIPCSimpleQueue(const char* name)
+    : VInitialized(false),
+      VCapacity(0),
+      VSharedMemory(nullptr),
+      VHeader(nullptr),
+      VSlots(nullptr),
+      VOverflowWait(false),
+      VEmptySem(nullptr),
+      VOverflowSem(nullptr),
+      VOwner(false) {
+  VInitialized = open(name);
+  if (!VInitialized) closeAll();
+}
+
+template <typename T>
+CIPCSimpleQueue<T>::~CIPCSimpleQueue() {
+  if (!VInitialized) return;
+  if (VOwner) {
+    (void)Cleanup();
+    (void)SetState(QUEUE_STATE_CLOSED);
+  }
+  delete VSharedMemory;
+  delete VOverflowSem;
+  delete VEmptySem;
+}
+
+template <typename T>
+bool CIPCSimpleQueue<T>::open(const char* name) {
+  char path[1024];
+  (void)std::snprintf(path, sizeof path, "%s_ovr", name);
+  VOverflowSem = new (std::nothrow) CkesSemaphore(path);
+  if (VOverflowSem == nullptr || !VOverflowSem->IsInitialized()) {
+    log("CIPCSimpleQueue Failed on VOverflowSem\n");
+    return false;
+  }
+  (void)std::snprintf(path, sizeof path, "%s_emp", name);
+  VEmptySem = new (std::nothrow) CkesSemaphore(path);
+  if (VEmptySem == nullptr || !VEmptySem->IsInitialized()) {
+    log("CIPCSimpleQueue Failed on the empty queue wait sem\n");
+    return false;
+  }
+  (void)std::snprintf(path, sizeof path, "%s_mem", name);
+  if (!openSegment(path)) {
+    log("CIPCSimpleQueue Failed on the shared memory\n");
+    return false;
+  }
+  // Written by every opener, without the lock and before the state is looked at.
+  storeShared(VHeader->arm_version, ARM_QUEUE_VERSION);
+  if (state() != QUEUE_STATE_RUNNING) {
+    log("CIPCSimpleQueue VQueueState is bad\n");
+    return false;
+  }
+  return true;
+}
+
+template <typename T>
+bool CIPCSimpleQueue<T>::openSegment(const char* name) {
+  VSharedMemory = new (std::nothrow) CkesSharedMemory(name, false);
+  if (VSharedMemory == nullptr) return false;
+  const long result = VSharedMemory->GetInitResult();
+  // Deliberate: a dead creator does not keep the queue from opening; it shows in CreatorAlive.
+  if (result != 0 && result != CkesSharedMemory::ERR_CREATOR_GONE) return false;
+  if (VSharedMemory->GetSize() < sizeof(TRequestQueueHeader)) return false;
+  auto* start = static_cast<uint8_t*>(VSharedMemory->GetAddress());
+  VCapacity = requestQueueCapacity(VSharedMemory->GetSize(), sizeof(T));
+  VHeader = reinterpret_cast<TRequestQueueHeader*>(start);
+  VSlots = start + sizeof(TRequestQueueHeader);
+  return true;
+}
+
+template <typename T>
+void CIPCSimpleQueue<T>::closeAll() {
+  delete VOverflowSem;
+  delete VEmptySem;
+  delete VSharedMemory;
+  VOverflowSem = nullptr;
+  VEmptySem = nullptr;
+  VSharedMemory = nullptr;
+  VHeader = nullptr;
+  VSlots = nullptr;
+}
+
+template <typename T>
+long CIPCSimpleQueue<T>::Put(const T& message) {
+  if (!VInitialized) return record(ERR_NOT_INITIALIZED, PUT);
+  const long result = PrivatePut(message, false);
+  if (result != 0) (void)CkesErrorManager::AddFunction(PUT);
+  return result;
+}
+
+template <typename T>
+long CIPCSimpleQueue<T>::PrivatePut(const T& message, bool front) {
+  long result = VSharedMemory->Lock();
+  if (result != 0) {
+    (void)CkesErrorManager::AddFunction(PRIVATE_PUT);
+    return result;
+  }
+  if (state() != QUEUE_STATE_RUNNING) {
+    result = record(ERR_STATE, PRIVATE_PUT);
+  } else if ((result = CheckOverflow(VOverflowWait)) != 0) {
+    (void)CkesErrorManager::AddFunction(PRIVATE_PUT);
+  } else if (ringIsDamaged()) {
+    result = record(ERR_DAMAGED, PRIVATE_PUT);
+  } else {
+    if (front) {
+      placeAtHead(message);
+    } else {
+      placeAtTail(message);
+    }
+    wakeOrDrain();
+  }
+  const long unlocked = VSharedMemory->Unlock();
+  if (unlocked == 0) return result;
+  (void)CkesErrorManager::AddFunction(PRIVATE_PUT);
+  return unlocked;
+}
+
+/// Every process of the machine may write to the segment: nothing in it is used as an index unseen.
+template <typename T>
+bool CIPCSimpleQueue<T>::ringIsDamaged() const {
+  return count() >= VCapacity || loadShared(VHeader->head) >= VCapacity ||
+         loadShared(VHeader->tail) >= VCapacity;
+}
+
+template <typename T>
+void CIPCSimpleQueue<T>::copyToSlot(uint16_t slot, const T& message) {
+  if (slot >= VCapacity) return;
+  std::memcpy(VSlots + static_cast<std::size_t>(slot) * sizeof(T), &message, sizeof(T));
+}
+
+template <typename T>
+void CIPCSimpleQueue<T>::placeAtTail(const T& message) {
+  const uint16_t tail = loadShared(VHeader->tail);
+  copyToSlot(tail, message);
+  storeShared(VHeader->tail, static_cast<uint16_t>((tail + 1U) % VCapacity));
+  storeShared(VHeader->count, static_cast<uint16_t>(count() + 1U));
+}
+
+template <typename T>
+void CIPCSimpleQueue<T>::placeAtHead(const T& message) {
+  uint16_t head = loadShared(VHeader->head);
+  if (count() == 0) {
+    const uint16_t tail = loadShared(VHeader->tail);
+    storeShared(VHeader->tail, static_cast<uint16_t>((tail + 1U) % VCapacity));
+  } else {
+    head = static_cast<uint16_t>(head == 0 ? VCapacity - 1U : head - 1U);
+    storeShared(VHeader->head, head);
+  }
+  copyToSlot(head, message);
+  storeShared(VHeader->count, static_cast<uint16_t>(count() + 1U));
+}
+
+/// After a put: wakes the reader of a queue that was empty; else drains the overflow semaphore of
+/// one that is full now, so that the next writer that has to wait really blocks.
+template <typename T>
+void CIPCSimpleQueue<T>::wakeOrDrain() {
+  const uint16_t now = count();
+  if (now == 1) {
+    (void)VEmptySem->Post(1);
+  } else if (now == VCapacity) {
+    // Deliberate: only "nothing left" ends this; any other result repeats it.
+    while (VOverflowSem->TryWait() != CkesSemaphore::ERR_WOULD_BLOCK) {
+    }
+  }
+}
+
+template <typename T>
+long CIPCSimpleQueue<T>::CheckOverflow(bool wait) {
+  long result = 0;
+  bool waited = false;
+  bool unlocked = false;
+  // The second and later tests of the count, and the counting of a further pass, are made without
+  // the lock.
+  while (count() == VCapacity) {
+    if (!wait) {
+      result = record(ERR_FULL, CHECK_OVERFLOW);
+      break;
+    }
+    storeShared(VHeader->overflow_waiters, loadShared(VHeader->overflow_waiters) + 1U);
+    waited = true;
+    if (!unlocked) {
+      result = VSharedMemory->Unlock();
+      if (result != 0) {
+        (void)CkesErrorManager::AddFunction(CHECK_OVERFLOW);
+        break;
+      }
+      unlocked = true;
+    }
+    result = VOverflowSem->Wait(0);
+    if (result != 0) {
+      (void)record(result, CHECK_OVERFLOW);
+      break;
+    }
+    if (state() != QUEUE_STATE_RUNNING) {
+      result = record(ERR_STATE, CHECK_OVERFLOW);
+      break;
+    }
+  }
+  if (unlocked) {
+    const long locked = VSharedMemory->Lock();
+    if (locked != 0 && result == 0) {
+      (void)CkesErrorManager::AddFunction(CHECK_OVERFLOW);
+      result = locked;
+    } else if (locked != 0) {
+      (void)record(result, CHECK_OVERFLOW);
+    }
+  }
+  // Deliberate: lowered once, however many passes were made; every further pass leaves it one too
+  // high.
+  if (waited) storeShared(VHeader->overflow_waiters, loadShared(VHeader->overflow_waiters) - 1U);
+  return result;
+}
+
+template <typename T>
+long CIPCSimpleQueue<T>::postTimes(CkesSemaphore* semaphore, uint32_t times) {
+  for (; times > 0; --times) {
+    const long result = semaphore->Post(1);
+    if (result != 0) return result;
+  }
+  return 0;
+}
+
+template <typename T>
+long CIPCSimpleQueue<T>::wakeAll() {
+  const long result = postTimes(VEmptySem, loadShared(VHeader->empty_waiters));
+  return result != 0 ? result : postTimes(VOverflowSem, loadShared(VHeader->overflow_waiters));
+}
+
+template <typename T>
+long CIPCSimpleQueue<T>::SetState(unsigned long newState) {
+  if (!VInitialized) return record(ERR_NOT_INITIALIZED, SET_STATE);
+  long result = VSharedMemory->Lock();
+  if (result == 0) {
+    storeShared(VHeader->state, static_cast<uint32_t>(newState));
+    if (newState == QUEUE_STATE_STOPPED || newState == QUEUE_STATE_CLOSED) result = wakeAll();
+    const long unlocked = VSharedMemory->Unlock();
+    if (unlocked != 0) result = unlocked;
+  }
+  if (result != 0) (void)CkesErrorManager::AddFunction(SET_STATE);
+  return result;
+}
+
+template <typename T>
+long CIPCSimpleQueue<T>::Cleanup() {
+  if (!VInitialized) return record(ERR_NOT_INITIALIZED, CLEANUP);
+  long result = VSharedMemory->Lock();
+  if (result == 0) {
+    storeShared(VHeader->count, uint16_t{0});
+    storeShared(VHeader->head, uint16_t{0});
+    storeShared(VHeader->tail, uint16_t{0});
+    (void)VEmptySem->TryWait();
+    for (uint32_t waiters = loadShared(VHeader->overflow_waiters); waiters > 0; --waiters) {
+      (void)VOverflowSem->Post(1);
+    }
+    result = VSharedMemory->Unlock();
+  }
+  if (result != 0) (void)CkesErrorManager::AddFunction(CLEANUP);
+  return result;
+}

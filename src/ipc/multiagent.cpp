@@ -1,0 +1,19 @@
+#include "ipc/multiagent.h"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+constexpr const char* MULTI_AGENT_ENV_VAR = "ARM_AGENT_PREFIX";
+}
+
+int isMultiAgent() {
+  return std::getenv(MULTI_AGENT_ENV_VAR) != nullptr ? 1 : 0;
+}
+
+void getMultiAgentName(char* dst, int len) {
+  if (dst == nullptr || len <= 0) return;
+  const char* value = std::getenv(MULTI_AGENT_ENV_VAR);
+  std::strncpy(dst, value != nullptr ? value : "", static_cast<std::size_t>(len));
+  dst[len - 1] = '\0';
+}

@@ -1,0 +1,60 @@
+#include "platform/CkesSemaphore.h"
+
+#include "diag/CkesErrorManager.h"
+#include "ipc/CIPCUtils.h"
+
+namespace {
+
+constexpr int PATH_LIMIT = 128;
+constexpr int PATH_BUFFER = 132;
+/// One below the kernel's largest semaphore value.
+constexpr long LARGEST_MAXIMUM = 32766;
+
+long recorded(long result, const char* where) {
+  if (result != 0) (void)CkesErrorManager::SetError(result, where);
+  return result;
+}
+
+bool countsAccepted(long initial, long maximum) {
+  return maximum >= 1 && initial <= maximum && maximum <= LARGEST_MAXIMUM;
+}
+
+}  // namespace
+
+CkesSemaphore::CkesSemaphore(char* name, long initial, long maximum)
+    : VInitialized(false), VNamed(true), VMaximum(maximum), VOwner(false), VSemaphore(-1) {
+  if (!countsAccepted(initial, maximum)) return;
+  char path[PATH_BUFFER];
+  (void)CIPCUtils::createIPCName(name, nullptr, PATH_LIMIT, path);
+  VInitialized = implCreate(path, initial, maximum);
+}
+
+CkesSemaphore::CkesSemaphore(char* name)
+    : VInitialized(false), VNamed(true), VMaximum(0), VOwner(false), VSemaphore(-1) {
+  char path[PATH_BUFFER];
+  (void)CIPCUtils::createIPCName(name, nullptr, PATH_LIMIT, path);
+  VInitialized = implOpen(path);
+}
+
+CkesSemaphore::CkesSemaphore(long initial, long maximum)
+    : VInitialized(false), VNamed(false), VMaximum(maximum), VOwner(false), VSemaphore(-1) {
+  if (!countsAccepted(initial, maximum)) return;
+  VInitialized = implCreate(nullptr, initial, maximum);
+}
+
+CkesSemaphore::~CkesSemaphore() {
+  (void)implDestroy();
+}
+
+long CkesSemaphore::Wait(long timeout) {
+  return recorded(VInitialized ? implWait(timeout) : ERR_NOT_INITIALIZED, "CkesSemaphore::Wait()");
+}
+
+long CkesSemaphore::TryWait() {
+  return recorded(VInitialized ? implTryWait() : ERR_NOT_INITIALIZED, "CkesSemaphore::TryWait()");
+}
+
+long CkesSemaphore::Post(long count) {
+  return recorded(VInitialized ? implPost(count) : ERR_NOT_INITIALIZED,
+                  "CkesSemaphore::Post(long)");
+}

@@ -1,0 +1,98 @@
+#include "platform/CkesSharedMemory.h"
+
+#include "diag/CkesErrorManager.h"
+#include "ipc/CIPCUtils.h"
+
+namespace {
+
+constexpr int PATH_LIMIT = 125;
+constexpr int PATH_BUFFER = 128;
+
+long recorded(long result, const char* where) {
+  if (result != 0) (void)CkesErrorManager::SetError(result, where);
+  return result;
+}
+
+}  // namespace
+
+CkesSharedMemory::CkesSharedMemory(const char* name, bool owner)
+    : VInitialized(false),
+      VSemaphore(-1),
+      VMemory(-1),
+      VAddress(nullptr),
+      VSize(0),
+      VOwner(owner),
+      VInitResult(0) {
+  char path[PATH_BUFFER];
+  (void)CIPCUtils::createIPCName(name, nullptr, PATH_LIMIT, path);
+  VInitResult = implOpen(path);
+  // Deliberate: a segment whose creator has exited counts as open.  Callers see the dead creator in
+  // GetInitResult and CreatorAlive, and can still read what the segment holds.
+  VInitialized = VInitResult == 0 || VInitResult == ERR_CREATOR_GONE;
+}
+
+CkesSharedMemory::CkesSharedMemory(const char* name, unsigned long size, bool owner)
+    : VInitialized(false),
+      VSemaphore(-1),
+      VMemory(-1),
+      VAddress(nullptr),
+      VSize(size),
+      VOwner(owner),
+      VInitResult(0) {
+  char path[PATH_BUFFER];
+  (void)CIPCUtils::createIPCName(name, nullptr, PATH_LIMIT, path);
+  VInitResult = implCreate(path, size);
+  VInitialized = VInitResult == 0;
+}
+
+CkesSharedMemory::~CkesSharedMemory() {
+  if (VInitialized) {
+    implDestroy();
+  } else {
+    // A segment that was attached before opening or creating failed must not outlive the object in
+    // the host's address space.
+    detach();
+  }
+}
+
+bool CkesSharedMemory::fits(unsigned long offset, unsigned long length) const {
+  return offset <= VSize && length <= VSize - offset;
+}
+
+unsigned long CkesSharedMemory::clippedLength(unsigned long offset) const {
+  // Deliberate: one byte short of the end, so that a clipped request never reaches the last byte.
+  return offset < VSize ? VSize - offset - 1 : 0;
+}
+
+long CkesSharedMemory::Read(unsigned long offset, unsigned long length, void* buffer) {
+  static constexpr const char* where = "CkesSharedMemory::Read()";
+  if (!VInitialized) return recorded(ERR_NOT_INITIALIZED, where);
+  if (!fits(offset, length)) {
+    length = clippedLength(offset);
+    if (length == 0) return recorded(ERR_READ_EMPTY, where);
+  }
+  return recorded(implRead(offset, length, buffer), where);
+}
+
+long CkesSharedMemory::Write(unsigned long offset, unsigned long length, void* buffer) {
+  static constexpr const char* where = "CkesSharedMemory::Write()";
+  if (!VInitialized) return recorded(ERR_NOT_INITIALIZED, where);
+  if (!fits(offset, length)) {
+    length = clippedLength(offset);
+    if (length == 0) return recorded(ERR_WRITE_EMPTY, where);
+    (void)recorded(ERR_WRITE_CLIPPED, where);
+  }
+  return recorded(implWrite(offset, length, buffer), where);
+}
+
+long CkesSharedMemory::Lock() {
+  return recorded(VInitialized ? implLock() : ERR_NOT_INITIALIZED, "CkesSharedMemory::Lock()");
+}
+
+long CkesSharedMemory::Unlock() {
+  return recorded(VInitialized ? implUnlock() : ERR_NOT_INITIALIZED, "CkesSharedMemory::Unlock()");
+}
+
+bool CkesSharedMemory::CreatorAlive() {
+  return implCreatorAlive();
+}

@@ -1,0 +1,296 @@
+#include <fcntl.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "diag/libarmdebug.h"
+#include "diag/traceformat.h"
+#include "platform/CkesSharedMemory.h"
+#include "platform/namefile.h"
+
+#if defined(__SANITIZE_THREAD__)
+extern "C" void __tsan_acquire(void* address);
+extern "C" void __tsan_release(void* address);
+#endif
+
+namespace {
+
+constexpr unsigned short LOCK = 0;
+constexpr unsigned short CREATOR = 1;
+constexpr int SET_SIZE = 2;
+constexpr int ACCESS = 0666;
+constexpr int CREATOR_EXITED = 1;
+
+constexpr const char* OPEN = "CkesSharedMemory_UNIX::implOpen";
+
+// Tells the thread sanitizer, which does not know semop, that the lock orders accesses.
+void lockTaken([[maybe_unused]] void* address) {
+#if defined(__SANITIZE_THREAD__)
+  __tsan_acquire(address);
+#endif
+}
+
+void lockGivenUp([[maybe_unused]] void* address) {
+#if defined(__SANITIZE_THREAD__)
+  __tsan_release(address);
+#endif
+}
+
+}  // namespace
+
+long CkesSharedMemory::implOpen(const char* path) {
+  if (VDebugRun) traceFormatln("%s ENTER - name = %s", OPEN, path);
+  const key_t memoryKey = ftok(path, IPC_MEM_ID);
+  if (memoryKey == -1) {
+    if (VDebugRun) {
+      traceFormatln("%s - ERROR -  ftok(name, IPC_MEM_ID) failed where name = %s, errno = %d", OPEN,
+                    path, errno);
+    }
+    return ERR_FTOK;
+  }
+  const key_t setKey = ftok(path, IPC_SEM_ID);
+  if (setKey == -1) {
+    if (VDebugRun) {
+      traceFormatln("%s - ERROR - ftok(name, IPC_SEM_ID) failed where name = %s, errno = %d", OPEN,
+                    path, errno);
+    }
+    return ERR_FTOK;
+  }
+  VSemaphore = semget(setKey, SET_SIZE, 0);
+  if (VSemaphore == -1) {
+    if (VDebugRun) {
+      traceFormatln("%s - ERROR - semget(sem_key, 2, 0) failed where errno = %d", OPEN, errno);
+    }
+    return ERR_OPEN;
+  }
+  long result = openSegment(memoryKey);
+  if (result == 0) result = checkCreator();
+  if (result == 0 && VDebugRun) traceFormatln("%s EXIT - name = %s", OPEN, path);
+  return result;
+}
+
+long CkesSharedMemory::openSegment(int key) {
+  // Size 1 accepts any existing segment of the key.
+  VMemory = shmget(key, 1, 0);
+  if (VMemory == -1) {
+    if (VDebugRun) {
+      traceFormatln("%s - ERROR - shmget(mem_key, 1, 0) failed where errno = %d", OPEN, errno);
+    }
+    return ERR_OPEN;
+  }
+  void* address = shmat(VMemory, nullptr, 0);
+  if (address == reinterpret_cast<void*>(-1) || address == nullptr) {
+    if (VDebugRun) {
+      traceFormatln("%s - ERROR - shmat(VMemory, 0, 0) failed where errno = %d", OPEN, errno);
+    }
+    return ERR_OPEN;
+  }
+  VAddress = address;
+  shmid_ds info = {};
+  if (shmctl(VMemory, IPC_STAT, &info) < 0) {
+    if (VDebugRun) {
+      traceFormatln("%s - ERROR - shmctl(VMemory, IPC_STAT, &info) failed where errno = %d", OPEN,
+                    errno);
+    }
+    return ERR_OPEN;
+  }
+  VSize = info.shm_segsz;
+  return 0;
+}
+
+long CkesSharedMemory::checkCreator() {
+  const int value = semctl(VSemaphore, CREATOR, GETVAL);
+  if (value >= 0 && value != CREATOR_EXITED) return 0;
+  if (VDebugRun) {
+    traceFormatln(
+        "%s - ERROR - semctl(VSemaphore, 1, GETVAL) failed where errno = %d, sem_val = %d", OPEN,
+        errno, value);
+  }
+  return value < 0 ? ERR_OPEN : ERR_CREATOR_GONE;
+}
+
+long CkesSharedMemory::implCreate(const char* path, unsigned long size) {
+  if (VDebugRun) {
+    traceFormatln(
+        "entering CkesSharedMemory::implCreate(const char* name, unsigned long size) - name = %s, "
+        "size = %d",
+        path, static_cast<int>(size));
+  }
+  if (!ensureNameFile(path)) {
+    if (VDebugRun) {
+      traceFormatln(
+          "CkesSharedMemory::implCreate() - ERROR - fopen(name, \"w\") failed to create where "
+          "errno "
+          "= %d",
+          errno);
+    }
+    return ERR_CREATE;
+  }
+  const key_t setKey = ftok(path, IPC_SEM_ID);
+  if (setKey == -1) {
+    if (VDebugRun) {
+      traceFormatln(
+          "CkesSharedMemory::implCreate() - ERROR - ftok(name, IPC_SEM_ID) where errno = %d",
+          errno);
+    }
+    return ERR_CREATE;
+  }
+  if (!createSet(setKey) || !createSegment(path, size)) return ERR_CREATE;
+  if (VDebugRun) {
+    traceFormatln(
+        "exiting CkesSharedMemory::implCreate(const char* name, unsigned long size) - name = %s, "
+        "size = %d",
+        path, static_cast<int>(size));
+  }
+  return 0;
+}
+
+bool CkesSharedMemory::createSet(int key) {
+  for (;;) {
+    VSemaphore = semget(key, SET_SIZE, ACCESS | IPC_CREAT);
+    if (VSemaphore == -1) {
+      if (VDebugRun) {
+        traceFormatln(
+            "CkesSharedMemory::implCreate() - ERROR - semget(sem_key, 2, 0666 | IPC_CREAT) where "
+            "errno = %d",
+            errno);
+      }
+      return false;
+    }
+    const int value = semctl(VSemaphore, CREATOR, GETVAL);
+    if (value < 0) {
+      if (VDebugRun) {
+        traceFormatln(
+            "CkesSharedMemory::implCreate() - ERROR - semctl(VSemaphore, 1, GETVAL) where errno = "
+            "%d",
+            errno);
+      }
+      return false;
+    }
+    if (value == 0) break;
+    // A set of an earlier creator, whether that lives or not: its holders see their locks fail.
+    if (semctl(VSemaphore, 0, IPC_RMID) < 0) {
+      if (VDebugRun) {
+        traceFormatln(
+            "CkesSharedMemory::implCreate() - ERROR - semctl(VSemaphore, 0, IPC_RMID) where errno "
+            "= "
+            "%d",
+            errno);
+      }
+      return false;
+    }
+  }
+  // One permanent increment, and one that the kernel takes back when the creator exits.
+  sembuf init[] = {{CREATOR, 1, 0}, {CREATOR, 1, SEM_UNDO}};
+  if (semop(VSemaphore, init, 2) < 0) {
+    if (VDebugRun) {
+      traceFormatln(
+          "CkesSharedMemory::implCreate() - ERROR - semop(VSemaphore, op_init, 2) where errno = %d",
+          errno);
+    }
+    return false;
+  }
+  return true;
+}
+
+bool CkesSharedMemory::createSegment(const char* path, unsigned long size) {
+  const key_t key = ftok(path, IPC_MEM_ID);
+  if (key == -1) {
+    if (VDebugRun) {
+      traceFormatln(
+          "CkesSharedMemory::implCreate() - ERROR - ftok(name, IPC_MEM_ID) where errno = %d, name "
+          "= "
+          "%s",
+          errno, path);
+    }
+    return false;
+  }
+  // Deliberate: without IPC_EXCL, although the text below names it; a segment that is large enough
+  // is reused.
+  VMemory = shmget(key, size, ACCESS | IPC_CREAT);
+  if (VMemory == -1) {
+    if (VDebugRun) {
+      traceFormatln(
+          "CkesSharedMemory::implCreate() - ERROR - shmget(mem_key, size, 0666 | IPC_CREAT | "
+          "IPC_EXCL) where errno = %d, size = %d",
+          errno, static_cast<int>(size));
+    }
+    return false;
+  }
+  void* address = shmat(VMemory, nullptr, 0);
+  if (address == reinterpret_cast<void*>(-1)) {
+    if (VDebugRun) {
+      traceFormatln(
+          "CkesSharedMemory::implCreate() - ERROR - shmat(VMemory, 0, 0) where errno = %d", errno);
+    }
+    return false;
+  }
+  VAddress = address;
+  std::memset(VAddress, 0, size);
+  return true;
+}
+
+long CkesSharedMemory::implRead(unsigned long offset, unsigned long length, void* buffer) {
+  const long result = implLock();
+  if (result != 0) return result;
+  std::memcpy(buffer, static_cast<const char*>(VAddress) + offset, length);
+  return implUnlock();
+}
+
+long CkesSharedMemory::implWrite(unsigned long offset, unsigned long length, void* buffer) {
+  const long result = implLock();
+  if (result != 0) return result;
+  std::memcpy(static_cast<char*>(VAddress) + offset, buffer, length);
+  return implUnlock();
+}
+
+long CkesSharedMemory::implLock() {
+  // Wait until the lock is free and take it, in one step.
+  sembuf lock[] = {{LOCK, 0, 0}, {LOCK, 1, SEM_UNDO}};
+  for (;;) {
+    const int result = semop(VSemaphore, lock, 2);
+    if (result >= 0) break;
+    if (errno == EINTR) continue;
+    if (VDebugRun) {
+      traceFormat("%s: semop on VSemaphore[%d] failed [%d] errno[%d]\n",
+                  "CkesSharedMemory::implLock", VSemaphore, result, errno);
+    }
+    return ERR_LOCK;
+  }
+  lockTaken(VAddress);
+  return 0;
+}
+
+long CkesSharedMemory::implUnlock() {
+  lockGivenUp(VAddress);
+  // Deliberate: never blocks and is never repeated; a lock that is free fails at once.
+  sembuf unlock = {LOCK, -1, IPC_NOWAIT | SEM_UNDO};
+  return semop(VSemaphore, &unlock, 1) < 0 ? ERR_UNLOCK : 0;
+}
+
+bool CkesSharedMemory::implCreatorAlive() {
+  return semctl(VSemaphore, CREATOR, GETVAL) > CREATOR_EXITED;
+}
+
+void CkesSharedMemory::implDestroy() {
+  detach();
+  if (!VOwner) return;
+  (void)semctl(VSemaphore, 0, IPC_RMID);
+  (void)shmctl(VMemory, IPC_RMID, nullptr);
+}
+
+void CkesSharedMemory::detach() {
+  if (VAddress == nullptr) return;
+  (void)shmdt(VAddress);
+  VAddress = nullptr;
+}
+
+int getAndRemoveSharedMemory(int key, unsigned long size) {
+  const int id = shmget(key, size, ACCESS);
+  if (id == -1) return 0;
+  return shmctl(id, IPC_RMID, nullptr) < 0 ? errno : 0;
+}

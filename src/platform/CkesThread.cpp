@@ -1,0 +1,93 @@
+#include "platform/CkesThread.h"
+
+#include <cstring>
+
+#include "diag/CkesErrorManager.h"
+#include "platform/CkesThreadLibrary.h"
+
+namespace {
+
+long recorded(long result, const char* where) {
+  if (result != 0) (void)CkesErrorManager::SetError(result, where);
+  return result;
+}
+
+bool createdOrRunning(TThreadState state) {
+  return state == THREAD_CREATED || state == THREAD_RUNNING;
+}
+
+}  // namespace
+
+CkesThread::CkesThread()
+    : VThread(0), VState(THREAD_INVALID), VStartEvent(EVENT_MANUAL_RESET, false), VName{} {
+  (void)create();
+  std::strcpy(VName, "Unnamed");
+}
+
+CkesThread::CkesThread(const char* name)
+    : VThread(0), VState(THREAD_INVALID), VStartEvent(EVENT_MANUAL_RESET, false), VName{} {
+  // Deliberate: a thread that could not be created stays without its name, unlike an unnamed one.
+  if (create()) std::strncpy(VName, name, NAME_SIZE - 1);
+}
+
+CkesThread::~CkesThread() = default;
+
+bool CkesThread::create() {
+  if (!CkesThreadLibrary::IsInitialized() && CkesThreadLibrary::Initialize() != 0) return false;
+  if (!implInitialize()) return false;
+  VState.store(THREAD_CREATED, std::memory_order_relaxed);
+  return true;
+}
+
+void CkesThread::runBody() {
+  (void)CkesErrorManager::RegisterThread();
+  (void)CkesThreadLibrary::SetThreadName(VName);
+  (void)VStartEvent.Wait();
+  Run();
+  VState.store(THREAD_FINISHED, std::memory_order_relaxed);
+  (void)CkesErrorManager::UnregisterThread();
+}
+
+long CkesThread::GetID(unsigned long* id) {
+  if (GetState() == THREAD_INVALID) return recorded(ERR_STATE, "CkesThread::GetID()");
+  *id = VThread;
+  return 0;
+}
+
+long CkesThread::Start() {
+  static constexpr const char* where = "CkesThread::Start()";
+  if (GetState() != THREAD_CREATED) return recorded(ERR_STATE, where);
+  VState.store(THREAD_RUNNING, std::memory_order_relaxed);
+  return recorded(VStartEvent.Signal(), where);
+}
+
+long CkesThread::SetPriority(TThreadPriority) {
+  return recorded(createdOrRunning(GetState()) ? ERR_NOT_SUPPORTED : ERR_STATE,
+                  "CkesThread::SetPriority()");
+}
+
+long CkesThread::GetPriority(TThreadPriority*) {
+  return recorded(createdOrRunning(GetState()) ? ERR_NOT_SUPPORTED : ERR_STATE,
+                  "CkesThread::GetPriority()");
+}
+
+long CkesThread::Join() {
+  static constexpr const char* where = "CkesThread::Join()";
+  if (GetState() == THREAD_FINISHED) return 0;
+  if (!createdOrRunning(GetState())) return recorded(ERR_STATE, where);
+  return recorded(implJoin(), where);
+}
+
+long CkesThread::Terminate() {
+  static constexpr const char* where = "CkesThread::Terminate()";
+  if (GetState() != THREAD_RUNNING) return recorded(ERR_STATE, where);
+  const long result = implTerminate();
+  VState.store(THREAD_FINISHED, std::memory_order_relaxed);
+  return recorded(result, where);
+}
+
+long CkesThread::GiveWay() {
+  static constexpr const char* where = "CkesThread::GiveWay()";
+  if (GetState() != THREAD_RUNNING) return recorded(ERR_STATE, where);
+  return recorded(implGiveWay(), where);
+}
