@@ -56,8 +56,8 @@ typedef uint8_t arm_uint8_t;
 
 #ifdef ARM_BARE_TYPE_NAMES
 /*
- * The bare type names that the standard's text uses.  They collide with other headers, so they exist
- * only for programs that define ARM_BARE_TYPE_NAMES before including this header.
+ * The bare type names that the standard's text uses.  They collide with other headers, so they
+ * exist only for programs that define ARM_BARE_TYPE_NAMES before including this header.
  */
 typedef arm_int32_t int32;
 typedef arm_uint32_t unsigned32;
@@ -69,7 +69,8 @@ typedef arm_uint8_t bit8;
 #define ARM_GOOD 0
 /** Completion status for arm_stop: a fundamental fault of the system ended the transaction. */
 #define ARM_ABORT 1
-/** Completion status for arm_stop: the software worked, but the wanted result could not be given. */
+/** Completion status for arm_stop: the software worked, but the wanted result could not be given.
+ */
 #define ARM_FAILED 2
 
 /**
@@ -127,8 +128,8 @@ typedef struct arm_correlator_t {
 } arm_correlator_t;
 
 /**
- * One metric slot, 8 bytes, read according to the slot's type.  64-bit values are little-endian: the
- * low word first.
+ * One metric slot, 8 bytes, read according to the slot's type.  64-bit values are little-endian:
+ * the low word first.
  */
 typedef union arm_metric_t {
   arm_int32_t value32; /**< 32-bit counter, gauge or numeric id */
@@ -150,10 +151,10 @@ typedef union arm_metric_t {
  * size the caller gives: never pass a shorter block.
  */
 typedef struct arm_user_data1_t {
-  arm_int32_t format;          /**< ARM_DATA_FORMAT_1; otherwise start and update ignore the block */
-  arm_uint8_t flags[4];        /**< see ARM_CorrPar_f and ARM_Metric1_f; flags[2], flags[3] are 0 */
-  arm_metric_t metric[6];      /**< metrics 1 to 6 */
-  char string32[32];           /**< metric 7 */
+  arm_int32_t format;     /**< ARM_DATA_FORMAT_1; otherwise start and update ignore the block */
+  arm_uint8_t flags[4];   /**< see ARM_CorrPar_f and ARM_Metric1_f; flags[2], flags[3] are 0 */
+  arm_metric_t metric[6]; /**< metrics 1 to 6 */
+  char string32[32];      /**< metric 7 */
   arm_correlator_t correlator; /**< in: the parent's; out: the new transaction's */
 } arm_user_data1_t;
 
@@ -188,7 +189,7 @@ typedef struct arm_user_data101_t {
  *
  * Returns the application id, or -1 (name missing, empty or too long), -2, -3, -8, -9 or -1003.
  */
-arm_int32_t arm_init(const char *appl_name, const char *appl_user_id, arm_int32_t flags, void *data,
+arm_int32_t arm_init(const char* appl_name, const char* appl_user_id, arm_int32_t flags, void* data,
                      arm_int32_t data_size);
 
 /**
@@ -204,8 +205,8 @@ arm_int32_t arm_init(const char *appl_name, const char *appl_user_id, arm_int32_
  * Returns the transaction id, or -1 (id not positive, a name missing, empty or too long), -2, -3,
  * -8, -9 or -1003.
  */
-arm_int32_t arm_getid(arm_int32_t appl_id, const char *tran_name, const char *tran_detail,
-                      arm_int32_t flags, void *data, arm_int32_t data_size);
+arm_int32_t arm_getid(arm_int32_t appl_id, const char* tran_name, const char* tran_detail,
+                      arm_int32_t flags, void* data, arm_int32_t data_size);
 
 /**
  * Opens an instance of a transaction class.  The time is taken in this call.
@@ -222,7 +223,7 @@ arm_int32_t arm_getid(arm_int32_t appl_id, const char *tran_name, const char *tr
  *
  * Returns the start handle, IGNOREID, or -1 (id negative), -2, -8 or -9.
  */
-arm_int32_t arm_start(arm_int32_t tran_id, arm_int32_t flags, void *data, arm_int32_t data_size);
+arm_int32_t arm_start(arm_int32_t tran_id, arm_int32_t flags, void* data, arm_int32_t data_size);
 
 /**
  * Reports progress of an open instance; any number of times between start and stop.
@@ -234,7 +235,7 @@ arm_int32_t arm_start(arm_int32_t tran_id, arm_int32_t flags, void *data, arm_in
  *
  * Returns the engine's status, 0 for IGNOREID, or -1 (handle not positive), -2, -8 or -9.
  */
-arm_int32_t arm_update(arm_int32_t start_handle, arm_int32_t flags, void *data,
+arm_int32_t arm_update(arm_int32_t start_handle, arm_int32_t flags, void* data,
                        arm_int32_t data_size);
 
 /**
@@ -249,7 +250,7 @@ arm_int32_t arm_update(arm_int32_t start_handle, arm_int32_t flags, void *data,
  * Returns the engine's status, 0 for IGNOREID, or -1 (handle negative), -2, -8 or -9.
  */
 arm_int32_t arm_stop(arm_int32_t start_handle, arm_int32_t tran_status, arm_int32_t flags,
-                     void *data, arm_int32_t data_size);
+                     void* data, arm_int32_t data_size);
 
 /**
  * Ends the application; pairs with one arm_init.  Open instances may still be updated and stopped.
@@ -259,7 +260,7 @@ arm_int32_t arm_stop(arm_int32_t start_handle, arm_int32_t tran_status, arm_int3
  *
  * Returns the engine's status, or -1 (id not positive), -2, -8 or -9.
  */
-arm_int32_t arm_end(arm_int32_t appl_id, arm_int32_t flags, void *data, arm_int32_t data_size);
+arm_int32_t arm_end(arm_int32_t appl_id, arm_int32_t flags, void* data, arm_int32_t data_size);
 
 #ifdef __cplusplus
 }

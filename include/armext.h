@@ -24,12 +24,12 @@ extern "C" {
  * With convert zero and the user "*", a login name that cannot be converted makes the library set
  * the first byte of appl_user_id to zero, if that memory is writable.
  */
-arm_int32_t w_ArmInit(unsigned char convert, const char *appl_name, const char *appl_user_id,
-                      arm_int32_t flags, void *data, arm_int32_t data_size);
+arm_int32_t w_ArmInit(unsigned char convert, const char* appl_name, const char* appl_user_id,
+                      arm_int32_t flags, void* data, arm_int32_t data_size);
 
 /** arm_getid with a choice: convert as in w_ArmInit, for tran_name and tran_detail. */
-arm_int32_t w_ArmGetID(unsigned char convert, arm_int32_t appl_id, const char *tran_name,
-                       const char *tran_detail, arm_int32_t flags, void *data,
+arm_int32_t w_ArmGetID(unsigned char convert, arm_int32_t appl_id, const char* tran_name,
+                       const char* tran_detail, arm_int32_t flags, void* data,
                        arm_int32_t data_size);
 
 /**
@@ -45,14 +45,14 @@ arm_int32_t w_ArmGetID(unsigned char convert, arm_int32_t appl_id, const char *t
  *
  * Returns the engine's answer, 0 for IGNOREID, or -1, -2, -8 or -9.
  */
-arm_int32_t arm_transactionReport(arm_int32_t tran_handle, arm_int32_t ignored_value, void *data,
+arm_int32_t arm_transactionReport(arm_int32_t tran_handle, arm_int32_t ignored_value, void* data,
                                   arm_int32_t data_size, arm_int32_t stamp_time,
                                   arm_int32_t report_value1, arm_int32_t report_value2,
                                   arm_int32_t report_value3);
 
 /** Reports a whole transaction instance; arguments and results as in arm_transactionReport. */
 arm_int32_t arm_transactionInstanceReport(arm_int32_t tran_handle, arm_int32_t ignored_value,
-                                          void *data, arm_int32_t data_size, arm_int32_t stamp_time,
+                                          void* data, arm_int32_t data_size, arm_int32_t stamp_time,
                                           arm_int32_t report_value1, arm_int32_t report_value2,
                                           arm_int32_t report_value3);
 
@@ -81,7 +81,7 @@ arm_int32_t arm_completeTransactionInstance(arm_int32_t tran_handle, arm_int32_t
  *
  * Returns the engine's answer, 0 for IGNOREID, or -1, -2, -8 or -9.
  */
-arm_int32_t arm_associateMetricData(arm_int32_t tran_handle, const void *buffer,
+arm_int32_t arm_associateMetricData(arm_int32_t tran_handle, const void* buffer,
                                     arm_int32_t length);
 
 /**
@@ -89,7 +89,7 @@ arm_int32_t arm_associateMetricData(arm_int32_t tran_handle, const void *buffer,
  * the programs that it starts: the constant string "ARM_CORRELATOR".  The library itself neither
  * sets nor reads that variable.  Cannot fail and needs no engine.
  */
-const char *arm_getCorrelatorKey(void);
+const char* arm_getCorrelatorKey(void);
 
 /**
  * Names the code set of the strings that the registration calls convert; null means the default
@@ -99,13 +99,13 @@ const char *arm_getCorrelatorKey(void);
  * when the code set is unknown (no converter is open then); -3004 when a converter is already open
  * (nothing changes).
  */
-arm_int32_t SetExpectedCodeset(const char *codeset);
+arm_int32_t SetExpectedCodeset(const char* codeset);
 
 /**
  * Returns the name of the code set in use, or null when no converter is open yet.  The string
  * belongs to the library and stays valid for the life of the process.
  */
-const char *GetExpectedCodeset(void);
+const char* GetExpectedCodeset(void);
 
 #ifdef __cplusplus
 }

@@ -6,7 +6,7 @@
 #include "diag/libarmdebug.h"
 #include "diag/traceformat.h"
 #include "diag/wcdebug.h"
-#include "platform/CErrnoKeeper.h"
+#include "platform/CCallScope.h"
 
 namespace {
 
@@ -145,7 +145,7 @@ int32_t associateMetricData(int32_t tranHandle, const void* buffer, int32_t leng
 
 ARM_EXPORT arm_int32_t arm_start(arm_int32_t tran_id, arm_int32_t, void* data,
                                  arm_int32_t data_size) {
-  const CErrnoKeeper errnoKeeper;
+  const CCallScope scope;
   if (VDebugRun) wcDebug("libarm:arm_start ENTER\n");
   const int32_t result = startTransaction(tran_id, data, data_size);
   if (VDebugRun) traceFormat("libarm:arm_start EXIT [%ld]\n", static_cast<long>(result));
@@ -154,13 +154,13 @@ ARM_EXPORT arm_int32_t arm_start(arm_int32_t tran_id, arm_int32_t, void* data,
 
 ARM_EXPORT arm_int32_t arm_update(arm_int32_t start_handle, arm_int32_t flags, void* data,
                                   arm_int32_t data_size) {
-  const CErrnoKeeper errnoKeeper;
+  const CCallScope scope;
   return updateTransaction(start_handle, flags, data, data_size);
 }
 
 ARM_EXPORT arm_int32_t arm_stop(arm_int32_t start_handle, arm_int32_t tran_status,
                                 arm_int32_t flags, void* data, arm_int32_t data_size) {
-  const CErrnoKeeper errnoKeeper;
+  const CCallScope scope;
   if (VDebugRun) wcDebug("libarm:arm_stop ENTER\n");
   const int32_t result = stopTransaction(start_handle, tran_status, flags, data, data_size);
   // sic: no blank before the bracket, unlike in arm_start.
@@ -172,7 +172,7 @@ ARM_EXPORT arm_int32_t arm_transactionReport(arm_int32_t tran_handle, arm_int32_
                                              arm_int32_t data_size, arm_int32_t stamp_time,
                                              arm_int32_t report_value1, arm_int32_t report_value2,
                                              arm_int32_t report_value3) {
-  const CErrnoKeeper errnoKeeper;
+  const CCallScope scope;
   return doTransReport(ARM_MSG_TRANS_REPORT, tran_handle, data, data_size, stamp_time,
                        report_value1, report_value2, report_value3);
 }
@@ -180,28 +180,28 @@ ARM_EXPORT arm_int32_t arm_transactionReport(arm_int32_t tran_handle, arm_int32_
 ARM_EXPORT arm_int32_t arm_transactionInstanceReport(
     arm_int32_t tran_handle, arm_int32_t, void* data, arm_int32_t data_size, arm_int32_t stamp_time,
     arm_int32_t report_value1, arm_int32_t report_value2, arm_int32_t report_value3) {
-  const CErrnoKeeper errnoKeeper;
+  const CCallScope scope;
   return doTransReport(ARM_MSG_TRANS_INSTANCE_REPORT, tran_handle, data, data_size, stamp_time,
                        report_value1, report_value2, report_value3);
 }
 
 ARM_EXPORT arm_int32_t arm_completeTransaction(arm_int32_t tran_handle, arm_int32_t complete_value1,
                                                arm_int32_t complete_value2) {
-  const CErrnoKeeper errnoKeeper;
+  const CCallScope scope;
   return doCompleteTrans(ARM_MSG_COMPLETE_TRANS, tran_handle, complete_value1, complete_value2);
 }
 
 ARM_EXPORT arm_int32_t arm_completeTransactionInstance(arm_int32_t tran_handle,
                                                        arm_int32_t complete_value1,
                                                        arm_int32_t complete_value2) {
-  const CErrnoKeeper errnoKeeper;
+  const CCallScope scope;
   return doCompleteTrans(ARM_MSG_COMPLETE_TRANS_INSTANCE, tran_handle, complete_value1,
                          complete_value2);
 }
 
 ARM_EXPORT arm_int32_t arm_associateMetricData(arm_int32_t tran_handle, const void* buffer,
                                                arm_int32_t length) {
-  const CErrnoKeeper errnoKeeper;
+  const CCallScope scope;
   return associateMetricData(tran_handle, buffer, length);
 }
 

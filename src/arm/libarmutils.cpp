@@ -11,7 +11,7 @@
 #include "diag/wcdebug.h"
 #include "intl/intlcodeset.h"
 #include "ipc/arm_ipc.h"
-#include "platform/CErrnoKeeper.h"
+#include "platform/CCallScope.h"
 #include "platform/callermemory.h"
 
 // Constructed in this order when the library is loaded, destroyed in the reverse order.
@@ -201,7 +201,7 @@ bool isMTPAppName(const char* name) {
 
 ARM_EXPORT arm_int32_t w_ArmInit(unsigned char convert, const char* appl_name,
                                  const char* appl_user_id, arm_int32_t flags, void*, arm_int32_t) {
-  const CErrnoKeeper errnoKeeper;
+  const CCallScope scope;
   checkDebug();
   if (VDebugRun) wcDebug("libarm:arm_init ENTER\n");
   return endOfCall("arm_init EXIT",
@@ -216,7 +216,7 @@ ARM_EXPORT arm_int32_t arm_init(const char* appl_name, const char* appl_user_id,
 ARM_EXPORT arm_int32_t w_ArmGetID(unsigned char convert, arm_int32_t appl_id, const char* tran_name,
                                   const char* tran_detail, arm_int32_t, void* data,
                                   arm_int32_t data_size) {
-  const CErrnoKeeper errnoKeeper;
+  const CCallScope scope;
   if (VDebugRun) wcDebug("libarm:arm_getid ENTER\n");
   return endOfCall("arm_getid EXIT",
                    registerClass(convert != 0, appl_id, tran_name, tran_detail, data, data_size));
@@ -229,7 +229,7 @@ ARM_EXPORT arm_int32_t arm_getid(arm_int32_t appl_id, const char* tran_name,
 }
 
 ARM_EXPORT arm_int32_t arm_end(arm_int32_t appl_id, arm_int32_t, void*, arm_int32_t) {
-  const CErrnoKeeper errnoKeeper;
+  const CCallScope scope;
   if (VDebugRun) wcDebug("libarm:arm_end ENTER\n");
   // sic: a blank before the bracket, unlike in the other registration calls.
   return endOfCall("arm_end EXIT ", endApplication(appl_id));

@@ -11,7 +11,7 @@
 #include "armext.h"
 #include "diag/libarmdebug.h"
 #include "diag/traceformat.h"
-#include "platform/CErrnoKeeper.h"
+#include "platform/CCallScope.h"
 
 namespace {
 
@@ -113,7 +113,7 @@ void FreeIntlICUConverter() {
 }
 
 ARM_EXPORT arm_int32_t SetExpectedCodeset(const char* codeset) {
-  const CErrnoKeeper errnoKeeper;
+  const CCallScope scope;
   (void)VCodesetMutex.Lock();
   const int32_t result = intlGetICUConverter(codeset);
   (void)VCodesetMutex.Unlock();
@@ -121,7 +121,7 @@ ARM_EXPORT arm_int32_t SetExpectedCodeset(const char* codeset) {
 }
 
 ARM_EXPORT const char* GetExpectedCodeset() {
-  const CErrnoKeeper errnoKeeper;
+  const CCallScope scope;
   (void)VCodesetMutex.Lock();
   const char* name = nullptr;
   if (VCodesetConverter != nullptr) {

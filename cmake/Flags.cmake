@@ -1,0 +1,49 @@
+# Flags shared by every target, and the interface target arm_warnings.
+
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE RelWithDebInfo)
+endif()
+set(CMAKE_C_FLAGS_RELWITHDEBINFO "-O2 -g")
+set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g")
+
+# 32-bit files and stamps must outlive 2038 and large inode numbers.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
+endif()
+
+find_package(Threads REQUIRED)
+
+# ---- sanitizers ---------------------------------------------------------------------------------
+
+set(ARM_SANITIZE "" CACHE STRING "Sanitizers: empty, 'address,undefined' or 'thread'")
+if(ARM_SANITIZE)
+  set(CMAKE_C_FLAGS_RELWITHDEBINFO "-O1 -g")
+  set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O1 -g")
+  add_compile_options(-fsanitize=${ARM_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${ARM_SANITIZE})
+endif()
+
+# ---- warnings -----------------------------------------------------------------------------------
+
+add_library(arm_warnings INTERFACE)
+target_compile_options(arm_warnings INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wdouble-promotion -Wformat=2
+  -Wcast-qual -Wcast-align -Wundef -Wvla -Wimplicit-fallthrough -Wnull-dereference
+  $<$<COMPILE_LANGUAGE:C>:-Wstrict-prototypes;-Wmissing-prototypes;-Wold-style-definition>
+  $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast;-Wnon-virtual-dtor;-Woverloaded-virtual;-Wextra-semi>
+  $<$<CXX_COMPILER_ID:GNU>:-Wduplicated-cond;-Wlogical-op;-Wformat-signedness>
+  $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wmissing-prototypes;-Wthread-safety>)
+
+# Instrumented code makes gcc's flow analysis see paths that do not exist.
+if(ARM_SANITIZE)
+  target_compile_options(arm_warnings INTERFACE -Wno-null-dereference -Wno-maybe-uninitialized)
+else()
+  target_compile_options(arm_warnings INTERFACE -Werror)
+endif()

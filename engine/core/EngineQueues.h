@@ -1,0 +1,51 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "core/NameFiles.h"
+#include "core/ReplyWriter.h"
+#include "core/RequestReader.h"
+
+namespace armengine {
+
+/// How an engine's queues are made.
+struct EngineOptions {
+  /// Value of ARM_AGENT_PREFIX for this engine; without one the environment's holds.
+  std::optional<std::string> prefix;
+  uint16_t requests = 1024;    ///< slots of the request queue, at least 1
+  uint16_t requesters = 1024;  ///< head records and items of the reply queue, 1 to 31998
+  bool ready = true;           ///< whether openers find the request queue ready for I/O
+};
+
+/// Largest number of requesters: a semaphore set holds 32000 semaphores on an ordinary kernel.
+inline constexpr unsigned LARGEST_REQUESTERS = 31998;
+
+/// Both queues of one engine, from creation to removal.
+class EngineQueues {
+ public:
+  /// Makes the name files and the queues, replacing what a dead engine has left.  Null, with one
+  /// sentence in why, when a living engine serves the prefix or something cannot be made.
+  static std::unique_ptr<EngineQueues> create(const EngineOptions& options, std::string* why);
+
+  /// Stops both queues (state 2), wakes every waiter, and removes all objects and name files.
+  ~EngineQueues();
+  EngineQueues(const EngineQueues&) = delete;
+  EngineQueues& operator=(const EngineQueues&) = delete;
+
+  RequestReader& requests() { return *requests_; }
+  ReplyWriter& replies() { return *replies_; }
+
+ private:
+  EngineQueues() = default;
+  bool make(const EngineOptions& options, std::string* why);
+
+  NameFiles files_;
+  PrefixLock lock_;
+  std::unique_ptr<RequestReader> requests_;
+  std::unique_ptr<ReplyWriter> replies_;
+};
+
+}  // namespace armengine

@@ -1,0 +1,112 @@
+#include "core/NameFiles.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "ipc/CIPCUtils.h"
+#include "platform/CkesSharedMemory.h"
+#include "platform/namefile.h"
+
+namespace armengine {
+
+namespace {
+
+constexpr const char* DIRECTORY = "/var/kelp";
+constexpr int SEMAPHORE_LIMIT = 128;
+constexpr int SEGMENT_LIMIT = 125;
+constexpr int REPLY_SET_PROJECT = 3;
+
+std::string path(const char* name, int limit) {
+  char buffer[SEMAPHORE_LIMIT + 1];
+  (void)CIPCUtils::createIPCName(name, nullptr, limit, buffer);
+  return buffer;
+}
+
+bool sameFile(int file, const std::string& path) {
+  struct stat opened = {};
+  struct stat named = {};
+  return fstat(file, &opened) == 0 && stat(path.c_str(), &named) == 0 &&
+         opened.st_ino == named.st_ino && opened.st_dev == named.st_dev;
+}
+
+void removeSet(const std::string& path, int project) {
+  const key_t key = ftok(path.c_str(), project);
+  if (key == -1) return;
+  const int set = semget(key, 0, 0);
+  if (set != -1) (void)semctl(set, 0, IPC_RMID);
+}
+
+}  // namespace
+
+NameFiles nameFiles() {
+  return {path(OVERFLOW_NAME, SEMAPHORE_LIMIT), path(EMPTY_NAME, SEMAPHORE_LIMIT),
+          path(REQUEST_MEMORY_NAME, SEGMENT_LIMIT), path(REPLY_BASE, SEGMENT_LIMIT)};
+}
+
+bool makeNameFiles(const NameFiles& files, std::string* why) {
+  if (mkdir(DIRECTORY, 0755) != 0 && errno != EEXIST) {
+    *why = std::string("cannot make the directory ") + DIRECTORY + " (" + std::strerror(errno) +
+           "): make it and give it to the engine's user";
+    return false;
+  }
+  for (const std::string* file : {&files.overflow, &files.empty, &files.requests, &files.replies}) {
+    if (ensureNameFile(file->c_str())) continue;
+    *why = "cannot create " + *file + " (" + std::strerror(errno) +
+           "): give the directory to the engine's user";
+    return false;
+  }
+  return true;
+}
+
+void removeNameFiles(const NameFiles& files) {
+  for (const std::string* file : {&files.overflow, &files.empty, &files.replies, &files.requests}) {
+    (void)unlink(file->c_str());
+  }
+}
+
+PrefixLock::~PrefixLock() {
+  if (file_ >= 0) (void)close(file_);
+}
+
+bool PrefixLock::acquire(const std::string& path) {
+  // An engine that ends deletes the file: a lock on a file that is no longer the named one is worth
+  // nothing.
+  for (;;) {
+    const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (file < 0) return false;
+    if (flock(file, LOCK_EX | LOCK_NB) != 0) {
+      (void)close(file);
+      return false;
+    }
+    if (sameFile(file, path)) {
+      file_ = file;
+      return true;
+    }
+    (void)close(file);
+  }
+}
+
+int liveEngine(const std::string& path) {
+  constexpr int CREATOR = 1;
+  const key_t key = ftok(path.c_str(), CkesSharedMemory::IPC_SEM_ID);
+  const int set = key != -1 ? semget(key, 2, 0) : -1;
+  if (set == -1 || semctl(set, CREATOR, GETVAL) < 2) return 0;
+  return semctl(set, CREATOR, GETPID);
+}
+
+void removeLeftovers(const std::string& path) {
+  removeSet(path, CkesSharedMemory::IPC_SEM_ID);
+  removeSet(path, REPLY_SET_PROJECT);
+  const key_t key = ftok(path.c_str(), CkesSharedMemory::IPC_MEM_ID);
+  // Size 0 finds a segment of any size, so that the new one has exactly the capacity asked for.
+  if (key != -1) (void)getAndRemoveSharedMemory(key, 0);
+}
+
+}  // namespace armengine

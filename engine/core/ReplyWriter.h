@@ -1,0 +1,75 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "arm/TArmReplyMessage.h"
+#include "ipc/CIPCQueue.h"
+#include "ipc/ReplyQueueLayout.h"
+#include "ipc/TIPCIdentifier.h"
+#include "platform/CkesSharedMemory.h"
+
+namespace armengine {
+
+/// What became of a reply.
+enum class Delivery {
+  linked,   ///< it waits in its requester's list, or has been taken already
+  no_head,  ///< every head record belongs to a living requester that is waiting or has replies
+  no_item,  ///< every item holds a reply of a living requester
+  failed    ///< the queue could not be locked, or holds impossible values
+};
+
+/// The writer's end of the reply queue, and its creator: it owns the segment and the semaphore set
+/// and removes them when it goes.  It never waits for room: a requester has one reply at most, so a
+/// queue without room is one whose replies belong to the departed, and those are dropped.  Any
+/// thread.
+class ReplyWriter {
+ public:
+  /// Creates the queue for the given number of requesters.
+  explicit ReplyWriter(uint16_t requesters);
+  ~ReplyWriter();
+  ReplyWriter(const ReplyWriter&) = delete;
+  ReplyWriter& operator=(const ReplyWriter&) = delete;
+
+  bool isInitialized() const;
+
+  /// Links a reply to the end of the requester's list and wakes the requester.
+  Delivery put(const TIPCIdentifier& to, const TArmReplyMessage& reply);
+  /// Cancels the wait of a requester, whose call then fails; false when it has no head record.
+  bool cancel(const TIPCIdentifier& to);
+  /// Writes the state; 1 and 2 also wake every waiter.
+  void setState(uint32_t state);
+
+  /// Frees the head records of processes that have ended, and drops their replies; returns how
+  /// many.
+  unsigned reclaimDeparted();
+
+  /// Items that hold a reply now.
+  unsigned usedItems() const;
+  /// Head records that belong to a requester now.
+  unsigned headsInUse() const;
+  uint16_t capacity() const { return capacity_; }
+
+ private:
+  using Item = TIPCReplyItem<TArmReplyMessage>;
+
+  bool createSet();
+  void layOut();
+  TIPCHeadItem* head(unsigned index) const;
+  uint32_t itemOffset(unsigned index) const;
+  Item* itemAt(uint32_t offset) const;
+  TIPCHeadItem* claimHead(const TIPCIdentifier& owner);
+  uint32_t takeFreeItem();
+  bool append(TIPCHeadItem& head, uint32_t offset);
+  unsigned reclaimLocked();
+  void release(TIPCHeadItem& head);
+  bool raise(unsigned short semaphore);
+
+  uint16_t capacity_;
+  CkesSharedMemory memory_;
+  int set_ = -1;
+  /// The reader's view of the same queue, for the operations that both sides share.
+  std::unique_ptr<CIPCQueue<TArmReplyMessage>> view_;
+};
+
+}  // namespace armengine

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+
+#include "arm/TArmMessage.h"
+#include "ipc/CIPCSimpleQueue.h"
+#include "ipc/RequestQueueLayout.h"
+#include "platform/CkesSemaphore.h"
+#include "platform/CkesSharedMemory.h"
+
+namespace armengine {
+
+/// The reader's end of the request queue, and its creator: it owns the segment and both semaphores
+/// and removes them when it goes.  One thread takes; any thread may call the rest.
+class RequestReader {
+ public:
+  /// Creates the queue with room for the given number of requests, not ready for I/O yet.
+  explicit RequestReader(uint16_t capacity);
+
+  bool isInitialized() const;
+
+  /// Tells openers that requests are read from now on, or no longer.
+  void setReady(bool ready);
+  /// Writes the version word; every opener writes 50300 there again.
+  void setVersion(uint32_t version);
+  /// Writes the state; 1 and 2 also wake every waiter.
+  void setState(uint32_t state);
+
+  /// Takes the oldest request, waiting for one.  False when the queue was stopped or interrupted.
+  bool take(TArmMessage& message);
+  /// Takes the oldest request if there is one.
+  bool tryTake(TArmMessage& message);
+  /// Ends the current or the next wait of take.
+  void interrupt();
+
+  /// Requests in the queue now.
+  unsigned depth() const;
+  uint16_t capacity() const { return capacity_; }
+  /// Times that the ring was found with impossible values and emptied.
+  unsigned long repairs() const { return repairs_; }
+
+ private:
+  bool waitForRequest();
+  bool takeLocked(TArmMessage& message);
+  void repairRing();
+
+  uint16_t capacity_;
+  CkesSemaphore overflow_;
+  CkesSemaphore empty_;
+  CkesSharedMemory memory_;
+  TRequestQueueHeader* header_ = nullptr;
+  const uint8_t* slots_ = nullptr;
+  /// The writer's view of the same queue, for the operations that both sides share.
+  std::unique_ptr<CIPCSimpleQueue<TArmMessage>> view_;
+  std::atomic<bool> interrupted_{false};
+  unsigned long repairs_ = 0;
+};
+
+}  // namespace armengine

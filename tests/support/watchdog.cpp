@@ -1,0 +1,45 @@
+#include "watchdog.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+
+namespace armtest {
+namespace {
+
+constexpr unsigned kDefaultSeconds = 30;
+
+// Composed before the alarm is armed: its handler may do no more than write and abort.
+char g_message[512];
+size_t g_messageLength = 0;
+
+void onAlarm(int) {
+  if (write(STDERR_FILENO, g_message, g_messageLength) < 0) _exit(EXIT_FAILURE);
+  abort();
+}
+
+}  // namespace
+
+unsigned secondsPerTest() {
+  const char* text = getenv("ARM_TEST_SECONDS");
+  const unsigned long seconds = text == nullptr ? 0 : strtoul(text, nullptr, 10);
+  return seconds == 0 ? kDefaultSeconds : static_cast<unsigned>(seconds);
+}
+
+void Watchdog::OnTestStart(const testing::TestInfo& test) {
+  const int length =
+      snprintf(g_message, sizeof g_message, "watchdog: %s.%s has not ended after %u seconds\n",
+               test.test_suite_name(), test.name(), secondsPerTest());
+  g_messageLength = std::min(static_cast<size_t>(length), sizeof g_message - 1);
+  signal(SIGALRM, onAlarm);
+  alarm(secondsPerTest());
+}
+
+void Watchdog::OnTestEnd(const testing::TestInfo&) {
+  alarm(0);
+}
+
+}  // namespace armtest

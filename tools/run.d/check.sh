@@ -1,0 +1,100 @@
+# './run test': builds, test runs and source checks, added up in one closing line.
+
+PASSED=0
+FAILED=0
+CASES=0
+
+check() { # WHAT COMMAND...
+    what=$1
+    shift
+    echo "== $what"
+    if "$@"; then
+        PASSED=$((PASSED + 1))
+    else
+        FAILED=$((FAILED + 1))
+        echo "run: FAILED: $what" >&2
+    fi
+}
+
+# Adds up a report of CTest. Whatever did not run to a good end, skipped or not run, has failed.
+count_report() { # REPORT
+    total=$(grep -c '<testcase ' "$1")
+    good=$(grep -c '<testcase .*status="run"' "$1")
+    CASES=$((CASES + total))
+    PASSED=$((PASSED + good))
+    FAILED=$((FAILED + total - good))
+}
+
+run_ctest() { # PRESET [CTEST-ARGUMENT...]
+    preset=$1
+    report=$ROOT/build/logs/ctest-$preset.xml
+    shift
+    rm -f "$report"
+    echo "== tests of $preset"
+    ctest --test-dir "build/$preset" -j $((JOBS * 2)) --output-on-failure --no-label-summary \
+        --output-junit "$report" "$@" </dev/null 2>&1 |
+        grep -v -E '^ +Start +[0-9]+: | Passed +[0-9.]+ sec$|^Internal ctest|^$'
+    if [ -s "$report" ]; then
+        count_report "$report"
+    else
+        FAILED=$((FAILED + 1))
+    fi
+}
+
+sources() { # DIR... : the C and C++ files below the directories that exist
+    for dir; do
+        [ ! -d "$dir" ] || find "$dir" -name '*.cpp' -o -name '*.h' -o -name '*.c'
+    done
+}
+
+format_check() {
+    sources include src engine examples tests | xargs clang-format --dry-run -Werror
+}
+
+lint() {
+    sources src engine | grep '\.cpp$' |
+        xargs -P "$JOBS" -n 2 clang-tidy --quiet -p build/amd64-clang 2>build/logs/lint.log
+}
+
+closing_line() {
+    if [ "$CASES" -eq 0 ]; then
+        echo "run: no test ran" >&2
+        FAILED=$((FAILED + 1))
+    fi
+    echo "$PASSED passed, $FAILED failed"
+    [ "$FAILED" -eq 0 ]
+}
+
+test_widths() { # [CTEST-ARGUMENT...]
+    for preset in i386 amd64; do
+        need_preset $preset
+        check "build of $preset" build_quietly $preset
+    done
+    for preset in i386 amd64; do
+        run_ctest $preset "$@"
+    done
+}
+
+test_all() {
+    need_packages $CLANG_PACKAGES $LINT_PACKAGES
+    check "source format" format_check
+    for preset in $TEST_PRESETS $CLANG_PRESETS; do
+        need_preset $preset
+        check "build of $preset" build_quietly $preset
+    done
+    check "lint" lint
+    for preset in $TEST_PRESETS; do
+        run_ctest $preset
+    done
+}
+
+run_tests() { # [quick | REGEX]
+    need_packages $BUILD_PACKAGES
+    mkdir -p build/logs
+    case ${1-} in
+    '') test_all ;;
+    quick) test_widths ;;
+    *) test_widths -R "$1" ;;
+    esac
+    closing_line
+}
