@@ -5,6 +5,7 @@
 #include "arm/arm_user_data1.h"
 #include "arm/armcall.h"
 #include "arm/export.h"
+#include "arm/forkguard.h"
 #include "armext.h"
 #include "diag/libarmdebug.h"
 #include "diag/traceformat.h"
@@ -187,7 +188,10 @@ int32_t endApplication(int32_t applId) {
 
 int CheckEngineStatus() {
   (void)VInitMutex.Lock();
-  if (!IPCInitialized) IPCInitialized = InitializeIPC();
+  if (!IPCInitialized) {
+    guardForks();
+    IPCInitialized = InitializeIPC();
+  }
   (void)VInitMutex.Unlock();
   if (!IPCInitialized) return unreachable("CheckEngineStatus, InitializeIPC failed\n");
   // Deliberate: from here on without the mutex; the connection's own locks protect the queues.

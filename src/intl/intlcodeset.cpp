@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "arm/export.h"
+#include "arm/forkguard.h"
 #include "arm/libarmutils.h"
 #include "armext.h"
 #include "diag/libarmdebug.h"
@@ -94,6 +95,7 @@ int32_t intlGetICUConverter(const char* codeset) {
     }
     return environment;
   }
+  guardForks();
   openRequested(codeset);
   if (VCodesetConverter == nullptr && codeset == nullptr) openBackup();
   return VCodesetConverter != nullptr ? 0 : INTL_ERR_CONVERSION;

@@ -10,6 +10,7 @@
 #include "ipc/CIPCUtils.h"
 #include "ipc/ReplyQueueLayout.h"
 #include "ipc/RequestQueueLayout.h"
+#include "ipc/headhint.h"
 #include "platform/CkesSharedMemory.h"
 #include "platform/sharedword.h"
 
@@ -330,10 +331,19 @@ long CIPCQueue<T>::FindHead(_TIPCIdentifier id, bool create, _TIPCHeadItem** hea
   return 0;
 }
 
+/// The record that carries an identifier, null when none does.  Looked for first where the calling
+/// thread found its own before: identifiers are unique among the records, so the scan would end
+/// there.
 template <typename T>
 TIPCHeadItem* CIPCQueue<T>::findOwned(_TIPCIdentifier id) {
-  for (TIPCHeadItem* head = VHeads; head != VHeads + VCapacity; ++head) {
-    if (CIPCUtils::sameIPCIdentifiers(ownerOf(*head), id)) return head;
+  uint16_t& hint = headHint();
+  if (hint < VCapacity && CIPCUtils::sameIPCIdentifiers(ownerOf(VHeads[hint]), id)) {
+    return &VHeads[hint];
+  }
+  for (uint16_t i = 0; i < VCapacity; ++i) {
+    if (!CIPCUtils::sameIPCIdentifiers(ownerOf(VHeads[i]), id)) continue;
+    hint = i;
+    return &VHeads[i];
   }
   return nullptr;
 }

@@ -24,10 +24,6 @@ char* CIPCUtils::createIPCName(const char* name, const char* suffix, int size, c
   return out;
 }
 
-_TIPCIdentifier GetIpcIdentifier() {
-  return {GetProcessID(), static_cast<uint32_t>(GetThreadId())};
-}
-
 _TIPCIdentifier GetEngineID() {
   static const _TIPCIdentifier engine = {0, 0};
   return engine;

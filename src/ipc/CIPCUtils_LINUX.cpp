@@ -8,9 +8,9 @@ int GetProcessID() {
   return getpid();
 }
 
-#if defined(__LP64__)
-
 namespace {
+
+#if defined(__LP64__)
 
 /// The kernel's id of this thread, and the process that asked for it: a forked child asks anew.
 struct TThreadIdCache {
@@ -20,10 +20,7 @@ struct TThreadIdCache {
 
 __attribute__((tls_model("initial-exec"))) thread_local TThreadIdCache cache = {0, 0};
 
-}  // namespace
-
-unsigned long GetThreadId() {
-  const int process = getpid();
+unsigned long threadIdIn(int process) {
   if (cache.processId != process) {
     cache = {process, static_cast<unsigned long>(syscall(SYS_gettid))};
   }
@@ -32,10 +29,21 @@ unsigned long GetThreadId() {
 
 #else
 
-unsigned long GetThreadId() {
+unsigned long threadIdIn(int) {
   unsigned long id = 0;
   (void)CkesThreadLibrary::GetCurrentThreadID(&id);
   return id;
 }
 
 #endif
+
+}  // namespace
+
+unsigned long GetThreadId() {
+  return threadIdIn(GetProcessID());
+}
+
+_TIPCIdentifier GetIpcIdentifier() {
+  const int process = GetProcessID();
+  return {process, static_cast<uint32_t>(threadIdIn(process))};
+}

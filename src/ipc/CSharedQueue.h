@@ -19,6 +19,9 @@ class CSharedQueue final : public Queue {
     if (VUses.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
   }
 
+  /// In a forked child: the users were threads of the parent; only the connection's use remains.
+  void KeepOneUse() { VUses.store(1, std::memory_order_relaxed); }
+
  private:
   ~CSharedQueue() = default;
 

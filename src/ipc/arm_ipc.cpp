@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <initializer_list>
 #include <new>
 
 #include "diag/libarmdebug.h"
@@ -84,23 +85,18 @@ const char* requestQueueFailure(const TRequestQueue* queue) {
   return queue->IsReadyForIO() ? nullptr : "";
 }
 
-bool openRequestQueue() {
-  OutQueue = new (std::nothrow) CSharedQueue<TRequestQueue>(REQUEST_QUEUE_NAME);
-  const char* failure = requestQueueFailure(OutQueue);
+/// Opens a request queue; null, with the reason logged, when it cannot be used.
+CSharedQueue<TRequestQueue>* openRequestQueue() {
+  auto* queue = new (std::nothrow) CSharedQueue<TRequestQueue>(REQUEST_QUEUE_NAME);
+  const char* failure = requestQueueFailure(queue);
   if (failure == nullptr) {
-    OutQueue->SetOverflowWait(false);
-    return true;
+    queue->SetOverflowWait(false);
+    return queue;
   }
   log("InitializeIPC, OutQueue failure\n");
   if (*failure != '\0') log(failure);
-  if (OutQueue != nullptr) OutQueue->Release();
-  OutQueue = nullptr;
-  return false;
-}
-
-bool openReplyQueue() {
-  InQueue = new (std::nothrow) CSharedQueue<TReplyQueue>(REPLY_QUEUE_NAME, false);
-  return InQueue != nullptr && InQueue->IsInitialized();
+  if (queue != nullptr) queue->Release();
+  return nullptr;
 }
 
 void lockQueues() {
@@ -159,12 +155,16 @@ bool InitializeIPC() {
   // the first are overwritten by the second.
   CSharedQueue<TRequestQueue>* replacedRequests = OutQueue;
   CSharedQueue<TReplyQueue>* replacedReplies = InQueue;
-  if (!openRequestQueue()) {
+  // A pointer is stored when its queue is complete: a process forked meanwhile finds all or
+  // nothing.
+  OutQueue = openRequestQueue();
+  if (OutQueue == nullptr) {
     unlockQueues();
     releaseReplaced(replacedRequests);
     return false;
   }
-  const bool usable = openReplyQueue();
+  InQueue = new (std::nothrow) CSharedQueue<TReplyQueue>(REPLY_QUEUE_NAME, false);
+  const bool usable = InQueue != nullptr && InQueue->IsInitialized();
   if (usable) engineID = GetEngineID();
   unlockQueues();
   releaseReplaced(replacedRequests);
@@ -215,4 +215,12 @@ void CloseIPC() {
   closeQueue(OutQueueMutex, OutQueue);
   closeQueue(InQueueMutex, InQueue);
   (void)IsClosingMutex.Unlock();
+}
+
+void renewIPCInForkedChild() {
+  for (CkesMutex* mutex : {&OutQueueMutex, &InQueueMutex, &IsClosingMutex}) mutex->RenewAfterFork();
+  OutQueueCount = 0;
+  InQueueCount = 0;
+  if (OutQueue != nullptr) OutQueue->KeepOneUse();
+  if (InQueue != nullptr) InQueue->KeepOneUse();
 }

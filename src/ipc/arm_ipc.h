@@ -57,3 +57,7 @@ bool IsEngineAlive();
 
 /// Closes both queues.  Waits up to four seconds while both have users; then closes all the same.
 void CloseIPC();
+
+/// Called in a forked child, before anything else of the library: the threads that held mutexes or
+/// used the queues exist in the parent only.  The queues stay open.
+void renewIPCInForkedChild();

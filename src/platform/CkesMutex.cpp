@@ -33,3 +33,9 @@ long CkesMutex::Unlock() {
 long CkesMutex::TryLock() {
   return recorded(IsInitialized() ? implTryLock() : ERR_NOT_INITIALIZED, "CkesMutex::TryLock()");
 }
+
+void CkesMutex::RenewAfterFork() {
+  if (!IsInitialized()) return;
+  noteReleased();
+  VInitialized.store(implInitialize(), std::memory_order_relaxed);
+}

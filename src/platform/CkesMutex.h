@@ -34,6 +34,9 @@ class CkesMutex {
   /// Takes the mutex without waiting; -120, -124 when it is held, -122 on any other failure.
   long TryLock();
 
+  /// In a forked child: makes an initialized mutex free, whoever held it in the parent.
+  void RenewAfterFork();
+
  private:
   friend class CkesEvent;
 
