@@ -9,7 +9,9 @@
 // What the exported calls share: results, the beginning of a record, and the exchange with the
 // engine.
 
+/// Result of a call whose arguments are refused.
 inline constexpr int32_t ARM_RESULT_REJECTED = -1;
+/// Result of a call that cannot reach the engine.
 inline constexpr int32_t ARM_RESULT_NO_ENGINE = -2;
 
 /// Whether a call traces; some calls deliberately never do.

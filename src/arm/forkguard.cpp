@@ -4,29 +4,42 @@
 
 #include "arm/libarmutils.h"
 #include "ipc/arm_ipc.h"
+#include "platform/kelptime2.h"
 
 namespace {
 
 pthread_once_t registered = PTHREAD_ONCE_INIT;
 
-// A fork waits for a conversion that is under way, since the converter cannot be repaired in the
-// child. It does not wait for the connection's mutexes, which can be held for seconds.
+// What the forking thread has taken; it touches these only while it holds the mutex in question.
+bool codesetTaken = false;
+bool localTimeTaken = false;
+
+// A fork waits for a conversion that is under way, of a string or of a time stamp, since neither can be
+// repaired in the child; unless the forking thread itself is in it (a signal handler that forks).  It
+// does not wait for the connection's mutexes, which can be held for seconds.
 void beforeFork() {
-  (void)VCodesetMutex.Lock();
+  const bool inConversion = VCodesetMutex.HeldByCaller();
+  const bool taken = !inConversion && VCodesetMutex.Lock() == 0;
+  const bool timeTaken = lockLocalTime();
+  codesetTaken = taken;
+  localTimeTaken = timeTaken;
 }
 
-void inParent() {
-  (void)VCodesetMutex.Unlock();
+void afterFork() {
+  const bool taken = codesetTaken;
+  if (localTimeTaken) unlockLocalTime();
+  if (taken) (void)VCodesetMutex.Unlock();
 }
 
 void inChild() {
-  (void)VCodesetMutex.Unlock();
+  afterFork();
   VInitMutex.RenewAfterFork();
   renewIPCInForkedChild();
+  forgetIdentityInForkedChild();
 }
 
 void registerHandlers() {
-  (void)pthread_atfork(beforeFork, inParent, inChild);
+  (void)pthread_atfork(beforeFork, afterFork, inChild);
 }
 
 }  // namespace

@@ -1,3 +1,5 @@
+#include "arm/libarm.h"
+
 #include "arm/arm_user_data1.h"
 #include "arm/armcall.h"
 #include "arm/export.h"
@@ -95,8 +97,25 @@ int32_t stopTransaction(int32_t startHandle, int32_t status, int32_t flags, cons
   return exchangeForStatus(message, TTrace::lines);
 }
 
-int32_t doTransReport(TArmMessageType type, int32_t tranHandle, void* data, int32_t dataSize,
-                      int32_t stampTime, int32_t value1, int32_t value2, int32_t value3) {
+int32_t associateMetricData(int32_t tranHandle, const void* buffer, int32_t length) {
+  if (CheckEngineStatus() != 0) return ARM_RESULT_NO_ENGINE;
+  if (tranHandle == IGNOREID) return 0;
+  if (tranHandle < 0 || buffer == nullptr) return ARM_RESULT_REJECTED;
+  if (length > ARM_METRIC_DATA_SIZE || length <= 0) return ARM_RESULT_REJECTED;
+  TArmMessage message;
+  beginMessage(message, ARM_MSG_ASSOCIATE_METRIC_DATA);
+  TArmMetricDataBody& body = message.messages.metric_data;
+  body.tran_handle = tranHandle;
+  body.length = length;
+  copyBlock(body.metric_data, static_cast<std::size_t>(length), buffer, length);
+  return exchangeForStatus(message, TTrace::silent);
+}
+
+}  // namespace
+
+int32_t doTransReport(TArmMessageType type, int32_t tranHandle, int32_t, void* data,
+                      int32_t dataSize, int32_t stampTime, int32_t value1, int32_t value2,
+                      int32_t value3) {
   if (CheckEngineStatus() != 0) return ARM_RESULT_NO_ENGINE;
   if (tranHandle == IGNOREID) return 0;
   if (tranHandle < 0 || value1 < 0 || value2 < 0) return ARM_RESULT_REJECTED;
@@ -127,22 +146,6 @@ int32_t doCompleteTrans(TArmMessageType type, int32_t tranHandle, int32_t value1
   return exchangeForStatus(message, TTrace::silent);
 }
 
-int32_t associateMetricData(int32_t tranHandle, const void* buffer, int32_t length) {
-  if (CheckEngineStatus() != 0) return ARM_RESULT_NO_ENGINE;
-  if (tranHandle == IGNOREID) return 0;
-  if (tranHandle < 0 || buffer == nullptr) return ARM_RESULT_REJECTED;
-  if (length > ARM_METRIC_DATA_SIZE || length <= 0) return ARM_RESULT_REJECTED;
-  TArmMessage message;
-  beginMessage(message, ARM_MSG_ASSOCIATE_METRIC_DATA);
-  TArmMetricDataBody& body = message.messages.metric_data;
-  body.tran_handle = tranHandle;
-  body.length = length;
-  copyBlock(body.metric_data, static_cast<std::size_t>(length), buffer, length);
-  return exchangeForStatus(message, TTrace::silent);
-}
-
-}  // namespace
-
 ARM_EXPORT arm_int32_t arm_start(arm_int32_t tran_id, arm_int32_t, void* data,
                                  arm_int32_t data_size) {
   const CCallScope scope;
@@ -168,21 +171,24 @@ ARM_EXPORT arm_int32_t arm_stop(arm_int32_t start_handle, arm_int32_t tran_statu
   return result;
 }
 
-ARM_EXPORT arm_int32_t arm_transactionReport(arm_int32_t tran_handle, arm_int32_t, void* data,
-                                             arm_int32_t data_size, arm_int32_t stamp_time,
-                                             arm_int32_t report_value1, arm_int32_t report_value2,
-                                             arm_int32_t report_value3) {
+ARM_EXPORT arm_int32_t arm_transactionReport(arm_int32_t tran_handle, arm_int32_t ignored_value,
+                                             void* data, arm_int32_t data_size,
+                                             arm_int32_t stamp_time, arm_int32_t report_value1,
+                                             arm_int32_t report_value2, arm_int32_t report_value3) {
   const CCallScope scope;
-  return doTransReport(ARM_MSG_TRANS_REPORT, tran_handle, data, data_size, stamp_time,
-                       report_value1, report_value2, report_value3);
+  return doTransReport(ARM_MSG_TRANS_REPORT, tran_handle, ignored_value, data, data_size,
+                       stamp_time, report_value1, report_value2, report_value3);
 }
 
-ARM_EXPORT arm_int32_t arm_transactionInstanceReport(
-    arm_int32_t tran_handle, arm_int32_t, void* data, arm_int32_t data_size, arm_int32_t stamp_time,
-    arm_int32_t report_value1, arm_int32_t report_value2, arm_int32_t report_value3) {
+ARM_EXPORT arm_int32_t arm_transactionInstanceReport(arm_int32_t tran_handle,
+                                                     arm_int32_t ignored_value, void* data,
+                                                     arm_int32_t data_size, arm_int32_t stamp_time,
+                                                     arm_int32_t report_value1,
+                                                     arm_int32_t report_value2,
+                                                     arm_int32_t report_value3) {
   const CCallScope scope;
-  return doTransReport(ARM_MSG_TRANS_INSTANCE_REPORT, tran_handle, data, data_size, stamp_time,
-                       report_value1, report_value2, report_value3);
+  return doTransReport(ARM_MSG_TRANS_INSTANCE_REPORT, tran_handle, ignored_value, data, data_size,
+                       stamp_time, report_value1, report_value2, report_value3);
 }
 
 ARM_EXPORT arm_int32_t arm_completeTransaction(arm_int32_t tran_handle, arm_int32_t complete_value1,

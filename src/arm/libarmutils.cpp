@@ -108,15 +108,11 @@ int32_t fillLoginName(TArmInitBody& body) {
   return convertText(body.appl_user_id, sizeof body.appl_user_id, work, login);
 }
 
-int32_t registerApplication(bool convert, const char* name, const char* user, int32_t flags) {
-  if (CheckEngineStatus() != 0) return refused(ARM_RESULT_NO_ENGINE, "CheckEngineStatus failed");
-  if (name == nullptr) return refused(ARM_RESULT_REJECTED, "appl_name is NULL");
-  const char* givenUser = user != nullptr ? user : "";
-  // One unsigned comparison refuses the empty name together with one that is too long.
-  if (boundedLength(name, ARM_APPL_NAME_FIELD) - 1 >= ARM_APPL_NAME_FIELD - 1 ||
-      boundedLength(givenUser, ARM_APPL_NAME_FIELD) >= ARM_APPL_NAME_FIELD) {
-    return refused(ARM_RESULT_REJECTED, "Some param is too long");
-  }
+// The functions that send are kept apart from those that check: a call that is refused, or finds no
+// engine, needs no room for a record.
+
+__attribute__((noinline)) int32_t sendInit(bool convert, const char* name, const char* givenUser,
+                                           const char* user, int32_t flags) {
   TArmMessage message;
   beginMessage(message, ARM_MSG_INIT);
   TArmInitBody& body = message.messages.init;
@@ -136,8 +132,21 @@ int32_t registerApplication(bool convert, const char* name, const char* user, in
   return exchangeForStatus(message, TTrace::lines);
 }
 
-/// As fillInitNames: only the detail's conversion decides.
-int32_t fillGetidNames(TArmGetidBody& body, bool convert, const char* name, const char* detail) {
+int32_t registerApplication(bool convert, const char* name, const char* user, int32_t flags) {
+  if (CheckEngineStatus() != 0) return refused(ARM_RESULT_NO_ENGINE, "CheckEngineStatus failed");
+  if (name == nullptr) return refused(ARM_RESULT_REJECTED, "appl_name is NULL");
+  const char* givenUser = user != nullptr ? user : "";
+  // One unsigned comparison refuses the empty name together with one that is too long.
+  if (boundedLength(name, ARM_APPL_NAME_FIELD) - 1 >= ARM_APPL_NAME_FIELD - 1 ||
+      boundedLength(givenUser, ARM_APPL_NAME_FIELD) >= ARM_APPL_NAME_FIELD) {
+    return refused(ARM_RESULT_REJECTED, "Some param is too long");
+  }
+  return sendInit(convert, name, givenUser, user, flags);
+}
+
+/// As fillInitNames: only the detail's conversion decides.  Kept apart for its buffer.
+__attribute__((noinline)) int32_t fillGetidNames(TArmGetidBody& body, bool convert,
+                                                 const char* name, const char* detail) {
   if (!convert) {
     copyText(body.tran_name, sizeof body.tran_name, name);
     copyText(body.tran_detail, sizeof body.tran_detail, detail);
@@ -148,17 +157,9 @@ int32_t fillGetidNames(TArmGetidBody& body, bool convert, const char* name, cons
   return convertText(body.tran_detail, sizeof body.tran_detail, work, detail);
 }
 
-int32_t registerClass(bool convert, int32_t applId, const char* name, const char* detail,
-                      const void* data, int32_t dataSize) {
-  if (CheckEngineStatus() != 0) return refused(ARM_RESULT_NO_ENGINE, "CheckEngineStatus failed");
-  if (applId <= 0 || name == nullptr) {
-    return refused(ARM_RESULT_REJECTED, "appl_id or trans name is invalid");
-  }
-  if (detail == nullptr) detail = "";
-  if (boundedLength(name, ARM_TRAN_NAME_FIELD) - 1 >= ARM_TRAN_NAME_FIELD - 1 ||
-      boundedLength(detail, ARM_TRAN_DETAIL_FIELD) >= ARM_TRAN_DETAIL_FIELD) {
-    return refused(ARM_RESULT_REJECTED, "Some name is too long");
-  }
+__attribute__((noinline)) int32_t sendGetid(bool convert, int32_t applId, const char* name,
+                                            const char* detail, const void* data,
+                                            int32_t dataSize) {
   TArmMessage message;
   beginMessage(message, ARM_MSG_GETID);
   TArmGetidBody& body = message.messages.getid;
@@ -174,6 +175,20 @@ int32_t registerClass(bool convert, int32_t applId, const char* name, const char
   return exchangeForStatus(message, TTrace::lines);
 }
 
+int32_t registerClass(bool convert, int32_t applId, const char* name, const char* detail,
+                      const void* data, int32_t dataSize) {
+  if (CheckEngineStatus() != 0) return refused(ARM_RESULT_NO_ENGINE, "CheckEngineStatus failed");
+  if (applId <= 0 || name == nullptr) {
+    return refused(ARM_RESULT_REJECTED, "appl_id or trans name is invalid");
+  }
+  if (detail == nullptr) detail = "";
+  if (boundedLength(name, ARM_TRAN_NAME_FIELD) - 1 >= ARM_TRAN_NAME_FIELD - 1 ||
+      boundedLength(detail, ARM_TRAN_DETAIL_FIELD) >= ARM_TRAN_DETAIL_FIELD) {
+    return refused(ARM_RESULT_REJECTED, "Some name is too long");
+  }
+  return sendGetid(convert, applId, name, detail, data, dataSize);
+}
+
 int32_t endApplication(int32_t applId) {
   if (CheckEngineStatus() != 0) return refused(ARM_RESULT_NO_ENGINE, "CheckEngineStatus failed");
   if (applId <= 0) return refused(ARM_RESULT_REJECTED, "appl_id is invalid");
@@ -187,11 +202,9 @@ int32_t endApplication(int32_t applId) {
 }  // namespace
 
 int CheckEngineStatus() {
+  guardForks();
   (void)VInitMutex.Lock();
-  if (!IPCInitialized) {
-    guardForks();
-    IPCInitialized = InitializeIPC();
-  }
+  if (!IPCInitialized) IPCInitialized = InitializeIPC();
   (void)VInitMutex.Unlock();
   if (!IPCInitialized) return unreachable("CheckEngineStatus, InitializeIPC failed\n");
   // Deliberate: from here on without the mutex; the connection's own locks protect the queues.
@@ -206,6 +219,7 @@ bool isMTPAppName(const char* name) {
 ARM_EXPORT arm_int32_t w_ArmInit(unsigned char convert, const char* appl_name,
                                  const char* appl_user_id, arm_int32_t flags, void*, arm_int32_t) {
   const CCallScope scope;
+  guardForks();
   checkDebug();
   if (VDebugRun) wcDebug("libarm:arm_init ENTER\n");
   return endOfCall("arm_init EXIT",

@@ -63,6 +63,11 @@ long CkesErrorManager::SetError(long code, const char* text) {
   return result;
 }
 
+long CkesErrorManager::Record(long code, const char* text) {
+  if (code != 0) (void)SetError(code, text);
+  return code;
+}
+
 long CkesErrorManager::AddFunction(const char* name) {
   CkesErrorStack* stack = nullptr;
   const long result = readyStack(&stack);

@@ -16,6 +16,7 @@ class CkesErrorStack {
   void SetErrorCode(long code, const char* text);
   /// Appends a name; 0, or -202 when the trail was full and its oldest entry was dropped for it.
   long AddFunction(const char* name);
+  /// The last recorded code, 0 when there was none.
   long GetErrorCode() const { return VErrorCode; }
 
   /// Starts an iteration at the oldest entry.

@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "diag/libarmdebug.h"
 #include "diag/wcdebug.h"
 
 namespace {
@@ -41,6 +42,10 @@ void traceFormatLong(const char* format, ...) {
   va_start(arguments, format);
   formatLine<LONG_LINE_SIZE>(wcDebug, format, arguments);
   va_end(arguments);
+}
+
+void traceText(const char* text) {
+  if (VDebugRun) wcDebug(text);
 }
 
 void traceError(const char* text) {

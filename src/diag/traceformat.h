@@ -14,5 +14,8 @@ void traceFormatln(const char* format, ...) __attribute__((format(printf, 1, 2))
 /// code set's name.
 void traceFormatLong(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
+/// Writes a finished text with wcDebug when the process traces.
+void traceText(const char* text);
+
 /// Writes an error line of the ARM calls: two blanks, the BEL character, the text, a newline.
 void traceError(const char* text);

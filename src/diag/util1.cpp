@@ -10,7 +10,7 @@
 namespace {
 
 constexpr const char* EOL_CHARS = "\r\n";
-constexpr const char* TRIM_CHARS = " =\t\r\n";
+constexpr const char* _TRIM_CHARS = " =\t\r\n";
 
 bool readWhole(const char* path, char* buffer, unsigned int size) {
   const int file = open(path, O_RDONLY | O_CLOEXEC);
@@ -49,10 +49,10 @@ void clipLine(char* s) {
 
 void trimString(char* s) {
   if (s == nullptr) return;
-  const std::size_t leading = std::strspn(s, TRIM_CHARS);
+  const std::size_t leading = std::strspn(s, _TRIM_CHARS);
   std::size_t length = std::strlen(s) - leading;
   std::memmove(s, s + leading, length + 1);
-  while (length > 1 && std::strchr(TRIM_CHARS, s[length - 1]) != nullptr) s[--length] = '\0';
+  while (length > 1 && std::strchr(_TRIM_CHARS, s[length - 1]) != nullptr) s[--length] = '\0';
 }
 
 void ensureEndsWithSlash(char* s) {

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,7 +23,6 @@ constexpr int CONTINUATION = 0;
 
 constexpr std::size_t SPEC_SIZE = 4096;
 constexpr std::size_t HOST_SIZE = 256;
-constexpr std::size_t STAMP_SIZE = 100;
 
 std::atomic<int> VLogFormat{FORMAT_XML};
 std::atomic<bool> VTriedFileOnce{false};
@@ -45,16 +45,47 @@ constexpr const char VXMLPart4[] =
 constexpr const char VXMLPart5[] = "</Thread>\n <Process>";
 constexpr const char VXMLPart6[] = "</Process>\n</Trace>\n";
 
-/// When a record was begun.
-struct TStamp {
-  char text[STAMP_SIZE];
-  uint32_t seconds;
-  uint32_t milliseconds;
+/// Keeps a file-size limit from killing the host: the signal that the kernel sends with a refused write
+/// is held back, and dropped unless it was there before.
+class CFileSizeSignal {
+ public:
+  CFileSizeSignal() {
+    (void)sigemptyset(&VSignal);
+    (void)sigaddset(&VSignal, SIGXFSZ);
+    sigset_t pending;
+    (void)sigpending(&pending);
+    VWasPending = sigismember(&pending, SIGXFSZ) == 1;
+    (void)pthread_sigmask(SIG_BLOCK, &VSignal, &VMask);
+  }
+  ~CFileSizeSignal() {
+    const timespec now = {0, 0};
+    if (!VWasPending) (void)sigtimedwait(&VSignal, nullptr, &now);
+    (void)pthread_sigmask(SIG_SETMASK, &VMask, nullptr);
+  }
+  CFileSizeSignal(const CFileSizeSignal&) = delete;
+  CFileSizeSignal& operator=(const CFileSizeSignal&) = delete;
+
+ private:
+  sigset_t VSignal;
+  sigset_t VMask;
+  bool VWasPending;
 };
+
+int openTraceFile() {
+  const int file = open(VLogFileSpec, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR);
+  if (file < 0 && !VTriedFileOnce.exchange(true)) {
+    (void)std::printf("Failed to open trace file [%s], make sure that subdirectory exists\n",
+                      VLogFileSpec);
+  }
+  return file;
+}
+
+}  // namespace
 
 unsigned long getPid() {
   return static_cast<unsigned long>(getpid());
 }
+
 unsigned long getTid() {
   return pthread_self();
 }
@@ -64,7 +95,7 @@ void writeString(int file, const char* text) {
 }
 
 /// Writes a number with at least four digits.
-void writeId(int file, unsigned long number) {
+static void writeId(int file, unsigned long number) {
   char text[48];
   (void)std::snprintf(text, sizeof text, "%04lu", number);
   writeString(file, text);
@@ -82,14 +113,11 @@ void doInit() {
   prepXMLFormat();
 }
 
-void prepare() {
+static void prepare() {
   (void)pthread_once(&VInitialized, doInit);
 }
 
-/// The current local time as text, with the microseconds and nanoseconds when subMilliseconds is
-/// set. The milliseconds are stored only together with the seconds.
-void getLocalTime(bool subMilliseconds, char (&buffer)[STAMP_SIZE], uint32_t* seconds,
-                  uint32_t* milliseconds) {
+void getLocalTime(int subMilliseconds, char* buffer, uint32_t* seconds, uint32_t* milliseconds) {
   uint32_t now = 0;
   uint32_t nanoseconds = 0;
   KelpBestGetCurrentTime(&now, &nanoseconds);
@@ -97,11 +125,11 @@ void getLocalTime(bool subMilliseconds, char (&buffer)[STAMP_SIZE], uint32_t* se
   ConvertToHRT(now, nanoseconds, &time);
   const std::tm& day = time.calendar;
   const int length =
-      std::snprintf(buffer, sizeof buffer, "%04d-%02d-%02d %02d:%02d:%02d.%03lu",
+      std::snprintf(buffer, TRACE_STAMP_SIZE, "%04d-%02d-%02d %02d:%02d:%02d.%03lu",
                     day.tm_year + 1900, day.tm_mon + 1, day.tm_mday, day.tm_hour, day.tm_min,
                     day.tm_sec, static_cast<unsigned long>(time.milliseconds));
-  if (subMilliseconds && length > 0) {
-    (void)std::snprintf(buffer + length, sizeof buffer - static_cast<std::size_t>(length),
+  if (subMilliseconds != 0 && length > 0) {
+    (void)std::snprintf(buffer + length, TRACE_STAMP_SIZE - static_cast<std::size_t>(length),
                         ":%03lu:%03lu", static_cast<unsigned long>(time.microseconds),
                         static_cast<unsigned long>(time.nanoseconds));
   }
@@ -110,9 +138,9 @@ void getLocalTime(bool subMilliseconds, char (&buffer)[STAMP_SIZE], uint32_t* se
   if (milliseconds != nullptr) *milliseconds = time.milliseconds;
 }
 
-void writeBasicMsg(int file, const char* text, int kind, const TStamp& stamp) {
+void writeBasicMsg(int file, const char* text, int kind, const char* stamp) {
   if (kind == NEW_RECORD) {
-    writeString(file, stamp.text);
+    writeString(file, stamp);
     char ids[64];
     (void)std::snprintf(ids, sizeof ids, " (%04lu:%04lu)", getPid(), getTid());
     writeString(file, ids);
@@ -121,14 +149,15 @@ void writeBasicMsg(int file, const char* text, int kind, const TStamp& stamp) {
   writeString(file, text);
 }
 
-void writeXMLMsg(int file, const char* text, int kind, const TStamp& stamp) {
+void writeXMLMsg(int file, const char* text, int kind, const char* stamp, uint32_t seconds,
+                 uint32_t milliseconds) {
   if (kind == CONTINUATION) return;
   writeString(file, VXMLPart1);
   char millis[48];
-  (void)std::snprintf(millis, sizeof millis, "%13.0f", stamp.seconds * 1000.0 + stamp.milliseconds);
+  (void)std::snprintf(millis, sizeof millis, "%13.0f", seconds * 1000.0 + milliseconds);
   writeString(file, millis);
   writeString(file, VXMLPart2);
-  writeString(file, stamp.text);
+  writeString(file, stamp);
   writeString(file, VXMLPart3);
   // Deliberate: no escaping; a text with "]]>" in it ends the section early.
   writeString(file, text);
@@ -138,17 +167,6 @@ void writeXMLMsg(int file, const char* text, int kind, const TStamp& stamp) {
   writeId(file, getPid());
   writeString(file, VXMLPart6);
 }
-
-int openTraceFile() {
-  const int file = open(VLogFileSpec, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR);
-  if (file < 0 && !VTriedFileOnce.exchange(true)) {
-    (void)std::printf("Failed to open trace file [%s], make sure that subdirectory exists\n",
-                      VLogFileSpec);
-  }
-  return file;
-}
-
-}  // namespace
 
 void wcDebug(const char* text) {
   wcDebugWorker(text, NEW_RECORD);
@@ -161,17 +179,19 @@ void wcDebugln(const char* text) {
 
 void wcDebugWorker(const char* text, int kind) {
   if (text == nullptr) return;
-  TStamp stamp = {};
+  char stamp[TRACE_STAMP_SIZE] = "";
+  uint32_t seconds = 0;
+  uint32_t milliseconds = 0;
   if (kind == NEW_RECORD) {
     const bool xml = VLogFormat == FORMAT_XML;
-    getLocalTime(!xml, stamp.text, xml ? &stamp.seconds : nullptr,
-                 xml ? &stamp.milliseconds : nullptr);
+    getLocalTime(xml ? 0 : 1, stamp, xml ? &seconds : nullptr, xml ? &milliseconds : nullptr);
   }
   prepare();
+  const CFileSizeSignal fileSizeSignal;
   const int file = openTraceFile();
   if (file < 0) return;
   if (VLogFormat == FORMAT_XML) {
-    writeXMLMsg(file, text, kind, stamp);
+    writeXMLMsg(file, text, kind, stamp, seconds, milliseconds);
   } else {
     writeBasicMsg(file, text, kind, stamp);
   }

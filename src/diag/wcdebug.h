@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 // The trace writer.  It stamps a finished text with the local time, the process and the thread, and
 // appends it to the trace file, as a plain line (the basic format) or as a small XML document.
 // Callers decide whether to trace at all; the writer writes what it is given, never changes a
@@ -23,3 +25,30 @@ void wcDebugSetLogFormat(int format);
 /// Copies at most len bytes of the trace file's path into dst, padded with zeros, the last byte
 /// forced to zero; returns dst.
 char* wcDebugGetLogFileSpec(char* dst, unsigned int len);
+
+// The writer's own parts.
+
+/// Size of a time stamp's buffer.
+inline constexpr unsigned TRACE_STAMP_SIZE = 100;
+
+/// The one-time preparation: the file's path and the XML pieces.
+void doInit();
+/// Builds the XML pieces, which hold the host name.
+void prepXMLFormat();
+
+/// The current local time as text in buffer (TRACE_STAMP_SIZE bytes), with microseconds and nanoseconds
+/// when subMilliseconds is not 0.  Stores the epoch seconds unless seconds is null, and the
+/// milliseconds only together with them.
+void getLocalTime(int subMilliseconds, char* buffer, uint32_t* seconds, uint32_t* milliseconds);
+/// The process id.
+unsigned long getPid();
+/// The calling thread's pthread identifier.
+unsigned long getTid();
+
+/// Writes a text with a single write, whose result is ignored.
+void writeString(int file, const char* text);
+/// Writes a record of the basic format.
+void writeBasicMsg(int file, const char* text, int kind, const char* stamp);
+/// Writes a record of the XML format, or nothing for a continuation.
+void writeXMLMsg(int file, const char* text, int kind, const char* stamp, uint32_t seconds,
+                 uint32_t milliseconds);

@@ -95,13 +95,13 @@ int32_t intlGetICUConverter(const char* codeset) {
     }
     return environment;
   }
-  guardForks();
   openRequested(codeset);
   if (VCodesetConverter == nullptr && codeset == nullptr) openBackup();
   return VCodesetConverter != nullptr ? 0 : INTL_ERR_CONVERSION;
 }
 
 int32_t ConvertStrUTF8(const char* source, long capacity, UChar* work, char* target) {
+  guardForks();
   (void)VCodesetMutex.Lock();
   const int32_t result = convertLocked(source, capacity, work, target);
   (void)VCodesetMutex.Unlock();
@@ -116,6 +116,7 @@ void FreeIntlICUConverter() {
 
 ARM_EXPORT arm_int32_t SetExpectedCodeset(const char* codeset) {
   const CCallScope scope;
+  guardForks();
   (void)VCodesetMutex.Lock();
   const int32_t result = intlGetICUConverter(codeset);
   (void)VCodesetMutex.Unlock();
@@ -124,6 +125,7 @@ ARM_EXPORT arm_int32_t SetExpectedCodeset(const char* codeset) {
 
 ARM_EXPORT const char* GetExpectedCodeset() {
   const CCallScope scope;
+  guardForks();
   (void)VCodesetMutex.Lock();
   const char* name = nullptr;
   if (VCodesetConverter != nullptr) {

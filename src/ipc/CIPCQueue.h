@@ -19,9 +19,9 @@
 /// on the semaphore of its own head record, so that a reply wakes only the thread it is addressed
 /// to.
 ///
-/// Results are 0 or a negative code, also recorded with the error manager.  Any number of threads
-/// of any number of processes may get at once: every look at the segment is taken under its lock,
-/// which no thread holds while it sleeps.
+/// Results are 0 or a negative code, also recorded with the error manager.  Any number of threads of any
+/// number of processes may get at once: lists are read and changed under the segment's lock only, which
+/// no thread holds while it sleeps.
 template <typename T>
 class CIPCQueue {
  public:
@@ -44,7 +44,9 @@ class CIPCQueue {
   CIPCQueue(const CIPCQueue&) = delete;
   CIPCQueue& operator=(const CIPCQueue&) = delete;
 
+  /// True when the queue opened and was running then.
   bool IsInitialized() const { return VInitialized; }
+  /// True while the process that created the queue lives.
   bool CreatorAlive() const { return VInitialized && VSharedMemory->CreatorAlive(); }
 
   /// Waits, without a time limit, for the next reply addressed to id and takes it.
@@ -57,7 +59,7 @@ class CIPCQueue {
   /// waits in the list; else the code of the lock.
   long PrivateGet(_TIPCIdentifier id, long index, T& reply);
   /// Finds the head record of id, or claims one when create is set; called with the segment locked.
-  /// -277 not found, -274 none could be claimed; *head is then null.
+  /// -276, -277 not found, -274 none could be claimed; *head is then null.
   long FindHead(_TIPCIdentifier id, bool create, _TIPCHeadItem** head);
 
   /// Writes the state; 1 and 2 also wake everybody who waits on the queue.
@@ -96,10 +98,6 @@ class CIPCQueue {
   uint32_t state() const { return loadShared(VHeader->state); }
   static _TIPCIdentifier ownerOf(const TIPCHeadItem& head) {
     return {loadShared(head.process_id), loadShared(head.thread_id)};
-  }
-  static long record(long code, const char* where) {
-    (void)CkesErrorManager::SetError(code, where);
-    return code;
   }
 
   static constexpr const char* GET = "CIPCQueue::Get()";
@@ -214,7 +212,7 @@ long CIPCQueue<T>::Get(const _TIPCIdentifier& id, T& reply) {
 
 template <typename T>
 long CIPCQueue<T>::PrivateGet(_TIPCIdentifier id, long index, T& reply) {
-  if (!VInitialized) return record(ERR_NOT_INITIALIZED, PRIVATE_GET);
+  if (!VInitialized) return CkesErrorManager::Record(ERR_NOT_INITIALIZED, PRIVATE_GET);
   const long locked = VSharedMemory->Lock();
   if (locked != 0) {
     (void)CkesErrorManager::AddFunction(PRIVATE_GET);
@@ -227,7 +225,7 @@ long CIPCQueue<T>::PrivateGet(_TIPCIdentifier id, long index, T& reply) {
   if (left) return result;
   const long unlocked = VSharedMemory->Unlock();
   if (unlocked != 0) (void)CkesErrorManager::AddFunction(PRIVATE_GET);
-  return result == 0 ? unlocked : record(result, PRIVATE_GET);
+  return result == 0 ? unlocked : CkesErrorManager::Record(result, PRIVATE_GET);
 }
 
 template <typename T>
@@ -270,7 +268,7 @@ long CIPCQueue<T>::sleepOn(TIPCHeadItem& head, bool* left) {
     if (result == 0 && !woken) result = ERR_WAIT;
   }
   if (result == 0) return 0;
-  (void)record(result, PRIVATE_GET);
+  (void)CkesErrorManager::Record(result, PRIVATE_GET);
   // Deliberate: unlocked on every such path, locked again or not.  Engines live with an unlock of
   // theirs that fails, and re-create their sets after a stop.
   (void)VSharedMemory->Unlock();
@@ -319,6 +317,8 @@ typename CIPCQueue<T>::TItem* CIPCQueue<T>::itemAt(uint32_t offset) {
 
 template <typename T>
 long CIPCQueue<T>::FindHead(_TIPCIdentifier id, bool create, _TIPCHeadItem** head) {
+  *head = nullptr;
+  if (!VInitialized) return ERR_NOT_INITIALIZED;
   *head = findOwned(id);
   if (*head != nullptr) return 0;
   if (!create) return ERR_NOT_FOUND;
@@ -375,7 +375,7 @@ TIPCHeadItem* CIPCQueue<T>::takeOver() {
 
 template <typename T>
 long CIPCQueue<T>::SetState(unsigned long newState) {
-  if (!VInitialized) return record(ERR_NOT_INITIALIZED, "CIPCQueue::SetState()");
+  if (!VInitialized) return CkesErrorManager::Record(ERR_NOT_INITIALIZED, "CIPCQueue::SetState()");
   const long locked = VSharedMemory->Lock();
   if (locked != 0) return locked;
   storeShared(VHeader->state, static_cast<uint32_t>(newState));

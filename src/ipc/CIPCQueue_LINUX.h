@@ -7,6 +7,8 @@
 
 #include <cerrno>
 
+#include "platform/semaphoreset.h"
+
 template <typename T>
 bool CIPCQueue<T>::implInitialize(const char* path, unsigned short items) {
   if (VDebugRun) {
@@ -61,11 +63,7 @@ bool CIPCQueue<T>::createSet(int key, unsigned short items) {
 
 template <typename T>
 bool CIPCQueue<T>::fillSet(unsigned short items) {
-  union {
-    int val;
-    semid_ds* buf;
-    unsigned short* array;
-  } argument = {};
+  TSemArgument argument = {};
   argument.array = new (std::nothrow) unsigned short[items + 2U]();
   const bool zeroed = argument.array != nullptr && semctl(VSemaphores, 0, SETALL, argument) >= 0;
   const int error = errno;
@@ -92,10 +90,7 @@ void CIPCQueue<T>::implDestroy() {
 template <typename T>
 bool CIPCQueue<T>::implWaitOn(unsigned short semaphore) {
   sembuf take = {semaphore, -1, 0};
-  for (;;) {
-    if (semop(VSemaphores, &take, 1) == 0) return true;
-    if (errno != EINTR) return false;
-  }
+  return semopThroughSignals(VSemaphores, &take, 1) == 0;
 }
 
 template <typename T>

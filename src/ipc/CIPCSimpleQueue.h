@@ -5,8 +5,7 @@
 #include <new>
 
 #include "diag/CkesErrorManager.h"
-#include "diag/libarmdebug.h"
-#include "diag/wcdebug.h"
+#include "diag/traceformat.h"
 #include "ipc/RequestQueueLayout.h"
 #include "platform/CkesSemaphore.h"
 #include "platform/CkesSharedMemory.h"
@@ -37,7 +36,9 @@ class CIPCSimpleQueue {
   CIPCSimpleQueue(const CIPCSimpleQueue&) = delete;
   CIPCSimpleQueue& operator=(const CIPCSimpleQueue&) = delete;
 
+  /// True when the queue opened and was running then.
   bool IsInitialized() const { return VInitialized; }
+  /// True while the process that created the queue lives.
   bool CreatorAlive() const { return VInitialized && VSharedMemory->CreatorAlive(); }
   /// True once the engine reads the queue.
   bool IsReadyForIO() const { return VHeader != nullptr && loadShared(VHeader->ready_for_io) != 0; }
@@ -75,14 +76,6 @@ class CIPCSimpleQueue {
   static long postTimes(CkesSemaphore* semaphore, uint32_t times);
   uint32_t state() const { return loadShared(VHeader->state); }
   uint16_t count() const { return loadShared(VHeader->count); }
-
-  static void log(const char* text) {
-    if (VDebugRun) wcDebug(text);
-  }
-  static long record(long code, const char* where) {
-    (void)CkesErrorManager::SetError(code, where);
-    return code;
-  }
 
   static constexpr const char* PUT = "CIPCSimpleQueue<T>::Put()";
   static constexpr const char* PRIVATE_PUT = "CIPCSimpleQueue<T>::PrivatePut()";
@@ -135,24 +128,24 @@ bool CIPCSimpleQueue<T>::open(const char* name) {
   (void)std::snprintf(path, sizeof path, "%s_ovr", name);
   VOverflowSem = new (std::nothrow) CkesSemaphore(path);
   if (VOverflowSem == nullptr || !VOverflowSem->IsInitialized()) {
-    log("CIPCSimpleQueue Failed on VOverflowSem\n");
+    traceText("CIPCSimpleQueue Failed on VOverflowSem\n");
     return false;
   }
   (void)std::snprintf(path, sizeof path, "%s_emp", name);
   VEmptySem = new (std::nothrow) CkesSemaphore(path);
   if (VEmptySem == nullptr || !VEmptySem->IsInitialized()) {
-    log("CIPCSimpleQueue Failed on the empty queue wait sem\n");
+    traceText("CIPCSimpleQueue Failed on the empty queue wait sem\n");
     return false;
   }
   (void)std::snprintf(path, sizeof path, "%s_mem", name);
   if (!openSegment(path)) {
-    log("CIPCSimpleQueue Failed on the shared memory\n");
+    traceText("CIPCSimpleQueue Failed on the shared memory\n");
     return false;
   }
   // Written by every opener, without the lock and before the state is looked at.
   storeShared(VHeader->arm_version, ARM_QUEUE_VERSION);
   if (state() != QUEUE_STATE_RUNNING) {
-    log("CIPCSimpleQueue VQueueState is bad\n");
+    traceText("CIPCSimpleQueue VQueueState is bad\n");
     return false;
   }
   return true;
@@ -187,7 +180,7 @@ void CIPCSimpleQueue<T>::closeAll() {
 
 template <typename T>
 long CIPCSimpleQueue<T>::Put(const T& message) {
-  if (!VInitialized) return record(ERR_NOT_INITIALIZED, PUT);
+  if (!VInitialized) return CkesErrorManager::Record(ERR_NOT_INITIALIZED, PUT);
   const long result = PrivatePut(message, false);
   if (result != 0) (void)CkesErrorManager::AddFunction(PUT);
   return result;
@@ -195,17 +188,18 @@ long CIPCSimpleQueue<T>::Put(const T& message) {
 
 template <typename T>
 long CIPCSimpleQueue<T>::PrivatePut(const T& message, bool front) {
+  if (!VInitialized) return CkesErrorManager::Record(ERR_NOT_INITIALIZED, PRIVATE_PUT);
   long result = VSharedMemory->Lock();
   if (result != 0) {
     (void)CkesErrorManager::AddFunction(PRIVATE_PUT);
     return result;
   }
   if (state() != QUEUE_STATE_RUNNING) {
-    result = record(ERR_STATE, PRIVATE_PUT);
+    result = CkesErrorManager::Record(ERR_STATE, PRIVATE_PUT);
   } else if ((result = CheckOverflow(VOverflowWait)) != 0) {
     (void)CkesErrorManager::AddFunction(PRIVATE_PUT);
   } else if (ringIsDamaged()) {
-    result = record(ERR_DAMAGED, PRIVATE_PUT);
+    result = CkesErrorManager::Record(ERR_DAMAGED, PRIVATE_PUT);
   } else {
     if (front) {
       placeAtHead(message);
@@ -271,6 +265,7 @@ void CIPCSimpleQueue<T>::wakeOrDrain() {
 
 template <typename T>
 long CIPCSimpleQueue<T>::CheckOverflow(bool wait) {
+  if (!VInitialized) return CkesErrorManager::Record(ERR_NOT_INITIALIZED, CHECK_OVERFLOW);
   long result = 0;
   bool waited = false;
   bool unlocked = false;
@@ -278,7 +273,7 @@ long CIPCSimpleQueue<T>::CheckOverflow(bool wait) {
   // the lock.
   while (count() == VCapacity) {
     if (!wait) {
-      result = record(ERR_FULL, CHECK_OVERFLOW);
+      result = CkesErrorManager::Record(ERR_FULL, CHECK_OVERFLOW);
       break;
     }
     storeShared(VHeader->overflow_waiters, loadShared(VHeader->overflow_waiters) + 1U);
@@ -293,11 +288,11 @@ long CIPCSimpleQueue<T>::CheckOverflow(bool wait) {
     }
     result = VOverflowSem->Wait(0);
     if (result != 0) {
-      (void)record(result, CHECK_OVERFLOW);
+      (void)CkesErrorManager::Record(result, CHECK_OVERFLOW);
       break;
     }
     if (state() != QUEUE_STATE_RUNNING) {
-      result = record(ERR_STATE, CHECK_OVERFLOW);
+      result = CkesErrorManager::Record(ERR_STATE, CHECK_OVERFLOW);
       break;
     }
   }
@@ -307,7 +302,7 @@ long CIPCSimpleQueue<T>::CheckOverflow(bool wait) {
       (void)CkesErrorManager::AddFunction(CHECK_OVERFLOW);
       result = locked;
     } else if (locked != 0) {
-      (void)record(result, CHECK_OVERFLOW);
+      (void)CkesErrorManager::Record(result, CHECK_OVERFLOW);
     }
   }
   // Deliberate: lowered once, however many passes were made; every further pass leaves it one too
@@ -333,7 +328,7 @@ long CIPCSimpleQueue<T>::wakeAll() {
 
 template <typename T>
 long CIPCSimpleQueue<T>::SetState(unsigned long newState) {
-  if (!VInitialized) return record(ERR_NOT_INITIALIZED, SET_STATE);
+  if (!VInitialized) return CkesErrorManager::Record(ERR_NOT_INITIALIZED, SET_STATE);
   long result = VSharedMemory->Lock();
   if (result == 0) {
     storeShared(VHeader->state, static_cast<uint32_t>(newState));
@@ -347,7 +342,7 @@ long CIPCSimpleQueue<T>::SetState(unsigned long newState) {
 
 template <typename T>
 long CIPCSimpleQueue<T>::Cleanup() {
-  if (!VInitialized) return record(ERR_NOT_INITIALIZED, CLEANUP);
+  if (!VInitialized) return CkesErrorManager::Record(ERR_NOT_INITIALIZED, CLEANUP);
   long result = VSharedMemory->Lock();
   if (result == 0) {
     storeShared(VHeader->count, uint16_t{0});

@@ -8,6 +8,13 @@ namespace {
 constexpr const char* POST_MULTI_DELIMETER = ".";  // sic
 constexpr int AGENT_NAME_SIZE = 4096;
 
+/// Kept apart for its buffer, which only processes with a prefix need on their stacks.
+__attribute__((noinline)) void appendAgentName(char* out, unsigned long limit) {
+  char agent[AGENT_NAME_SIZE];
+  getMultiAgentName(agent, AGENT_NAME_SIZE);
+  appendBounded(out, agent, limit);
+}
+
 }  // namespace
 
 char* CIPCUtils::createIPCName(const char* name, const char* suffix, int size, char* out) {
@@ -18,9 +25,7 @@ char* CIPCUtils::createIPCName(const char* name, const char* suffix, int size, c
   if (suffix != nullptr) appendBounded(out, suffix, limit);
   if (isMultiAgent() == 0) return nullptr;
   appendBounded(out, POST_MULTI_DELIMETER, limit);
-  char agent[AGENT_NAME_SIZE];
-  getMultiAgentName(agent, AGENT_NAME_SIZE);
-  appendBounded(out, agent, limit);
+  appendAgentName(out, limit);
   return out;
 }
 

@@ -28,5 +28,9 @@ unsigned long GetThreadId();
 /// {GetProcessID(), GetThreadId()}: the address that a reply to the calling thread carries.
 _TIPCIdentifier GetIpcIdentifier();
 
+/// Called in a forked child: the calling thread asks for its identifier anew, even where parent and
+/// child have the same process id (in process namespaces of their own).
+void forgetIdentityInForkedChild();
+
 /// The engine's identifier, always {0, 0}.
 _TIPCIdentifier GetEngineID();

@@ -27,6 +27,10 @@ unsigned long threadIdIn(int process) {
   return cache.threadId;
 }
 
+void forgetThreadId() {
+  cache.processId = 0;
+}
+
 #else
 
 unsigned long threadIdIn(int) {
@@ -34,6 +38,8 @@ unsigned long threadIdIn(int) {
   (void)CkesThreadLibrary::GetCurrentThreadID(&id);
   return id;
 }
+
+void forgetThreadId() {}
 
 #endif
 
@@ -46,4 +52,8 @@ unsigned long GetThreadId() {
 _TIPCIdentifier GetIpcIdentifier() {
   const int process = GetProcessID();
   return {process, static_cast<uint32_t>(threadIdIn(process))};
+}
+
+void forgetIdentityInForkedChild() {
+  forgetThreadId();
 }

@@ -5,20 +5,22 @@
 
 #include "arm/TArmMessage.h"
 
-/// Header of the request queue's segment; a ring of record slots follows it.  Every field is read
-/// and written under the segment's lock, except arm_version.
+/// Header of the request queue's segment; a ring of record slots follows it.  Records and indexes
+/// are changed under the segment's lock only.  Without it: an opener writes arm_version and reads the
+/// state and ready_for_io, and a writer that waits for room tests count and raises overflow_waiters.
 ///
-/// | offset | size            | field            | meaning |
-/// |--------|-----------------|------------------|--------------------------------------------------|
-/// | 0      | 2               | count            | records now in the queue | | 2      | 2 | head
-/// | slot of the oldest record; the engine takes here | | 4      | 2               | tail | slot of
-/// the next record                          | | 6      | 2               | padding          | | | 8
-/// | 4               | state            | 0 running; other values refuse writes            | | 12
-/// | 4               | overflow_waiters | writers blocked because the queue is full        | | 16
-/// | 4               | empty_waiters    | readers blocked because it is empty (engine)     | | 20
-/// | 4               | arm_version      | 50300, written by every opener without the lock  | | 24
-/// | 4               | ready_for_io     | non-zero once the engine reads (engine)          | | 28
-/// | capacity x 4116 | slots            | the records                                      |
+/// | offset | size     | field            | meaning                                         |
+/// |--------|----------|------------------|-------------------------------------------------|
+/// | 0      | 2        | count            | records now in the queue                        |
+/// | 2      | 2        | head             | slot of the oldest record, the next to be taken |
+/// | 4      | 2        | tail             | slot of the next record                         |
+/// | 6      | 2        | padding          |                                                 |
+/// | 8      | 4        | state            | 0 running; other values refuse writes           |
+/// | 12     | 4        | overflow_waiters | writers blocked because the queue is full       |
+/// | 16     | 4        | empty_waiters    | readers blocked because it is empty (engine)    |
+/// | 20     | 4        | arm_version      | 50300, written by every opener                  |
+/// | 24     | 4        | ready_for_io     | non-zero once the engine reads (engine)         |
+/// | 28     | n x 4116 | slots            | the records                                     |
 ///
 /// Who wakes whom: a writer that makes count 1 raises the "_emp" semaphore, on which the engine
 /// waits; the engine raises "_ovr" when it makes room in a full queue.
@@ -51,7 +53,7 @@ inline constexpr uint32_t ARM_QUEUE_VERSION = 50300;
 /// Queue states; any value but 0 stops the queue, 1 and 2 also wake everybody who waits on it.
 inline constexpr uint32_t QUEUE_STATE_RUNNING = 0;
 inline constexpr uint32_t QUEUE_STATE_STOPPED = 1;
-inline constexpr uint32_t QUEUE_STATE_CLOSED = 2;
+inline constexpr uint32_t QUEUE_STATE_CLOSED = 2;  ///< what an owner that closes the queue sets
 
 /// Slots of a segment of the given size: rounded down and kept as 16 bits; 0 when the segment is
 /// smaller than its header.

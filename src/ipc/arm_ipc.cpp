@@ -7,7 +7,6 @@
 
 #include "diag/libarmdebug.h"
 #include "diag/traceformat.h"
-#include "diag/wcdebug.h"
 
 // Constructed in this order when the library is loaded, destroyed in the reverse order.
 CkesMutex OutQueueMutex;
@@ -32,10 +31,6 @@ constexpr long QUEUE_FAILED = -9;
 constexpr useconds_t CLOSE_POLL_MICROSECONDS = 1000;
 constexpr int CLOSE_POLLS = 4000;
 
-void log(const char* text) {
-  if (VDebugRun) wcDebug(text);
-}
-
 void passEntryGate() {
   (void)IsClosingMutex.Lock();
   (void)IsClosingMutex.Unlock();
@@ -51,10 +46,17 @@ CSharedQueue<Queue>* enter(CkesMutex& mutex, std::atomic<int32_t>& count,
                            CSharedQueue<Queue>* const& queue) {
   (void)mutex.Lock();
   addTo(count, 1);
-  CSharedQueue<Queue>* used = queue;
+  CSharedQueue<Queue>* used = __atomic_load_n(&queue, __ATOMIC_ACQUIRE);
   if (used != nullptr) used->Acquire();
   (void)mutex.Unlock();
   return used;
+}
+
+/// Ends a use of a queue.  When the mutex that orders the uses is gone, the process is ending, and the
+/// queue is left to that.
+template <typename Queue>
+void endUse(const CkesMutex& mutex, CSharedQueue<Queue>* used) {
+  if (used != nullptr && mutex.IsInitialized()) used->Release();
 }
 
 /// Changes the count and ends the use of the queue.
@@ -63,17 +65,16 @@ void leave(CkesMutex& mutex, std::atomic<int32_t>& count, int32_t by, CSharedQue
   (void)mutex.Lock();
   addTo(count, by);
   (void)mutex.Unlock();
-  if (used != nullptr) used->Release();
+  endUse(mutex, used);
 }
 
 /// Takes a queue out of the connection and ends the connection's use of it.
 template <typename Queue>
 void closeQueue(CkesMutex& mutex, CSharedQueue<Queue>*& queue) {
   (void)mutex.Lock();
-  CSharedQueue<Queue>* closed = queue;
-  queue = nullptr;
+  auto* closed = __atomic_exchange_n(&queue, nullptr, __ATOMIC_ACQ_REL);
   (void)mutex.Unlock();
-  if (closed != nullptr) closed->Release();
+  endUse(mutex, closed);
 }
 
 /// What keeps a request queue from being used, null when nothing does.
@@ -93,8 +94,8 @@ CSharedQueue<TRequestQueue>* openRequestQueue() {
     queue->SetOverflowWait(false);
     return queue;
   }
-  log("InitializeIPC, OutQueue failure\n");
-  if (*failure != '\0') log(failure);
+  traceText("InitializeIPC, OutQueue failure\n");
+  if (*failure != '\0') traceText(failure);
   if (queue != nullptr) queue->Release();
   return nullptr;
 }
@@ -109,16 +110,24 @@ void unlockQueues() {
   (void)OutQueueMutex.Unlock();
 }
 
-/// Ends the connection's use of a queue whose pointer has been overwritten.
+/// Stores a queue and returns the one whose pointer that overwrites.  A pointer is stored when its
+/// queue is complete: a process forked meanwhile finds all or nothing.
 template <typename Queue>
-void releaseReplaced(CSharedQueue<Queue>* replaced) {
-  if (replaced != nullptr) replaced->Release();
+CSharedQueue<Queue>* replace(CSharedQueue<Queue>*& queue, CSharedQueue<Queue>* by) {
+  return __atomic_exchange_n(&queue, by, __ATOMIC_ACQ_REL);
+}
+
+// Written by words: more than one thread may come here.
+void copyEngineID() {
+  const TIPCIdentifier id = GetEngineID();
+  storeShared(engineID.processId, id.processId);
+  storeShared(engineID.threadId, id.threadId);
 }
 
 void giveUpReplyQueue() {
-  log("InitializeIPC, Failed to create InQueue\n");
+  traceText("InitializeIPC, Failed to create InQueue\n");
   CloseIPC();
-  engineID = GetEngineID();
+  copyEngineID();
   // Deliberate: unlocked a second time.  CkesMutex tolerates it.
   unlockQueues();
 }
@@ -130,11 +139,11 @@ long resultOfPut(long code) {
 
 bool engineIsUsable(const TRequestQueue* queue) {
   if (queue == nullptr) {
-    log("IsEngineAlive: OutQueue is NULL\n");
+    traceText("IsEngineAlive: OutQueue is NULL\n");
     return false;
   }
   if (!queue->CreatorAlive()) {
-    log("IsEngineAlive: CreatorAlive failed\n");
+    traceText("IsEngineAlive: CreatorAlive failed\n");
     return false;
   }
   const unsigned long version = queue->GetArmVersion();
@@ -151,24 +160,22 @@ bool engineIsUsable(const TRequestQueue* queue) {
 bool InitializeIPC() {
   passEntryGate();
   lockQueues();
+  CSharedQueue<TRequestQueue>* requests = openRequestQueue();
   // Two threads that both found the engine dead may come here one after the other: the pointers of
   // the first are overwritten by the second.
-  CSharedQueue<TRequestQueue>* replacedRequests = OutQueue;
-  CSharedQueue<TReplyQueue>* replacedReplies = InQueue;
-  // A pointer is stored when its queue is complete: a process forked meanwhile finds all or
-  // nothing.
-  OutQueue = openRequestQueue();
-  if (OutQueue == nullptr) {
+  CSharedQueue<TRequestQueue>* replacedRequests = replace(OutQueue, requests);
+  if (requests == nullptr) {
     unlockQueues();
-    releaseReplaced(replacedRequests);
+    endUse(OutQueueMutex, replacedRequests);
     return false;
   }
-  InQueue = new (std::nothrow) CSharedQueue<TReplyQueue>(REPLY_QUEUE_NAME, false);
-  const bool usable = InQueue != nullptr && InQueue->IsInitialized();
-  if (usable) engineID = GetEngineID();
+  auto* replies = new (std::nothrow) CSharedQueue<TReplyQueue>(REPLY_QUEUE_NAME, false);
+  const bool usable = replies != nullptr && replies->IsInitialized();
+  CSharedQueue<TReplyQueue>* replacedReplies = replace(InQueue, replies);
+  if (usable) copyEngineID();
   unlockQueues();
-  releaseReplaced(replacedRequests);
-  releaseReplaced(replacedReplies);
+  endUse(OutQueueMutex, replacedRequests);
+  endUse(InQueueMutex, replacedReplies);
   if (!usable) giveUpReplyQueue();
   return usable;
 }

@@ -5,11 +5,6 @@
 
 namespace {
 
-long recorded(long result, const char* where) {
-  if (result != 0) (void)CkesErrorManager::SetError(result, where);
-  return result;
-}
-
 /// Runs the work with the event's mutex held; the mutex's own results are not looked at.
 template <typename Work>
 long underMutex(CkesMutex& mutex, Work work) {
@@ -35,29 +30,33 @@ CkesEvent::~CkesEvent() {
 }
 
 long CkesEvent::Wait() {
-  if (!VInitialized) return recorded(ERR_NOT_INITIALIZED, "CkesEvent::Wait()");
-  return recorded(underMutex(VMutex, [this] { return implWait(); }), "CkesEvent::Wait()");
+  if (!VInitialized) return CkesErrorManager::Record(ERR_NOT_INITIALIZED, "CkesEvent::Wait()");
+  return CkesErrorManager::Record(underMutex(VMutex, [this] { return implWait(); }),
+                                  "CkesEvent::Wait()");
 }
 
 long CkesEvent::Wait(long milliseconds) {
-  if (!VInitialized) return recorded(ERR_NOT_INITIALIZED, "CkesEvent::Wait(long)");
-  return recorded(underMutex(VMutex, [this, milliseconds] { return implWait(milliseconds); }),
-                  "CkesEvent::Wait(long)");
+  if (!VInitialized) return CkesErrorManager::Record(ERR_NOT_INITIALIZED, "CkesEvent::Wait(long)");
+  return CkesErrorManager::Record(
+      underMutex(VMutex, [this, milliseconds] { return implWait(milliseconds); }),
+      "CkesEvent::Wait(long)");
 }
 
 long CkesEvent::Signal() {
-  if (!VInitialized) return recorded(ERR_NOT_INITIALIZED, "CkesEvent::Signal()");
-  return recorded(underMutex(VMutex, [this] { return implSignal(); }), "CkesEvent::Signal()");
+  if (!VInitialized) return CkesErrorManager::Record(ERR_NOT_INITIALIZED, "CkesEvent::Signal()");
+  return CkesErrorManager::Record(underMutex(VMutex, [this] { return implSignal(); }),
+                                  "CkesEvent::Signal()");
 }
 
 long CkesEvent::Pulse() {
   // Deliberate: the recorded name is not the operation's own.  Readers of error trails know it so.
   static constexpr const char* where = "CkesEvent::SignalAll()";
-  if (!VInitialized) return recorded(ERR_NOT_INITIALIZED, where);
-  return recorded(underMutex(VMutex, [this] { return implPulse(); }), where);
+  if (!VInitialized) return CkesErrorManager::Record(ERR_NOT_INITIALIZED, where);
+  return CkesErrorManager::Record(underMutex(VMutex, [this] { return implPulse(); }), where);
 }
 
 long CkesEvent::Reset() {
-  if (!VInitialized) return recorded(ERR_NOT_INITIALIZED, "CkesEvent::Reset()");
-  return recorded(underMutex(VMutex, [this] { return implReset(); }), "CkesEvent::Reset()");
+  if (!VInitialized) return CkesErrorManager::Record(ERR_NOT_INITIALIZED, "CkesEvent::Reset()");
+  return CkesErrorManager::Record(underMutex(VMutex, [this] { return implReset(); }),
+                                  "CkesEvent::Reset()");
 }

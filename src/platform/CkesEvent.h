@@ -27,6 +27,7 @@ class CkesEvent {
   CkesEvent(const CkesEvent&) = delete;
   CkesEvent& operator=(const CkesEvent&) = delete;
 
+  /// True when construction succeeded.
   bool IsInitialized() const { return VInitialized; }
 
   /// Passes at once when signalled (an automatic event is then reset); else waits for one wake-up,

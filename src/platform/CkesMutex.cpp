@@ -3,15 +3,6 @@
 #include "diag/CkesErrorManager.h"
 #include "platform/CkesThreadLibrary.h"
 
-namespace {
-
-long recorded(long result, const char* where) {
-  if (result != 0) (void)CkesErrorManager::SetError(result, where);
-  return result;
-}
-
-}  // namespace
-
 CkesMutex::CkesMutex() : VMutex{} {
   if (!CkesThreadLibrary::IsInitialized() && CkesThreadLibrary::Initialize() != 0) return;
   VInitialized.store(implInitialize(), std::memory_order_relaxed);
@@ -23,15 +14,21 @@ CkesMutex::~CkesMutex() {
 }
 
 long CkesMutex::Lock() {
-  return recorded(IsInitialized() ? implLock() : ERR_NOT_INITIALIZED, "CkesMutex::Lock()");
+  return CkesErrorManager::Record(IsInitialized() ? implLock() : ERR_NOT_INITIALIZED,
+                                  "CkesMutex::Lock()");
 }
 
 long CkesMutex::Unlock() {
-  return recorded(IsInitialized() ? implUnlock() : ERR_NOT_INITIALIZED, "CkesMutex::Unlock()");
+  // A holder lets go even when the library's statics have been destroyed meanwhile: somebody may be
+  // waiting.
+  const bool usable = IsInitialized() || HeldByCaller();
+  return CkesErrorManager::Record(usable ? implUnlock() : ERR_NOT_INITIALIZED,
+                                  "CkesMutex::Unlock()");
 }
 
 long CkesMutex::TryLock() {
-  return recorded(IsInitialized() ? implTryLock() : ERR_NOT_INITIALIZED, "CkesMutex::TryLock()");
+  return CkesErrorManager::Record(IsInitialized() ? implTryLock() : ERR_NOT_INITIALIZED,
+                                  "CkesMutex::TryLock()");
 }
 
 void CkesMutex::RenewAfterFork() {

@@ -23,6 +23,7 @@ class CkesMutex {
   CkesMutex(const CkesMutex&) = delete;
   CkesMutex& operator=(const CkesMutex&) = delete;
 
+  /// True when construction succeeded.
   bool IsInitialized() const { return VInitialized.load(std::memory_order_relaxed); }
 
   /// Waits for the mutex; -120, or -122 when it cannot be locked.
@@ -33,6 +34,9 @@ class CkesMutex {
   long Unlock();
   /// Takes the mutex without waiting; -120, -124 when it is held, -122 on any other failure.
   long TryLock();
+
+  /// True when the calling thread holds the mutex.
+  bool HeldByCaller() const { return VHolder.load(std::memory_order_relaxed) == pthread_self(); }
 
   /// In a forked child: makes an initialized mutex free, whoever held it in the parent.
   void RenewAfterFork();

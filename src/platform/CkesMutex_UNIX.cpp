@@ -17,7 +17,7 @@ long CkesMutex::implLock() {
 }
 
 long CkesMutex::implUnlock() {
-  if (VHolder.load(std::memory_order_relaxed) != pthread_self()) return 0;
+  if (!HeldByCaller()) return 0;
   noteReleased();
   return pthread_mutex_unlock(&VMutex) == 0 ? 0 : ERR_UNLOCK;
 }

@@ -10,11 +10,6 @@ constexpr int PATH_BUFFER = 132;
 /// One below the kernel's largest semaphore value.
 constexpr long LARGEST_MAXIMUM = 32766;
 
-long recorded(long result, const char* where) {
-  if (result != 0) (void)CkesErrorManager::SetError(result, where);
-  return result;
-}
-
 bool countsAccepted(long initial, long maximum) {
   return maximum >= 1 && initial <= maximum && maximum <= LARGEST_MAXIMUM;
 }
@@ -22,7 +17,7 @@ bool countsAccepted(long initial, long maximum) {
 }  // namespace
 
 CkesSemaphore::CkesSemaphore(char* name, long initial, long maximum)
-    : VInitialized(false), VNamed(true), VMaximum(maximum), VOwner(false), VSemaphore(-1) {
+    : VInitialized(false), VNamed(true), VMaximum(maximum), VOwner(false), semid(-1) {
   if (!countsAccepted(initial, maximum)) return;
   char path[PATH_BUFFER];
   (void)CIPCUtils::createIPCName(name, nullptr, PATH_LIMIT, path);
@@ -30,14 +25,14 @@ CkesSemaphore::CkesSemaphore(char* name, long initial, long maximum)
 }
 
 CkesSemaphore::CkesSemaphore(char* name)
-    : VInitialized(false), VNamed(true), VMaximum(0), VOwner(false), VSemaphore(-1) {
+    : VInitialized(false), VNamed(true), VMaximum(0), VOwner(false), semid(-1) {
   char path[PATH_BUFFER];
   (void)CIPCUtils::createIPCName(name, nullptr, PATH_LIMIT, path);
   VInitialized = implOpen(path);
 }
 
 CkesSemaphore::CkesSemaphore(long initial, long maximum)
-    : VInitialized(false), VNamed(false), VMaximum(maximum), VOwner(false), VSemaphore(-1) {
+    : VInitialized(false), VNamed(false), VMaximum(maximum), VOwner(false), semid(-1) {
   if (!countsAccepted(initial, maximum)) return;
   VInitialized = implCreate(nullptr, initial, maximum);
 }
@@ -47,14 +42,16 @@ CkesSemaphore::~CkesSemaphore() {
 }
 
 long CkesSemaphore::Wait(long timeout) {
-  return recorded(VInitialized ? implWait(timeout) : ERR_NOT_INITIALIZED, "CkesSemaphore::Wait()");
+  return CkesErrorManager::Record(VInitialized ? implWait(timeout) : ERR_NOT_INITIALIZED,
+                                  "CkesSemaphore::Wait()");
 }
 
 long CkesSemaphore::TryWait() {
-  return recorded(VInitialized ? implTryWait() : ERR_NOT_INITIALIZED, "CkesSemaphore::TryWait()");
+  return CkesErrorManager::Record(VInitialized ? implTryWait() : ERR_NOT_INITIALIZED,
+                                  "CkesSemaphore::TryWait()");
 }
 
 long CkesSemaphore::Post(long count) {
-  return recorded(VInitialized ? implPost(count) : ERR_NOT_INITIALIZED,
-                  "CkesSemaphore::Post(long)");
+  return CkesErrorManager::Record(VInitialized ? implPost(count) : ERR_NOT_INITIALIZED,
+                                  "CkesSemaphore::Post(long)");
 }

@@ -33,6 +33,7 @@ class CkesSemaphore {
   long TryWait();
   /// Adds units; -144 when that would pass the maximum (nothing is added), -143 on failure.
   long Post(long count);
+  /// True when construction succeeded.
   bool IsInitialized() const { return VInitialized; }
 
  private:
@@ -49,5 +50,5 @@ class CkesSemaphore {
   bool VNamed;
   long VMaximum;
   bool VOwner;
-  int VSemaphore;
+  int semid;
 };

@@ -2,12 +2,12 @@
 #include <sys/sem.h>
 
 #include <cerrno>
-#include <cstdint>
 
 #include "diag/libarmdebug.h"
 #include "diag/traceformat.h"
 #include "platform/CkesSemaphore.h"
 #include "platform/namefile.h"
+#include "platform/semaphoreset.h"
 
 namespace {
 
@@ -20,25 +20,11 @@ constexpr int ACCESS = 0666;
 
 constexpr const char* OPEN = "CkesSemaphore_LINUX::implOpen";
 
-/// The fourth argument of semctl, as POSIX leaves it to the caller to define.
-union TSemArgument {
-  int val;
-  semid_ds* buf;
-  unsigned short* array;
-};
-
 bool setValue(int set, int number, long value) {
+  if (value < 0) return false;  // the kernel would refuse it too, but is handed an int
   TSemArgument argument = {};
   argument.val = static_cast<int>(value);
   return semctl(set, number, SETVAL, argument) != -1;
-}
-
-/// One semop, repeated while a signal interrupts it.
-bool operateThroughSignals(int set, sembuf* operations, size_t count) {
-  for (;;) {
-    if (semop(set, operations, count) == 0) return true;
-    if (errno != EINTR) return false;
-  }
 }
 
 }  // namespace
@@ -47,18 +33,18 @@ bool CkesSemaphore::implCreate(char* path, long initial, long maximum) {
   if (!ensureNameFile(path)) return false;
   const key_t key = path != nullptr ? ftok(path, KEY_ID) : 0;
   if (key == -1) return false;
-  VSemaphore = semget(key, SET_SIZE, ACCESS | IPC_CREAT);
-  if (VSemaphore == -1) {
+  semid = semget(key, SET_SIZE, ACCESS | IPC_CREAT);
+  if (semid == -1) {
     // A stale set of the key with fewer semaphores: clear it away and try once more.
-    VSemaphore = semget(key, 1, 0);
-    if (VSemaphore == -1) return false;
-    (void)semctl(VSemaphore, 0, IPC_RMID);
-    VSemaphore = semget(key, SET_SIZE, ACCESS | IPC_CREAT);
-    if (VSemaphore == -1) return false;
+    semid = semget(key, 1, 0);
+    if (semid == -1) return false;
+    (void)semctl(semid, 0, IPC_RMID);
+    semid = semget(key, SET_SIZE, ACCESS | IPC_CREAT);
+    if (semid == -1) return false;
   }
-  if (!setValue(VSemaphore, COUNT, initial)) return false;
-  if (!setValue(VSemaphore, LOCK, 0)) return false;
-  if (!setValue(VSemaphore, MAXIMUM, maximum)) return false;
+  if (!setValue(semid, COUNT, initial)) return false;
+  if (!setValue(semid, LOCK, 0)) return false;
+  if (!setValue(semid, MAXIMUM, maximum)) return false;
   VOwner = true;
   return true;
 }
@@ -71,36 +57,36 @@ bool CkesSemaphore::implOpen(char* path) {
     if (VDebugRun) traceFormatln("%s ftok call failed[%d] for i_Name[%s]", OPEN, errno, path);
     return false;
   }
-  VSemaphore = semget(key, SET_SIZE, 0);
-  if (VSemaphore == -1) {
+  semid = semget(key, SET_SIZE, 0);
+  if (semid == -1) {
     if (VDebugRun) traceFormatln("%s semget call failed[%d] for sem_key[%d]", OPEN, errno, key);
     return false;
   }
-  VMaximum = semctl(VSemaphore, MAXIMUM, GETVAL);
+  VMaximum = semctl(semid, MAXIMUM, GETVAL);
   return true;
 }
 
 long CkesSemaphore::implWait(long) {
   sembuf take = {COUNT, -1, 0};
-  return operateThroughSignals(VSemaphore, &take, 1) ? 0 : ERR_WAIT;
+  return semopThroughSignals(semid, &take, 1) == 0 ? 0 : ERR_WAIT;
 }
 
 long CkesSemaphore::implTryWait() {
   sembuf take = {COUNT, -1, IPC_NOWAIT};
   // Deliberate: an interrupting signal is a failure here, not a reason to repeat.
-  if (semop(VSemaphore, &take, 1) == 0) return 0;
+  if (semop(semid, &take, 1) == 0) return 0;
   return errno == EAGAIN ? ERR_WOULD_BLOCK : ERR_WAIT;
 }
 
 long CkesSemaphore::implPost(long count) {
   if (!implLock()) return ERR_POST;
   long result = 0;
-  const int64_t sum = static_cast<int64_t>(semctl(VSemaphore, COUNT, GETVAL)) + count;
-  if (sum > VMaximum) {
+  // A sum with any count that the caller may pass could overflow.
+  if (count > VMaximum - semctl(semid, COUNT, GETVAL)) {
     result = ERR_MAXIMUM;
   } else {
     sembuf add = {COUNT, static_cast<short>(count), 0};
-    if (semop(VSemaphore, &add, 1) != 0) result = ERR_POST;
+    if (semop(semid, &add, 1) != 0) result = ERR_POST;
   }
   (void)implUnlock();
   return result;
@@ -108,15 +94,15 @@ long CkesSemaphore::implPost(long count) {
 
 bool CkesSemaphore::implLock() {
   sembuf lock[] = {{LOCK, 0, 0}, {LOCK, 1, SEM_UNDO}};
-  return operateThroughSignals(VSemaphore, lock, 2);
+  return semopThroughSignals(semid, lock, 2) == 0;
 }
 
 bool CkesSemaphore::implUnlock() {
   sembuf unlock = {LOCK, -1, IPC_NOWAIT | SEM_UNDO};
-  return semop(VSemaphore, &unlock, 1) == 0;
+  return semop(semid, &unlock, 1) == 0;
 }
 
 bool CkesSemaphore::implDestroy() {
   if (!VOwner) return true;
-  return semctl(VSemaphore, 0, IPC_RMID) != -1;
+  return semctl(semid, 0, IPC_RMID) != -1;
 }

@@ -8,11 +8,6 @@ namespace {
 constexpr int PATH_LIMIT = 125;
 constexpr int PATH_BUFFER = 128;
 
-long recorded(long result, const char* where) {
-  if (result != 0) (void)CkesErrorManager::SetError(result, where);
-  return result;
-}
-
 }  // namespace
 
 CkesSharedMemory::CkesSharedMemory(const char* name, bool owner)
@@ -66,31 +61,33 @@ unsigned long CkesSharedMemory::clippedLength(unsigned long offset) const {
 
 long CkesSharedMemory::Read(unsigned long offset, unsigned long length, void* buffer) {
   static constexpr const char* where = "CkesSharedMemory::Read()";
-  if (!VInitialized) return recorded(ERR_NOT_INITIALIZED, where);
+  if (!VInitialized) return CkesErrorManager::Record(ERR_NOT_INITIALIZED, where);
   if (!fits(offset, length)) {
     length = clippedLength(offset);
-    if (length == 0) return recorded(ERR_READ_EMPTY, where);
+    if (length == 0) return CkesErrorManager::Record(ERR_READ_EMPTY, where);
   }
-  return recorded(implRead(offset, length, buffer), where);
+  return CkesErrorManager::Record(implRead(offset, length, buffer), where);
 }
 
 long CkesSharedMemory::Write(unsigned long offset, unsigned long length, void* buffer) {
   static constexpr const char* where = "CkesSharedMemory::Write()";
-  if (!VInitialized) return recorded(ERR_NOT_INITIALIZED, where);
+  if (!VInitialized) return CkesErrorManager::Record(ERR_NOT_INITIALIZED, where);
   if (!fits(offset, length)) {
     length = clippedLength(offset);
-    if (length == 0) return recorded(ERR_WRITE_EMPTY, where);
-    (void)recorded(ERR_WRITE_CLIPPED, where);
+    if (length == 0) return CkesErrorManager::Record(ERR_WRITE_EMPTY, where);
+    (void)CkesErrorManager::Record(ERR_WRITE_CLIPPED, where);
   }
-  return recorded(implWrite(offset, length, buffer), where);
+  return CkesErrorManager::Record(implWrite(offset, length, buffer), where);
 }
 
 long CkesSharedMemory::Lock() {
-  return recorded(VInitialized ? implLock() : ERR_NOT_INITIALIZED, "CkesSharedMemory::Lock()");
+  return CkesErrorManager::Record(VInitialized ? implLock() : ERR_NOT_INITIALIZED,
+                                  "CkesSharedMemory::Lock()");
 }
 
 long CkesSharedMemory::Unlock() {
-  return recorded(VInitialized ? implUnlock() : ERR_NOT_INITIALIZED, "CkesSharedMemory::Unlock()");
+  return CkesErrorManager::Record(VInitialized ? implUnlock() : ERR_NOT_INITIALIZED,
+                                  "CkesSharedMemory::Unlock()");
 }
 
 bool CkesSharedMemory::CreatorAlive() {

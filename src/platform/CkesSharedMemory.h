@@ -51,10 +51,13 @@ class CkesSharedMemory {
   /// True when semaphore 1 is greater than 1; false also when it cannot be read.
   bool CreatorAlive();
 
+  /// What creation or opening returned: 0, or -250 to -252 or -263.
   long GetInitResult() const { return VInitResult; }
+  /// Where the segment is attached in this process, null when it is not.
   void* GetAddress() const { return VAddress; }
   /// Size in bytes: what was asked for by the creator, the segment's own size for an opener.
   unsigned long GetSize() const { return VSize; }
+  /// True when the segment is open or created.
   bool IsInitialized() const { return VInitialized; }
 
  private:

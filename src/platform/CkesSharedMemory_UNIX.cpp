@@ -11,6 +11,7 @@
 #include "diag/traceformat.h"
 #include "platform/CkesSharedMemory.h"
 #include "platform/namefile.h"
+#include "platform/semaphoreset.h"
 
 #if defined(__SANITIZE_THREAD__)
 extern "C" void __tsan_acquire(void* address);
@@ -251,10 +252,8 @@ long CkesSharedMemory::implWrite(unsigned long offset, unsigned long length, voi
 long CkesSharedMemory::implLock() {
   // Wait until the lock is free and take it, in one step.
   sembuf lock[] = {{LOCK, 0, 0}, {LOCK, 1, SEM_UNDO}};
-  for (;;) {
-    const int result = semop(VSemaphore, lock, 2);
-    if (result >= 0) break;
-    if (errno == EINTR) continue;
+  const int result = semopThroughSignals(VSemaphore, lock, 2);
+  if (result < 0) {
     if (VDebugRun) {
       traceFormat("%s: semop on VSemaphore[%d] failed [%d] errno[%d]\n",
                   "CkesSharedMemory::implLock", VSemaphore, result, errno);

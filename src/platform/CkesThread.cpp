@@ -7,11 +7,6 @@
 
 namespace {
 
-long recorded(long result, const char* where) {
-  if (result != 0) (void)CkesErrorManager::SetError(result, where);
-  return result;
-}
-
 bool createdOrRunning(TThreadState state) {
   return state == THREAD_CREATED || state == THREAD_RUNNING;
 }
@@ -44,50 +39,51 @@ void CkesThread::runBody() {
   (void)CkesThreadLibrary::SetThreadName(VName);
   (void)VStartEvent.Wait();
   Run();
-  VState.store(THREAD_FINISHED, std::memory_order_relaxed);
+  VState.store(THREAD_FINISHED, std::memory_order_release);
   (void)CkesErrorManager::UnregisterThread();
 }
 
 long CkesThread::GetID(unsigned long* id) {
-  if (GetState() == THREAD_INVALID) return recorded(ERR_STATE, "CkesThread::GetID()");
+  if (GetState() == THREAD_INVALID)
+    return CkesErrorManager::Record(ERR_STATE, "CkesThread::GetID()");
   *id = VThread;
   return 0;
 }
 
 long CkesThread::Start() {
   static constexpr const char* where = "CkesThread::Start()";
-  if (GetState() != THREAD_CREATED) return recorded(ERR_STATE, where);
+  if (GetState() != THREAD_CREATED) return CkesErrorManager::Record(ERR_STATE, where);
   VState.store(THREAD_RUNNING, std::memory_order_relaxed);
-  return recorded(VStartEvent.Signal(), where);
+  return CkesErrorManager::Record(VStartEvent.Signal(), where);
 }
 
 long CkesThread::SetPriority(TThreadPriority) {
-  return recorded(createdOrRunning(GetState()) ? ERR_NOT_SUPPORTED : ERR_STATE,
-                  "CkesThread::SetPriority()");
+  return CkesErrorManager::Record(createdOrRunning(GetState()) ? ERR_NOT_SUPPORTED : ERR_STATE,
+                                  "CkesThread::SetPriority()");
 }
 
 long CkesThread::GetPriority(TThreadPriority*) {
-  return recorded(createdOrRunning(GetState()) ? ERR_NOT_SUPPORTED : ERR_STATE,
-                  "CkesThread::GetPriority()");
+  return CkesErrorManager::Record(createdOrRunning(GetState()) ? ERR_NOT_SUPPORTED : ERR_STATE,
+                                  "CkesThread::GetPriority()");
 }
 
 long CkesThread::Join() {
   static constexpr const char* where = "CkesThread::Join()";
   if (GetState() == THREAD_FINISHED) return 0;
-  if (!createdOrRunning(GetState())) return recorded(ERR_STATE, where);
-  return recorded(implJoin(), where);
+  if (!createdOrRunning(GetState())) return CkesErrorManager::Record(ERR_STATE, where);
+  return CkesErrorManager::Record(implJoin(), where);
 }
 
 long CkesThread::Terminate() {
   static constexpr const char* where = "CkesThread::Terminate()";
-  if (GetState() != THREAD_RUNNING) return recorded(ERR_STATE, where);
+  if (GetState() != THREAD_RUNNING) return CkesErrorManager::Record(ERR_STATE, where);
   const long result = implTerminate();
-  VState.store(THREAD_FINISHED, std::memory_order_relaxed);
-  return recorded(result, where);
+  VState.store(THREAD_FINISHED, std::memory_order_release);
+  return CkesErrorManager::Record(result, where);
 }
 
 long CkesThread::GiveWay() {
   static constexpr const char* where = "CkesThread::GiveWay()";
-  if (GetState() != THREAD_RUNNING) return recorded(ERR_STATE, where);
-  return recorded(implGiveWay(), where);
+  if (GetState() != THREAD_RUNNING) return CkesErrorManager::Record(ERR_STATE, where);
+  return CkesErrorManager::Record(implGiveWay(), where);
 }

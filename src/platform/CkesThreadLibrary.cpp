@@ -40,15 +40,13 @@ long CkesThreadLibrary::CreateNewKey(unsigned int* key) {
 long CkesThreadLibrary::SetKeyValue(unsigned int key, void* value) {
   if (!ready()) return ERR_NOT_INITIALIZED;
   const long result = implSetKeyValue(key, value);
-  if (result != 0) (void)CkesErrorManager::SetError(result, "CkesThreadLibrary::SetKeyValue()");
-  return result;
+  return CkesErrorManager::Record(result, "CkesThreadLibrary::SetKeyValue()");
 }
 
 long CkesThreadLibrary::GetKeyValue(unsigned int key, void** value) {
   if (!ready()) return ERR_NOT_INITIALIZED;
   const long result = implGetKeyValue(key, value);
-  if (result != 0) (void)CkesErrorManager::SetError(result, "CkesThreadLibrary::GetKeyValue()");
-  return result;
+  return CkesErrorManager::Record(result, "CkesThreadLibrary::GetKeyValue()");
 }
 
 long CkesThreadLibrary::JoinAll(CkesThread** threads, int count) {
@@ -95,5 +93,6 @@ const char* CkesThreadLibrary::GetThreadName() {
 }
 
 long CkesThreadLibrary::SetThreadName(char* name) {
-  return SetKeyValue(VTNameKey, name);
+  return CkesErrorManager::Record(implSetKeyValue(VTNameKey, name),
+                                  "CkesThreadLibrary::SetKeyValue()");
 }

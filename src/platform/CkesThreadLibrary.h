@@ -24,6 +24,7 @@ class CkesThreadLibrary {
   /// error manager.  -101 when already initialized, else the code of the step that failed; the
   /// library then stays marked initialized.
   static long Initialize();
+  /// True once Initialize has been called.
   static bool IsInitialized();
 
   /// Makes a thread-local key without destructor; -103 on failure (not recorded).
@@ -40,6 +41,7 @@ class CkesThreadLibrary {
   static long GetCurrentThreadName(char* out);
   /// Stores the calling thread's pthread_self() through id.
   static long GetCurrentThreadID(unsigned long* id);
+  /// True when the two identifiers are equal.
   static bool SameThreadIDs(unsigned long a, unsigned long b);
   /// Yields the processor.
   static long GiveWay();

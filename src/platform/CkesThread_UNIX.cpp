@@ -3,10 +3,22 @@
 
 #include <cerrno>
 
+#include "diag/CkesErrorManager.h"
 #include "platform/CkesThread.h"
 
+namespace {
+
+/// A cancelled body does not come back to give its thread's error stack away.
+void whenCancelled(void*) {
+  (void)CkesErrorManager::UnregisterThread();
+}
+
+}  // namespace
+
 void* CkesThread::startRoutine(void* thread) {
+  pthread_cleanup_push(whenCancelled, nullptr);
   static_cast<CkesThread*>(thread)->runBody();
+  pthread_cleanup_pop(0);
   return nullptr;
 }
 

@@ -17,6 +17,13 @@ struct HrtTime {
 /// process.
 void KelpBestGetCurrentTime(uint32_t* seconds, uint32_t* nanoseconds);
 
+/// Held around the conversion, so that no fork comes while one is under way: the child would find the
+/// system's time-zone lock taken for ever.  For the fork handlers: false when the calling thread holds
+/// it already (a signal handler that forks).
+bool lockLocalTime();
+/// Ends what a successful lockLocalTime began.
+void unlockLocalTime();
+
 /// Converts a time stamp into local calendar time (TZ of the process) and splits the nanoseconds by
 /// truncating division.  Any thread; the host's own localtime result is left alone.
 void ConvertToHRT(uint32_t seconds, uint32_t nanoseconds, HrtTime* out);
