@@ -29,6 +29,10 @@ if(ARM_SANITIZE)
   add_compile_options(-fsanitize=${ARM_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${ARM_SANITIZE})
 endif()
+# The fuzzers follow which code an input reaches.
+if(ARM_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
 
 # ---- warnings -----------------------------------------------------------------------------------
 
@@ -43,7 +47,8 @@ target_compile_options(arm_warnings INTERFACE
 
 # Instrumented code makes gcc's flow analysis see paths that do not exist.
 if(ARM_SANITIZE)
-  target_compile_options(arm_warnings INTERFACE -Wno-null-dereference -Wno-maybe-uninitialized)
+  target_compile_options(arm_warnings INTERFACE -Wno-null-dereference
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
 else()
   target_compile_options(arm_warnings INTERFACE -Werror)
 endif()

@@ -13,6 +13,14 @@ bool refuse(std::string* why, std::string sentence) {
   return false;
 }
 
+bool checkPrefix(const EngineOptions& options, std::string* why) {
+  const char* inherited = std::getenv("ARM_AGENT_PREFIX");
+  const std::string prefix = options.prefix.value_or(inherited != nullptr ? inherited : "");
+  if (prefix.size() <= LONGEST_PREFIX && prefix.find('/') == std::string::npos) return true;
+  return refuse(
+      why, "a prefix has at most " + std::to_string(LONGEST_PREFIX) + " characters and no '/'");
+}
+
 bool checkCapacities(const EngineOptions& options, std::string* why) {
   if (options.requests < 1) return refuse(why, "the request queue needs at least one slot");
   if (options.requesters >= 1 && options.requesters <= LARGEST_REQUESTERS) return true;
@@ -29,7 +37,7 @@ std::unique_ptr<EngineQueues> EngineQueues::create(const EngineOptions& options,
 }
 
 bool EngineQueues::make(const EngineOptions& options, std::string* why) {
-  if (!checkCapacities(options, why)) return false;
+  if (!checkPrefix(options, why) || !checkCapacities(options, why)) return false;
   if (options.prefix) (void)setenv("ARM_AGENT_PREFIX", options.prefix->c_str(), 1);
   const NameFiles files = nameFiles();
   if (!makeNameFiles(files, why)) return false;

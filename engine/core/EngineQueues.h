@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -20,6 +21,9 @@ struct EngineOptions {
   bool ready = true;           ///< whether openers find the request queue ready for I/O
 };
 
+/// Longest prefix: with a longer one the paths would be cut, each at a place of its own.
+inline constexpr std::size_t LONGEST_PREFIX = 93;
+
 /// Largest number of requesters: a semaphore set holds 32000 semaphores on an ordinary kernel.
 inline constexpr unsigned LARGEST_REQUESTERS = 31998;
 
@@ -37,6 +41,8 @@ class EngineQueues {
 
   RequestReader& requests() { return *requests_; }
   ReplyWriter& replies() { return *replies_; }
+  /// The path of the request queue's segment, by which this engine is known.
+  const std::string& controlFile() const { return files_.requests; }
 
  private:
   EngineQueues() = default;

@@ -21,6 +21,7 @@ namespace {
 constexpr const char* DIRECTORY = "/var/kelp";
 constexpr int SEMAPHORE_LIMIT = 128;
 constexpr int SEGMENT_LIMIT = 125;
+constexpr int SEMAPHORE_PROJECT = 1;
 constexpr int REPLY_SET_PROJECT = 3;
 
 std::string path(const char* name, int limit) {
@@ -79,7 +80,7 @@ bool PrefixLock::acquire(const std::string& path) {
   // An engine that ends deletes the file: a lock on a file that is no longer the named one is worth
   // nothing.
   for (;;) {
-    const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    const int file = open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0644);
     if (file < 0) return false;
     if (flock(file, LOCK_EX | LOCK_NB) != 0) {
       (void)close(file);
@@ -99,6 +100,11 @@ int liveEngine(const std::string& path) {
   const int set = key != -1 ? semget(key, 2, 0) : -1;
   if (set == -1 || semctl(set, CREATOR, GETVAL) < 2) return 0;
   return semctl(set, CREATOR, GETPID);
+}
+
+int openSemaphoreSet(const std::string& path) {
+  const key_t key = ftok(path.c_str(), SEMAPHORE_PROJECT);
+  return key != -1 ? semget(key, 0, 0) : -1;
 }
 
 void removeLeftovers(const std::string& path) {

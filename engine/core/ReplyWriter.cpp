@@ -25,10 +25,6 @@ union SemArgument {
   unsigned short* array;
 };
 
-bool processLives(int32_t process) {
-  return process > 0 && (kill(process, 0) == 0 || errno == EPERM);
-}
-
 unsigned long segmentSize(uint16_t requesters) {
   return sizeof(TReplyQueueHeader) +
          requesters * (sizeof(TIPCHeadItem) + sizeof(TIPCReplyItem<TArmReplyMessage>));
@@ -36,14 +32,22 @@ unsigned long segmentSize(uint16_t requesters) {
 
 }  // namespace
 
+bool isAlive(const TIPCIdentifier& requester) {
+  return requester.processId > 0 && (kill(requester.processId, 0) == 0 || errno == EPERM);
+}
+
 ReplyWriter::ReplyWriter(uint16_t requesters)
     : capacity_(requesters), memory_(REPLY_BASE, segmentSize(requesters), true) {
   if (!memory_.IsInitialized() || !createSet()) return;
+  lock_set_ = openSemaphoreSet(nameFiles().replies);
   layOut();
   view_ = std::make_unique<CIPCQueue<TArmReplyMessage>>(REPLY_BASE, false);
 }
 
 ReplyWriter::~ReplyWriter() {
+  // The lock goes first: the view takes it once more when it goes, and readers that a stop has woken
+  // give back what they have not taken, so that it may stay taken for ever once they have exited.
+  if (lock_set_ != -1) (void)semctl(lock_set_, 0, IPC_RMID);
   view_.reset();
   if (set_ != -1) (void)semctl(set_, 0, IPC_RMID);
 }
@@ -101,41 +105,51 @@ ReplyWriter::Item* ReplyWriter::itemAt(uint32_t offset) const {
 }
 
 Delivery ReplyWriter::put(const TIPCIdentifier& to, const TArmReplyMessage& reply) {
+  return putOrRepair(to, reply, true);
+}
+
+Delivery ReplyWriter::putToKnown(const TIPCIdentifier& to, const TArmReplyMessage& reply) {
+  return putOrRepair(to, reply, false);
+}
+
+Delivery ReplyWriter::putOrRepair(const TIPCIdentifier& to, const TArmReplyMessage& reply,
+                                  bool claim) {
   if (memory_.Lock() != 0) return Delivery::failed;
-  Delivery delivery = Delivery::linked;
-  TIPCHeadItem* record = claimHead(to);
-  const uint32_t offset = record != nullptr ? takeFreeItem() : 0;
-  if (record == nullptr) {
-    delivery = Delivery::no_head;
-  } else if (offset == 0) {
-    delivery = Delivery::no_item;
-  } else {
-    std::memcpy(&itemAt(offset)->record, &reply, sizeof reply);
-    // The raise comes under the lock, so that the semaphore and the list always agree.
-    const bool linked = append(*record, offset) && raise(loadShared(record->semaphore));
-    if (!linked) delivery = Delivery::failed;
+  Delivery delivery = putLocked(to, reply, claim);
+  const bool hopeless = !claim && delivery == Delivery::no_head;
+  if (delivery != Delivery::linked && !hopeless) {
+    (void)reclaimLocked();
+    delivery = putLocked(to, reply, claim);
   }
   (void)memory_.Unlock();
   return delivery;
 }
 
-/// The requester's head record, found or claimed; null when none can be given.
-TIPCHeadItem* ReplyWriter::claimHead(const TIPCIdentifier& owner) {
+Delivery ReplyWriter::putLocked(const TIPCIdentifier& to, const TArmReplyMessage& reply,
+                                bool claim) {
   TIPCHeadItem* record = nullptr;
-  if (view_->FindHead(owner, true, &record) == 0) return record;
-  if (reclaimLocked() == 0) return nullptr;
-  return view_->FindHead(owner, true, &record) == 0 ? record : nullptr;
+  if (view_->FindHead(to, claim, &record) != 0) return Delivery::no_head;
+  const uint32_t offset = takeFreeItem();
+  if (offset == 0) return Delivery::no_item;
+  std::memcpy(&itemAt(offset)->record, &reply, sizeof reply);
+  // Both come under the lock, so that the semaphore and the list always agree.  Of the two, a raise
+  // without a reply does no harm: the requester finds nothing and waits on.
+  const bool linked = raise(loadShared(record->semaphore)) && append(*record, offset);
+  return linked ? Delivery::linked : Delivery::failed;
 }
 
-/// Takes an item off the free list; 0 when none is free, even without the replies of the departed.
+/// Takes an item off the free list; 0 when none is free.
 uint32_t ReplyWriter::takeFreeItem() {
   auto* header = static_cast<TReplyQueueHeader*>(memory_.GetAddress());
-  if (loadShared(header->free_list) == 0) (void)reclaimLocked();
   const uint32_t offset = loadShared(header->free_list);
   const Item* item = itemAt(offset);
   if (item == nullptr) return 0;
   storeShared(header->free_list, loadShared(item->next));
-  storeShared(header->used_items, static_cast<uint16_t>(loadShared(header->used_items) + 1U));
+  const auto used = static_cast<uint16_t>(loadShared(header->used_items) + 1U);
+  storeShared(header->used_items, used);
+  // A reader that takes from a full queue raises this semaphore.  Nobody waits on it here, and at
+  // its limit that reader's call would fail.
+  if (used >= capacity_) setSemaphore(REPLY_SET_ROOM, 0);
   return offset;
 }
 
@@ -178,36 +192,75 @@ unsigned ReplyWriter::reclaimDeparted() {
 unsigned ReplyWriter::reclaimLocked() {
   unsigned reclaimed = 0;
   for (unsigned i = 0; i < capacity_; ++i) {
-    TIPCHeadItem& record = *head(i);
-    const int32_t process = loadShared(record.process_id);
-    if (process == NULL_IPC_ID.processId || processLives(process)) continue;
-    release(record);
+    if (!hasDeparted(*head(i))) continue;
+    release(*head(i));
     ++reclaimed;
   }
+  rebuildLists();
   return reclaimed;
 }
 
-/// Drops a list and gives its head record back.  A client killed while it waited leaves status 1,
+/// Whether a record's owner has ended.  A process that cannot be seen from here, being in another
+/// container, may still wait.
+bool ReplyWriter::hasDeparted(const TIPCHeadItem& record) const {
+  const TIPCIdentifier owner = {loadShared(record.process_id), loadShared(record.thread_id)};
+  if (owner.processId == NULL_IPC_ID.processId || isAlive(owner)) return false;
+  return semctl(set_, loadShared(record.semaphore), GETNCNT) <= 0;
+}
+
+/// Gives a head record back, without its list.  A client killed while it waited leaves status 1,
 /// and one killed before it took its reply leaves its semaphore raised.
 void ReplyWriter::release(TIPCHeadItem& record) {
-  auto* header = static_cast<TReplyQueueHeader*>(memory_.GetAddress());
-  uint32_t offset = loadShared(record.first_reply);
-  for (unsigned steps = 0; offset != 0 && steps < capacity_; ++steps) {
-    Item* item = itemAt(offset);
-    if (item == nullptr) break;
-    const uint32_t next = loadShared(item->next);
-    storeShared(item->next, loadShared(header->free_list));
-    storeShared(header->free_list, offset);
-    storeShared(header->used_items, static_cast<uint16_t>(loadShared(header->used_items) - 1U));
-    offset = next;
-  }
   storeShared(record.first_reply, 0U);
   storeShared(record.status, HEAD_IDLE);
   storeShared(record.process_id, NULL_IPC_ID.processId);
   storeShared(record.thread_id, NULL_IPC_ID.threadId);
-  storeShared(header->heads_in_use, static_cast<uint16_t>(loadShared(header->heads_in_use) - 1U));
-  SemArgument zero = {};
-  (void)semctl(set_, loadShared(record.semaphore), SETVAL, zero);
+  setSemaphore(loadShared(record.semaphore), 0);
+}
+
+/// Chains every item that no requester's list holds into the free list, and counts anew.
+void ReplyWriter::rebuildLists() {
+  std::vector<bool> linked(capacity_, false);
+  uint16_t owned = 0;
+  for (unsigned i = 0; i < capacity_; ++i) {
+    keepList(*head(i), &linked);
+    if (loadShared(head(i)->process_id) != NULL_IPC_ID.processId) ++owned;
+  }
+  uint16_t used = 0;
+  uint32_t free_list = 0;
+  for (unsigned i = capacity_; i-- > 0;) {
+    if (linked[i]) {
+      ++used;
+    } else {
+      storeShared(itemAt(itemOffset(i))->next, free_list);
+      free_list = itemOffset(i);
+    }
+  }
+  auto* header = static_cast<TReplyQueueHeader*>(memory_.GetAddress());
+  storeShared(header->free_list, free_list);
+  storeShared(header->used_items, used);
+  storeShared(header->heads_in_use, owned);
+}
+
+/// Marks the items of a list, and ends it before a link that cannot be right.
+void ReplyWriter::keepList(TIPCHeadItem& record, std::vector<bool>* linked) {
+  uint32_t* link = &record.first_reply;
+  for (uint32_t offset = loadShared(*link); offset != 0; offset = loadShared(*link)) {
+    Item* item = itemAt(offset);
+    const std::size_t index = item != nullptr ? (offset - itemOffset(0)) / sizeof(Item) : 0;
+    if (item == nullptr || (*linked)[index]) {
+      storeShared(*link, 0U);
+      return;
+    }
+    (*linked)[index] = true;
+    link = &item->next;
+  }
+}
+
+void ReplyWriter::setSemaphore(unsigned short semaphore, int value) {
+  SemArgument argument = {};
+  argument.val = value;
+  (void)semctl(set_, semaphore, SETVAL, argument);
 }
 
 bool ReplyWriter::raise(unsigned short semaphore) {

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "arm/TArmReplyMessage.h"
 #include "ipc/CIPCQueue.h"
@@ -19,6 +20,9 @@ enum class Delivery {
   failed    ///< the queue could not be locked, or holds impossible values
 };
 
+/// Whether a requester's process lives, as far as can be seen.
+bool isAlive(const TIPCIdentifier& requester);
+
 /// The writer's end of the reply queue, and its creator: it owns the segment and the semaphore set
 /// and removes them when it goes.  It never waits for room: a requester has one reply at most, so a
 /// queue without room is one whose replies belong to the departed, and those are dropped.  Any
@@ -33,21 +37,27 @@ class ReplyWriter {
 
   bool isInitialized() const;
 
-  /// Links a reply to the end of the requester's list and wakes the requester.
+  /// Links a reply to the end of the requester's list and wakes the requester, claiming a head
+  /// record for one that has none yet.
   Delivery put(const TIPCIdentifier& to, const TArmReplyMessage& reply);
+  /// The same, but only for a requester that has a head record: one that has none may have given
+  /// its call up for want of one, and would take the reply for that to its next call.
+  Delivery putToKnown(const TIPCIdentifier& to, const TArmReplyMessage& reply);
   /// Cancels the wait of a requester, whose call then fails; false when it has no head record.
   bool cancel(const TIPCIdentifier& to);
   /// Writes the state; 1 and 2 also wake every waiter.
   void setState(uint32_t state);
 
-  /// Frees the head records of processes that have ended, and drops their replies; returns how
-  /// many.
+  /// Frees the head records of processes that have ended, drops their replies, and puts lists and
+  /// counts right that a killed process has left half changed.  Returns the records freed.
   unsigned reclaimDeparted();
 
   /// Items that hold a reply now.
   unsigned usedItems() const;
   /// Head records that belong to a requester now.
   unsigned headsInUse() const;
+  /// Whether a new requester may find no head record.
+  bool isCrowded() const { return headsInUse() >= capacity_; }
   uint16_t capacity() const { return capacity_; }
 
  private:
@@ -58,16 +68,22 @@ class ReplyWriter {
   TIPCHeadItem* head(unsigned index) const;
   uint32_t itemOffset(unsigned index) const;
   Item* itemAt(uint32_t offset) const;
-  TIPCHeadItem* claimHead(const TIPCIdentifier& owner);
   uint32_t takeFreeItem();
+  Delivery putLocked(const TIPCIdentifier& to, const TArmReplyMessage& reply, bool claim);
+  Delivery putOrRepair(const TIPCIdentifier& to, const TArmReplyMessage& reply, bool claim);
   bool append(TIPCHeadItem& head, uint32_t offset);
   unsigned reclaimLocked();
+  bool hasDeparted(const TIPCHeadItem& head) const;
   void release(TIPCHeadItem& head);
+  void rebuildLists();
+  void keepList(TIPCHeadItem& head, std::vector<bool>* linked);
+  void setSemaphore(unsigned short semaphore, int value);
   bool raise(unsigned short semaphore);
 
   uint16_t capacity_;
   CkesSharedMemory memory_;
   int set_ = -1;
+  int lock_set_ = -1;  ///< the set of memory_
   /// The reader's view of the same queue, for the operations that both sides share.
   std::unique_ptr<CIPCQueue<TArmReplyMessage>> view_;
 };

@@ -1,6 +1,11 @@
 #include "core/RequestReader.h"
 
+#include <sys/ipc.h>
+#include <sys/sem.h>
+
+#include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <string>
 
 #include "core/NameFiles.h"
@@ -27,6 +32,8 @@ RequestReader::RequestReader(uint16_t capacity)
           sizeof(TRequestQueueHeader) + capacity * static_cast<unsigned long>(sizeof(TArmMessage)),
           true) {
   if (!overflow_.IsInitialized() || !empty_.IsInitialized() || !memory_.IsInitialized()) return;
+  empty_set_ = openSemaphoreSet(nameFiles().empty);
+  if (empty_set_ == -1) return;
   auto* start = static_cast<uint8_t*>(memory_.GetAddress());
   header_ = reinterpret_cast<TRequestQueueHeader*>(start);
   slots_ = start + sizeof(TRequestQueueHeader);
@@ -49,38 +56,65 @@ void RequestReader::setState(uint32_t state) {
   (void)view_->SetState(state);
 }
 
-bool RequestReader::take(TArmMessage& message) {
-  if (memory_.Lock() != 0) return false;
-  const bool taken = waitForRequest() && takeLocked(message);
+Taken RequestReader::take(TArmMessage& message, std::chrono::milliseconds limit) {
+  if (memory_.Lock() != 0) return Taken::stopped;
+  const Taken taken = waitForRequest(std::chrono::steady_clock::now() + limit);
+  if (taken == Taken::request) takeLocked(message);
   (void)memory_.Unlock();
   return taken;
+}
+
+bool RequestReader::take(TArmMessage& message) {
+  // Waits are limited because a writer that is killed after it has counted its request, and before
+  // it has raised the semaphore, wakes nobody; nor does a later one, who finds the queue not empty.
+  constexpr std::chrono::seconds LONGEST_WAIT{1};
+  Taken taken = Taken::nothing;
+  while (taken == Taken::nothing) taken = take(message, LONGEST_WAIT);
+  return taken == Taken::request;
 }
 
 bool RequestReader::tryTake(TArmMessage& message) {
   if (memory_.Lock() != 0) return false;
   repairRing();
-  const bool taken = loadShared(header_->count) > 0 && takeLocked(message);
+  const bool taken = loadShared(header_->count) > 0;
+  if (taken) takeLocked(message);
   (void)memory_.Unlock();
   return taken;
 }
 
-/// Called and left with the segment locked; true when a request can be taken.
-bool RequestReader::waitForRequest() {
+/// What a reader that holds the lock finds.
+Taken RequestReader::look() {
+  if (loadShared(header_->state) != QUEUE_STATE_RUNNING) return Taken::stopped;
+  if (interrupted_.exchange(false)) return Taken::interrupted;
+  return loadShared(header_->count) > 0 ? Taken::request : Taken::nothing;
+}
+
+/// Called and left with the segment locked.
+Taken RequestReader::waitForRequest(std::chrono::steady_clock::time_point end) {
   for (;;) {
     repairRing();
-    if (loadShared(header_->state) != QUEUE_STATE_RUNNING) return false;
-    if (interrupted_.exchange(false)) return false;
-    if (loadShared(header_->count) > 0) return true;
+    const Taken found = look();
+    const auto left = end - std::chrono::steady_clock::now();
+    if (found != Taken::nothing || left <= left.zero()) return found;
     storeShared(header_->empty_waiters, loadShared(header_->empty_waiters) + 1U);
     (void)memory_.Unlock();
-    const long waited = empty_.Wait(0);
+    const bool waited = waitForWriter(left);
     const long locked = memory_.Lock();
     storeShared(header_->empty_waiters, loadShared(header_->empty_waiters) - 1U);
-    if (waited != 0 || locked != 0) return false;
+    if (!waited || locked != 0) return Taken::stopped;
   }
 }
 
-bool RequestReader::takeLocked(TArmMessage& message) {
+/// Takes one unit of the empty-queue semaphore, or lets the time run out; false when it is gone.
+bool RequestReader::waitForWriter(std::chrono::nanoseconds limit) const {
+  constexpr long SECOND = 1'000'000'000;
+  sembuf take_one = {0, -1, 0};
+  const timespec time = {static_cast<time_t>(limit.count() / SECOND),
+                         static_cast<long>(limit.count() % SECOND)};
+  return semtimedop(empty_set_, &take_one, 1, &time) == 0 || errno == EAGAIN || errno == EINTR;
+}
+
+void RequestReader::takeLocked(TArmMessage& message) {
   const uint16_t count = loadShared(header_->count);
   const uint16_t head = loadShared(header_->head);
   std::memcpy(&message, slots_ + head * sizeof(TArmMessage), sizeof message);
@@ -89,20 +123,23 @@ bool RequestReader::takeLocked(TArmMessage& message) {
   // One unit for each slot that becomes free while writers wait; the library's own writers never
   // do.
   if (loadShared(header_->overflow_waiters) > 0) (void)overflow_.Post(1);
-  return true;
 }
 
-/// Every process may write to the segment.  A ring that cannot be right is emptied: its requests
-/// are lost, the queue goes on.
+/// Every process may write to the segment, and a writer may be killed between two of its steps.  A
+/// tail that disagrees with the count is put right, so that the requests that are counted are
+/// served; a ring with impossible values is emptied: its requests are lost, the queue goes on.
 void RequestReader::repairRing() {
   const unsigned count = loadShared(header_->count);
   const unsigned head = loadShared(header_->head);
   const unsigned tail = loadShared(header_->tail);
-  const bool whole = count <= capacity_ && head < capacity_ && tail == (head + count) % capacity_;
-  if (whole) return;
-  storeShared(header_->count, uint16_t{0});
-  storeShared(header_->head, uint16_t{0});
-  storeShared(header_->tail, uint16_t{0});
+  const bool possible = count <= capacity_ && head < capacity_;
+  const unsigned right = possible ? (head + count) % capacity_ : 0;
+  if (possible && tail == right) return;
+  if (!possible) {
+    storeShared(header_->count, uint16_t{0});
+    storeShared(header_->head, uint16_t{0});
+  }
+  storeShared(header_->tail, static_cast<uint16_t>(right));
   ++repairs_;
 }
 

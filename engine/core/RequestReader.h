@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 
@@ -11,6 +12,14 @@
 #include "platform/CkesSharedMemory.h"
 
 namespace armengine {
+
+/// What became of a wait for a request.
+enum class Taken {
+  request,      ///< one was taken
+  nothing,      ///< none came in time
+  interrupted,  ///< interrupt was called
+  stopped       ///< the state is not 0, or the queue's objects are gone
+};
 
 /// The reader's end of the request queue, and its creator: it owns the segment and both semaphores
 /// and removes them when it goes.  One thread takes; any thread may call the rest.
@@ -28,6 +37,8 @@ class RequestReader {
   /// Writes the state; 1 and 2 also wake every waiter.
   void setState(uint32_t state);
 
+  /// Takes the oldest request, waiting for one for the given time.
+  Taken take(TArmMessage& message, std::chrono::milliseconds limit);
   /// Takes the oldest request, waiting for one.  False when the queue was stopped or interrupted.
   bool take(TArmMessage& message);
   /// Takes the oldest request if there is one.
@@ -38,18 +49,21 @@ class RequestReader {
   /// Requests in the queue now.
   unsigned depth() const;
   uint16_t capacity() const { return capacity_; }
-  /// Times that the ring was found with impossible values and emptied.
+  /// Times that the ring was found with impossible values and repaired.
   unsigned long repairs() const { return repairs_; }
 
  private:
-  bool waitForRequest();
-  bool takeLocked(TArmMessage& message);
+  Taken look();
+  Taken waitForRequest(std::chrono::steady_clock::time_point end);
+  bool waitForWriter(std::chrono::nanoseconds limit) const;
+  void takeLocked(TArmMessage& message);
   void repairRing();
 
   uint16_t capacity_;
   CkesSemaphore overflow_;
   CkesSemaphore empty_;
   CkesSharedMemory memory_;
+  int empty_set_ = -1;  ///< the set behind empty_, whose own wait has no time limit
   TRequestQueueHeader* header_ = nullptr;
   const uint8_t* slots_ = nullptr;
   /// The writer's view of the same queue, for the operations that both sides share.

@@ -33,6 +33,7 @@ void afterFork() {
 
 void inChild() {
   afterFork();
+  renewLocalTimeInForkedChild();
   VInitMutex.RenewAfterFork();
   renewIPCInForkedChild();
   forgetIdentityInForkedChild();

@@ -68,6 +68,8 @@ class CIPCSimpleQueue {
   bool openSegment(const char* name);
   void closeAll();
   bool ringIsDamaged() const;
+  TRingPosition position() const;
+  void setPosition(TRingPosition position);
   void placeAtTail(const T& record);
   void placeAtHead(const T& record);
   void copyToSlot(uint16_t slot, const T& record);
@@ -228,25 +230,38 @@ void CIPCSimpleQueue<T>::copyToSlot(uint16_t slot, const T& message) {
 }
 
 template <typename T>
+TRingPosition CIPCSimpleQueue<T>::position() const {
+  return {loadShared(VHeader->count), loadShared(VHeader->head), loadShared(VHeader->tail),
+          loadShared(VHeader->padding)};
+}
+
+/// One store: a writer that is killed leaves a record that counts, or none.  A tail that has moved
+/// without the count would make the next writer's record one that nobody reads.
+template <typename T>
+void CIPCSimpleQueue<T>::setPosition(TRingPosition position) {
+  __atomic_store(reinterpret_cast<TRingPosition*>(VHeader), &position, __ATOMIC_RELEASE);
+}
+
+template <typename T>
 void CIPCSimpleQueue<T>::placeAtTail(const T& message) {
-  const uint16_t tail = loadShared(VHeader->tail);
-  copyToSlot(tail, message);
-  storeShared(VHeader->tail, static_cast<uint16_t>((tail + 1U) % VCapacity));
-  storeShared(VHeader->count, static_cast<uint16_t>(count() + 1U));
+  TRingPosition ring = position();
+  copyToSlot(ring.tail, message);
+  ring.tail = static_cast<uint16_t>((ring.tail + 1U) % VCapacity);
+  ++ring.count;
+  setPosition(ring);
 }
 
 template <typename T>
 void CIPCSimpleQueue<T>::placeAtHead(const T& message) {
-  uint16_t head = loadShared(VHeader->head);
-  if (count() == 0) {
-    const uint16_t tail = loadShared(VHeader->tail);
-    storeShared(VHeader->tail, static_cast<uint16_t>((tail + 1U) % VCapacity));
+  TRingPosition ring = position();
+  if (ring.count == 0) {
+    ring.tail = static_cast<uint16_t>((ring.tail + 1U) % VCapacity);
   } else {
-    head = static_cast<uint16_t>(head == 0 ? VCapacity - 1U : head - 1U);
-    storeShared(VHeader->head, head);
+    ring.head = static_cast<uint16_t>(ring.head == 0 ? VCapacity - 1U : ring.head - 1U);
   }
-  copyToSlot(head, message);
-  storeShared(VHeader->count, static_cast<uint16_t>(count() + 1U));
+  copyToSlot(ring.head, message);
+  ++ring.count;
+  setPosition(ring);
 }
 
 /// After a put: wakes the reader of a queue that was empty; else drains the overflow semaphore of

@@ -47,6 +47,20 @@ static_assert(offsetof(TRequestQueueHeader, empty_waiters) == 16);
 static_assert(offsetof(TRequestQueueHeader, arm_version) == 20);
 static_assert(offsetof(TRequestQueueHeader, ready_for_io) == 24);
 
+/// The words of the header that say where the records are, which a writer stores as one.
+struct alignas(8) TRingPosition {
+  uint16_t count;
+  uint16_t head;
+  uint16_t tail;
+  uint16_t padding;
+};
+
+static_assert(sizeof(TRingPosition) == 8);
+static_assert(offsetof(TRingPosition, count) == offsetof(TRequestQueueHeader, count));
+static_assert(offsetof(TRingPosition, head) == offsetof(TRequestQueueHeader, head));
+static_assert(offsetof(TRingPosition, tail) == offsetof(TRequestQueueHeader, tail));
+static_assert(offsetof(TRingPosition, padding) == offsetof(TRequestQueueHeader, padding));
+
 /// The only value of arm_version that this library accepts.
 inline constexpr uint32_t ARM_QUEUE_VERSION = 50300;
 

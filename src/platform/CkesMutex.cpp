@@ -21,9 +21,8 @@ long CkesMutex::Lock() {
 long CkesMutex::Unlock() {
   // A holder lets go even when the library's statics have been destroyed meanwhile: somebody may be
   // waiting.
-  const bool usable = IsInitialized() || HeldByCaller();
-  return CkesErrorManager::Record(usable ? implUnlock() : ERR_NOT_INITIALIZED,
-                                  "CkesMutex::Unlock()");
+  if (HeldByCaller()) return CkesErrorManager::Record(implUnlock(), "CkesMutex::Unlock()");
+  return IsInitialized() ? 0 : CkesErrorManager::Record(ERR_NOT_INITIALIZED, "CkesMutex::Unlock()");
 }
 
 long CkesMutex::TryLock() {

@@ -4,6 +4,8 @@
 
 #include <atomic>
 
+#include "platform/threadmark.h"
+
 /// A plain, non-recursive mutex of the process.  Results are 0 or a negative code, which is also
 /// recorded with the error manager.  Any thread may call any operation; a thread that locks twice
 /// deadlocks.
@@ -36,7 +38,7 @@ class CkesMutex {
   long TryLock();
 
   /// True when the calling thread holds the mutex.
-  bool HeldByCaller() const { return VHolder.load(std::memory_order_relaxed) == pthread_self(); }
+  bool HeldByCaller() const { return VHolder.load(std::memory_order_relaxed) == threadMark(); }
 
   /// In a forked child: makes an initialized mutex free, whoever held it in the parent.
   void RenewAfterFork();
@@ -50,12 +52,12 @@ class CkesMutex {
   long implUnlock();
   long implTryLock();
   // A wait on a condition variable gives the mutex up and takes it again by itself.
-  void noteReleased() { VHolder.store(0, std::memory_order_relaxed); }
-  void noteTaken() { VHolder.store(pthread_self(), std::memory_order_relaxed); }
+  void noteReleased() { VHolder.store(nullptr, std::memory_order_relaxed); }
+  void noteTaken() { VHolder.store(threadMark(), std::memory_order_relaxed); }
 
   std::atomic<bool> VInitialized{false};
   pthread_mutex_t VMutex;
-  /// The thread that holds the mutex, 0 when none does: POSIX leaves unlocking a mutex that the
+  /// The mark of the thread that holds the mutex, null when none does: POSIX leaves unlocking a mutex that the
   /// caller does not hold undefined, so it is recognised here.
-  std::atomic<pthread_t> VHolder{0};
+  std::atomic<const void*> VHolder{nullptr};
 };

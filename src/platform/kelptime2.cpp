@@ -23,6 +23,10 @@ void unlockLocalTime() {
   (void)pthread_mutex_unlock(&localTimeMutex);
 }
 
+void renewLocalTimeInForkedChild() {
+  localTimeMutex = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
+}
+
 void ConvertToHRT(uint32_t seconds, uint32_t nanoseconds, HrtTime* out) {
   const auto time = static_cast<std::time_t>(seconds);
   out->calendar = {};

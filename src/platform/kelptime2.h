@@ -23,6 +23,9 @@ void KelpBestGetCurrentTime(uint32_t* seconds, uint32_t* nanoseconds);
 bool lockLocalTime();
 /// Ends what a successful lockLocalTime began.
 void unlockLocalTime();
+/// In a forked child: makes the lock free.  The child cannot unlock it, since the mutex knows its
+/// holder by the parent's thread.
+void renewLocalTimeInForkedChild();
 
 /// Converts a time stamp into local calendar time (TZ of the process) and splits the nanoseconds by
 /// truncating division.  Any thread; the host's own localtime result is left alone.

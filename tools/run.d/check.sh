@@ -48,7 +48,7 @@ sources() { # DIR... : the C and C++ files below the directories that exist
 }
 
 format_check() {
-    sources include src engine examples tests | xargs clang-format --dry-run -Werror
+    sources include src engine examples tests bench | xargs clang-format --dry-run -Werror
 }
 
 lint() {

@@ -1,7 +1,9 @@
 # Set-up of the machine: Debian packages, and the 32-bit ICU in a private directory.
 
-BUILD_PACKAGES="g++-multilib cmake ninja-build libicu-dev googletest pkg-config strace"
+BUILD_PACKAGES="g++-multilib cmake ninja-build libicu-dev googletest pkg-config strace valgrind"
 CLANG_PACKAGES="clang"
+FUZZ_PACKAGES="libclang-rt-dev"
+MODEL_PACKAGES="spin"
 LINT_PACKAGES="clang-format clang-tidy"
 
 SYSROOT=build/sysroot-i386

@@ -1,0 +1,497 @@
+"""Measures libarm: one function for each table.  Started by './run bench', in private namespaces.
+
+  bench.py [NAME...]   measures these tables, or all; results go to build/bench
+  bench.py docs        puts the results there into docs/performance.md
+"""
+
+import datetime
+import json
+import os
+import platform
+import re
+import subprocess
+import sys
+import time
+
+import plots
+from measure import (OUT, PROCESSOR, ROOT, WIDTHS, Engine, Table, client, environment, library,
+                     median, memory_of, number, percent, pin, program, ratio, run, spread)
+
+# Copies in the C library must not be counted as one instruction per byte, on either side.
+PLAIN_COPIES = ("glibc.cpu.x86_rep_movsb_threshold=0x40000000:"
+                "glibc.cpu.x86_rep_stosb_threshold=0x40000000")
+
+
+# ---- counts and the floor ------------------------------------------------------------------------
+
+def count_instructions(width, name):
+    calls = 200
+    counter = subprocess.run(
+        ["valgrind", "--tool=callgrind", "--toggle-collect=countedCalls",
+         "--callgrind-out-file=/dev/null", program(width, "bench_client"), "counted",
+         "--calls", str(calls), name],
+        env=environment(GLIBC_TUNABLES=PLAIN_COPIES), stdout=subprocess.DEVNULL,
+        stderr=subprocess.PIPE, text=True, check=False)
+    collected = re.search(r"Collected : (\d+)", counter.stderr)
+    if counter.returncode != 0 or collected is None:
+        raise SystemExit("bench: callgrind failed\n" + counter.stderr)
+    return int(collected.group(1)) / calls
+
+
+def instructions():
+    """Instructions in user space of one arm_start."""
+    table = Table("Instructions in user space, one arm_start",
+                  ["width", "libarm", "bare client", "ratio"])
+    for width in WIDTHS:
+        with Engine(width):
+            counts = {name: count_instructions(width, name) for name in ("arm", "floor")}
+        table.add(width, number(counts["arm"], 0), number(counts["floor"], 0),
+                  number(counts["arm"] / counts["floor"]))
+        table.data[width] = counts
+    return table
+
+
+def floor():
+    """libarm and the bare client in turns, against the same engine, on one processor."""
+    table = Table("One arm_start beside the bare client's, one processor, microseconds per call",
+                  ["width", "threads", "libarm", "bare", "elapsed ratio", "libarm CPU", "bare CPU",
+                   "CPU ratio", "spread"])
+    for width in WIDTHS:
+        with Engine(width):
+            for threads in (1, 4, 16, 64):
+                got = client(width, "compare", "--calls", 6400, "--rounds", 15, "--threads",
+                             threads, "arm", "floor")
+                arm, bare = got["arm"], got["floor"]
+                table.add(width, threads, number(median(arm["elapsed_us"])),
+                          number(median(bare["elapsed_us"])),
+                          number(ratio(arm["elapsed_us"], bare["elapsed_us"]), 3),
+                          number(median(arm["cpu_us"])), number(median(bare["cpu_us"])),
+                          number(ratio(arm["cpu_us"], bare["cpu_us"]), 3),
+                          percent(spread(arm["elapsed_us"])))
+                table.data["%s, %d" % (width, threads)] = got
+    table.notes.append("Medians of 15 rounds in turns; ratios are medians of the rounds' ratios. "
+                       "CPU is the client's alone.")
+    return table
+
+
+def heads():
+    """The caller's head record among few and among many."""
+    table = Table("One arm_start with the caller's head record last, microseconds",
+                  ["width", "libarm, last of 16", "libarm, last of 16000", "ratio",
+                   "bare client that scans, last of 16000"])
+    for width in WIDTHS:
+        costs = {16: [], 16000: [], "scan": []}
+        with Engine(width, "--heads", 16, "--remember", prefix="few"), \
+             Engine(width, "--heads", 16000, "--remember", prefix="many"):
+            for _ in range(9):
+                for count, prefix in ((16, "few"), (16000, "many")):
+                    got = client(width, "heads", "--fill", count - 1, "--calls", 2000,
+                                 "--rounds", 2, "arm", "scan", prefix=prefix)
+                    costs[count].append(median(got["arm"]["elapsed_us"]))
+                    if count == 16000:
+                        costs["scan"].append(median(got["scan"]["elapsed_us"]))
+        table.add(width, number(median(costs[16])), number(median(costs[16000])),
+                  number(ratio(costs[16000], costs[16]), 3), number(median(costs["scan"])))
+        table.data[width] = costs
+    return table
+
+
+# ---- the engine ----------------------------------------------------------------------------------
+
+HABITS = {
+    "one at a time, raised under the lock": ["--batch", 1, "--raise", "locked"],
+    "one at a time, raised after the unlock": ["--batch", 1, "--raise", "after"],
+    "up to 64 at once, raised under the lock": ["--batch", 64, "--raise", "locked"],
+    "up to 64 at once, raised one by one after it": ["--batch", 64, "--raise", "after"],
+    "up to 64 at once, raised together after it": ["--batch", 64, "--raise", "together"],
+}
+PLAIN_HABITS = next(iter(HABITS))
+
+
+def engine_costs(width, engines, threads, rounds):
+    """Client's elapsed and CPU time and the engine's CPU time per call, engine by engine."""
+    calls = 6400
+    costs = {name: {"elapsed": [], "client": [], "engine": []} for name in engines}
+    for _ in range(rounds):
+        for name, engine in engines.items():
+            before = engine.cpu_us()
+            got = client(width, "compare", "--calls", calls, "--rounds", 1, "--threads", threads,
+                         "either", prefix=engine.prefix)["either"]
+            # A round that warms up comes first and counts for the engine.
+            costs[name]["engine"].append((engine.cpu_us() - before) / calls / 2)
+            costs[name]["elapsed"].append(got["elapsed_us"][0])
+            costs[name]["client"].append(got["cpu_us"][0])
+    return costs
+
+
+def engine():
+    """Engines with different habits, and the reference engine, with 64 callers."""
+    table = Table("Engines with 64 calling threads, one processor, 64-bit",
+                  ["engine", "heads", "us per call", "calls/s, times the first", "client CPU us",
+                   "engine CPU us", "engine memory, KB"])
+    width = "64-bit"
+    for count in (1000, 31998):
+        engines = {}
+        for index, (name, habits) in enumerate(HABITS.items()):
+            engines[name] = Engine(width, "--heads", count, *habits, prefix="h%d" % index)
+        engines["armengine"] = Engine(width, "--requesters", count, "--requests", 1000,
+                                      name="armengine", prefix="a")
+        try:
+            for each in engines.values():
+                each.__enter__()
+            costs = engine_costs(width, engines, 64, 7)
+            for name, cost in costs.items():
+                table.add(name, count, number(median(cost["elapsed"])),
+                          number(ratio(costs[PLAIN_HABITS]["elapsed"], cost["elapsed"])),
+                          number(median(cost["client"])), number(median(cost["engine"])),
+                          engines[name].memory()["rss"])
+            table.data[str(count)] = costs
+        finally:
+            for each in engines.values():
+                each.__exit__()
+    return table
+
+
+# ---- peers ---------------------------------------------------------------------------------------
+
+class TraceSession:
+    """An LTTng session that records the benchmark's tracepoint, stopped at first."""
+
+    def __enter__(self):
+        self.log = open("/tmp/lttng.log", "w", encoding="utf-8")
+        self.daemon = subprocess.Popen(["lttng-sessiond", "--no-kernel", "--group", "root"],
+                                       stdout=self.log, stderr=self.log)
+        for _ in range(100):
+            if os.path.exists("/run/lttng/client-lttng-sessiond"):
+                break
+            time.sleep(0.1)
+        for step in (["create", "bench", "--output=/tmp/lttng"],
+                     ["enable-channel", "-u", "bench", "--overwrite", "--subbuf-size=1M"],
+                     ["enable-event", "-u", "bench:*", "-c", "bench"]):
+            subprocess.run(["lttng"] + step, stdout=self.log, stderr=self.log, check=True)
+        return self
+
+    def __exit__(self, *_):
+        self.daemon.terminate()
+        self.daemon.wait()
+        self.log.close()
+
+
+PEERS_WITH_ANSWER = 9
+
+
+def peers():
+    """What else a program could use, in the same run."""
+    results = os.path.join(OUT, "peers-google-benchmark.json")
+    width = "64-bit"
+    with TraceSession(), Engine(width):
+        command = [program(width, "bench_peers"), "--benchmark_enable_random_interleaving=true",
+                   "--benchmark_repetitions=9", "--benchmark_min_time=0.05",
+                   "--benchmark_out=" + results, "--benchmark_out_format=json"]
+        with open(os.path.join(OUT, "peers.log"), "w", encoding="utf-8") as log:
+            run(command, environment(BENCH_TRACE_SESSION="1"), log)
+    with open(results, encoding="utf-8") as file:
+        runs = json.load(file)["benchmarks"]
+    times = {}
+    for each in sorted(runs, key=lambda one: one["family_index"]):
+        if each["run_type"] == "iteration":
+            name = each["run_name"].replace("/real_time", "")
+            times.setdefault(name, []).append(each["real_time"])
+    return peers_table(times)
+
+
+def peers_table(times):
+    table = Table("One exchange, 64-bit, one processor, microseconds",
+                  ["means", "answered", "median", "spread", "times libarm"])
+    own = median(times["libarm, arm_start"])
+    for index, (name, values) in enumerate(times.items()):
+        table.add(name, "yes" if index < PEERS_WITH_ANSWER else "no", number(median(values), 3),
+                  percent(spread(values)), number(median(values) / own, 3))
+    table.notes.append("Answered: 4116 bytes go out and 528 come back from another process. Not "
+                       "answered: a line of about 20 bytes, two integers, one observation.")
+    table.data = times
+    return table
+
+
+# ---- growth --------------------------------------------------------------------------------------
+
+def growth():
+    """More and more callers of the reference engine."""
+    table = Table("Callers of the reference engine, one processor, 64-bit",
+                  ["callers", "kind", "calls/s", "median us", "99 % us", "99.9 % us"])
+    width = "64-bit"
+    counts = [1, 2, 4, 8, 16, 32, 64, 128, 256]
+    got = {kind: {count: [] for count in counts} for kind in ("threads", "processes")}
+    with Engine(width, name="armengine"):
+        for _ in range(5):
+            for kind, by_count in got.items():
+                for count, results in by_count.items():
+                    results.append(client(width, "latency", "--milliseconds", 300,
+                                          "--" + kind, count))
+    for kind, by_count in got.items():
+        table.data[kind] = {}
+        for count, results in by_count.items():
+            row = {"rate": median([r["calls"] / r["elapsed_us"] * 1e6 for r in results])}
+            for name in ("p50_us", "p99_us", "p999_us"):
+                row[name] = median([r[name] for r in results])
+            table.add(count, kind, number(row["rate"], 0), number(row["p50_us"], 1),
+                      number(row["p99_us"], 1), number(row["p999_us"], 1))
+            table.data[kind][str(count)] = row
+    table.notes.append("Medians of 5 runs of 0.3 s; every caller makes arm_start and arm_stop in "
+                       "turns without a pause.")
+    return table
+
+
+# ---- what a program pays -------------------------------------------------------------------------
+
+TRACE_DIRECTORY = "/var/orv/kestra/common/QDN/logs"
+
+
+def cost_of(width, name, *arguments, prefix=None, **env):
+    got = client(width, "cost", "--rounds", 3, *arguments, name, prefix=prefix, **env)
+    return median(got[name]["elapsed_us"])
+
+
+def clear_traces():
+    for name in os.listdir(TRACE_DIRECTORY):
+        os.remove(os.path.join(TRACE_DIRECTORY, name))
+
+
+def repeated(times, measure):
+    return [measure() for _ in range(times)]
+
+
+def reconnect_time(width):
+    """The first call after the engine was replaced."""
+    with Engine(width):
+        process = subprocess.Popen([program(width, "bench_client"), "reconnect"], text=True,
+                                   preexec_fn=pin, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        process.stdin.write("\n")
+        process.stdin.flush()
+        process.stdout.readline()
+    with Engine(width):
+        process.stdin.write("\n")
+        process.stdin.flush()
+        answer = json.loads(process.stdout.readline())
+        process.communicate()
+    if answer["result"] <= 0:
+        raise SystemExit("bench: the call after the engine's restart failed")
+    return answer["us"]
+
+
+def costs():
+    """Calls outside the ordinary road."""
+    table = Table("What a call costs, microseconds", ["call", *WIDTHS])
+    rows = {}
+
+    def put(name, width, values):
+        rows.setdefault(name, {})[width] = values
+
+    for width in WIDTHS:
+        put("arm_start, an engine was never there", width, repeated(
+            7, lambda: cost_of(width, "none", "--calls", 2000, "--no-engine", prefix="nobody")))
+        with Engine(width, prefix="dead"):
+            pass
+        put("arm_start, the engine has died", width, repeated(
+            7, lambda: cost_of(width, "none", "--calls", 2000, "--no-engine", prefix="dead")))
+        with Engine(width):
+            kinds = {
+                "arm_start": ("arm", {}),
+                "arm_start of an ignored transaction": ("ignored", {}),
+                "arm_start with tracing, XML": ("arm", {"ARMDEBUG": "1"}),
+                "arm_start with tracing, basic": ("arm", {"ARMDEBUG": "1",
+                                                          "ARMDEBUGFORMAT": "basic"}),
+            }
+            for _ in range(7):
+                for name, (call, env) in kinds.items():
+                    rows.setdefault(name, {}).setdefault(width, []).append(
+                        cost_of(width, call, "--calls", 1000, **env))
+                    clear_traces()
+            firsts = repeated(15, lambda: client(width, "first"))
+            put("first arm_start of a process", width, [f["first_start_us"] for f in firsts])
+            put("first arm_init, connection open", width, [f["first_init_us"] for f in firsts])
+            put("second arm_init", width, [f["second_init_us"] for f in firsts])
+        put("arm_init after the engine was replaced", width,
+            repeated(9, lambda: reconnect_time(width)))
+    for name, by_width in rows.items():
+        table.add(name, *[number(median(by_width[width])) for width in WIDTHS])
+    table.data = rows
+    return table
+
+
+def share():
+    """arm_start and arm_stop around work of a known length."""
+    table = Table("Share of measuring in a program's time, one processor for program and engine",
+                  ["width", "transaction", "added us", "share", "added CPU us", "share of CPU"])
+    for width in WIDTHS:
+        with Engine(width):
+            for work, calls in ((100, 1000), (1000, 150), (10000, 20)):
+                got = client(width, "share", "--work", work, "--calls", calls, "--rounds", 9)
+                added = {}
+                for kind in ("elapsed_us", "cpu_us"):
+                    pairs = list(zip(got["measured"][kind], got["plain"][kind]))
+                    added[kind] = (median([m - p for m, p in pairs]),
+                                   median([1 - p / m for m, p in pairs]))
+                table.add(width, "%g ms" % (work / 1000), number(added["elapsed_us"][0], 1),
+                          percent(added["elapsed_us"][1]), number(added["cpu_us"][0], 1),
+                          percent(added["cpu_us"][1]))
+                table.data["%s, %d" % (width, work)] = got
+    table.notes.append("Elapsed time holds the engine's work as well, since both share the "
+                       "processor; CPU is the program's alone.")
+    return table
+
+
+# ---- size ----------------------------------------------------------------------------------------
+
+def sections(path):
+    line = subprocess.run(["size", path], stdout=subprocess.PIPE, text=True,
+                          check=True).stdout.splitlines()[1].split()
+    return {"text": int(line[0]), "data": int(line[1]), "bss": int(line[2])}
+
+
+def relocations(path):
+    listing = subprocess.run(["readelf", "-rW", path], stdout=subprocess.PIPE, text=True,
+                             check=True).stdout
+    kinds = re.findall(r"R_(?:386|X86_64)_(\w+)", listing)
+    relative = kinds.count("RELATIVE")
+    return relative, len(kinds) - relative
+
+
+def idle_memory(command, wait_for_line):
+    process = subprocess.Popen(command, text=True, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+    if wait_for_line:
+        process.stdout.readline()
+    else:
+        # The program has been loaded when it sleeps in its read.
+        while True:
+            with open("/proc/%d/stat" % process.pid, encoding="ascii") as file:
+                if file.read().rsplit(") ", 1)[1].startswith("S"):
+                    break
+            time.sleep(0.01)
+    memory = memory_of(process.pid)
+    process.communicate()
+    return memory
+
+
+def size():
+    """The library on disk, at load time and in memory."""
+    table = Table("Size, load time and memory", ["", *WIDTHS])
+    columns = {width: {} for width in WIDTHS}
+    for width, column in columns.items():
+        path = library(width)
+        column.update({"%s, bytes" % name: value for name, value in sections(path).items()})
+        relative, symbolic = relocations(path)
+        column["relocations, relative"] = relative
+        column["relocations, by symbol"] = symbolic
+        plain, linked = program(width, "bench_idle"), program(width, "bench_idle_arm")
+        got = client(width, "spawn", "--calls", 40, "--rounds", 11, plain, linked)
+        column["start and end of an empty program, us"] = median(got[plain]["elapsed_us"])
+        column["the same, linked with libarm, us"] = median(got[linked]["elapsed_us"])
+        for name, command in (("an empty program", [plain]),
+                              ("the same, linked with libarm", [linked])):
+            memory = idle_memory(command, False)
+            column["%s: resident KB" % name] = memory["rss"]
+            column["%s: private KB" % name] = memory["private"]
+        with Engine(width):
+            memory = idle_memory([program(width, "bench_client"), "memory"], True)
+        column["a program after its calls: resident KB"] = memory["rss"]
+        column["a program after its calls: private KB"] = memory["private"]
+        table.data[width] = column
+    for name in columns["32-bit"]:
+        table.add(name, *[number(columns[width][name], 0) for width in WIDTHS])
+    table.notes.append("Load time and memory are mostly those of ICU's libraries, which libarm "
+                       "needs for its conversions.")
+    return table
+
+
+# ---- report --------------------------------------------------------------------------------------
+
+TABLES = {f.__name__: f for f in (instructions, floor, heads, engine, peers, growth, costs, share,
+                                  size)}
+
+
+def first_line(command):
+    return subprocess.run(command, stdout=subprocess.PIPE, text=True,
+                          check=False).stdout.split("\n")[0]
+
+
+# Above this load other programs disturb the figures.
+QUIET = 0.5
+
+
+def machine():
+    """What the figures depend on."""
+    load = os.getloadavg()[0]
+    with open("/proc/cpuinfo", encoding="utf-8") as file:
+        model = re.search(r"model name\s*:\s*(.*)", file.read())
+    return {
+        "date": datetime.date.today().isoformat(),
+        "processor": "%s, %d of them, number %d used" % (
+            model.group(1) if model else platform.machine(), os.cpu_count(), PROCESSOR),
+        "kernel": platform.release(),
+        "C library": " ".join(platform.libc_ver()),
+        "compiler": first_line(["gcc", "--version"]),
+        "other work": "load %.2f before the run%s" % (
+            load, ": the machine was busy, and the times are rough" if load > QUIET else ""),
+    }
+
+
+def store(name, content):
+    with open(os.path.join(OUT, name), "w", encoding="utf-8") as file:
+        file.write(content)
+
+
+def measure_tables(names):
+    os.makedirs(OUT, exist_ok=True)
+    facts = machine()
+    store("machine.json", json.dumps(facts, indent=1))
+    for name, value in facts.items():
+        print("%-20s %s" % (name, value))
+    for name in names:
+        begin = time.monotonic()
+        table = TABLES[name]()
+        store(name + ".json", json.dumps(table.as_json(), indent=1))
+        store(name + ".txt", table.text())
+        print("\n" + table.text(), end="", flush=True)
+        print("  (./run bench %s: %.0f s)" % (name, time.monotonic() - begin), flush=True)
+    plots.draw(OUT)
+
+
+def load(name):
+    with open(os.path.join(OUT, name + ".json"), encoding="utf-8") as file:
+        return json.load(file)
+
+
+def update_docs():
+    """Replaces what stands between the marks of docs/performance.md, and the plots."""
+    path = os.path.join(ROOT, "docs", "performance.md")
+    with open(path, encoding="utf-8") as file:
+        page = file.read()
+
+    def content(mark):
+        name = mark.group(1)
+        if name == "machine":
+            body = "".join("- %s: %s\n" % item for item in load(name).items())
+        else:
+            body = Table.from_json(load(name)).markdown()
+        return "<!-- begin %s -->\n%s<!-- end %s -->" % (name, body, name)
+
+    page = re.sub(r"<!-- begin (\w+) -->\n.*?<!-- end \1 -->", content, page, flags=re.DOTALL)
+    with open(path, "w", encoding="utf-8") as file:
+        file.write(page)
+    plots.draw(OUT, os.path.join(ROOT, "docs", "plots"))
+
+
+def main(names):
+    if names == ["docs"]:
+        update_docs()
+        return
+    unknown = [name for name in names if name not in TABLES]
+    if unknown:
+        raise SystemExit("bench: there is no table '%s', only: %s"
+                         % (unknown[0], " ".join(TABLES)))
+    measure_tables(names or list(TABLES))
+
+
+if __name__ == "__main__":
+    main(sys.argv[1:])

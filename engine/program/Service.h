@@ -1,0 +1,47 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+
+#include "core/EngineQueues.h"
+#include "registry/Dispatcher.h"
+
+namespace armengine {
+
+/// Serves the requests of one engine's queues.  One thread; interrupting the request queue ends it.
+class Service {
+ public:
+  Service(EngineQueues& queues, Dispatcher& dispatcher)
+      : queues_(queues), dispatcher_(dispatcher) {}
+
+  /// Serves until the request queue is interrupted (true), or stopped or removed (false).
+  bool run();
+
+  uint64_t served() const { return served_; }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  struct Undelivered {
+    TIPCIdentifier to;
+    TArmReplyMessage reply;
+  };
+
+  void serve(const TArmMessage& request);
+  Delivery deliver(const TIPCIdentifier& to, const TArmReplyMessage& reply);
+  void forgetUndelivered(const TIPCIdentifier& to);
+  void tidyNowAndThen();
+  void deliverAgain();
+
+  EngineQueues& queues_;
+  Dispatcher& dispatcher_;
+  /// Replies that could not be delivered yet, at most one for each requester.
+  std::deque<Undelivered> undelivered_;
+  /// Requests, the next ones of the queue, that were made while new requesters may have found no
+  /// head record.
+  unsigned doubtful_ = 0;
+  Clock::time_point next_tidying_ = Clock::now();
+  uint64_t served_ = 0;
+};
+
+}  // namespace armengine

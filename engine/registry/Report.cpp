@@ -1,0 +1,168 @@
+#include "registry/Report.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+
+namespace armengine {
+
+namespace {
+
+constexpr std::size_t NAME_LIMIT = 40;
+constexpr std::size_t TEXT_COLUMNS = 2;
+
+using Row = std::vector<std::string>;
+
+bool continuesCharacter(char byte) {
+  return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
+}
+
+/// Length in characters, so that UTF-8 names do not bend the columns.
+std::size_t width(const std::string& utf8) {
+  const auto continuing = std::count_if(utf8.begin(), utf8.end(), continuesCharacter);
+  return utf8.size() - static_cast<std::size_t>(continuing);
+}
+
+std::string withDecimals(double value, const char* unit) {
+  char text[32];
+  const int decimals = value < 9.995 ? 2 : value < 99.95 ? 1 : 0;
+  (void)std::snprintf(text, sizeof text, "%.*f %s", decimals, value, unit);
+  return text;
+}
+
+std::string inMinutes(uint64_t seconds) {
+  char text[48];
+  (void)std::snprintf(text, sizeof text, "%llu min %02llu s",
+                      static_cast<unsigned long long>(seconds / 60),
+                      static_cast<unsigned long long>(seconds % 60));
+  return text;
+}
+
+std::vector<std::size_t> columnWidths(const std::vector<Row>& rows) {
+  std::vector<std::size_t> widths;
+  for (const Row& row : rows) {
+    widths.resize(std::max(widths.size(), row.size()), 0);
+    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], width(row[i]));
+  }
+  return widths;
+}
+
+/// Names to the left of their columns, figures to the right.
+std::string layOut(const std::vector<Row>& rows) {
+  const std::vector<std::size_t> widths = columnWidths(rows);
+  std::string table;
+  for (const Row& row : rows) {
+    for (std::size_t i = 0; i < row.size(); ++i) {
+      const std::string padding(widths[i] - width(row[i]), ' ');
+      if (i > 0) table += "  ";
+      table += i < TEXT_COLUMNS ? row[i] + padding : padding + row[i];
+    }
+    table += '\n';
+  }
+  return table;
+}
+
+Row rowOf(const ClassStatistics& of, bool with_unknown) {
+  Row row = {readableName(of.application, NAME_LIMIT),
+             readableName(of.name, NAME_LIMIT),
+             std::to_string(of.count()),
+             std::to_string(of.good),
+             std::to_string(of.failed),
+             std::to_string(of.aborted)};
+  if (with_unknown) row.push_back(std::to_string(of.unknown));
+  for (const unsigned percent : {50U, 95U, 99U}) {
+    row.push_back(of.count() > 0 ? readableTime(of.times.percentile(percent)) : "-");
+  }
+  row.push_back(of.count() > 0 ? readableTime(of.times.maximum()) : "-");
+  return row;
+}
+
+std::string makeTable(const std::vector<const ClassStatistics*>& all) {
+  const bool with_unknown =
+      std::any_of(all.begin(), all.end(), [](const auto* of) { return of->unknown > 0; });
+  Row heading = {"application", "transaction class", "count", "good", "failed", "aborted"};
+  if (with_unknown) heading.emplace_back("unknown");
+  heading.insert(heading.end(), {"p50", "p95", "p99", "max"});
+  std::vector<Row> rows = {heading};
+  for (const ClassStatistics* of : all) rows.push_back(rowOf(*of, with_unknown));
+  return layOut(rows);
+}
+
+const char* nameOf(Outcome outcome) {
+  switch (outcome) {
+    case Outcome::good:
+      return "good";
+    case Outcome::aborted:
+      return "aborted";
+    case Outcome::failed:
+      return "failed";
+    case Outcome::unknown:
+      break;
+  }
+  return "unknown";
+}
+
+std::string lineOf(const TreeNode& node) {
+  const std::string name = readableName(node.statistics->name, NAME_LIMIT);
+  if (!node.outcome) return name + "  open";
+  return name + "  " + readableTime(node.duration) + "  " + nameOf(*node.outcome);
+}
+
+/// As deep as TreeNode keeps children.
+void drawChildren(const TreeNode& parent, const std::string& indent, std::string* drawing) {
+  const uint64_t left_out = parent.child_count - parent.children.size();
+  for (const auto& child : parent.children) {
+    const bool last = left_out == 0 && child == parent.children.back();
+    *drawing += indent + (last ? "`- " : "|- ") + lineOf(*child) + '\n';
+    drawChildren(*child, indent + (last ? "   " : "|  "), drawing);
+  }
+  if (left_out > 0) *drawing += indent + "`- and " + std::to_string(left_out) + " more\n";
+}
+
+}  // namespace
+
+std::string readableTime(uint64_t nanoseconds) {
+  constexpr uint64_t MINUTE = 60'000'000'000;
+  struct Unit {
+    const char* name;
+    double nanoseconds;
+  };
+  constexpr std::array<Unit, 2> LARGE_UNITS = {{{"s", 1e9}, {"ms", 1e6}}};
+  if (nanoseconds >= MINUTE) return inMinutes(nanoseconds / 1'000'000'000);
+  for (const Unit& unit : LARGE_UNITS) {
+    const double value = static_cast<double>(nanoseconds) / unit.nanoseconds;
+    if (value >= 0.9995) return withDecimals(value, unit.name);
+  }
+  return std::to_string((nanoseconds + 500) / 1000) + " us";
+}
+
+std::string readableName(const std::string& utf8, std::size_t limit) {
+  std::string name = utf8;
+  for (char& byte : name) {
+    const auto code = static_cast<unsigned char>(byte);
+    if (code < 0x20 || code == 0x7F) byte = '?';
+  }
+  if (width(name) <= limit) return name;
+  std::size_t end = 0;
+  for (std::size_t characters = 0; end < name.size(); ++end) {
+    if (!continuesCharacter(name[end]) && ++characters > limit - 3) break;
+  }
+  return name.substr(0, end) + "...";
+}
+
+std::string makeReport(const Registry& registry) {
+  const auto all = registry.statistics();
+  if (all.empty()) return "no transaction class was registered\n";
+  std::string report = makeTable(all);
+  if (registry.openInstances() > 0) {
+    report += "never stopped: " + std::to_string(registry.openInstances()) + "\n";
+  }
+  if (const auto tree = registry.largestTree(); tree != nullptr) {
+    report += "\nthe parent with most children, and its first ones:\n" +
+              readableName(tree->statistics->application, NAME_LIMIT) + ": " + lineOf(*tree) + '\n';
+    drawChildren(*tree, "", &report);
+  }
+  return report;
+}
+
+}  // namespace armengine

@@ -1,0 +1,5 @@
+#pragma once
+
+/// A pointer that no other live thread of the process has, and that costs no call to get.  Says nothing
+/// else; never null.
+const void* threadMark();

@@ -1,0 +1,38 @@
+// The results when the library finds no memory. This program has its own malloc.
+
+#include <cstdlib>
+
+#include "CallTest.h"
+
+namespace {
+
+/// Size of the text that the library keeps for the environment: "ICU_DATA", "=", the directory, 0.
+constexpr size_t kEnvironmentText = 8 + 1 + 34 + 1;
+bool refuse = false;
+
+}  // namespace
+
+extern "C" void* __libc_malloc(size_t size);
+
+extern "C" void* malloc(size_t size) noexcept {
+  return refuse && size == kEnvironmentText ? nullptr : __libc_malloc(size);
+}
+
+namespace armtest {
+namespace {
+
+using NoMemory = CallsWithEngine;
+
+TEST_F(NoMemory, ForTheEnvironmentIsMinus3FromTheRegistrations) {
+  refuse = true;
+  EXPECT_EQ(-3, arm_init("a", "u", 0, nullptr, 0));
+  EXPECT_EQ(-3, arm_getid(5, "n", "d", 0, nullptr, 0));
+  EXPECT_EQ(-3, SetExpectedCodeset("UTF-8"));
+  expectTaken(0);
+  EXPECT_EQ(101, w_ArmInit(0, "a", "u", 0, nullptr, 0));
+  refuse = false;
+  EXPECT_EQ(101, arm_init("a", "u", 0, nullptr, 0));
+}
+
+}  // namespace
+}  // namespace armtest

@@ -1,0 +1,167 @@
+// How often, and when, the status check of a call opens the connection. This program stands between
+// the library and the C library's ftok and semget.
+
+#include <dlfcn.h>
+#include <stdlib.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+
+#include <cstring>
+
+#include "CallTest.h"
+#include "TraceFile.h"
+
+namespace {
+
+int keysOfOverflowSemaphore = 0;
+int keysOfReplySet = 0;
+int setsOpened = 0;
+/// When set, every opening of a reply queue is followed by this version word.
+bool spoilVersion = false;
+
+constexpr const char* kRequestSegment = "/var/kelp/controls_ae.kelp_mem";
+constexpr int kSegmentProject = 2;
+constexpr int kReplySetProject = 3;
+constexpr size_t kVersionOffset = 20;
+
+template <typename Function>
+Function* next(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+key_t realFtok(const char* path, int project) {
+  static auto* const real = next<key_t(const char*, int)>("ftok");
+  return real(path, project);
+}
+
+void writeVersion(uint32_t version) {
+  const int segment = shmget(realFtok(kRequestSegment, kSegmentProject), 1, 0);
+  void* start = shmat(segment, nullptr, 0);
+  if (start == reinterpret_cast<void*>(-1)) abort();
+  __atomic_store_n(reinterpret_cast<uint32_t*>(static_cast<uint8_t*>(start) + kVersionOffset),
+                   version, __ATOMIC_RELAXED);
+  shmdt(start);
+}
+
+}  // namespace
+
+extern "C" key_t ftok(const char* path, int project) __THROW;
+extern "C" key_t ftok(const char* path, int project) __THROW {
+  if (std::strcmp(path, "/var/kelp/controls_ae.kelp_ovr") == 0) ++keysOfOverflowSemaphore;
+  if (project == kReplySetProject) ++keysOfReplySet;
+  return realFtok(path, project);
+}
+
+extern "C" int semget(key_t key, int count, int flags) __THROW;
+extern "C" int semget(key_t key, int count, int flags) __THROW {
+  static auto* const real = next<int(key_t, int, int)>("semget");
+  ++setsOpened;
+  if (spoilVersion && count == 2 &&
+      key == realFtok("/var/kelp/controls_ea.kelp", kReplySetProject)) {
+    writeVersion(12345);
+  }
+  return real(key, count, flags);
+}
+
+namespace armtest {
+namespace {
+
+class EngineStatus : public Calls {
+ protected:
+  /// Attempts to open the connection since the last look.
+  static int attempts() {
+    const int count = keysOfOverflowSemaphore;
+    keysOfOverflowSemaphore = 0;
+    keysOfReplySet = 0;
+    setsOpened = 0;
+    return count;
+  }
+};
+
+TEST_F(EngineStatus, OfAnAbsentEngineIsOneAttemptPerCall) {
+  for (const PostingCall& one : postingCalls()) {
+    EXPECT_EQ(-2, one.call()) << one.name;
+    EXPECT_EQ(1, keysOfOverflowSemaphore) << one.name;
+    EXPECT_EQ(0, setsOpened) << one.name;
+    (void)attempts();
+  }
+}
+
+TEST_F(EngineStatus, OfAConnectedProcessOpensNothing) {
+  ASSERT_TRUE(engine.start());
+  EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
+  EXPECT_EQ(1, keysOfReplySet);
+  EXPECT_EQ(1, attempts());
+  for (const PostingCall& one : postingCalls()) {
+    EXPECT_EQ(100 + one.type, one.call()) << one.name;
+    EXPECT_EQ(0, setsOpened) << one.name;
+    EXPECT_EQ(0, attempts()) << one.name;
+  }
+}
+
+TEST_F(EngineStatus, OfAnEngineThatWentAwayIsOneSecondAttemptAndThenOnePerCall) {
+  ASSERT_TRUE(engine.start());
+  EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
+  (void)attempts();
+  engine.quit();
+  for (const PostingCall& one : postingCalls()) {
+    EXPECT_EQ(-2, one.call()) << one.name;
+    EXPECT_EQ(1, attempts()) << one.name;
+  }
+}
+
+TEST_F(EngineStatus, OfARestartedEngineIsOneAttempt) {
+  ASSERT_TRUE(engine.start());
+  EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
+  for (const PostingCall& one : postingCalls()) {
+    engine.kill();
+    ASSERT_TRUE(engine.start());
+    (void)attempts();
+    EXPECT_EQ(100 + one.type, one.call()) << one.name;
+    EXPECT_EQ(1, attempts()) << one.name;
+  }
+}
+
+TEST_F(EngineStatus, OfAWrongVersionWordIsOneAttemptThatRepairsIt) {
+  ASSERT_TRUE(engine.start());
+  EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
+  (void)attempts();
+  engine.setVersion(1);
+  EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
+  EXPECT_EQ(1, attempts());
+  EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
+  EXPECT_EQ(0, attempts());
+}
+
+TEST_F(EngineStatus, OfAVersionWordThatStaysWrongIsMinus2AfterTwoAttempts) {
+  ASSERT_TRUE(engine.start());
+  setenv("ARMDEBUG", "1", 1);
+  setenv("ARMDEBUGFORMAT", "basic", 1);
+  (void)attempts();
+  spoilVersion = true;
+  EXPECT_EQ(-2, arm_init("a", "u", 0, nullptr, 0));
+  EXPECT_EQ(2, attempts());
+  spoilVersion = false;
+  EXPECT_EQ(0U, engine.taken());
+  const Lines texts = basicTexts(readTrace());
+  ASSERT_LT(4U, texts.size());
+  const Lines end(texts.end() - 4, texts.end());
+  EXPECT_EQ((Lines{"IsEngineAlive: OutQueue version[12345] does not match libarm version[50300]",
+                   "CheckEngineStatus, 2nd InitializeIPC worked, but IsEngineAlive failed.",
+                   "  \aCheckEngineStatus failed", "libarm:arm_init EXIT[-2]"}),
+            end);
+  // Connected with a wrong word: the next call closes, opens and goes on.
+  EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
+  EXPECT_EQ(1, attempts());
+}
+
+TEST_F(EngineStatus, IsNotAskedForByTheCorrelatorKeyAndTheCodesetCalls) {
+  (void)arm_getCorrelatorKey();
+  (void)SetExpectedCodeset("UTF-8");
+  (void)GetExpectedCodeset();
+  EXPECT_EQ(0, attempts());
+}
+
+}  // namespace
+}  // namespace armtest

@@ -1,0 +1,9 @@
+#include "platform/CkesThreadLibrary.h"
+
+namespace {
+
+/// The thread that loads the library initializes its threading layer, through the static mutexes.
+/// Not every test program contains those.
+[[maybe_unused]] const long initialized = CkesThreadLibrary::Initialize();
+
+}  // namespace

@@ -1,0 +1,1091 @@
+// The reader's end of the reply queue, against a segment laid by hand.
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <future>
+#include <memory>
+#include <thread>
+
+#include "ErrorTrail.h"
+#include "Hooks.h"
+#include "RawQueues.h"
+#include "TraceLog.h"
+#include "ipc/CIPCQueue.h"
+#include "process.h"
+
+namespace {
+
+using Queue = CIPCQueue<TArmReplyMessage>;
+using armtest::waitUntil;
+using raw::Bytes;
+using raw::EA;
+using raw::replyRecord;
+
+constexpr const char* kName = "/var/kelp/controls_ea.kelp";
+constexpr _TIPCIdentifier kMe = {1001, 2002};
+constexpr _TIPCIdentifier kOther = {1001, 3003};
+
+Bytes bytesOf(const TArmReplyMessage& reply) {
+  const auto* bytes = reinterpret_cast<const uint8_t*>(&reply);
+  return Bytes(bytes, bytes + sizeof reply);
+}
+
+bool isUnlock(const sembuf* operations, size_t count) {
+  return count == 1 && operations[0].sem_op == -1 && operations[0].sem_flg == 0x1800;
+}
+
+/// Fails every unlock of the segment.
+void failUnlocksOf(const raw::ReplyQueue& replies) {
+  hooks::onSemop = [set = replies.set.id()](int id, const sembuf* operations, size_t count) {
+    return id == set && isUnlock(operations, count) ? EIDRM : hooks::kRunIt;
+  };
+}
+
+// ---- opening ------------------------------------------------------------------------------------
+
+TEST(ReplyQueueOpening, OfARunningQueueIsTraced) {
+  raw::ReplyQueue replies(3);
+  const TraceLog log;
+  const Queue queue(kName, false);
+  EXPECT_TRUE(queue.IsInitialized());
+  EXPECT_TRUE(queue.CreatorAlive());
+  EXPECT_EQ(
+      (Lines{"CIPCQueue<T>::CIPCQueue(const char*,bool) ENTER, name[/var/kelp/controls_ea.kelp] "
+             "remove[0]",
+             "CkesSharedMemory_UNIX::implOpen ENTER - name = /var/kelp/controls_ea.kelp",
+             "CkesSharedMemory_UNIX::implOpen EXIT - name = /var/kelp/controls_ea.kelp",
+             "CIPCQueue_LINUX::implInitialize ENTER - name = /var/kelp/controls_ea.kelp, items = 0",
+             "CIPCQueue_LINUX::implInitialize EXIT - name = /var/kelp/controls_ea.kelp, items = 0",
+             "CIPCQueue<T>::CIPCQueue(const char*,bool) EXIT, name[/var/kelp/controls_ea.kelp] "
+             "remove[0] VInitialized[1]"}),
+      log.lines());
+}
+
+TEST(ReplyQueueOpening, WithoutSegmentHasNoExitLine) {
+  const TraceLog log;
+  EXPECT_FALSE(Queue(kName, false).IsInitialized());
+  EXPECT_EQ(
+      (Lines{"CIPCQueue<T>::CIPCQueue(const char*,bool) ENTER, name[/var/kelp/controls_ea.kelp] "
+             "remove[0]",
+             "CIPCQueue<T>::CIPCQueue(const char*,bool) - ERROR "
+             "-VSharedMemory->GetInitResult() = -250"}),
+      log.lines("CIPCQueue<T>"));
+}
+
+TEST(ReplyQueueOpening, WithoutItsSetFailsWithItsTexts) {
+  raw::ReplyQueue replies(3);
+  replies.waits.remove();
+  const TraceLog log;
+  EXPECT_FALSE(Queue(kName, true).IsInitialized());
+  EXPECT_EQ(
+      (Lines{"CIPCQueue<T>::CIPCQueue(const char*,bool) ENTER, name[/var/kelp/controls_ea.kelp] "
+             "remove[1]",
+             "CIPCQueue_LINUX::implInitialize ENTER - name = /var/kelp/controls_ea.kelp, items = 0",
+             "CIPCQueue_LINUX::implInitialize - ERROR - semget get semaphore id errno = 2",
+             "CIPCQueue<T>::CIPCQueue(const char*,bool) ERROR - VInitialized == 0",
+             "CIPCQueue<T>::CIPCQueue(const char*,bool) EXIT, name[/var/kelp/controls_ea.kelp] "
+             "remove[1] VInitialized[0]"}),
+      log.lines("CIPC"));
+}
+
+TEST(ReplyQueueOpening, OfAStoppedQueueIsRefusedAndDetached) {
+  for (const uint32_t state : {1U, 2U, 5U}) {
+    raw::ReplyQueue replies(3);
+    replies.setState(state);
+    const Bytes before = replies.memory.all();
+    const Queue queue(kName, false);
+    EXPECT_FALSE(queue.IsInitialized());
+    EXPECT_FALSE(queue.CreatorAlive());
+    EXPECT_EQ(before, replies.memory.all());
+    EXPECT_EQ(1U, replies.memory.attachments());
+    EXPECT_FALSE(replies.locked());
+    EXPECT_EQ(1, replies.waits.value(0));
+  }
+}
+
+TEST(ReplyQueueOpening, OfAStoppedQueueEndsWithTheExitLine) {
+  raw::ReplyQueue replies(3);
+  replies.setState(1);
+  const TraceLog log;
+  const Queue queue(kName, false);
+  EXPECT_EQ(
+      (Lines{"CIPCQueue<T>::CIPCQueue(const char*,bool) ENTER, name[/var/kelp/controls_ea.kelp] "
+             "remove[0]",
+             "CIPCQueue<T>::CIPCQueue(const char*,bool) EXIT, name[/var/kelp/controls_ea.kelp] "
+             "remove[0] VInitialized[0]"}),
+      log.lines("CIPCQueue<T>"));
+}
+
+TEST(ReplyQueueOpening, OfAStoppedQueueByItsOwnerClosesAndRemovesIt) {
+  raw::ReplyQueue replies(3);
+  replies.setState(1);
+  EXPECT_FALSE(Queue(kName, true).IsInitialized());
+  EXPECT_EQ(2U, replies.memory.u32(8));
+  EXPECT_EQ(-1, raw::findSet(EA, 1));
+  EXPECT_EQ(-1, raw::findSet(EA, 3));
+}
+
+TEST(ReplyQueueOpening, AcceptsADeadCreator) {
+  raw::ReplyQueue replies(3);
+  replies.creatorDies();
+  const Queue queue(kName, false);
+  EXPECT_TRUE(queue.IsInitialized());
+  EXPECT_FALSE(queue.CreatorAlive());
+}
+
+TEST(ReplyQueueOpening, ChangesNothing) {
+  raw::ReplyQueue replies(3);
+  const Bytes before = replies.memory.all();
+  { const Queue queue(kName, false); }
+  EXPECT_EQ(before, replies.memory.all());
+  EXPECT_EQ(1U, replies.memory.attachments());
+}
+
+TEST(ReplyQueueOpening, OfASegmentSmallerThanTheHeaderFails) {
+  raw::LockedSegment segment(EA, 11);
+  raw::Set waits(EA, 3, 3);
+  const Queue queue(kName, false);
+  EXPECT_FALSE(queue.IsInitialized());
+  EXPECT_EQ(1U, segment.memory.attachments());
+}
+
+TEST(ReplyQueueOpening, WithoutMemoryFails) {
+  raw::ReplyQueue replies(3);
+  hooks::onNothrowNew = [](size_t) { return true; };
+  EXPECT_FALSE(Queue(kName, false).IsInitialized());
+  hooks::reset();
+}
+
+TEST(ReplyQueueOpening, CutsSpareBytesFromTheCapacity) {
+  raw::ReplyQueue replies(2, 547);
+  Queue queue(kName, false);
+  TArmReplyMessage reply;
+  EXPECT_EQ(-278, queue.PrivateGet(kMe, 2, reply));
+  replies.setStatus(1, 2);
+  replies.reply(1, replyRecord(5));
+  EXPECT_EQ(0, queue.PrivateGet(kMe, 1, reply));
+  EXPECT_EQ(replyRecord(5), bytesOf(reply));
+}
+
+TEST(ReplyQueueOpening, OfTheHeaderAloneHasNoHead) {
+  raw::ReplyQueue replies(0);
+  Queue queue(kName, false);
+  EXPECT_TRUE(queue.IsInitialized());
+  TArmReplyMessage reply;
+  EXPECT_EQ(-274, queue.Get(kMe, reply));
+}
+
+TEST(ReplyQueue, ThatIsNotOpenRefusesToGet) {
+  Queue queue(kName, false);
+  TArmReplyMessage reply;
+  EXPECT_EQ(-276, queue.Get(kMe, reply));
+  EXPECT_EQ("-276 CIPCQueue::PrivateGet() < CIPCQueue::Get()", errorTrail());
+  EXPECT_FALSE(queue.CreatorAlive());
+}
+
+TEST(ReplyQueue, DestructorOfANonOwnerChangesNothing) {
+  raw::ReplyQueue replies(3);
+  auto queue = std::make_unique<Queue>(kName, false);
+  const Bytes before = replies.memory.all();
+  EXPECT_EQ(2U, replies.memory.attachments());
+  queue.reset();
+  EXPECT_EQ(before, replies.memory.all());
+  EXPECT_EQ(1U, replies.memory.attachments());
+  EXPECT_FALSE(replies.locked());
+  EXPECT_EQ(2, replies.set.value(1));
+  EXPECT_EQ(1, replies.waits.value(0));
+}
+
+TEST(ReplyQueue, DestructorWaitsForTheLock) {
+  raw::ReplyQueue replies(3);
+  auto queue = std::make_unique<Queue>(kName, false);
+  replies.lock();
+  std::thread destroyer([&queue] { queue.reset(); });
+  EXPECT_TRUE(waitUntil([&] { return semctl(replies.set.id(), 0, GETZCNT) == 1; }));
+  replies.unlock();
+  destroyer.join();
+}
+
+TEST(ReplyQueue, DestructorOfAnOwnerClosesAndRemovesTheQueue) {
+  raw::ReplyQueue replies(3);
+  { const Queue queue(kName, true); }
+  EXPECT_EQ(2U, replies.memory.u32(8));
+  EXPECT_EQ(-1, raw::findSet(EA, 1));
+  EXPECT_EQ(-1, raw::findSet(EA, 3));
+}
+
+TEST(ReplyQueue, DestructorTracesALockWhoseSetIsGone) {
+  raw::ReplyQueue replies(3);
+  const TraceLog log;
+  {
+    const Queue queue(kName, false);
+    replies.set.remove();
+  }
+  EXPECT_EQ((Lines{"CkesSharedMemory::implLock: semop on VSemaphore[" +
+                   std::to_string(replies.set.id()) + "] failed [-1] errno[22]"}),
+            log.lines("CkesSharedMemory::"));
+}
+
+// ---- FindHead -----------------------------------------------------------------------------------
+
+/// Three heads, and the library's view of them.
+class ReplyQueueHeads : public testing::Test {
+ protected:
+  ReplyQueueHeads() : replies(3), queue(kName, false) {}
+
+  /// Owned by other requesters: the record is idle and empty.
+  void own(size_t head) { replies.setOwner(head, 7, static_cast<uint32_t>(70 + head)); }
+  void ownAll() {
+    for (size_t i = 0; i < 3; ++i) own(i);
+    replies.setHeadsInUse(3);
+  }
+
+  /// The index of the head that FindHead gives kMe, -1 for none.
+  long found(long expected, bool create = true) {
+    _TIPCHeadItem* head = nullptr;
+    EXPECT_EQ(expected, queue.FindHead(kMe, create, &head));
+    if (head == nullptr) return -1;
+    for (size_t i = 0; i < 3; ++i) {
+      if (replies.process(i) != 1001 || replies.thread(i) != 2002) continue;
+      EXPECT_EQ(replies.semaphore(i), head->semaphore);
+      return static_cast<long>(i);
+    }
+    ADD_FAILURE() << "a head was given, but none is owned";
+    return -1;
+  }
+
+  raw::ReplyQueue replies;
+  Queue queue;
+};
+
+TEST_F(ReplyQueueHeads, FirstFreeRecordIsClaimed) {
+  own(0);
+  replies.setHeadsInUse(1);
+  Bytes expected = replies.memory.all();
+  std::memcpy(expected.data() + 12 + 16 + 4, "\xE9\x03\x00\x00\xD2\x07\x00\x00", 8);
+  expected[2] = 2;
+  EXPECT_EQ(1, found(0));
+  EXPECT_EQ(expected, replies.memory.all());
+}
+
+TEST_F(ReplyQueueHeads, ClaimClearsStatusAndListAndKeepsTheSemaphore) {
+  replies.setStatus(0, 3);
+  replies.setFirstReply(0, 77);
+  replies.setSemaphore(0, 4);
+  EXPECT_EQ(0, found(0));
+  EXPECT_EQ(0, replies.status(0));
+  EXPECT_EQ(0U, replies.firstReply(0));
+  EXPECT_EQ(4, replies.semaphore(0));
+}
+
+TEST_F(ReplyQueueHeads, FreeOnlyWhenBothWordsAreAllOnes) {
+  replies.setOwner(0, 0xFFFFFFFF, 5);
+  replies.setOwner(1, 5, 0xFFFFFFFF);
+  replies.setHeadsInUse(2);
+  EXPECT_EQ(2, found(0));
+}
+
+TEST_F(ReplyQueueHeads, OwnRecordIsFoundAgainAndNotCounted) {
+  own(0);
+  replies.setHeadsInUse(1);
+  EXPECT_EQ(1, found(0));
+  replies.setStatus(1, 1);
+  replies.setFirstReply(1, replies.itemOffset(2));
+  EXPECT_EQ(1, found(0));
+  EXPECT_EQ(2, replies.headsInUse());
+  EXPECT_EQ(1, replies.status(1));
+  EXPECT_EQ(replies.itemOffset(2), replies.firstReply(1));
+}
+
+TEST_F(ReplyQueueHeads, WithoutCreateNothingIsClaimed) {
+  const Bytes before = replies.memory.all();
+  EXPECT_EQ(-1, found(-277, false));
+  EXPECT_EQ(before, replies.memory.all());
+}
+
+TEST_F(ReplyQueueHeads, WithoutCreateTheOwnRecordIsFound) {
+  replies.setOwner(2, 1001, 2002);
+  EXPECT_EQ(2, found(0, false));
+}
+
+TEST_F(ReplyQueueHeads, FirstIdleRecordIsTakenOverWhenAllAreOwned) {
+  ownAll();
+  EXPECT_EQ(0, found(0));
+  EXPECT_EQ(3, replies.headsInUse());
+}
+
+TEST_F(ReplyQueueHeads, RecordWithAStatusIsNotTakenOver) {
+  ownAll();
+  replies.setStatus(0, 1);
+  replies.setStatus(1, 3);
+  EXPECT_EQ(2, found(0));
+}
+
+TEST_F(ReplyQueueHeads, RecordWithAReplyIsNotTakenOver) {
+  ownAll();
+  replies.setFirstReply(0, replies.itemOffset(0));
+  EXPECT_EQ(1, found(0));
+}
+
+TEST_F(ReplyQueueHeads, RecordThatIsWaitedOnIsNotTakenOver) {
+  ownAll();
+  std::thread sleeper([this] { replies.waits.add(2, -1); });
+  EXPECT_TRUE(waitUntil([this] { return replies.waits.sleepers(2) == 1; }));
+  EXPECT_EQ(1, found(0));
+  replies.waits.add(2, 1);
+  sleeper.join();
+}
+
+TEST_F(ReplyQueueHeads, RecordWhoseSleepersCannotBeAskedIsNotTakenOver) {
+  ownAll();
+  replies.setSemaphore(0, 999);
+  EXPECT_EQ(1, found(0));
+}
+
+TEST_F(ReplyQueueHeads, NoneIsGivenWhenAllAreInUse) {
+  ownAll();
+  replies.setStatus(0, 1);
+  replies.setFirstReply(1, replies.itemOffset(0));
+  replies.setStatus(2, 2);
+  const Bytes before = replies.memory.all();
+  EXPECT_EQ(-1, found(-274));
+  EXPECT_EQ(before, replies.memory.all());
+  TArmReplyMessage reply;
+  EXPECT_EQ(-274, queue.Get(kMe, reply));
+  EXPECT_EQ("-274 CIPCQueue::PrivateGet() < CIPCQueue::Get()", errorTrail());
+  EXPECT_EQ(before, replies.memory.all());
+  EXPECT_FALSE(replies.locked());
+}
+
+TEST_F(ReplyQueueHeads, CounterOfHeadsIsTrustedButTheScanStaysInside) {
+  ownAll();
+  replies.setHeadsInUse(2);
+  Bytes expected = replies.memory.all();
+  std::memcpy(expected.data() + 12 + 32 + 4, "\xE9\x03\x00\x00\xD2\x07\x00\x00", 8);
+  EXPECT_EQ(2, found(0));
+  EXPECT_EQ(expected, replies.memory.all());
+}
+
+TEST_F(ReplyQueueHeads, CounterOfHeadsIsTrustedThoughARecordIsFree) {
+  own(0);
+  replies.setHeadsInUse(3);
+  EXPECT_EQ(0, found(0));
+  EXPECT_EQ(3, replies.headsInUse());
+}
+
+// ---- getting ------------------------------------------------------------------------------------
+
+/// What one Get of another thread came to.
+struct Outcome {
+  long result;
+  Bytes reply;
+  std::string trail;
+};
+
+class ReplyQueueGet : public testing::Test {
+ protected:
+  ReplyQueueGet() : replies(3), queue(kName, false) {}
+
+  /// The queue's destructor waits for the lock, which some tests leave taken.
+  ~ReplyQueueGet() override {
+    hooks::reset();
+    replies.breakLock();
+  }
+
+  Outcome get(_TIPCIdentifier id, long index) {
+    TArmReplyMessage reply;
+    std::memset(&reply, 0xEE, sizeof reply);
+    const long result = index == -1 ? queue.Get(id, reply) : queue.PrivateGet(id, index, reply);
+    return {result, bytesOf(reply), errorTrail()};
+  }
+
+  /// Gets in a thread of its own, which sleeps when this returns.
+  std::future<Outcome> startGet(_TIPCIdentifier id = kMe, long index = -1, int semaphore = 2) {
+    const int before = replies.waits.sleepers(semaphore);
+    std::future<Outcome> got = std::async(std::launch::async, [this, id, index] {
+      (void)CkesErrorManager::RegisterThread();
+      Outcome outcome = get(id, index);
+      (void)CkesErrorManager::UnregisterThread();
+      return outcome;
+    });
+    EXPECT_TRUE(waitUntil([&] { return replies.waits.sleepers(semaphore) == before + 1; }));
+    return got;
+  }
+
+  void claimForMe() {
+    replies.setOwner(0, 1001, 2002);
+    replies.setHeadsInUse(1);
+  }
+
+  raw::ReplyQueue replies;
+  Queue queue;
+};
+
+TEST_F(ReplyQueueGet, ReplyLinkedBeforeIsReturnedAtOnce) {
+  claimForMe();
+  replies.reply(0, replyRecord(-5, 1));
+  const Outcome got = get(kMe, -1);
+  EXPECT_EQ(0, got.result);
+  EXPECT_EQ(replyRecord(-5, 1), got.reply);
+  EXPECT_EQ(0, replies.waits.value(2));
+  EXPECT_FALSE(replies.locked());
+}
+
+TEST_F(ReplyQueueGet, TakenItemIsPushedOnTheFreeListAndTheRecordStaysOwned) {
+  claimForMe();
+  Bytes expected = replies.memory.all();
+  replies.reply(0, replyRecord(5));
+  std::memcpy(expected.data() + replies.itemOffset(0), replyRecord(5).data(), 528);
+  EXPECT_EQ(replies.itemOffset(1), replies.freeList());
+  EXPECT_EQ(0, get(kMe, -1).result);
+  EXPECT_EQ(replies.itemOffset(0), replies.freeList());
+  EXPECT_EQ(replies.itemOffset(1), replies.link(0));
+  EXPECT_EQ(0, replies.usedItems());
+  EXPECT_EQ(expected, replies.memory.all());
+}
+
+TEST_F(ReplyQueueGet, RepliesAreTakenInTheOrderOfTheList) {
+  claimForMe();
+  replies.reply(0, replyRecord(1));
+  replies.reply(0, replyRecord(2));
+  EXPECT_EQ(replyRecord(1), get(kMe, -1).reply);
+  EXPECT_EQ(1, replies.usedItems());
+  EXPECT_EQ(replies.itemOffset(1), replies.firstReply(0));
+  EXPECT_EQ(replyRecord(2), get(kMe, -1).reply);
+  EXPECT_EQ(0U, replies.firstReply(0));
+  EXPECT_EQ(replies.itemOffset(1), replies.freeList());
+  EXPECT_EQ(replies.itemOffset(0), replies.link(1));
+}
+
+TEST_F(ReplyQueueGet, SleepsOnItsOwnSemaphoreWithTheSegmentUnlocked) {
+  replies.setOwner(0, 7, 7);
+  replies.setHeadsInUse(1);
+  replies.setSemaphore(1, 4);
+  std::future<Outcome> got = startGet(kMe, -1, 4);
+  EXPECT_EQ(1, replies.status(1));
+  EXPECT_EQ(1001U, replies.process(1));
+  EXPECT_EQ(2002U, replies.thread(1));
+  EXPECT_EQ(2, replies.headsInUse());
+  EXPECT_FALSE(replies.locked());
+  replies.reply(1, replyRecord(9));
+  const Outcome outcome = got.get();
+  EXPECT_EQ(0, outcome.result);
+  EXPECT_EQ(replyRecord(9), outcome.reply);
+  EXPECT_EQ(0, replies.status(1));
+  EXPECT_EQ(1001U, replies.process(1));
+}
+
+TEST_F(ReplyQueueGet, AlwaysWaitsOnceEvenWhenAReplyIsLinked) {
+  claimForMe();
+  replies.linkReply(0, replyRecord(1));
+  std::future<Outcome> got = startGet();
+  EXPECT_EQ(1, replies.usedItems());
+  replies.waits.add(2, 1);
+  EXPECT_EQ(replyRecord(1), got.get().reply);
+}
+
+TEST_F(ReplyQueueGet, WokenWithNothingGoesBackToWait) {
+  std::future<Outcome> got = startGet();
+  for (int i = 0; i < 3; ++i) {
+    // The kernel takes the unit at once; that the thread has come round shows in the status.
+    replies.lock();
+    replies.setStatus(0, 0);
+    replies.waits.add(2, 1);
+    replies.unlock();
+    EXPECT_TRUE(waitUntil([this] { return replies.status(0) == 1; }));
+    EXPECT_TRUE(waitUntil([this] { return replies.waits.sleepers(2) == 1; }));
+  }
+  replies.reply(0, replyRecord(4));
+  EXPECT_EQ(replyRecord(4), got.get().reply);
+}
+
+TEST_F(ReplyQueueGet, SignalsDoNotEndTheWait) {
+  struct sigaction action = {};
+  action.sa_handler = [](int) {};
+  sigaction(SIGUSR1, &action, nullptr);
+  std::atomic<int> waits{0};
+  hooks::onSemop = [this, &waits](int set, const sembuf*, size_t) {
+    if (set == replies.waits.id()) ++waits;
+    return hooks::kRunIt;
+  };
+  std::atomic<pthread_t> reader{0};
+  Outcome outcome;
+  std::thread thread([&] {
+    reader = pthread_self();
+    outcome = get(kMe, -1);
+  });
+  for (int i = 1; i <= 3; ++i) {
+    EXPECT_TRUE(waitUntil([&] { return waits == i && replies.waits.sleepers(2) == 1; }));
+    pthread_kill(reader, SIGUSR1);
+  }
+  EXPECT_TRUE(waitUntil([&] { return waits == 4 && replies.waits.sleepers(2) == 1; }));
+  replies.reply(0, replyRecord(4));
+  thread.join();
+  EXPECT_EQ(0, outcome.result);
+}
+
+TEST_F(ReplyQueueGet, WithoutTheLockSetFails) {
+  replies.set.remove();
+  EXPECT_EQ(-261, get(kMe, -1).result);
+  EXPECT_EQ("-261 CkesSharedMemory::Lock() < CIPCQueue::PrivateGet() < CIPCQueue::Get()",
+            errorTrail());
+}
+
+TEST_F(ReplyQueueGet, UnlockThatFailsIsTheResultOfASuccess) {
+  claimForMe();
+  replies.reply(0, replyRecord(1));
+  int unlocks = 0;
+  hooks::onSemop = [&](int id, const sembuf* operations, size_t count) {
+    if (id != replies.set.id() || !isUnlock(operations, count)) return hooks::kRunIt;
+    return ++unlocks == 2 ? EIDRM : hooks::kRunIt;
+  };
+  const Outcome got = get(kMe, -1);
+  EXPECT_EQ(-262, got.result);
+  EXPECT_EQ("-262 CkesSharedMemory::Unlock() < CIPCQueue::PrivateGet() < CIPCQueue::Get()",
+            got.trail);
+  EXPECT_EQ(replyRecord(1), got.reply);
+}
+
+TEST_F(ReplyQueueGet, UnlockThatFailsDoesNotReplaceAnError) {
+  replies.setState(1);
+  failUnlocksOf(replies);
+  const Outcome got = get(kMe, -1);
+  EXPECT_EQ(-284, got.result);
+  EXPECT_EQ("-284 CIPCQueue::PrivateGet() < CIPCQueue::Get()", got.trail);
+}
+
+// ---- stopping -----------------------------------------------------------------------------------
+
+TEST_F(ReplyQueueGet, FromAStoppedEmptyQueueDoesNotWait) {
+  for (const uint32_t state : {1U, 2U, 9U}) {
+    replies.setState(state);
+    const Outcome got = get(kMe, -1);
+    EXPECT_EQ(-284, got.result);
+    EXPECT_EQ("-284 CIPCQueue::PrivateGet() < CIPCQueue::Get()", got.trail);
+    EXPECT_EQ(0, replies.status(0));
+    EXPECT_FALSE(replies.locked());
+  }
+}
+
+TEST_F(ReplyQueueGet, FromAQueueInStateOneTakesWhatIsLinked) {
+  claimForMe();
+  replies.reply(0, replyRecord(1));
+  replies.setState(1);
+  EXPECT_EQ(replyRecord(1), get(kMe, -1).reply);
+}
+
+TEST_F(ReplyQueueGet, StateOneEndsAWaitThatFindsNothing) {
+  std::future<Outcome> got = startGet();
+  replies.setState(1);
+  replies.waits.add(2, 1);
+  const Outcome outcome = got.get();
+  EXPECT_EQ(-284, outcome.result);
+  EXPECT_EQ("-284 CIPCQueue::PrivateGet() < CIPCQueue::Get()", outcome.trail);
+  EXPECT_FALSE(replies.locked());
+}
+
+TEST_F(ReplyQueueGet, StateOneIsSeenUnderTheLock) {
+  std::future<Outcome> got = startGet();
+  replies.lock();
+  replies.setState(1);
+  replies.waits.add(2, 1);
+  EXPECT_TRUE(waitUntil([this] { return semctl(replies.set.id(), 0, GETZCNT) == 1; }));
+  replies.unlock();
+  EXPECT_EQ(-284, got.get().result);
+}
+
+TEST_F(ReplyQueueGet, StateTwoEndsTheWaitEvenWithAReplyLinked) {
+  std::future<Outcome> got = startGet();
+  replies.linkReply(0, replyRecord(1));
+  replies.setState(2);
+  replies.waits.add(2, 1);
+  EXPECT_EQ(-284, got.get().result);
+  EXPECT_EQ(1, replies.usedItems());
+}
+
+TEST_F(ReplyQueueGet, StateTwoUnlocksALockThatTheReaderDoesNotHold) {
+  std::future<Outcome> got = startGet();
+  replies.lock();
+  replies.setState(2);
+  replies.waits.add(2, 1);
+  EXPECT_EQ(-284, got.get().result);
+  EXPECT_FALSE(replies.locked());
+}
+
+TEST_F(ReplyQueueGet, StateTwoTriesTheUnlockThoughNobodyHoldsTheLock) {
+  std::future<Outcome> got = startGet();
+  replies.setState(2);
+  replies.waits.add(2, 1);
+  const Outcome outcome = got.get();
+  EXPECT_EQ(-284, outcome.result);
+  EXPECT_EQ("-262 CkesSharedMemory::Unlock() < CIPCQueue::Get()", outcome.trail);
+}
+
+TEST_F(ReplyQueueGet, StateTwoLeavesTheLockTakenWhenTheReadersProcessExits) {
+  int tube[2];
+  ASSERT_EQ(0, pipe(tube));
+  const pid_t child = armtest::forkChild([&] {
+    const long result = get(kMe, -1).result;
+    char go = 0;
+    return read(tube[0], &go, 1) == 1 && result == -284 ? 0 : 1;
+  });
+  ASSERT_TRUE(waitUntil([this] { return replies.waits.sleepers(2) == 1; }));
+  replies.lock();
+  replies.setState(2);
+  replies.waits.add(2, 1);
+  EXPECT_TRUE(waitUntil([this] { return !replies.locked(); }));
+  EXPECT_EQ(1, write(tube[1], "g", 1));
+  EXPECT_EQ(0, armtest::exitCodeOf(child));
+  EXPECT_EQ(1, replies.set.value(0));
+}
+
+TEST_F(ReplyQueueGet, RemovedSetEndsTheWait) {
+  std::future<Outcome> got = startGet();
+  replies.waits.remove();
+  const Outcome outcome = got.get();
+  EXPECT_EQ(-272, outcome.result);
+  EXPECT_EQ("-272 CIPCQueue::PrivateGet() < CIPCQueue::Get()", outcome.trail);
+  EXPECT_FALSE(replies.locked());
+}
+
+TEST_F(ReplyQueueGet, RemovedSetOfAClosedQueueIsTheState) {
+  std::future<Outcome> got = startGet();
+  replies.setState(2);
+  replies.waits.remove();
+  EXPECT_EQ(-284, got.get().result);
+}
+
+TEST_F(ReplyQueueGet, RemovedSetOfAQueueInStateOneIsTheFailedWait) {
+  std::future<Outcome> got = startGet();
+  replies.setState(1);
+  replies.waits.remove();
+  EXPECT_EQ(-272, got.get().result);
+}
+
+TEST_F(ReplyQueueGet, LockThatFailsAfterTheWaitIsTheResult) {
+  std::future<Outcome> got = startGet();
+  replies.set.remove();
+  replies.waits.add(2, 1);
+  EXPECT_EQ(-261, got.get().result);
+}
+
+// ---- cancelling ---------------------------------------------------------------------------------
+
+TEST_F(ReplyQueueGet, CancelledWaitEndsAndTheRecordIsIdleAgain) {
+  std::future<Outcome> got = startGet();
+  replies.setStatus(0, 3);
+  replies.waits.add(2, 1);
+  const Outcome outcome = got.get();
+  EXPECT_EQ(-277, outcome.result);
+  EXPECT_EQ("-277 CIPCQueue::PrivateGet() < CIPCQueue::Get()", outcome.trail);
+  EXPECT_EQ(0, replies.status(0));
+  EXPECT_EQ(1001U, replies.process(0));
+  EXPECT_FALSE(replies.locked());
+}
+
+TEST_F(ReplyQueueGet, CancelledWaitLeavesALinkedReply) {
+  std::future<Outcome> got = startGet();
+  replies.linkReply(0, replyRecord(1));
+  replies.setStatus(0, 3);
+  replies.waits.add(2, 1);
+  EXPECT_EQ(-277, got.get().result);
+  EXPECT_EQ(replies.itemOffset(0), replies.firstReply(0));
+  EXPECT_EQ(1, replies.usedItems());
+}
+
+TEST_F(ReplyQueueGet, CancelledStatusStaysUntilTheLastWaiterIsGone) {
+  std::future<Outcome> first = startGet();
+  std::future<Outcome> second = startGet();
+  replies.setStatus(0, 3);
+  replies.waits.add(2, 1);
+  EXPECT_EQ(-277, first.get().result);
+  EXPECT_EQ(3, replies.status(0));
+  replies.waits.add(2, 1);
+  EXPECT_EQ(-277, second.get().result);
+  EXPECT_EQ(0, replies.status(0));
+}
+
+TEST_F(ReplyQueueGet, StateIsLookedAtBeforeTheCancellation) {
+  std::future<Outcome> got = startGet();
+  replies.lock();
+  replies.setState(1);
+  replies.setStatus(0, 3);
+  replies.unlock();
+  replies.waits.add(2, 1);
+  EXPECT_EQ(-284, got.get().result);
+  EXPECT_EQ(3, replies.status(0));
+}
+
+// ---- threads of one identifier ------------------------------------------------------------------
+
+TEST_F(ReplyQueueGet, StatusStaysUntilTheLastThreadOfAnIdentifierHasItsReply) {
+  std::future<Outcome> first = startGet();
+  std::future<Outcome> second = startGet();
+  EXPECT_EQ(1, replies.headsInUse());
+  replies.reply(0, replyRecord(1));
+  EXPECT_EQ(replyRecord(1), first.get().reply);
+  EXPECT_EQ(1, replies.status(0));
+  replies.reply(0, replyRecord(2));
+  EXPECT_EQ(replyRecord(2), second.get().reply);
+  EXPECT_EQ(0, replies.status(0));
+}
+
+TEST_F(ReplyQueueGet, ReplyWakesOnlyTheThreadThatItIsAddressedTo) {
+  std::future<Outcome> mine = startGet();
+  std::future<Outcome> others = startGet(kOther, -1, 3);
+  EXPECT_EQ(2, replies.headsInUse());
+  replies.reply(1, replyRecord(2));
+  EXPECT_EQ(replyRecord(2), others.get().reply);
+  EXPECT_EQ(1, replies.waits.sleepers(2));
+  EXPECT_EQ(1, replies.status(0));
+  replies.reply(0, replyRecord(1));
+  EXPECT_EQ(replyRecord(1), mine.get().reply);
+}
+
+TEST_F(ReplyQueueGet, SleepersThatCannotBeAskedAreAFailureButTheReplyIsTaken) {
+  std::future<Outcome> got = startGet();
+  for (int i = 0; i < 3; ++i) replies.linkReply(0, replyRecord(i));
+  replies.setSemaphore(0, 999);
+  replies.waits.add(2, 1);
+  const Outcome outcome = got.get();
+  EXPECT_EQ(-279, outcome.result);
+  EXPECT_EQ("-279 CIPCQueue::PrivateGet() < CIPCQueue::Get()", outcome.trail);
+  EXPECT_EQ(replyRecord(0), outcome.reply);
+  EXPECT_EQ(2, replies.usedItems());
+  EXPECT_EQ(1, replies.status(0));
+  // The queue was full, but the room is made known only by a get that succeeds.
+  EXPECT_EQ(0, replies.waits.value(1));
+}
+
+// ---- room ---------------------------------------------------------------------------------------
+
+TEST_F(ReplyQueueGet, RoomIsMadeKnownOnlyByTheGetThatLeavesFull) {
+  claimForMe();
+  for (int i = 0; i < 3; ++i) replies.reply(0, replyRecord(i));
+  EXPECT_EQ(0, get(kMe, -1).result);
+  EXPECT_EQ(1, replies.waits.value(1));
+  EXPECT_EQ(0, get(kMe, -1).result);
+  EXPECT_EQ(0, get(kMe, -1).result);
+  EXPECT_EQ(1, replies.waits.value(1));
+}
+
+TEST_F(ReplyQueueGet, RoomThatCannotBeMadeKnownIsAFailureButTheReplyIsTaken) {
+  claimForMe();
+  for (int i = 0; i < 3; ++i) replies.reply(0, replyRecord(i));
+  replies.waits.setValue(1, 32767);
+  const Outcome got = get(kMe, -1);
+  EXPECT_EQ(-280, got.result);
+  EXPECT_EQ("-280 CIPCQueue::PrivateGet() < CIPCQueue::Get()", got.trail);
+  EXPECT_EQ(replyRecord(0), got.reply);
+  EXPECT_EQ(2, replies.usedItems());
+  EXPECT_EQ(0, replies.status(0));
+  EXPECT_FALSE(replies.locked());
+}
+
+// ---- by index -----------------------------------------------------------------------------------
+
+TEST_F(ReplyQueueGet, ByIndexOutOfRangeIsRefused) {
+  for (const long index : {3L, -2L, 65536L, 2147483647L, -2147483647L - 1L}) {
+    EXPECT_EQ(-278, get(kMe, index).result) << index;
+    EXPECT_EQ("-278 CIPCQueue::PrivateGet()", errorTrail());
+  }
+  EXPECT_EQ(0, replies.headsInUse());
+  EXPECT_FALSE(replies.locked());
+}
+
+TEST_F(ReplyQueueGet, ByIndexNeedsStatusTwo) {
+  for (const uint8_t status : {uint8_t{0}, uint8_t{1}, uint8_t{3}}) {
+    replies.setStatus(1, status);
+    EXPECT_EQ(-278, get(kMe, 1).result);
+  }
+}
+
+TEST_F(ReplyQueueGet, ByIndexReadsThroughTheRecordWhoseverItIs) {
+  replies.setOwner(1, 7, 7);
+  replies.setStatus(1, 2);
+  std::future<Outcome> got = startGet(kMe, 1, 3);
+  EXPECT_EQ(2, replies.status(1));
+  replies.reply(1, replyRecord(6));
+  EXPECT_EQ(replyRecord(6), got.get().reply);
+  EXPECT_EQ(2, replies.status(1));
+  EXPECT_EQ(7U, replies.process(1));
+}
+
+TEST_F(ReplyQueueGet, ByIndexDoesNotAskForSleepers) {
+  replies.setStatus(1, 2);
+  std::future<Outcome> got = startGet(kMe, 1, 3);
+  replies.linkReply(1, replyRecord(6));
+  replies.setSemaphore(1, 999);
+  replies.waits.add(3, 1);
+  EXPECT_EQ(0, got.get().result);
+}
+
+// ---- hostile values -----------------------------------------------------------------------------
+
+TEST_F(ReplyQueueGet, OffsetsThatAreNoItemsAreRefused) {
+  claimForMe();
+  const uint32_t first = 12 + 3 * 16;
+  const uint32_t end = first + 3 * 532;
+  for (const uint32_t offset : {1U, 12U, first - 1, first + 1, first + 528, end - 1, end, end + 532,
+                                0x7FFFFFFFU, 0x80000000U, 0xFFFFFFFFU, 0xFFFFFFFFU - 531}) {
+    replies.setFirstReply(0, offset);
+    replies.setUsedItems(1);
+    replies.waits.setValue(2, 1);
+    replies.setStatus(0, 1);
+    const Bytes before = replies.memory.all();
+    const Outcome got = get(kMe, -1);
+    EXPECT_EQ(-283, got.result) << offset;
+    EXPECT_EQ("-283 CIPCQueue::PrivateGet() < CIPCQueue::Get()", got.trail);
+    EXPECT_EQ(Bytes(528, 0xEE), got.reply);
+    EXPECT_EQ(before, replies.memory.all());
+    EXPECT_FALSE(replies.locked());
+  }
+}
+
+TEST_F(ReplyQueueGet, LastItemIsOne) {
+  claimForMe();
+  replies.setFirstReply(0, 12 + 3 * 16 + 2 * 532);
+  replies.waits.setValue(2, 1);
+  EXPECT_EQ(0, get(kMe, -1).result);
+}
+
+TEST_F(ReplyQueueGet, FreeListIsCarriedAlongUnseen) {
+  claimForMe();
+  replies.reply(0, replyRecord(1));
+  replies.memory.put32(4, 0xDEADBEEF);
+  EXPECT_EQ(0, get(kMe, -1).result);
+  EXPECT_EQ(0xDEADBEEF, replies.link(0));
+}
+
+TEST_F(ReplyQueueGet, SemaphoreThatTheSetDoesNotHaveFails) {
+  replies.setSemaphore(0, 5);
+  const Outcome got = get(kMe, -1);
+  EXPECT_EQ(-272, got.result);
+  EXPECT_FALSE(replies.locked());
+}
+
+// ---- stopping by an owner -----------------------------------------------------------------------
+
+TEST_F(ReplyQueueGet, SetStateTwoEndsAWait) {
+  std::future<Outcome> got = startGet();
+  // The reader's unlock may come before the owner's, which then fails.
+  const long result = queue.SetState(2);
+  EXPECT_TRUE(result == 0 || result == -262) << result;
+  EXPECT_EQ(-284, got.get().result);
+}
+
+TEST_F(ReplyQueueGet, SetStateOneEndsEveryWait) {
+  std::future<Outcome> first = startGet();
+  std::future<Outcome> second = startGet();
+  std::future<Outcome> third = startGet(kOther, -1, 3);
+  EXPECT_EQ(0, queue.SetState(1));
+  EXPECT_EQ(-284, first.get().result);
+  EXPECT_EQ(-284, second.get().result);
+  EXPECT_EQ(-284, third.get().result);
+  EXPECT_FALSE(replies.locked());
+}
+
+TEST_F(ReplyQueueGet, OtherStatesWakeNobody) {
+  std::future<Outcome> got = startGet();
+  EXPECT_EQ(0, queue.SetState(3));
+  EXPECT_EQ(1, replies.waits.sleepers(2));
+  EXPECT_EQ(0, queue.SetState(0));
+  replies.reply(0, replyRecord(1));
+  EXPECT_EQ(0, got.get().result);
+}
+
+TEST_F(ReplyQueueGet, SetStateReportsTheUnlockBeforeTheWaking) {
+  replies.waits.remove();
+  EXPECT_EQ(-279, queue.SetState(1));
+  failUnlocksOf(replies);
+  EXPECT_EQ(-262, queue.SetState(2));
+  EXPECT_EQ(2U, replies.memory.u32(8));
+}
+
+/// Threads that take a number of units of one semaphore and sleep until it has them.
+class Sleepers {
+ public:
+  Sleepers(raw::Set& set, int semaphore, int units, int threads) : set_(set) {
+    for (int i = 0; i < threads; ++i) {
+      threads_.emplace_back([&set, semaphore, units] {
+        sembuf take = {static_cast<unsigned short>(semaphore), static_cast<short>(-units), 0};
+        while (semtimedop(set.id(), &take, 1, nullptr) < 0 && errno == EINTR) continue;
+      });
+    }
+    EXPECT_TRUE(waitUntil([&] { return set.sleepers(semaphore) == threads; }));
+  }
+  ~Sleepers() {
+    set_.remove();
+    join();
+  }
+  void join() {
+    for (std::thread& thread : threads_) {
+      if (thread.joinable()) thread.join();
+    }
+  }
+
+ private:
+  raw::Set& set_;
+  std::vector<std::thread> threads_;
+};
+
+TEST_F(ReplyQueueGet, AwakenAllRaisesByTheNumberOfSleepers) {
+  {
+    Sleepers writers(replies.waits, 1, 1, 2);
+    Sleepers readers(replies.waits, 4, 1, 3);
+    EXPECT_EQ(0, queue.implAwakenAll());
+    readers.join();
+    writers.join();
+    EXPECT_EQ(0, replies.waits.value(1));
+    EXPECT_EQ(0, replies.waits.value(2));
+    EXPECT_EQ(0, replies.waits.value(4));
+  }
+  EXPECT_EQ(-279, queue.implAwakenAll());
+}
+
+TEST_F(ReplyQueueGet, AwakenAllStopsAtWritersThatCannotBeRaised) {
+  replies.waits.setValue(1, 32766);
+  Sleepers writers(replies.waits, 1, 32767, 2);
+  Sleepers readers(replies.waits, 2, 1, 1);
+  EXPECT_EQ(-280, queue.implAwakenAll());
+  EXPECT_EQ(1, replies.waits.sleepers(2));
+}
+
+TEST_F(ReplyQueueGet, AwakenAllStopsAtAReaderThatCannotBeRaised) {
+  replies.waits.setValue(2, 32766);
+  Sleepers first(replies.waits, 2, 32767, 2);
+  Sleepers second(replies.waits, 3, 1, 1);
+  EXPECT_EQ(-281, queue.implAwakenAll());
+  EXPECT_EQ(1, replies.waits.sleepers(3));
+}
+
+TEST_F(ReplyQueueGet, AwakenAllStopsAtAHeadThatCannotBeAsked) {
+  replies.setSemaphore(0, 999);
+  Sleepers readers(replies.waits, 3, 1, 1);
+  EXPECT_EQ(-279, queue.implAwakenAll());
+  EXPECT_EQ(1, replies.waits.sleepers(3));
+}
+
+// ---- implInitialize -----------------------------------------------------------------------------
+
+/// A queue object that could not be opened; its set is made and removed on its own.
+class ReplyQueueSet : public testing::Test {
+ protected:
+  ReplyQueueSet() : queue("/var/kelp/none", true) { raw::touch(kPath); }
+
+  /// Removes whatever set is left.
+  ~ReplyQueueSet() override {
+    hooks::reset();
+    const int set = raw::findSet(kPath, 3);
+    if (set != -1) semctl(set, 0, IPC_RMID);
+  }
+
+  static int value(int number) { return semctl(raw::findSet(kPath, 3), number, GETVAL); }
+  static Lines both(const std::string& between) {
+    return {"CIPCQueue_LINUX::implInitialize ENTER - name = /var/kelp/set, items = 5",
+            "CIPCQueue_LINUX::implInitialize " + between};
+  }
+
+  static constexpr const char* kPath = "/var/kelp/set";
+  Queue queue;
+};
+
+TEST_F(ReplyQueueSet, IsCreatedWithTwoMoreSemaphoresThanItems) {
+  const TraceLog log;
+  EXPECT_TRUE(queue.implInitialize(kPath, 5));
+  EXPECT_EQ(both("EXIT - name = /var/kelp/set, items = 5"), log.lines());
+  semid_ds info = {};
+  ASSERT_EQ(0, semctl(raw::findSet(kPath, 3), 0, IPC_STAT, &info));
+  EXPECT_EQ(7U, info.sem_nsems);
+  EXPECT_EQ(0666U, info.sem_perm.mode & 0777U);
+  EXPECT_EQ(1, value(0));
+  for (int i = 1; i < 7; ++i) EXPECT_EQ(0, value(i));
+}
+
+TEST_F(ReplyQueueSet, LeftOverOneIsReplaced) {
+  raw::Set stale(kPath, 3, 7);
+  stale.setValue(0, 1);
+  stale.setValue(3, 9);
+  EXPECT_TRUE(queue.implInitialize(kPath, 5));
+  EXPECT_NE(stale.id(), raw::findSet(kPath, 3));
+  EXPECT_EQ(1, value(0));
+  EXPECT_EQ(0, value(3));
+}
+
+TEST_F(ReplyQueueSet, WhoseFirstSemaphoreIsZeroIsTakenAndCleared) {
+  raw::Set fresh(kPath, 3, 9);
+  fresh.setValue(3, 9);
+  EXPECT_TRUE(queue.implInitialize(kPath, 5));
+  EXPECT_EQ(fresh.id(), raw::findSet(kPath, 3));
+  EXPECT_EQ(1, fresh.value(0));
+  EXPECT_EQ(0, fresh.value(3));
+}
+
+TEST_F(ReplyQueueSet, WithTooFewSemaphoresCannotBeTaken) {
+  raw::Set small(kPath, 3, 6);
+  const TraceLog log;
+  EXPECT_FALSE(queue.implInitialize(kPath, 5));
+  EXPECT_EQ(both("- ERROR - semget IPC_CREAT errno = 22, sem_num = 7"), log.lines());
+}
+
+TEST_F(ReplyQueueSet, WithoutNameFileFails) {
+  const TraceLog log;
+  EXPECT_FALSE(queue.implInitialize("/var/kelp/nowhere", 5));
+  EXPECT_EQ((Lines{"CIPCQueue_LINUX::implInitialize ENTER - name = /var/kelp/nowhere, items = 5",
+                   "CIPCQueue_LINUX::implInitialize - ERROR - ftok errno = 2"}),
+            log.lines());
+}
+
+TEST_F(ReplyQueueSet, IsNotCreatedByOpening) {
+  EXPECT_FALSE(queue.implInitialize(kPath, 0));
+  EXPECT_EQ(-1, raw::findSet(kPath, 3));
+  raw::Set one(kPath, 3, 1);
+  EXPECT_FALSE(queue.implInitialize(kPath, 0));
+}
+
+TEST_F(ReplyQueueSet, FailuresOfSemctlHaveTheirTexts) {
+  const TraceLog log;
+  int failing = GETVAL;
+  hooks::onSemctl = [&failing](int, int, int command) { return command == failing ? ERANGE : 0; };
+  EXPECT_FALSE(queue.implInitialize(kPath, 5));
+  failing = SETALL;
+  EXPECT_FALSE(queue.implInitialize(kPath, 5));
+  failing = IPC_RMID;
+  raw::Set::add(raw::findSet(kPath, 3), 0, 1);
+  EXPECT_FALSE(queue.implInitialize(kPath, 5));
+  const Lines lines = log.lines("CIPCQueue_LINUX::implInitialize - ");
+  EXPECT_EQ((Lines{"CIPCQueue_LINUX::implInitialize - ERROR - semctl GETVAL errno = 34",
+                   "CIPCQueue_LINUX::implInitialize - ERROR - semctl SETALL errno = 34",
+                   "CIPCQueue_LINUX::implInitialize - ERROR - semctl IPC_RMID errno = 34"}),
+            lines);
+}
+
+TEST_F(ReplyQueueSet, FailureOfTheFirstRaiseHasItsText) {
+  const TraceLog log;
+  hooks::onSemop = [](int, const sembuf* operations, size_t) {
+    EXPECT_EQ(0, operations->sem_num);
+    EXPECT_EQ(1, operations->sem_op);
+    EXPECT_EQ(0, operations->sem_flg);
+    return EFBIG;
+  };
+  EXPECT_FALSE(queue.implInitialize(kPath, 5));
+  EXPECT_EQ(both("- ERROR - semop Semaphore #0 initialization errno = 27"), log.lines());
+}
+
+TEST_F(ReplyQueueSet, IsRemovedByAnOwnerAndNobodyElse) {
+  EXPECT_TRUE(queue.implInitialize(kPath, 5));
+  Queue other("/var/kelp/none", false);
+  EXPECT_TRUE(other.implInitialize(kPath, 0));
+  other.implDestroy();
+  EXPECT_NE(-1, raw::findSet(kPath, 3));
+  queue.implDestroy();
+  EXPECT_EQ(-1, raw::findSet(kPath, 3));
+}
+
+}  // namespace

@@ -1,0 +1,524 @@
+#include "platform/CkesSemaphore.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "calls.h"
+#include "ipcobjects.h"
+#include "platform/CkesThreadLibrary.h"
+#include "process.h"
+#include "records.h"
+
+namespace {
+
+char kName[] = "/var/kelp/semaphore";
+
+using Texts = std::vector<std::string>;
+
+int count() {
+  return semaphoreValue(setOf(kName), 0);
+}
+int privateLock() {
+  return semaphoreValue(setOf(kName), 1);
+}
+
+// ---- create -------------------------------------------------------------------------------------
+
+TEST(CkesSemaphore, MaximumOfZeroIsRefused) {
+  EXPECT_FALSE(CkesSemaphore(kName, 0, 0).IsInitialized());
+}
+
+TEST(CkesSemaphore, InitialCountAboveTheMaximumIsRefused) {
+  EXPECT_FALSE(CkesSemaphore(kName, 5, 4).IsInitialized());
+}
+
+TEST(CkesSemaphore, MaximumOf32767IsRefused) {
+  EXPECT_FALSE(CkesSemaphore(kName, 0, 32767).IsInitialized());
+}
+
+TEST(CkesSemaphore, MaximumOf32766IsAccepted) {
+  EXPECT_TRUE(CkesSemaphore(kName, 0, 32766).IsInitialized());
+}
+
+TEST(CkesSemaphore, MaximumOfOneIsAccepted) {
+  EXPECT_TRUE(CkesSemaphore(kName, 1, 1).IsInitialized());
+}
+
+TEST(CkesSemaphore, RefusedArgumentsCreateNothing) {
+  const CkesSemaphore semaphore(kName, 5, 4);
+  EXPECT_FALSE(exists(kName));
+}
+
+TEST(CkesSemaphore, RefusedSemaphoreRemovesNoSetWhenItIsDestroyed) {
+  // The first set of a machine has identifier 0.
+  const int set = makeSet(kName, 3);
+  { const CkesSemaphore semaphore(kName, 5, 4); }
+  { const CkesSemaphore semaphore(5, 4); }
+  EXPECT_TRUE(setExists(set));
+}
+
+TEST(CkesSemaphore, CreationMakesTheNameFileAndASetOfThree) {
+  const CkesSemaphore semaphore(kName, 3, 7);
+  ASSERT_TRUE(semaphore.IsInitialized());
+  EXPECT_TRUE(exists(kName));
+  const int set = setOf(kName, 1);
+  EXPECT_EQ(3, semaphoreValue(set, 0));
+  EXPECT_EQ(0, semaphoreValue(set, 1));
+  EXPECT_EQ(7, semaphoreValue(set, 2));
+  EXPECT_EQ(-1, semaphoreValue(set, 3));
+}
+
+TEST(CkesSemaphore, CreationAsksForASetOpenToAll) {
+  int asked = 0;
+  calls::semget.replace([&](key_t key, int semaphores, int flags) {
+    asked = flags;
+    return calls::semget.real(key, semaphores, flags);
+  });
+  const CkesSemaphore semaphore(kName, 3, 7);
+  EXPECT_EQ(0x3B6, asked);
+}
+
+TEST(CkesSemaphore, CreationOverAnExistingSetOfThreeResetsItsValues) {
+  const CkesSemaphore first(kName, 3, 7);
+  const int set = setOf(kName);
+  setSemaphore(set, 1, 1);
+  const CkesSemaphore second(kName, 1, 4);
+  EXPECT_TRUE(second.IsInitialized());
+  EXPECT_EQ(set, setOf(kName));
+  EXPECT_EQ(1, semaphoreValue(set, 0));
+  EXPECT_EQ(0, semaphoreValue(set, 1));
+  EXPECT_EQ(4, semaphoreValue(set, 2));
+}
+
+TEST(CkesSemaphore, FirstOwnersDestructionRemovesATakenOverSetUnderEveryone) {
+  auto* first = new CkesSemaphore(kName, 3, 7);
+  CkesSemaphore second(kName, 1, 4);
+  delete first;
+  EXPECT_EQ(-1, setOf(kName));
+  EXPECT_EQ(-141, second.Wait(0));
+}
+
+TEST(CkesSemaphore, StaleSetOfFewerSemaphoresIsReplaced) {
+  const int stale = makeSet(kName, 1);
+  const CkesSemaphore semaphore(kName, 3, 7);
+  EXPECT_TRUE(semaphore.IsInitialized());
+  EXPECT_FALSE(setExists(stale));
+  EXPECT_EQ(7, semaphoreValue(setOf(kName), 2));
+}
+
+TEST(CkesSemaphore, LargerSetIsTakenOver) {
+  const int larger = makeSet(kName, 5);
+  const CkesSemaphore semaphore(kName, 3, 7);
+  EXPECT_TRUE(semaphore.IsInitialized());
+  EXPECT_EQ(larger, setOf(kName));
+}
+
+TEST(CkesSemaphore, IsNotInitializedWithoutItsNameFile) {
+  char name[] = "/var/kelp/absent/semaphore";
+  EXPECT_FALSE(CkesSemaphore(name, 0, 1).IsInitialized());
+}
+
+TEST(CkesSemaphore, IsNotInitializedWithoutItsKey) {
+  calls::ftok.fail(-1, EACCES);
+  EXPECT_FALSE(CkesSemaphore(kName, 0, 1).IsInitialized());
+}
+
+TEST(CkesSemaphore, IsNotInitializedWhenNoStaleSetCanBeFound) {
+  calls::semget.fail(-1, ENOSPC);
+  EXPECT_FALSE(CkesSemaphore(kName, 0, 1).IsInitialized());
+  EXPECT_EQ(2, calls::semget.count());
+}
+
+TEST(CkesSemaphore, SetIsAskedForOnlyOnceMoreAfterAStaleOne) {
+  const int stale = makeSet(kName, 1);
+  int number = 0;
+  calls::semget.replace([&](key_t, int, int) { return ++number == 2 ? stale : -1; });
+  EXPECT_FALSE(CkesSemaphore(kName, 0, 1).IsInitialized());
+  EXPECT_EQ(3, number);
+}
+
+TEST(CkesSemaphore, RemovalOfAStaleSetMayFail) {
+  ASSERT_GE(makeSet(kName, 1), 0);
+  calls::semctl.fail(-1, EPERM, 0, 1);
+  EXPECT_FALSE(CkesSemaphore(kName, 0, 1).IsInitialized());
+  EXPECT_EQ(1, calls::semctl.count());
+}
+
+TEST(CkesSemaphore, AnyValueThatCannotBeSetLeavesItNotInitialized) {
+  for (int good = 0; good < 3; ++good) {
+    calls::semctl.fail(-1, EPERM, good);
+    EXPECT_FALSE(CkesSemaphore(kName, 0, 1).IsInitialized()) << good;
+  }
+}
+
+TEST(CkesSemaphore, FailedCreationUndoesNothing) {
+  calls::semctl.fail(-1, EPERM);
+  { const CkesSemaphore semaphore(kName, 0, 1); }
+  EXPECT_TRUE(setExists(setOf(kName)));
+}
+
+TEST(CkesSemaphore, ValuesAreSetInOrder) {
+  Texts set;
+  calls::semctl.replace([&](int id, int number, int command, calls::SemArgument argument) {
+    if (command == SETVAL)
+      set.push_back(std::to_string(number) + "=" + std::to_string(argument.val));
+    return calls::semctl.real(id, number, command, argument);
+  });
+  const CkesSemaphore semaphore(kName, 3, 7);
+  EXPECT_EQ((Texts{"0=3", "1=0", "2=7"}), set);
+}
+
+TEST(CkesSemaphore, UnnamedSemaphoreIsNeverInitialized) {
+  CkesSemaphore semaphore(0, 1);
+  EXPECT_FALSE(semaphore.IsInitialized());
+  EXPECT_EQ(-140, semaphore.TryWait());
+}
+
+TEST(CkesSemaphore, UnnamedSemaphoreAsksForNoSet) {
+  calls::semget.watch();
+  const CkesSemaphore semaphore(0, 1);
+  EXPECT_EQ(0, calls::semget.count());
+}
+
+// ---- open ---------------------------------------------------------------------------------------
+
+TEST(CkesSemaphore, OpenerSharesTheCount) {
+  const CkesSemaphore creator(kName, 2, 7);
+  CkesSemaphore opener(kName);
+  ASSERT_TRUE(opener.IsInitialized());
+  EXPECT_EQ(0, opener.Wait(0));
+  EXPECT_EQ(1, count());
+}
+
+TEST(CkesSemaphore, OpenerLearnsTheMaximumFromTheSet) {
+  const CkesSemaphore creator(kName, 2, 3);
+  CkesSemaphore opener(kName);
+  EXPECT_EQ(-144, opener.Post(2));
+  EXPECT_EQ(0, opener.Post(1));
+}
+
+TEST(CkesSemaphore, OpeningANameNeverCreatedIsNotInitialized) {
+  const CkesSemaphore semaphore(kName);
+  EXPECT_FALSE(semaphore.IsInitialized());
+}
+
+TEST(CkesSemaphore, OpeningANameFileWithoutASetIsNotInitialized) {
+  writeContent(kName, "");
+  const CkesSemaphore semaphore(kName);
+  EXPECT_FALSE(semaphore.IsInitialized());
+}
+
+TEST(CkesSemaphore, OpeningASetOfTwoIsNotInitialized) {
+  ASSERT_GE(makeSet(kName, 2), 0);
+  const CkesSemaphore semaphore(kName);
+  EXPECT_FALSE(semaphore.IsInitialized());
+}
+
+TEST(CkesSemaphore, MaximumThatCannotBeReadIsNotChecked) {
+  const CkesSemaphore creator(kName, 0, 3);
+  calls::semctl.fail(-1, EACCES, 0, 1);
+  CkesSemaphore opener(kName);
+  EXPECT_TRUE(opener.IsInitialized());
+  EXPECT_EQ(-144, opener.Post(1));
+}
+
+TEST(CkesSemaphore, OpenAsksForThreeSemaphoresWithoutFlags) {
+  const CkesSemaphore creator(kName, 0, 3);
+  Texts asked;
+  calls::semget.replace([&](key_t key, int semaphores, int flags) {
+    asked.push_back(std::to_string(semaphores) + " " + std::to_string(flags));
+    return calls::semget.real(key, semaphores, flags);
+  });
+  const CkesSemaphore opener(kName);
+  EXPECT_EQ((Texts{"3 0"}), asked);
+}
+
+TEST(CkesSemaphore, OpenTracesTheMissingFile) {
+  startTracing();
+  const CkesSemaphore semaphore(kName);
+  EXPECT_EQ((Texts{"CkesSemaphore_LINUX::implOpen ftok call failed[2] for "
+                   "i_Name[/var/kelp/semaphore]\n"}),
+            traceTexts());
+}
+
+TEST(CkesSemaphore, OpenTracesTheMissingSet) {
+  writeContent(kName, "");
+  calls::ftok.fail(4711, 0);
+  startTracing();
+  const CkesSemaphore semaphore(kName);
+  EXPECT_EQ((Texts{"CkesSemaphore_LINUX::implOpen semget call failed[2] for sem_key[4711]\n"}),
+            traceTexts());
+}
+
+TEST(CkesSemaphore, NothingIsTracedWithoutADebugRun) {
+  const CkesSemaphore semaphore(kName);
+  EXPECT_FALSE(exists(kTraceFile));
+}
+
+// ---- wait and try -------------------------------------------------------------------------------
+
+TEST(CkesSemaphore, WaitTakesOneUnit) {
+  CkesSemaphore semaphore(kName, 3, 7);
+  EXPECT_EQ(0, semaphore.Wait(0));
+  EXPECT_EQ(2, count());
+}
+
+TEST(CkesSemaphore, WaitIgnoresItsTimeLimitAndBlocksUntilAPost) {
+  CkesSemaphore semaphore(kName, 0, 7);
+  long result = -1;
+  std::thread waiter([&] { result = semaphore.Wait(10); });
+  EXPECT_TRUE(sleeperComes(setOf(kName), 0));
+  EXPECT_EQ(0, semaphore.Post(1));
+  waiter.join();
+  EXPECT_EQ(0, result);
+  EXPECT_EQ(0, count());
+}
+
+TEST(CkesSemaphore, WaitIsTheSameSingleOperationForEveryTimeLimit) {
+  CkesSemaphore semaphore(kName, 3, 7);
+  Texts operations;
+  recordSemops(operations);
+  EXPECT_EQ(0, semaphore.Wait(-1));
+  EXPECT_EQ(0, semaphore.Wait(0));
+  EXPECT_EQ(0, semaphore.Wait(10));
+  EXPECT_EQ((Texts{"{0,-1,0}", "{0,-1,0}", "{0,-1,0}"}), operations);
+}
+
+TEST(CkesSemaphore, WaitInOneProcessEndsWithAPostInAnother) {
+  CkesSemaphore semaphore(kName, 0, 7);
+  const pid_t child = armtest::forkChild([] {
+    CkesSemaphore opener(kName);
+    return opener.Wait(0) == 0 ? 42 : 1;
+  });
+  EXPECT_TRUE(sleeperComes(setOf(kName), 0));
+  EXPECT_EQ(0, semaphore.Post(1));
+  EXPECT_EQ(42, armtest::exitCodeOf(child));
+}
+
+TEST(CkesSemaphore, InterruptedWaitIsRepeated) {
+  CkesSemaphore semaphore(kName, 1, 7);
+  calls::semop.fail(-1, EINTR, 0, 2);
+  EXPECT_EQ(0, semaphore.Wait(0));
+  EXPECT_EQ(3, calls::semop.count());
+}
+
+TEST(CkesSemaphore, WaitThatFailsOtherwiseGivesMinus141) {
+  CkesSemaphore semaphore(kName, 1, 7);
+  calls::semop.fail(-1, EIDRM);
+  EXPECT_EQ(-141, semaphore.Wait(0));
+  EXPECT_EQ("-141 CkesSemaphore::Wait()", lastError());
+}
+
+TEST(CkesSemaphore, SetRemovedUnderAWaiterGivesMinus141) {
+  ASSERT_EQ(0, CkesThreadLibrary::Initialize());
+  CkesSemaphore semaphore(kName, 0, 7);
+  const int set = setOf(kName);
+  long result = 0;
+  std::thread waiter([&] { result = semaphore.Wait(0); });
+  EXPECT_TRUE(sleeperComes(set, 0));
+  (void)calls::semctl.real(set, 0, IPC_RMID, {});
+  waiter.join();
+  EXPECT_EQ(-141, result);
+}
+
+TEST(CkesSemaphore, TryWaitTakesOneUnit) {
+  CkesSemaphore semaphore(kName, 3, 7);
+  Texts operations;
+  recordSemops(operations);
+  EXPECT_EQ(0, semaphore.TryWait());
+  EXPECT_EQ((Texts{"{0,-1,2048}"}), operations);
+  EXPECT_EQ(2, count());
+}
+
+TEST(CkesSemaphore, TryWaitOnAZeroCountGivesMinus142AtOnce) {
+  CkesSemaphore semaphore(kName, 0, 7);
+  EXPECT_EQ(-142, semaphore.TryWait());
+  EXPECT_EQ("-142 CkesSemaphore::TryWait()", lastError());
+}
+
+TEST(CkesSemaphore, InterruptedTryWaitIsNotRepeatedAndGivesMinus141) {
+  CkesSemaphore semaphore(kName, 1, 7);
+  calls::semop.fail(-1, EINTR, 0, 1);
+  EXPECT_EQ(-141, semaphore.TryWait());
+  EXPECT_EQ(1, calls::semop.count());
+  EXPECT_EQ("-141 CkesSemaphore::TryWait()", lastError());
+}
+
+// ---- post ---------------------------------------------------------------------------------------
+
+TEST(CkesSemaphore, PostAddsItsUnitsUnderThePrivateLock) {
+  CkesSemaphore semaphore(kName, 0, 7);
+  Texts operations;
+  recordSemops(operations);
+  EXPECT_EQ(0, semaphore.Post(3));
+  EXPECT_EQ((Texts{"{1,0,0}{1,1,4096}", "{0,3,0}", "{1,-1,6144}"}), operations);
+  EXPECT_EQ(3, count());
+}
+
+TEST(CkesSemaphore, PostThatExactlyReachesTheMaximumSucceeds) {
+  CkesSemaphore semaphore(kName, 2, 7);
+  EXPECT_EQ(0, semaphore.Post(5));
+  EXPECT_EQ(7, count());
+}
+
+TEST(CkesSemaphore, PostAtTheMaximumGivesMinus144AndAddsNothing) {
+  CkesSemaphore semaphore(kName, 7, 7);
+  EXPECT_EQ(-144, semaphore.Post(1));
+  EXPECT_EQ("-144 CkesSemaphore::Post(long)", lastError());
+  EXPECT_EQ(7, count());
+}
+
+TEST(CkesSemaphore, PostPastTheMaximumAddsNotEvenAPart) {
+  CkesSemaphore semaphore(kName, 5, 7);
+  EXPECT_EQ(-144, semaphore.Post(3));
+  EXPECT_EQ(5, count());
+}
+
+TEST(CkesSemaphore, RefusedPostGivesThePrivateLockBack) {
+  CkesSemaphore semaphore(kName, 7, 7);
+  EXPECT_EQ(-144, semaphore.Post(1));
+  EXPECT_EQ(0, privateLock());
+}
+
+TEST(CkesSemaphore, PostOfTheLargestNumberGivesMinus144) {
+  CkesSemaphore semaphore(kName, 7, 7);
+  EXPECT_EQ(-144, semaphore.Post(LONG_MAX));
+  EXPECT_EQ(7, count());
+}
+
+TEST(CkesSemaphore, InterruptedPrivateLockIsTakenAgain) {
+  CkesSemaphore semaphore(kName, 0, 7);
+  calls::semop.fail(-1, EINTR, 0, 2);
+  EXPECT_EQ(0, semaphore.Post(1));
+  EXPECT_EQ(1, count());
+}
+
+TEST(CkesSemaphore, PostWithoutThePrivateLockGivesMinus143) {
+  CkesSemaphore semaphore(kName, 0, 7);
+  calls::semop.fail(-1, EINVAL);
+  EXPECT_EQ(-143, semaphore.Post(1));
+  EXPECT_EQ("-143 CkesSemaphore::Post(long)", lastError());
+  EXPECT_EQ(1, calls::semop.count());
+}
+
+TEST(CkesSemaphore, InterruptedAdditionGivesMinus143AndThePrivateLockBack) {
+  CkesSemaphore semaphore(kName, 0, 7);
+  calls::semop.fail(-1, EINTR, 1, 1);
+  EXPECT_EQ(-143, semaphore.Post(1));
+  EXPECT_EQ(0, privateLock());
+  EXPECT_EQ(0, count());
+}
+
+TEST(CkesSemaphore, ResultOfThePrivateUnlockIsNotLookedAt) {
+  CkesSemaphore semaphore(kName, 0, 7);
+  calls::semop.fail(-1, EINTR, 2, 1);
+  EXPECT_EQ(0, semaphore.Post(1));
+  EXPECT_EQ(1, count());
+}
+
+TEST(CkesSemaphore, PostOfAnotherProcessIsWaitedFor) {
+  CkesSemaphore semaphore(kName, 0, 7);
+  setSemaphore(setOf(kName), 1, 1);
+  const pid_t child = armtest::forkChild([] {
+    CkesSemaphore opener(kName);
+    return opener.Post(1) == 0 ? 42 : 1;
+  });
+  EXPECT_TRUE(sleeperForZeroComes(setOf(kName), 1));
+  EXPECT_EQ(0, count());
+  setSemaphore(setOf(kName), 1, 0);
+  EXPECT_EQ(42, armtest::exitCodeOf(child));
+  EXPECT_EQ(1, count());
+}
+
+TEST(CkesSemaphore, ProcessKilledInsidePostLeavesThePrivateLockFree) {
+  CkesSemaphore semaphore(kName, 0, 7);
+  const pid_t child = armtest::forkChild([] {
+    CkesSemaphore opener(kName);
+    calls::semop.replace([](int set, sembuf* operations, size_t number) {
+      if (operations->sem_num == 0) raise(SIGKILL);
+      return calls::semop.real(set, operations, number);
+    });
+    return static_cast<int>(opener.Post(1));
+  });
+  EXPECT_EQ(128 + SIGKILL, armtest::exitCodeOf(child));
+  EXPECT_EQ(0, privateLock());
+  EXPECT_EQ(0, semaphore.Post(1));
+}
+
+TEST(CkesSemaphore, PostersOfSeveralProcessesNeverPassTheMaximum) {
+  const CkesSemaphore semaphore(kName, 0, 10);
+  const auto post = [] {
+    CkesSemaphore opener(kName);
+    int added = 0;
+    for (int i = 0; i < 20; ++i) added += opener.Post(1) == 0 ? 1 : 0;
+    return added;
+  };
+  const pid_t first = armtest::forkChild(post);
+  const pid_t second = armtest::forkChild(post);
+  EXPECT_EQ(10, armtest::exitCodeOf(first) + armtest::exitCodeOf(second));
+  EXPECT_EQ(10, count());
+}
+
+// ---- an object that is not initialized ----------------------------------------------------------
+
+TEST(CkesSemaphore, WaitOnAnObjectNotInitializedGivesMinus140) {
+  CkesSemaphore semaphore(kName);
+  EXPECT_EQ(-140, semaphore.Wait(10));
+  EXPECT_EQ("-140 CkesSemaphore::Wait()", lastError());
+}
+
+TEST(CkesSemaphore, TryWaitOnAnObjectNotInitializedGivesMinus140) {
+  CkesSemaphore semaphore(kName);
+  EXPECT_EQ(-140, semaphore.TryWait());
+  EXPECT_EQ("-140 CkesSemaphore::TryWait()", lastError());
+}
+
+TEST(CkesSemaphore, PostToAnObjectNotInitializedGivesMinus140) {
+  CkesSemaphore semaphore(kName);
+  EXPECT_EQ(-140, semaphore.Post(1));
+  EXPECT_EQ("-140 CkesSemaphore::Post(long)", lastError());
+}
+
+// ---- destruction and names ----------------------------------------------------------------------
+
+TEST(CkesSemaphore, CreatorRemovesTheSetButNotTheNameFile) {
+  { const CkesSemaphore semaphore(kName, 0, 7); }
+  EXPECT_EQ(-1, setOf(kName));
+  EXPECT_TRUE(exists(kName));
+}
+
+TEST(CkesSemaphore, OpenerNeverRemovesTheSet) {
+  const CkesSemaphore creator(kName, 0, 7);
+  { const CkesSemaphore opener(kName); }
+  EXPECT_TRUE(setExists(setOf(kName)));
+}
+
+TEST(CkesSemaphore, NameIsCutTo127Characters) {
+  std::string name = "/var/kelp/" + std::string(200, 'n');
+  const CkesSemaphore semaphore(name.data(), 0, 7);
+  EXPECT_TRUE(semaphore.IsInitialized());
+  EXPECT_TRUE(exists(name.substr(0, 127)));
+}
+
+TEST(CkesSemaphore, OpenerCutsTheNameTo127CharactersToo) {
+  std::string name = "/var/kelp/" + std::string(200, 'n');
+  std::string cut = name.substr(0, 127);
+  const CkesSemaphore creator(cut.data(), 0, 7);
+  EXPECT_TRUE(CkesSemaphore(name.data()).IsInitialized());
+}
+
+TEST(CkesSemaphore, NameCarriesTheAgentsSuffix) {
+  setenv("ARM_AGENT_PREFIX", "agent2", 1);
+  const CkesSemaphore semaphore(kName, 0, 7);
+  EXPECT_TRUE(exists("/var/kelp/semaphore.agent2"));
+  EXPECT_FALSE(exists(kName));
+}
+
+}  // namespace

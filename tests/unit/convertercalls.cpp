@@ -1,0 +1,17 @@
+#include "convertercalls.h"
+
+#define TEXT_OF(token) #token
+#define TEXT_OF_VALUE(macro) TEXT_OF(macro)
+
+extern "C" UConverter* realOpenConverter(const char* name, UErrorCode* status) __asm__(
+    "__real_" TEXT_OF_VALUE(ucnv_open));
+extern "C" UConverter* wrapOpenConverter(const char* name, UErrorCode* status) __asm__(
+    "__wrap_" TEXT_OF_VALUE(ucnv_open));
+
+namespace calls {
+Call<UConverter*(const char*, UErrorCode*)> openConverter(realOpenConverter);
+}
+
+UConverter* wrapOpenConverter(const char* name, UErrorCode* status) {
+  return calls::openConverter(name, status);
+}

@@ -1,0 +1,100 @@
+# './run fuzz' and './run verify': what hostile data and every interleaving may do.
+
+FUZZ_PRESETS="amd64-fuzz i386-fuzz"
+FUZZ_TARGETS="properties names conversion trace reply_reader request_writer racing calls"
+FUZZ_SECONDS=30
+# Enough for every seed and some thousand inputs derived from it.
+FUZZ_ROUND="properties:4000 names:4000 conversion:4000 trace:2000
+    reply_reader:4000 request_writer:4000 racing:600 calls:1500"
+
+# ---- fuzzers ------------------------------------------------------------------------------------
+
+build_fuzzers() {
+    need_packages $BUILD_PACKAGES $CLANG_PACKAGES $FUZZ_PACKAGES
+    need_sysroot
+    for preset in $FUZZ_PRESETS; do
+        build_quietly "$preset" fuzz || die "the fuzzers of $preset do not build: see $LOG"
+    done
+}
+
+# Inputs that reach something new are kept in the build tree; with a seed given, nothing is.
+run_fuzzer() { # PRESET TARGET FUZZER-ARGUMENT...
+    preset=$1
+    target=$2
+    shift 2
+    kept=$ROOT/build/$preset/corpus/$target
+    mkdir -p "$kept" build/logs "build/$preset/findings"
+    case " $* " in *" -seed="*) kept= ;; esac
+    ASAN_OPTIONS=detect_leaks=1:allocator_may_return_null=1 \
+        UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+        "build/$preset/bin/nsrun" --keep "$ROOT" --no-aslr -- "build/$preset/bin/fuzz_$target" \
+        "$@" -max_len=4096 -len_control=0 -timeout=30 -print_final_stats=1 -verbosity=1 \
+        -artifact_prefix="$ROOT/build/$preset/findings/$target-" \
+        $kept "$ROOT/fuzz/corpus/$target" >"build/logs/fuzz-$preset-$target.log" 2>&1
+}
+
+# One line: how many inputs were run, and what was found.
+report_fuzzer() { # PRESET TARGET STATUS
+    log=build/logs/fuzz-$1-$2.log
+    runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
+    finding=none
+    if [ "$3" -ne 0 ] || [ -z "$runs" ]; then
+        finding=$(sed -n 's/^.*Test unit written to //p' "$log" | tail -n 1)
+        finding="FOUND ${finding:-nothing that could be kept} (see $log)"
+    fi
+    printf '%-11s %-15s %10s inputs   findings: %s\n' "$1" "$2" "${runs:-0}" "$finding"
+    [ "$finding" = none ]
+}
+
+fuzz_both_widths() { # TARGET FUZZER-ARGUMENT...
+    name=$1
+    bad=0
+    for preset in $FUZZ_PRESETS; do
+        (
+            run_fuzzer "$preset" "$@"
+            report_fuzzer "$preset" "$name" $?
+        ) &
+        eval "job_$(echo "$preset" | tr - _)=\$!"
+    done
+    for preset in $FUZZ_PRESETS; do
+        eval "wait \"\$job_$(echo "$preset" | tr - _)\"" || bad=1
+    done
+    return $bad
+}
+
+fuzz() { # [SECONDS]
+    seconds=${1:-$FUZZ_SECONDS}
+    case $seconds in *[!0-9]* | '') die "fuzz takes a number of seconds" ;; esac
+    build_fuzzers
+    findings=0
+    for target in $FUZZ_TARGETS; do
+        fuzz_both_widths "$target" -max_total_time="$seconds" || findings=1
+    done
+    [ "$findings" -eq 0 ]
+}
+
+# The same inputs each time, about half a minute once built.
+fuzz_round() {
+    build_fuzzers
+    findings=0
+    for round in $FUZZ_ROUND; do
+        fuzz_both_widths "${round%:*}" -runs="${round#*:}" -seed=1 || findings=1
+    done
+    [ "$findings" -eq 0 ]
+}
+
+# ---- model --------------------------------------------------------------------------------------
+
+verify_model() {
+    need_packages $BUILD_PACKAGES $MODEL_PACKAGES
+    sh model/check.sh
+}
+
+# ---- all of it ----------------------------------------------------------------------------------
+
+verify() {
+    check "fuzzers, $FUZZ_SECONDS seconds each" fuzz
+    check "protocol model" verify_model
+    echo "$PASSED passed, $FAILED failed"
+    [ "$FAILED" -eq 0 ]
+}
