@@ -1,5 +1,6 @@
 #include "arm/armcall.h"
 
+#include <cstddef>
 #include <cstring>
 
 #include "diag/libarmdebug.h"
@@ -7,8 +8,47 @@
 #include "ipc/arm_ipc.h"
 #include "platform/kelptime2.h"
 
+namespace {
+
+constexpr std::size_t BODY_OFFSET = offsetof(TArmMessage, messages);
+
+/// Bytes of a record that its type's fixed fields use, from the start of the record.
+std::size_t fixedSize(int32_t type) {
+  switch (type) {
+    case ARM_MSG_INIT:
+      return BODY_OFFSET + sizeof(TArmInitBody);
+    case ARM_MSG_START:
+      return BODY_OFFSET + sizeof(TArmStartBody);
+    case ARM_MSG_UPDATE:
+      return BODY_OFFSET + sizeof(TArmUpdateBody);
+    case ARM_MSG_STOP:
+      return BODY_OFFSET + sizeof(TArmStopBody);
+    case ARM_MSG_END:
+      return BODY_OFFSET + sizeof(TArmEndBody);
+    case ARM_MSG_COMPLETE_TRANS:
+    case ARM_MSG_COMPLETE_TRANS_INSTANCE:
+      return BODY_OFFSET + sizeof(TArmCompleteBody);
+    case ARM_MSG_TRANS_REPORT:
+    case ARM_MSG_TRANS_INSTANCE_REPORT:
+      return BODY_OFFSET + sizeof(TArmReportBody);
+    case ARM_MSG_ASSOCIATE_METRIC_DATA:
+      return BODY_OFFSET + offsetof(TArmMetricDataBody, metric_data);
+    default:
+      return sizeof(TArmMessage);
+  }
+}
+
+/// Bytes of a complete record that are set.
+std::size_t usedSize(const TArmMessage& message) {
+  const std::size_t fixed = fixedSize(message.msg_type);
+  if (message.msg_type != ARM_MSG_ASSOCIATE_METRIC_DATA) return fixed;
+  return fixed + static_cast<std::size_t>(message.messages.metric_data.length);
+}
+
+}  // namespace
+
 void beginMessage(TArmMessage& message, TArmMessageType type) {
-  std::memset(&message, 0, sizeof message);
+  std::memset(static_cast<void*>(&message), 0, fixedSize(type));
   message.sender_id = GetIpcIdentifier();
   message.msg_type = type;
 }
@@ -26,7 +66,7 @@ void copyBlock(uint8_t* field, std::size_t fieldSize, const void* block, int32_t
 
 int32_t exchange(const TArmMessage& message, TArmReplyMessage& reply, TTrace trace,
                  const char* waitFailure) {
-  long failure = IPCPostToEngine(message);
+  long failure = IPCPostToEngine(message, usedSize(message));
   if (failure != 0) {
     if (traces(trace)) traceError("IPCPostToEngine failed");
     return static_cast<int32_t>(failure);

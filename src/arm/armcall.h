@@ -17,8 +17,9 @@ inline constexpr int32_t ARM_RESULT_NO_ENGINE = -2;
 /// Whether a call traces; some calls deliberately never do.
 enum class TTrace { silent, lines };
 
-/// Clears a record and gives it its sender, the calling thread, and its type.  Cleared whole, since
-/// other users can read the queue: nothing of the host's stack goes into it.
+/// Clears what a record of the type uses and gives it its sender, the calling thread, and its type.
+/// The rest stays as it is and is never read: other users can read the queue, and nothing of the host's
+/// stack goes into it.
 void beginMessage(TArmMessage& message, TArmMessageType type);
 
 /// The current time.

@@ -6,6 +6,8 @@
 #include "ipc/arm_ipc.h"
 #include "platform/kelptime2.h"
 
+std::atomic<bool> VForksGuarded{false};
+
 namespace {
 
 pthread_once_t registered = PTHREAD_ONCE_INIT;
@@ -39,12 +41,13 @@ void inChild() {
   forgetIdentityInForkedChild();
 }
 
-void registerHandlers() {
+void registerOnce() {
   (void)pthread_atfork(beforeFork, afterFork, inChild);
+  VForksGuarded.store(true, std::memory_order_release);
 }
 
 }  // namespace
 
-void guardForks() {
-  (void)pthread_once(&registered, registerHandlers);
+void registerForkHandlers() {
+  (void)pthread_once(&registered, registerOnce);
 }

@@ -46,10 +46,11 @@ long CkesErrorManager::UnregisterThread() {
   CkesErrorStack* stack = nullptr;
   const long result = GetStack(&stack);
   if (result != 0) return result;
-  // Cleared before the stack goes: a failing key call records its error in it.
-  const long cleared = CkesThreadLibrary::SetKeyValue(stackKey, nullptr);
+  // Cleared before the stack goes: a failing key call records its error in it, and leaves the key
+  // pointing at it, so that it must stay then.
+  if (CkesThreadLibrary::SetKeyValue(stackKey, nullptr) != 0) return ERR_NOT_CLEARED;
   delete stack;
-  return cleared == 0 ? 0 : ERR_NOT_CLEARED;
+  return 0;
 }
 
 long CkesErrorManager::readyStack(CkesErrorStack** stack) {
@@ -63,8 +64,8 @@ long CkesErrorManager::SetError(long code, const char* text) {
   return result;
 }
 
-long CkesErrorManager::Record(long code, const char* text) {
-  if (code != 0) (void)SetError(code, text);
+long CkesErrorManager::RecordFailure(long code, const char* text) {
+  (void)SetError(code, text);
   return code;
 }
 

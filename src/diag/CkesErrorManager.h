@@ -31,8 +31,12 @@ class CkesErrorManager {
 
   /// (i) Records an error code and the failing operation's name, which restarts the trail.
   static long SetError(long code, const char* text);
-  /// (i) SetError for a code that is not 0; returns the code.
-  static long Record(long code, const char* text);
+  /// (i) SetError for a code that is not 0; returns the code.  Inline, so that success costs a test.
+  static long Record(long code, const char* text) {
+    return code == 0 ? 0 : RecordFailure(code, text);
+  }
+  /// (i) SetError; returns the code.
+  __attribute__((cold, noinline)) static long RecordFailure(long code, const char* text);
   /// (i) Adds a name to the trail; -202 when its oldest entry was dropped for it.
   static long AddFunction(const char* name);
   /// (i) Stores the last error code, 0 when there was none.

@@ -51,9 +51,13 @@ class CIPCSimpleQueue {
 
   /// Appends a record at the tail.  -274 when the queue is full and does not wait, -276, -283,
   /// -284, or the code of the lock or of the wait.
-  long Put(const T& record);
+  long Put(const T& record) { return Put(record, sizeof(T)); }
+  /// Put for a record of which only the first used bytes are set: the slot gets zeros for the rest.
+  long Put(const T& record, std::size_t used);
   /// The worker of Put; front inserts before the oldest record instead.
-  long PrivatePut(const T& record, bool front);
+  long PrivatePut(const T& record, bool front) { return PrivatePut(record, sizeof(T), front); }
+  /// The same for a record of which only the first used bytes are set.
+  long PrivatePut(const T& record, std::size_t used, bool front);
   /// Called with the segment locked, and returns with it locked: waits for room, or refuses with
   /// -274.
   long CheckOverflow(bool wait);
@@ -70,9 +74,9 @@ class CIPCSimpleQueue {
   bool ringIsDamaged() const;
   TRingPosition position() const;
   void setPosition(TRingPosition position);
-  void placeAtTail(const T& record);
-  void placeAtHead(const T& record);
-  void copyToSlot(uint16_t slot, const T& record);
+  void placeAtTail(const T& record, std::size_t used);
+  void placeAtHead(const T& record, std::size_t used);
+  void copyToSlot(uint16_t slot, const T& record, std::size_t used);
   void wakeOrDrain();
   long wakeAll();
   static long postTimes(CkesSemaphore* semaphore, uint32_t times);
@@ -181,15 +185,15 @@ void CIPCSimpleQueue<T>::closeAll() {
 }
 
 template <typename T>
-long CIPCSimpleQueue<T>::Put(const T& message) {
+long CIPCSimpleQueue<T>::Put(const T& message, std::size_t used) {
   if (!VInitialized) return CkesErrorManager::Record(ERR_NOT_INITIALIZED, PUT);
-  const long result = PrivatePut(message, false);
+  const long result = PrivatePut(message, used, false);
   if (result != 0) (void)CkesErrorManager::AddFunction(PUT);
   return result;
 }
 
 template <typename T>
-long CIPCSimpleQueue<T>::PrivatePut(const T& message, bool front) {
+long CIPCSimpleQueue<T>::PrivatePut(const T& message, std::size_t used, bool front) {
   if (!VInitialized) return CkesErrorManager::Record(ERR_NOT_INITIALIZED, PRIVATE_PUT);
   long result = VSharedMemory->Lock();
   if (result != 0) {
@@ -204,9 +208,9 @@ long CIPCSimpleQueue<T>::PrivatePut(const T& message, bool front) {
     result = CkesErrorManager::Record(ERR_DAMAGED, PRIVATE_PUT);
   } else {
     if (front) {
-      placeAtHead(message);
+      placeAtHead(message, used);
     } else {
-      placeAtTail(message);
+      placeAtTail(message, used);
     }
     wakeOrDrain();
   }
@@ -224,9 +228,11 @@ bool CIPCSimpleQueue<T>::ringIsDamaged() const {
 }
 
 template <typename T>
-void CIPCSimpleQueue<T>::copyToSlot(uint16_t slot, const T& message) {
+void CIPCSimpleQueue<T>::copyToSlot(uint16_t slot, const T& message, std::size_t used) {
   if (slot >= VCapacity) return;
-  std::memcpy(VSlots + static_cast<std::size_t>(slot) * sizeof(T), &message, sizeof(T));
+  uint8_t* target = VSlots + static_cast<std::size_t>(slot) * sizeof(T);
+  std::memcpy(target, &message, used);
+  std::memset(target + used, 0, sizeof(T) - used);
 }
 
 template <typename T>
@@ -243,23 +249,23 @@ void CIPCSimpleQueue<T>::setPosition(TRingPosition position) {
 }
 
 template <typename T>
-void CIPCSimpleQueue<T>::placeAtTail(const T& message) {
+void CIPCSimpleQueue<T>::placeAtTail(const T& message, std::size_t used) {
   TRingPosition ring = position();
-  copyToSlot(ring.tail, message);
+  copyToSlot(ring.tail, message, used);
   ring.tail = static_cast<uint16_t>((ring.tail + 1U) % VCapacity);
   ++ring.count;
   setPosition(ring);
 }
 
 template <typename T>
-void CIPCSimpleQueue<T>::placeAtHead(const T& message) {
+void CIPCSimpleQueue<T>::placeAtHead(const T& message, std::size_t used) {
   TRingPosition ring = position();
   if (ring.count == 0) {
     ring.tail = static_cast<uint16_t>((ring.tail + 1U) % VCapacity);
   } else {
     ring.head = static_cast<uint16_t>(ring.head == 0 ? VCapacity - 1U : ring.head - 1U);
   }
-  copyToSlot(ring.head, message);
+  copyToSlot(ring.head, message, used);
   ++ring.count;
   setPosition(ring);
 }

@@ -68,15 +68,6 @@ void leave(CkesMutex& mutex, std::atomic<int32_t>& count, int32_t by, CSharedQue
   endUse(mutex, used);
 }
 
-/// Takes a queue out of the connection and ends the connection's use of it.
-template <typename Queue>
-void closeQueue(CkesMutex& mutex, CSharedQueue<Queue>*& queue) {
-  (void)mutex.Lock();
-  auto* closed = __atomic_exchange_n(&queue, nullptr, __ATOMIC_ACQ_REL);
-  (void)mutex.Unlock();
-  endUse(mutex, closed);
-}
-
 /// What keeps a request queue from being used, null when nothing does.
 const char* requestQueueFailure(const TRequestQueue* queue) {
   if (queue == nullptr) return "InitializeIPC, OutQueue is NULL\n";
@@ -113,7 +104,7 @@ void unlockQueues() {
 /// Stores a queue and returns the one whose pointer that overwrites.  A pointer is stored when its
 /// queue is complete: a process forked meanwhile finds all or nothing.
 template <typename Queue>
-CSharedQueue<Queue>* replace(CSharedQueue<Queue>*& queue, CSharedQueue<Queue>* by) {
+CSharedQueue<Queue>* replace(CSharedQueue<Queue>*& queue, CSharedQueue<Queue>* by = nullptr) {
   return __atomic_exchange_n(&queue, by, __ATOMIC_ACQ_REL);
 }
 
@@ -180,11 +171,11 @@ bool InitializeIPC() {
   return usable;
 }
 
-long IPCPostToEngine(const TArmMessage& msg) {
+long IPCPostToEngine(const TArmMessage& msg, std::size_t used) {
   passEntryGate();
   CSharedQueue<TRequestQueue>* queue = enter(OutQueueMutex, OutQueueCount, OutQueue);
   long result = NO_ENGINE;
-  if (queue != nullptr && queue->CreatorAlive()) result = resultOfPut(queue->Put(msg));
+  if (queue != nullptr && queue->CreatorAlive()) result = resultOfPut(queue->Put(msg, used));
   leave(OutQueueMutex, OutQueueCount, -1, queue);
   return result;
 }
@@ -219,8 +210,13 @@ void CloseIPC() {
   for (int polls = 0; polls < CLOSE_POLLS && InQueueCount > 0 && OutQueueCount > 0; ++polls) {
     (void)usleep(CLOSE_POLL_MICROSECONDS);
   }
-  closeQueue(OutQueueMutex, OutQueue);
-  closeQueue(InQueueMutex, InQueue);
+  // Both at once: a connection that another thread opens meanwhile goes whole or stays whole.
+  lockQueues();
+  CSharedQueue<TRequestQueue>* requests = replace(OutQueue);
+  CSharedQueue<TReplyQueue>* replies = replace(InQueue);
+  unlockQueues();
+  endUse(OutQueueMutex, requests);
+  endUse(InQueueMutex, replies);
   (void)IsClosingMutex.Unlock();
 }
 

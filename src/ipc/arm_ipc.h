@@ -45,7 +45,7 @@ bool InitializeIPC();
 
 /// Posts one request; never waits for room.  0, -2 (no queue, or its creator is dead), -8 (the
 /// queue is full and the request is lost) or -9.
-long IPCPostToEngine(const TArmMessage& msg);
+long IPCPostToEngine(const TArmMessage& msg, std::size_t used = sizeof(TArmMessage));
 
 /// Waits, without a time limit, for the next reply addressed to the calling thread, or to id.  0,
 /// -2 (no queue, or its creator is dead) or -9.

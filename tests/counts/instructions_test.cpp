@@ -62,6 +62,14 @@ class Instructions : public testing::Test {
   CountingEngine engine_{CountingEngine::Ring::empty};
 };
 
+TEST_F(Instructions, AreAtMostTwiceThoseOfABareClient) {
+  const long library = count("arm").instructions;
+  const long bare = count("floor").instructions;
+  std::printf("instructions per call: library %ld, bare client %ld\n", library / kCalls,
+              bare / kCalls);
+  EXPECT_LE(library, 2 * bare);
+}
+
 TEST_F(Instructions, NoneAllocateOrFormat) {
   const Profile profile = count("arm");
   // That the profile names functions at all shows in one that must be there.
