@@ -69,7 +69,6 @@ EngineQueues::~EngineQueues() {
     requests_->setReady(false);
     requests_->setState(QUEUE_STATE_CLOSED);
   }
-  if (replies_ != nullptr && replies_->isInitialized()) replies_->setState(QUEUE_STATE_CLOSED);
   replies_.reset();
   requests_.reset();
   removeNameFiles(files_);

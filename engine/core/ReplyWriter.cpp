@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "core/NameFiles.h"
+#include "ipc/RequestQueueLayout.h"
 #include "platform/sharedword.h"
 
 namespace armengine {
@@ -39,16 +40,17 @@ bool isAlive(const TIPCIdentifier& requester) {
 ReplyWriter::ReplyWriter(uint16_t requesters)
     : capacity_(requesters), memory_(REPLY_BASE, segmentSize(requesters), true) {
   if (!memory_.IsInitialized() || !createSet()) return;
-  lock_set_ = openSemaphoreSet(nameFiles().replies);
   layOut();
   view_ = std::make_unique<CIPCQueue<TArmReplyMessage>>(REPLY_BASE, false);
 }
 
 ReplyWriter::~ReplyWriter() {
-  // The lock goes first: the view takes it once more when it goes, and readers that a stop has woken
-  // give back what they have not taken, so that it may stay taken for ever once they have exited.
-  if (lock_set_ != -1) (void)semctl(lock_set_, 0, IPC_RMID);
-  view_.reset();
+  // Without the lock: readers that an earlier stop has woken give back what they have not taken, so
+  // that it may stay taken for ever once they have exited.  The end of the set wakes the waiters.
+  if (isInitialized()) {
+    auto* header = static_cast<TReplyQueueHeader*>(memory_.GetAddress());
+    storeShared(header->state, QUEUE_STATE_CLOSED);
+  }
   if (set_ != -1) (void)semctl(set_, 0, IPC_RMID);
 }
 
@@ -105,30 +107,33 @@ ReplyWriter::Item* ReplyWriter::itemAt(uint32_t offset) const {
 }
 
 Delivery ReplyWriter::put(const TIPCIdentifier& to, const TArmReplyMessage& reply) {
-  return putOrRepair(to, reply, true);
+  return putOrRepair(To::anybody, to, reply);
 }
 
-Delivery ReplyWriter::putToKnown(const TIPCIdentifier& to, const TArmReplyMessage& reply) {
-  return putOrRepair(to, reply, false);
+Delivery ReplyWriter::putUnlessCrowded(const TIPCIdentifier& to, const TArmReplyMessage& reply) {
+  return putOrRepair(To::anybody_unless_crowded, to, reply);
 }
 
-Delivery ReplyWriter::putOrRepair(const TIPCIdentifier& to, const TArmReplyMessage& reply,
-                                  bool claim) {
+Delivery ReplyWriter::putToWaiting(const TIPCIdentifier& to, const TArmReplyMessage& reply) {
+  return putOrRepair(To::waiting, to, reply);
+}
+
+Delivery ReplyWriter::putOrRepair(To whom, const TIPCIdentifier& to,
+                                  const TArmReplyMessage& reply) {
   if (memory_.Lock() != 0) return Delivery::failed;
-  Delivery delivery = putLocked(to, reply, claim);
-  const bool hopeless = !claim && delivery == Delivery::no_head;
-  if (delivery != Delivery::linked && !hopeless) {
+  Delivery delivery = putLocked(whom, to, reply);
+  const bool refused = whom != To::anybody && delivery == Delivery::no_head;
+  if (delivery != Delivery::linked && !refused) {
     (void)reclaimLocked();
-    delivery = putLocked(to, reply, claim);
+    delivery = putLocked(whom, to, reply);
   }
   (void)memory_.Unlock();
   return delivery;
 }
 
-Delivery ReplyWriter::putLocked(const TIPCIdentifier& to, const TArmReplyMessage& reply,
-                                bool claim) {
-  TIPCHeadItem* record = nullptr;
-  if (view_->FindHead(to, claim, &record) != 0) return Delivery::no_head;
+Delivery ReplyWriter::putLocked(To whom, const TIPCIdentifier& to, const TArmReplyMessage& reply) {
+  TIPCHeadItem* record = headFor(whom, to);
+  if (record == nullptr) return Delivery::no_head;
   const uint32_t offset = takeFreeItem();
   if (offset == 0) return Delivery::no_item;
   std::memcpy(&itemAt(offset)->record, &reply, sizeof reply);
@@ -136,6 +141,15 @@ Delivery ReplyWriter::putLocked(const TIPCIdentifier& to, const TArmReplyMessage
   // without a reply does no harm: the requester finds nothing and waits on.
   const bool linked = raise(loadShared(record->semaphore)) && append(*record, offset);
   return linked ? Delivery::linked : Delivery::failed;
+}
+
+/// The requester's head record, found or claimed; null when it is to have none.
+TIPCHeadItem* ReplyWriter::headFor(To whom, const TIPCIdentifier& owner) {
+  if (whom == To::anybody_unless_crowded && isCrowded()) return nullptr;
+  TIPCHeadItem* record = nullptr;
+  if (view_->FindHead(owner, whom != To::waiting, &record) != 0) return nullptr;
+  const bool suits = whom != To::waiting || loadShared(record->status) == HEAD_WAITING;
+  return suits ? record : nullptr;
 }
 
 /// Takes an item off the free list; 0 when none is free.
@@ -166,16 +180,26 @@ bool ReplyWriter::append(TIPCHeadItem& record, uint32_t offset) {
   return true;
 }
 
+bool ReplyWriter::isWaiting(const TIPCIdentifier& requester) {
+  if (memory_.Lock() != 0) return false;
+  const bool waits = headFor(To::waiting, requester) != nullptr;
+  (void)memory_.Unlock();
+  return waits;
+}
+
 bool ReplyWriter::cancel(const TIPCIdentifier& to) {
   if (memory_.Lock() != 0) return false;
   TIPCHeadItem* record = nullptr;
-  const bool found = view_->FindHead(to, false, &record) == 0;
-  if (found) {
+  // A requester that is about to wait would write over the status, and never learn of it.
+  const bool waits = view_->FindHead(to, false, &record) == 0 &&
+                     loadShared(record->status) == HEAD_WAITING &&
+                     loadShared(record->first_reply) == 0;
+  if (waits) {
     storeShared(record->status, HEAD_CANCELLED);
     (void)raise(loadShared(record->semaphore));
   }
   (void)memory_.Unlock();
-  return found;
+  return waits;
 }
 
 void ReplyWriter::setState(uint32_t state) {
@@ -189,23 +213,41 @@ unsigned ReplyWriter::reclaimDeparted() {
   return reclaimed;
 }
 
+unsigned ReplyWriter::reclaimIdle() {
+  if (memory_.Lock() != 0) return 0;
+  const unsigned reclaimed =
+      releaseAll([this](const TIPCHeadItem& record) { return isIdle(record); });
+  (void)memory_.Unlock();
+  return reclaimed;
+}
+
 unsigned ReplyWriter::reclaimLocked() {
-  unsigned reclaimed = 0;
+  return releaseAll([this](const TIPCHeadItem& record) { return hasDeparted(record); });
+}
+
+template <typename Condition>
+unsigned ReplyWriter::releaseAll(Condition condition) {
+  unsigned released = 0;
   for (unsigned i = 0; i < capacity_; ++i) {
-    if (!hasDeparted(*head(i))) continue;
-    release(*head(i));
-    ++reclaimed;
+    TIPCHeadItem& record = *head(i);
+    if (loadShared(record.process_id) == NULL_IPC_ID.processId || !condition(record)) continue;
+    release(record);
+    ++released;
   }
   rebuildLists();
-  return reclaimed;
+  return released;
+}
+
+bool ReplyWriter::isIdle(const TIPCHeadItem& record) const {
+  return loadShared(record.status) == HEAD_IDLE && loadShared(record.first_reply) == 0 &&
+         semctl(set_, loadShared(record.semaphore), GETNCNT) == 0;
 }
 
 /// Whether a record's owner has ended.  A process that cannot be seen from here, being in another
 /// container, may still wait.
 bool ReplyWriter::hasDeparted(const TIPCHeadItem& record) const {
   const TIPCIdentifier owner = {loadShared(record.process_id), loadShared(record.thread_id)};
-  if (owner.processId == NULL_IPC_ID.processId || isAlive(owner)) return false;
-  return semctl(set_, loadShared(record.semaphore), GETNCNT) <= 0;
+  return !isAlive(owner) && semctl(set_, loadShared(record.semaphore), GETNCNT) <= 0;
 }
 
 /// Gives a head record back, without its list.  A client killed while it waited leaves status 1,

@@ -23,8 +23,8 @@ enum class Delivery {
 /// Whether a requester's process lives, as far as can be seen.
 bool isAlive(const TIPCIdentifier& requester);
 
-/// The writer's end of the reply queue, and its creator: it owns the segment and the semaphore set
-/// and removes them when it goes.  It never waits for room: a requester has one reply at most, so a
+/// The writer's end of the reply queue, and its creator: it owns the segment and the semaphore set;
+/// when it goes, it sets state 2, wakes every waiter and removes both.  It never waits for room: a requester has one reply at most, so a
 /// queue without room is one whose replies belong to the departed, and those are dropped.  Any
 /// thread.
 class ReplyWriter {
@@ -40,17 +40,25 @@ class ReplyWriter {
   /// Links a reply to the end of the requester's list and wakes the requester, claiming a head
   /// record for one that has none yet.
   Delivery put(const TIPCIdentifier& to, const TArmReplyMessage& reply);
-  /// The same, but only for a requester that has a head record: one that has none may have given
-  /// its call up for want of one, and would take the reply for that to its next call.
-  Delivery putToKnown(const TIPCIdentifier& to, const TArmReplyMessage& reply);
-  /// Cancels the wait of a requester, whose call then fails; false when it has no head record.
+  /// The same, but no_head for any requester while all head records are in use: its call may have
+  /// failed for want of one, and its next call would take the reply for its own.
+  Delivery putUnlessCrowded(const TIPCIdentifier& to, const TArmReplyMessage& reply);
+  /// The same, but only for a requester that waits.
+  Delivery putToWaiting(const TIPCIdentifier& to, const TArmReplyMessage& reply);
+  /// Whether a requester waits for a reply.
+  bool isWaiting(const TIPCIdentifier& requester);
+  /// Cancels the wait of a requester, whose call then fails; false when it does not wait, or has its
+  /// reply already.
   bool cancel(const TIPCIdentifier& to);
   /// Writes the state; 1 and 2 also wake every waiter.
   void setState(uint32_t state);
-
   /// Frees the head records of processes that have ended, drops their replies, and puts lists and
   /// counts right that a killed process has left half changed.  Returns the records freed.
   unsigned reclaimDeparted();
+
+  /// Frees the head records whose owners neither wait nor have replies: threads keep theirs to the
+  /// end of their process, and claim another one when they call again.  Returns the records freed.
+  unsigned reclaimIdle();
 
   /// Items that hold a reply now.
   unsigned usedItems() const;
@@ -69,11 +77,16 @@ class ReplyWriter {
   uint32_t itemOffset(unsigned index) const;
   Item* itemAt(uint32_t offset) const;
   uint32_t takeFreeItem();
-  Delivery putLocked(const TIPCIdentifier& to, const TArmReplyMessage& reply, bool claim);
-  Delivery putOrRepair(const TIPCIdentifier& to, const TArmReplyMessage& reply, bool claim);
+  enum class To { anybody, anybody_unless_crowded, waiting };
+  Delivery putOrRepair(To whom, const TIPCIdentifier& to, const TArmReplyMessage& reply);
+  Delivery putLocked(To whom, const TIPCIdentifier& to, const TArmReplyMessage& reply);
+  TIPCHeadItem* headFor(To whom, const TIPCIdentifier& owner);
   bool append(TIPCHeadItem& head, uint32_t offset);
   unsigned reclaimLocked();
+  template <typename Condition>
+  unsigned releaseAll(Condition condition);
   bool hasDeparted(const TIPCHeadItem& head) const;
+  bool isIdle(const TIPCHeadItem& head) const;
   void release(TIPCHeadItem& head);
   void rebuildLists();
   void keepList(TIPCHeadItem& head, std::vector<bool>* linked);
@@ -81,11 +94,11 @@ class ReplyWriter {
   bool raise(unsigned short semaphore);
 
   uint16_t capacity_;
+  /// The reader's view of the same queue, for the operations that both sides share.  It takes the
+  /// lock when it goes, so that the segment, declared after it, goes first with its lock.
+  std::unique_ptr<CIPCQueue<TArmReplyMessage>> view_;
   CkesSharedMemory memory_;
   int set_ = -1;
-  int lock_set_ = -1;  ///< the set of memory_
-  /// The reader's view of the same queue, for the operations that both sides share.
-  std::unique_ptr<CIPCQueue<TArmReplyMessage>> view_;
 };
 
 }  // namespace armengine

@@ -31,18 +31,12 @@ void Service::serve(const TArmMessage& request) {
   forgetUndelivered(request.sender_id);
   const TArmReplyMessage reply = dispatcher_.answer(request);
   ++served_;
-  if (deliver(request.sender_id, reply) == Delivery::linked) return;
-  // Its sender may be about to wait for it without a limit, so it is kept.
-  undelivered_.push_back({request.sender_id, reply});
-}
-
-/// A requester whose call has failed for want of a head record must not find the reply in its next
-/// call: while that can be, only those are served that have their record.
-Delivery Service::deliver(const TIPCIdentifier& to, const TArmReplyMessage& reply) {
-  ReplyWriter& replies = queues_.replies();
-  const bool certain = doubtful_ == 0 && !replies.isCrowded();
+  const bool certain = doubtful_ == 0;
   if (doubtful_ > 0) --doubtful_;
-  return certain ? replies.put(to, reply) : replies.putToKnown(to, reply);
+  ReplyWriter& replies = queues_.replies();
+  if (certain && replies.putUnlessCrowded(request.sender_id, reply) == Delivery::linked) return;
+  // Its sender may be about to wait for it without a limit, so it is kept.
+  undelivered_.push_back({request.sender_id, reply, std::nullopt});
 }
 
 /// A requester that makes another request waits for no earlier reply.
@@ -55,22 +49,31 @@ void Service::forgetUndelivered(const TIPCIdentifier& to) {
 }
 
 void Service::deliverAgain() {
-  for (std::size_t left = undelivered_.size(); left > 0; --left) {
-    const Undelivered next = undelivered_.front();
-    undelivered_.pop_front();
-    const bool over =
-        !isAlive(next.to) || queues_.replies().putToKnown(next.to, next.reply) == Delivery::linked;
-    if (!over) undelivered_.push_back(next);
-  }
+  const auto over = [this](Undelivered& one) { return deliver(one) || !isAlive(one.to); };
+  undelivered_.erase(std::remove_if(undelivered_.begin(), undelivered_.end(), over),
+                     undelivered_.end());
+}
+
+/// A requester whose call has failed for want of a head record must not find the reply in its next
+/// call.  Once it waits, it waits for this reply, unless it has made another request before: what
+/// is in the queue then is served first.
+bool Service::deliver(Undelivered& one) {
+  ReplyWriter& replies = queues_.replies();
+  if (!one.due && replies.isWaiting(one.to)) one.due = served_ + queues_.requests().depth();
+  if (!one.due || served_ < *one.due) return false;
+  return replies.putToWaiting(one.to, one.reply) == Delivery::linked;
 }
 
 void Service::tidyNowAndThen() {
   const auto now = Clock::now();
   if (now < next_tidying_) return;
   next_tidying_ = now + BETWEEN_TIDYINGS;
-  const bool was_crowded = queues_.replies().isCrowded();
-  (void)queues_.replies().reclaimDeparted();
-  if (was_crowded) doubtful_ = queues_.requests().depth();
+  ReplyWriter& replies = queues_.replies();
+  const bool was_crowded = replies.isCrowded();
+  (void)replies.reclaimDeparted();
+  if (!was_crowded) return;
+  (void)replies.reclaimIdle();
+  doubtful_ = queues_.requests().depth();
 }
 
 }  // namespace armengine

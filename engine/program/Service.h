@@ -2,7 +2,8 @@
 
 #include <chrono>
 #include <cstdint>
-#include <deque>
+#include <optional>
+#include <vector>
 
 #include "core/EngineQueues.h"
 #include "registry/Dispatcher.h"
@@ -25,10 +26,11 @@ class Service {
   struct Undelivered {
     TIPCIdentifier to;
     TArmReplyMessage reply;
+    std::optional<uint64_t> due;  ///< requests to be served before, once its sender waits
   };
 
   void serve(const TArmMessage& request);
-  Delivery deliver(const TIPCIdentifier& to, const TArmReplyMessage& reply);
+  bool deliver(Undelivered& one);
   void forgetUndelivered(const TIPCIdentifier& to);
   void tidyNowAndThen();
   void deliverAgain();
@@ -36,7 +38,7 @@ class Service {
   EngineQueues& queues_;
   Dispatcher& dispatcher_;
   /// Replies that could not be delivered yet, at most one for each requester.
-  std::deque<Undelivered> undelivered_;
+  std::vector<Undelivered> undelivered_;
   /// Requests, the next ones of the queue, that were made while new requesters may have found no
   /// head record.
   unsigned doubtful_ = 0;

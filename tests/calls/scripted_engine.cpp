@@ -20,6 +20,7 @@
 
 #include "ScriptProtocol.h"
 #include "core/EngineQueues.h"
+#include "diag/CkesErrorManager.h"
 
 namespace armtest {
 namespace {
@@ -262,7 +263,10 @@ int run(int argc, char** argv) {
   if (queues == nullptr) return EXIT_FAILURE;
 
   Engine engine(*queues, *static_cast<EngineLog*>(mapping));
-  std::thread commands([&engine] { engine.obey(); });
+  std::thread commands([&engine] {
+    engine.obey();
+    (void)CkesErrorManager::UnregisterThread();
+  });
   engine.serve();
   commands.join();
   queues.reset();

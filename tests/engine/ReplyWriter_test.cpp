@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -155,6 +156,45 @@ TEST_F(ReplyWriterTest, IdleRecordsOfLivingRequestersAreTakenOver) {
   EXPECT_EQ(REQUESTERS, writer().headsInUse());
 }
 
+TEST_F(ReplyWriterTest, CrowdedQueueRefusesWhenAsked) {
+  for (uint32_t i = 0; i < REQUESTERS; ++i) {
+    EXPECT_EQ(Delivery::linked, writer().putUnlessCrowded(living(i), reply(1)));
+    EXPECT_EQ(1, take(living(i)));
+  }
+  EXPECT_TRUE(writer().isCrowded());
+  EXPECT_EQ(Delivery::no_head, writer().putUnlessCrowded(living(0), reply(1)));
+  EXPECT_EQ(Delivery::no_head, writer().putUnlessCrowded(living(100), reply(1)));
+  EXPECT_EQ(0U, writer().usedItems());
+}
+
+TEST_F(ReplyWriterTest, OnlyAWaitingRequesterIsGivenAReplyWhenAsked) {
+  EXPECT_EQ(Delivery::no_head, writer().putToWaiting(living(1), reply(1)));
+  EXPECT_EQ(Delivery::linked, writer().put(living(1), reply(1)));
+  EXPECT_EQ(1, take(living(1)));
+  EXPECT_EQ(Delivery::no_head, writer().putToWaiting(living(1), reply(1)));
+  EXPECT_FALSE(writer().isWaiting(living(1)));
+  int32_t result = 0;
+  std::thread waiter([&] { result = take(living(1)); });
+  EXPECT_TRUE(waitUntil([this] { return writer().isWaiting(living(1)); }));
+  EXPECT_EQ(Delivery::linked, writer().putToWaiting(living(1), reply(5)));
+  waiter.join();
+  EXPECT_EQ(5, result);
+}
+
+TEST_F(ReplyWriterTest, IdleRecordsAreFreedAndOthersKept) {
+  EXPECT_EQ(Delivery::linked, writer().put(living(1), reply(1)));
+  EXPECT_EQ(1, take(living(1)));
+  EXPECT_EQ(Delivery::linked, writer().put(living(2), reply(2)));
+  const pid_t waiter = forkChild(armtest::waitForReply);
+  EXPECT_TRUE(waitUntil([this] { return someWaiter(); }));
+  EXPECT_EQ(3U, writer().headsInUse());
+  EXPECT_EQ(1U, writer().reclaimIdle());
+  EXPECT_EQ(2U, writer().headsInUse());
+  EXPECT_EQ(2, take(living(2)));
+  kill(waiter, SIGKILL);
+  EXPECT_EQ(128 + SIGKILL, armtest::exitCodeOf(waiter));
+}
+
 TEST_F(ReplyWriterTest, RepliesOfTheDepartedMakeRoom) {
   for (uint32_t i = 0; i < 3 * REQUESTERS; ++i) {
     EXPECT_EQ(Delivery::linked, writer().put(departed(i), reply(1)));
@@ -224,6 +264,13 @@ TEST_F(ReplyWriterTest, CancelEndsAWait) {
   EXPECT_FALSE(writer().cancel({waiter, 0}));
 }
 
+TEST_F(ReplyWriterTest, CancelOfARequesterThatDoesNotWaitIsRefused) {
+  EXPECT_EQ(Delivery::linked, writer().put(living(5), reply(7)));
+  EXPECT_FALSE(writer().cancel(living(5)));
+  EXPECT_EQ(7, take(living(5)));
+  EXPECT_FALSE(writer().cancel(living(5)));
+}
+
 TEST_F(ReplyWriterTest, ItemLostByAKilledReaderIsFoundAgain) {
   for (uint32_t i = 0; i < REQUESTERS; ++i) {
     armtest::Attached memory(controlPath("ea.kelp"));
@@ -278,8 +325,17 @@ TEST_F(ReplyWriterTest, StateEndsWaits) {
     EXPECT_TRUE(waitUntil([this] { return someWaiter(); }));
     writer().setState(state);
     EXPECT_EQ(armtest::codeOf(-284), armtest::exitCodeOf(waiter));
-    writer().setState(0);
+    queues_.reset();
+    SetUp();
   }
+}
+
+// A reader that finds state 2 unlocks the segment without having locked it; when it exits, the
+// kernel gives the lock back to nobody.
+TEST_F(ReplyWriterTest, EndDoesNotWaitForALockThatNobodyHolds) {
+  armtest::setSemaphore(armtest::setAt(controlPath("ea.kelp"), 1), 0, 1);
+  queues_.reset();
+  EXPECT_EQ(0U, armtest::ipcObjects());
 }
 
 TEST(ReplyWriter, EndDoesNotWaitForALockThatAStopHasLeftTaken) {

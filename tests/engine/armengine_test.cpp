@@ -30,6 +30,9 @@ using armtest::wordsOfLine;
 constexpr size_t COUNT = 0;
 constexpr size_t STATE = 8;
 
+// What this engine answers to a handle that it never gave.
+constexpr int32_t UNKNOWN_HANDLE = -103;
+
 struct Registered {
   int32_t application;
   int32_t tran_class;
@@ -225,6 +228,28 @@ TEST(ArmEngine, ManyProcessesAndThreadsAreCountedExactly) {
   const auto words = wordsOfLine(engine.report(), {"shop", "order"});
   ASSERT_GE(words.size(), 3U) << engine.report();
   EXPECT_EQ("600", words[2]);
+}
+
+/// Calls of two kinds in turn: an answer to the wrong one shows.
+bool answersFit(int rounds) {
+  const auto refused = [](int32_t result) { return result == -8 || result == -9; };
+  for (int i = 0; i < rounds; ++i) {
+    const int32_t application = arm_init("shop", "*", 0, nullptr, 0);
+    if (application <= 0 && !refused(application)) return false;
+    const int32_t status = arm_update(2000000000, 0, nullptr, 0);
+    if (status != UNKNOWN_HANDLE && !refused(status)) return false;
+  }
+  return true;
+}
+
+TEST(ArmEngine, AnswersStayWithTheirCallsWhenThreadsAreMoreThanRequesters) {
+  EngineProcess engine({"--requesters", "3", "--report"});
+  std::vector<int> fitting(10, 0);
+  std::vector<std::thread> threads;
+  for (int& fits : fitting) threads.emplace_back([&fits] { fits = answersFit(200) ? 1 : 0; });
+  for (std::thread& thread : threads) thread.join();
+  for (const int fits : fitting) EXPECT_EQ(1, fits);
+  EXPECT_EQ(0, engine.end(SIGTERM));
 }
 
 TEST(ArmEngine, ClientsKilledWhileWaitingDoNotStopIt) {
