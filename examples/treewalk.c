@@ -3,11 +3,11 @@
  *
  *     treewalk [--workers N] DIRECTORY
  *
- * The walk is one transaction.  Reading a file, counting its words and summing its bytes up is a
- * child transaction of it, and runs in one of N worker processes.  The workers are this program
- * again, started with --worker: they read file names from standard input and find the correlator of
- * their parent transaction in the environment variable that arm_getCorrelatorKey names, as
- * lower-case hexadecimal text.
+ * The walk is one transaction.  Reading a file, counting its words and summing its bytes up are child
+ * transactions of it, done by N worker processes.  The workers are this program again, started with
+ * --worker: they read file names from standard input and find the correlator of their parent
+ * transaction in the environment variable that arm_getCorrelatorKey names, as lower-case hexadecimal
+ * text.
  *
  * Measuring never gets in the way of the work: without an engine the program does the same and says
  * once that it is not being measured.
@@ -29,8 +29,6 @@
 #include "armext.h"
 
 #define MAX_WORKERS 64
-#define WALK_CLASS "walk a tree"
-#define FILE_CLASS "read a file"
 
 struct totals {
   uint64_t files;
@@ -49,20 +47,13 @@ struct worker {
 
 /* ---- measuring ------------------------------------------------------------------------------- */
 
-struct measurement {
-  arm_int32_t application;
-  arm_int32_t tran_class;
-};
-
-/* A 32-bit and a 64-bit program that run at once are told apart by their names. */
-static struct measurement begin_measurement(const char* class_name, const char* detail) {
-  struct measurement m;
+/* Calls this program's application by a name that tells a 32-bit and a 64-bit program apart when both
+ * run at once.  A negative id may be handed on: calls with it do nothing and return a negative
+ * result, so that the program needs no other road without an engine. */
+static arm_int32_t begin_application(void) {
   char name[ARM_NAME_SIZE];
   (void)snprintf(name, sizeof name, "treewalk (%d-bit)", (int)sizeof(void*) * 8);
-  m.application = arm_init(name, "*", 0, NULL, 0);
-  /* A negative id may be handed on: the call then does nothing and returns a negative result. */
-  m.tran_class = arm_getid(m.application, class_name, detail, 0, NULL, 0);
-  return m;
+  return arm_init(name, "*", 0, NULL, 0);
 }
 
 /* The data block of a start.  It is always 256 bytes, all of which are passed. */
@@ -100,12 +91,12 @@ static int read_hex(const char* text, arm_correlator_t* correlator) {
 }
 
 /* Starts the parent transaction and puts its correlator where the workers look for it. */
-static arm_int32_t start_parent(const struct measurement* m) {
+static arm_int32_t start_parent(arm_int32_t tran_class) {
   arm_user_data1_t block = empty_block();
   char text[2 * ARM_CORRELATOR_SIZE + 1];
   arm_int32_t handle;
   block.flags[0] = ARM_CorrReq_f;
-  handle = arm_start(m->tran_class, 0, &block, sizeof block);
+  handle = arm_start(tran_class, 0, &block, sizeof block);
   /* An engine is free not to give a correlator. */
   if (handle < 0 || (block.flags[0] & ARM_CorrGen_f) == 0) {
     if (unsetenv(arm_getCorrelatorKey()) != 0) perror("treewalk: unsetenv");
@@ -124,61 +115,121 @@ static arm_user_data1_t child_block(void) {
   return block;
 }
 
+/* A step of the work that is measured as a transaction: 0 when it failed. */
+typedef int (*step)(void* work);
+
+/* Does a step as a child transaction; the work is done whether it is measured or not. */
+static int measured(arm_int32_t tran_class, step do_step, void* work, uint64_t* unmeasured) {
+  arm_user_data1_t block = child_block();
+  const arm_int32_t handle = arm_start(tran_class, 0, &block, sizeof block);
+  const int good = do_step(work);
+  const arm_int32_t stopped = arm_stop(handle, good ? ARM_GOOD : ARM_FAILED, 0, NULL, 0);
+  if (handle < 0 || stopped < 0) ++*unmeasured;
+  return good;
+}
+
 /* ---- the worker ------------------------------------------------------------------------------ */
+
+struct task {
+  const char* name;
+  unsigned char* bytes;
+  size_t length;
+  size_t room;
+  struct totals totals;
+};
+
+static int make_room(struct task* task) {
+  unsigned char* bytes;
+  if (task->length < task->room) return 1;
+  bytes = realloc(task->bytes, task->room + 65536);
+  if (bytes == NULL) return 0;
+  task->bytes = bytes;
+  task->room += 65536;
+  return 1;
+}
+
+static int read_file(void* work) {
+  struct task* task = work;
+  size_t length = 1;
+  int good = 1;
+  FILE* file = fopen(task->name, "rb");
+  task->length = 0;
+  if (file == NULL) return 0;
+  while (good && length > 0) {
+    good = make_room(task);
+    if (good) length = fread(task->bytes + task->length, 1, task->room - task->length, file);
+    if (good) task->length += length;
+  }
+  if (ferror(file)) good = 0;
+  if (fclose(file) != 0) good = 0;
+  return good;
+}
 
 static int is_space(int c) {
   return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-/* Adds a file to the totals; 0 when it cannot be read. */
-static int read_file(const char* name, struct totals* totals) {
-  static char buffer[65536];
-  uint64_t sum = 1;
+static int count_words(void* work) {
+  struct task* task = work;
   int in_word = 0;
-  size_t length;
-  int good;
-  FILE* file = fopen(name, "rb");
-  if (file == NULL) return 0;
-  while ((length = fread(buffer, 1, sizeof buffer, file)) > 0) {
-    size_t i;
-    for (i = 0; i < length; ++i) {
-      const unsigned char byte = (unsigned char)buffer[i];
-      const int space = is_space(byte);
-      if (in_word && space) ++totals->words;
-      in_word = !space;
-      sum = sum * 31 + byte;
-    }
-    totals->bytes += length;
+  size_t i;
+  for (i = 0; i < task->length; ++i) {
+    const int space = is_space(task->bytes[i]);
+    if (in_word && space) ++task->totals.words;
+    in_word = !space;
   }
-  if (in_word) ++totals->words;
-  good = !ferror(file);
-  if (fclose(file) != 0) good = 0;
-  if (good) ++totals->files;
-  totals->checksum += sum;
-  return good;
+  if (in_word) ++task->totals.words;
+  task->totals.bytes += task->length;
+  return 1;
 }
 
-static void measured_file(const struct measurement* m, const char* name, struct totals* totals) {
-  arm_user_data1_t block = child_block();
-  const arm_int32_t handle = arm_start(m->tran_class, 0, &block, sizeof block);
-  const int good = read_file(name, totals);
-  const arm_int32_t stopped = arm_stop(handle, good ? ARM_GOOD : ARM_FAILED, 0, NULL, 0);
-  if (!good) ++totals->unread;
-  if (handle < 0 || stopped < 0) ++totals->unmeasured;
+static int checksum(void* work) {
+  struct task* task = work;
+  uint64_t sum = 1;
+  size_t i;
+  for (i = 0; i < task->length; ++i) sum = sum * 31 + task->bytes[i];
+  task->totals.checksum += sum;
+  return 1;
+}
+
+struct worker_classes {
+  arm_int32_t reading;
+  arm_int32_t counting;
+  arm_int32_t summing;
+};
+
+static void work_on(const struct worker_classes* classes, struct task* task) {
+  uint64_t* unmeasured = &task->totals.unmeasured;
+  if (!measured(classes->reading, read_file, task, unmeasured)) {
+    ++task->totals.unread;
+    return;
+  }
+  ++task->totals.files;
+  (void)measured(classes->counting, count_words, task, unmeasured);
+  (void)measured(classes->summing, checksum, task, unmeasured);
 }
 
 static int run_worker(void) {
-  const struct measurement m = begin_measurement(FILE_CLASS, "counts its words and its bytes");
-  struct totals totals = {0, 0, 0, 0, 0, 0};
+  const arm_int32_t application = begin_application();
+  struct worker_classes classes;
+  struct task task;
   char* name = NULL;
   size_t size = 0;
-  while (getdelim(&name, &size, '\0', stdin) > 0) measured_file(&m, name, &totals);
+  classes.reading = arm_getid(application, "read a file", "into memory", 0, NULL, 0);
+  classes.counting = arm_getid(application, "count its words", "between blanks", 0, NULL, 0);
+  classes.summing = arm_getid(application, "checksum it", "31 * sum + byte", 0, NULL, 0);
+  memset(&task, 0, sizeof task);
+  while (getdelim(&name, &size, '\0', stdin) > 0) {
+    task.name = name;
+    work_on(&classes, &task);
+  }
   free(name);
+  free(task.bytes);
   /* What is not measured shows in the counts; an application that cannot be ended adds nothing. */
-  (void)arm_end(m.application, 0, NULL, 0);
+  (void)arm_end(application, 0, NULL, 0);
   (void)printf("%" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64 "\n",
-               totals.files, totals.words, totals.bytes, totals.checksum, totals.unread,
-               totals.unmeasured);
+               task.totals.files, task.totals.words, task.totals.bytes, task.totals.checksum,
+               task.totals.unread, task.totals.unmeasured);
   return ferror(stdin) || fflush(stdout) != 0 ? EXIT_FAILURE : EXIT_SUCCESS;
 }
 
@@ -309,17 +360,18 @@ static void print_totals(const struct totals* totals, int measured) {
 }
 
 static int run_parent(const char* directory, int workers) {
-  const struct measurement m = begin_measurement(WALK_CLASS, directory);
-  const arm_int32_t handle = start_parent(&m);
+  const arm_int32_t application = begin_application();
+  const arm_int32_t tran_class = arm_getid(application, "walk a tree", directory, 0, NULL, 0);
+  const arm_int32_t handle = start_parent(tran_class);
   struct totals totals = {0, 0, 0, 0, 0, 0};
   int good;
   if (handle < 0) {
     (void)fprintf(stderr, "treewalk: not being measured (arm_init gave %d, arm_start %d)\n",
-                  (int)m.application, (int)handle);
+                  (int)application, (int)handle);
   }
   good = walk_with_workers(directory, workers, &totals) && totals.unread == 0;
   if (arm_stop(handle, good ? ARM_GOOD : ARM_FAILED, 0, NULL, 0) < 0) ++totals.unmeasured;
-  if (arm_end(m.application, 0, NULL, 0) < 0) ++totals.unmeasured;
+  if (arm_end(application, 0, NULL, 0) < 0) ++totals.unmeasured;
   print_totals(&totals, handle >= 0);
   if (!good) (void)fprintf(stderr, "treewalk: not all of %s was read\n", directory);
   return good && fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
