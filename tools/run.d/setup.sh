@@ -17,13 +17,11 @@ as_root() {
     fi
 }
 
+# A package that others suggest can be known to dpkg as "not-installed".
 missing_packages() { # PACKAGE...
     for package; do
-        status=$(dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null)
-        case $status in
-        *installed*) ;;
-        *) printf ' %s' "$package" ;;
-        esac
+        dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed ||
+            printf ' %s' "$package"
     done
 }
 
