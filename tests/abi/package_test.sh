@@ -35,7 +35,7 @@ configure() { # LINE-OF-CMAKE...
         echo 'project(consumer LANGUAGES C)'
         printf '%s\n' "$@"
     } >"$work/CMakeLists.txt"
-    "$cmake" -S "$work" -B "$work/build" -DCMAKE_PREFIX_PATH="$prefix" \
+    "$cmake" -G Ninja -S "$work" -B "$work/build" -DCMAKE_PREFIX_PATH="$prefix" \
         -DCMAKE_C_COMPILER="$compiler" -DCMAKE_C_FLAGS="$flags"
 }
 
