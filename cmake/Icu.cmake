@@ -1,7 +1,7 @@
 # Finds ICU's common library for the width that is being built:
 #   ARM_ICU_INCLUDE_DIR, ARM_ICU_UC_LIBRARY, ARM_ICU_LIBRARY_DIR
 
-if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+if(ARM_I386_SYSROOT)
   # The 64-bit library of the machine must never be picked up instead.
   set(arm_icu_where NO_DEFAULT_PATH PATHS ${ARM_I386_SYSROOT})
   set(arm_icu_advice "the packages libicu72:i386 and libicu-dev:i386 (unpacked to "

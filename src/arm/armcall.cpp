@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "arm/libarmutils.h"
 #include "diag/libarmdebug.h"
 #include "diag/traceformat.h"
 #include "ipc/arm_ipc.h"
@@ -38,6 +39,23 @@ std::size_t fixedSize(int32_t type) {
   }
 }
 
+/// Whether the engine that a request was posted to can be reached again.
+[[gnu::noinline, gnu::cold]] bool reconnectedTo(int engine) {
+  return CheckEngineStatus() == 0 && IPCIsOpenTo(engine);
+}
+
+/// Waits for the reply to a request that an engine has got, and from no other engine, which would never
+/// send one.  Another thread, which has seen an earlier engine dead, may close the connection before the
+/// wait: without a further attempt the reply would become that of this thread's next call.
+long waitForReply(TArmReplyMessage& reply, int engine) {
+  const TIPCIdentifier id = GetIpcIdentifier();
+  for (int furtherAttempts = 7;; --furtherAttempts) {
+    const long failure = IPCGetFromEngine(reply, id, engine);
+    if (failure != ARM_RESULT_NO_ENGINE || furtherAttempts == 0) return failure;
+    if (!reconnectedTo(engine)) return failure;
+  }
+}
+
 /// Bytes of a complete record that are set.
 std::size_t usedSize(const TArmMessage& message) {
   const std::size_t fixed = fixedSize(message.msg_type);
@@ -66,12 +84,13 @@ void copyBlock(uint8_t* field, std::size_t fieldSize, const void* block, int32_t
 
 int32_t exchange(const TArmMessage& message, TArmReplyMessage& reply, TTrace trace,
                  const char* waitFailure) {
-  long failure = IPCPostToEngine(message, usedSize(message));
+  int engine = ANY_ENGINE;
+  long failure = IPCPostToEngine(message, usedSize(message), &engine);
   if (failure != 0) {
     if (traces(trace)) traceError("IPCPostToEngine failed");
     return static_cast<int32_t>(failure);
   }
-  failure = IPCGetFromEngine(reply);
+  failure = waitForReply(reply, engine);
   if (failure != 0 && traces(trace)) traceError(waitFailure);
   return static_cast<int32_t>(failure);
 }

@@ -11,6 +11,10 @@ namespace {
 unsigned int stackKey = NO_THREAD_KEY;
 std::atomic<bool> initialized{false};
 
+// What this library has stored under its key.  A second C library in the process (dlmopen) numbers its
+// keys anew but keeps their values in the same place: what lies there may be another's.
+__attribute__((tls_model("initial-exec"))) thread_local const void* ownStack = nullptr;
+
 }  // namespace
 
 long CkesErrorManager::Initialize() {
@@ -35,6 +39,7 @@ long CkesErrorManager::NewThread() {
   auto* stack = new (std::nothrow) CkesErrorStack;
   if (stack == nullptr) return ERR_NO_MEMORY;
   if (CkesThreadLibrary::SetKeyValue(stackKey, stack) != 0) return ERR_NOT_STORED;
+  ownStack = stack;
   return 0;
 }
 
@@ -49,6 +54,7 @@ long CkesErrorManager::UnregisterThread() {
   // Cleared before the stack goes: a failing key call records its error in it, and leaves the key
   // pointing at it, so that it must stay then.
   if (CkesThreadLibrary::SetKeyValue(stackKey, nullptr) != 0) return ERR_NOT_CLEARED;
+  ownStack = nullptr;
   delete stack;
   return 0;
 }
@@ -93,7 +99,7 @@ long CkesErrorManager::GetStack(CkesErrorStack** stack) {
   void* value = nullptr;
   const long result = CkesThreadLibrary::GetKeyValue(stackKey, &value);
   if (result != 0) return result;
-  if (value == nullptr) return ERR_NO_STACK;
+  if (value == nullptr || value != ownStack) return ERR_NO_STACK;
   *stack = static_cast<CkesErrorStack*>(value);
   return 0;
 }

@@ -13,7 +13,8 @@ constexpr const char* EOL_CHARS = "\r\n";
 constexpr const char* _TRIM_CHARS = " =\t\r\n";
 
 bool readWhole(const char* path, char* buffer, unsigned int size) {
-  const int file = open(path, O_RDONLY | O_CLOEXEC);
+  // A pipe that has taken the file's place since it was examined does not block the host.
+  const int file = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (file < 0) return false;
   const ssize_t count = read(file, buffer, size);
   (void)close(file);

@@ -71,8 +71,11 @@ class CFileSizeSignal {
   bool VWasPending;
 };
 
+// Whatever somebody has put in the trace file's place: writing to a pipe that nobody reads does not block
+// the host, and a terminal does not become its controlling one.
 int openTraceFile() {
-  const int file = open(VLogFileSpec, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR);
+  constexpr int FLAGS = O_RDWR | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+  const int file = open(VLogFileSpec, FLAGS, S_IRUSR | S_IWUSR);
   if (file < 0 && !VTriedFileOnce.exchange(true)) {
     (void)std::printf("Failed to open trace file [%s], make sure that subdirectory exists\n",
                       VLogFileSpec);

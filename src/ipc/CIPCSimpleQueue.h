@@ -40,6 +40,8 @@ class CIPCSimpleQueue {
   bool IsInitialized() const { return VInitialized; }
   /// True while the process that created the queue lives.
   bool CreatorAlive() const { return VInitialized && VSharedMemory->CreatorAlive(); }
+  /// A number that tells the queue's creator from its predecessors and successors.
+  int CreatorId() const { return VInitialized ? VSharedMemory->GetSetId() : -1; }
   /// True once the engine reads the queue.
   bool IsReadyForIO() const { return VHeader != nullptr && loadShared(VHeader->ready_for_io) != 0; }
   /// The version word, 0 without a segment.
@@ -146,6 +148,12 @@ bool CIPCSimpleQueue<T>::open(const char* name) {
   (void)std::snprintf(path, sizeof path, "%s_mem", name);
   if (!openSegment(path)) {
     traceText("CIPCSimpleQueue Failed on the shared memory\n");
+    return false;
+  }
+  // An engine that has come up meanwhile: with the semaphores of the one before it, posts would wake
+  // nobody, and draining would never end.
+  if (!VOverflowSem->IsThere() || !VEmptySem->IsThere()) {
+    traceText("CIPCSimpleQueue Failed on replaced semaphores\n");
     return false;
   }
   // Written by every opener, without the lock and before the state is looked at.

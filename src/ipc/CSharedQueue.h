@@ -19,6 +19,11 @@ class CSharedQueue final : public Queue {
     if (VUses.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
   }
 
+  /// The engine that the connection was opened to when it opened this queue.  Set before the queue is
+  /// shared.
+  void SetEngine(int engine) { VEngine = engine; }
+  int Engine() const { return VEngine; }
+
   /// In a forked child: the users were threads of the parent; only the connection's use remains.
   void KeepOneUse() { VUses.store(1, std::memory_order_relaxed); }
 
@@ -26,4 +31,5 @@ class CSharedQueue final : public Queue {
   ~CSharedQueue() = default;
 
   std::atomic<long> VUses{1};
+  int VEngine = -1;
 };

@@ -83,6 +83,7 @@ CSharedQueue<TRequestQueue>* openRequestQueue() {
   const char* failure = requestQueueFailure(queue);
   if (failure == nullptr) {
     queue->SetOverflowWait(false);
+    queue->SetEngine(queue->CreatorId());
     return queue;
   }
   traceText("InitializeIPC, OutQueue failure\n");
@@ -128,6 +129,10 @@ long resultOfPut(long code) {
   return code == TRequestQueue::ERR_FULL ? QUEUE_FULL : QUEUE_FAILED;
 }
 
+int engineOf(const CSharedQueue<TRequestQueue>* queue) {
+  return queue != nullptr ? queue->Engine() : ANY_ENGINE;
+}
+
 bool engineIsUsable(const TRequestQueue* queue) {
   if (queue == nullptr) {
     traceText("IsEngineAlive: OutQueue is NULL\n");
@@ -162,6 +167,7 @@ bool InitializeIPC() {
   }
   auto* replies = new (std::nothrow) CSharedQueue<TReplyQueue>(REPLY_QUEUE_NAME, false);
   const bool usable = replies != nullptr && replies->IsInitialized();
+  if (usable) replies->SetEngine(requests->Engine());
   CSharedQueue<TReplyQueue>* replacedReplies = replace(InQueue, replies);
   if (usable) copyEngineID();
   unlockQueues();
@@ -171,24 +177,34 @@ bool InitializeIPC() {
   return usable;
 }
 
-long IPCPostToEngine(const TArmMessage& msg, std::size_t used) {
+long IPCPostToEngine(const TArmMessage& msg, std::size_t used, int* engine) {
   passEntryGate();
   CSharedQueue<TRequestQueue>* queue = enter(OutQueueMutex, OutQueueCount, OutQueue);
+  if (engine != nullptr) *engine = engineOf(queue);
   long result = NO_ENGINE;
   if (queue != nullptr && queue->CreatorAlive()) result = resultOfPut(queue->Put(msg, used));
   leave(OutQueueMutex, OutQueueCount, -1, queue);
   return result;
 }
 
+bool IPCIsOpenTo(int engine) {
+  passEntryGate();
+  (void)OutQueueMutex.Lock();
+  const bool same = OutQueue != nullptr && OutQueue->Engine() == engine;
+  (void)OutQueueMutex.Unlock();
+  return same;
+}
+
 long IPCGetFromEngine(TArmReplyMessage& reply) {
   return IPCGetFromEngine(reply, GetIpcIdentifier());
 }
 
-long IPCGetFromEngine(TArmReplyMessage& reply, _TIPCIdentifier id) {
+long IPCGetFromEngine(TArmReplyMessage& reply, _TIPCIdentifier id, int engine) {
   passEntryGate();
   CSharedQueue<TReplyQueue>* queue = enter(InQueueMutex, InQueueCount, InQueue);
   long result = NO_ENGINE;
-  if (queue != nullptr && queue->CreatorAlive()) {
+  const bool fits = queue != nullptr && (engine == ANY_ENGINE || engine == queue->Engine());
+  if (fits && queue->CreatorAlive()) {
     result = queue->Get(id, reply) == 0 ? 0 : QUEUE_FAILED;
   }
   leave(InQueueMutex, InQueueCount, -1, queue);

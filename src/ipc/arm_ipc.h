@@ -25,6 +25,9 @@
 using TRequestQueue = CIPCSimpleQueue<TArmMessage>;
 using TReplyQueue = CIPCQueue<TArmReplyMessage>;
 
+/// No engine in particular.
+inline constexpr int ANY_ENGINE = -1;
+
 extern CkesMutex OutQueueMutex;
 extern CkesMutex InQueueMutex;
 extern CkesMutex IsClosingMutex;
@@ -45,12 +48,19 @@ bool InitializeIPC();
 
 /// Posts one request; never waits for room.  0, -2 (no queue, or its creator is dead), -8 (the
 /// queue is full and the request is lost) or -9.
-long IPCPostToEngine(const TArmMessage& msg, std::size_t used = sizeof(TArmMessage));
+///   used    bytes of the record that are set
+///   engine  where to store which engine the queue belongs to; may be null
+long IPCPostToEngine(const TArmMessage& msg, std::size_t used = sizeof(TArmMessage),
+                     int* engine = nullptr);
+
+/// Whether the connection is open to that engine.
+bool IPCIsOpenTo(int engine);
 
 /// Waits, without a time limit, for the next reply addressed to the calling thread, or to id.  0,
-/// -2 (no queue, or its creator is dead) or -9.
+/// -2 (no queue, its creator is dead, or the connection has been opened to another engine than the one
+/// given) or -9.
 long IPCGetFromEngine(TArmReplyMessage& reply);
-long IPCGetFromEngine(TArmReplyMessage& reply, _TIPCIdentifier id);
+long IPCGetFromEngine(TArmReplyMessage& reply, _TIPCIdentifier id, int engine = ANY_ENGINE);
 
 /// True when the request queue is open, its creator alive and its version word 50300.
 bool IsEngineAlive();

@@ -35,6 +35,8 @@ class CkesSemaphore {
   long Post(long count);
   /// True when construction succeeded.
   bool IsInitialized() const { return VInitialized; }
+  /// True while the set that was opened or created has not been removed.
+  bool IsThere() const { return VInitialized && implIsThere(); }
 
  private:
   bool implCreate(char* path, long initial, long maximum);
@@ -42,6 +44,7 @@ class CkesSemaphore {
   long implWait(long timeout);
   long implTryWait();
   long implPost(long count);
+  bool implIsThere() const;
   bool implLock();
   bool implUnlock();
   bool implDestroy();

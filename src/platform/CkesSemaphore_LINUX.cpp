@@ -92,6 +92,10 @@ long CkesSemaphore::implPost(long count) {
   return result;
 }
 
+bool CkesSemaphore::implIsThere() const {
+  return semctl(semid, COUNT, GETVAL) >= 0;
+}
+
 bool CkesSemaphore::implLock() {
   sembuf lock[] = {{LOCK, 0, 0}, {LOCK, 1, SEM_UNDO}};
   return semopThroughSignals(semid, lock, 2) == 0;

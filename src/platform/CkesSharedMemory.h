@@ -57,6 +57,8 @@ class CkesSharedMemory {
   void* GetAddress() const { return VAddress; }
   /// Size in bytes: what was asked for by the creator, the segment's own size for an opener.
   unsigned long GetSize() const { return VSize; }
+  /// Identifier of the set of semaphores: another creator, also of the same name, has another one.
+  int GetSetId() const { return VSemaphore; }
   /// True when the segment is open or created.
   bool IsInitialized() const { return VInitialized; }
 

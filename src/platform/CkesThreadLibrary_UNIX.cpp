@@ -12,8 +12,14 @@ long CkesThreadLibrary::implInitialize() {
 long CkesThreadLibrary::implCreateNewKey(unsigned int* key) {
   pthread_key_t made = 0;
   if (pthread_key_create(&made, nullptr) != 0) return ERR_KEY_CREATE;
-  *key = made;
-  return 0;
+  if (pthread_getspecific(made) == nullptr) {
+    *key = made;
+    return 0;
+  }
+  // A new key that has a value already is in use by another C library of the process (dlmopen), which
+  // numbers its keys as this one does.  It is kept: made anew after a deletion, its number would look
+  // free, and the other's value be lost.
+  return implCreateNewKey(key);
 }
 
 long CkesThreadLibrary::implSetKeyValue(unsigned int key, void* value) {

@@ -33,6 +33,8 @@ std::string textAt(const Bytes& bytes, size_t offset, size_t size);
 Bytes blankRecord(int32_t type);
 /// Fails the test when the two differ, and names the first offset.
 void expectSameBytes(const Bytes& expected, const Bytes& actual);
+/// Where the time of a record of a type lies, 0 when there is none.
+size_t timeOffset(int32_t type);
 /// Fails unless the pair at an offset is a time of this test; copies it into expected.
 void expectTimeOfNow(Bytes& expected, const Bytes& actual, size_t offset);
 

@@ -5,6 +5,8 @@
 #include <sys/ipc.h>
 #include <sys/sem.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <fstream>
 #include <map>
 #include <regex>
@@ -120,12 +122,12 @@ std::map<std::string, Steps> readTrace(const std::string& path) {
 
 class SystemCalls : public testing::Test {
  protected:
-  /// The steps of every exported call.
-  static std::map<std::string, Steps> trace() {
+  /// The steps of the calls that a mode of the client makes.
+  static std::map<std::string, Steps> trace(const char* mode = "calls") {
     const std::string client = std::string(ARM_BUILD_DIR) + "/bin/counts_client";
     const std::string path = "/tmp/counts.trace";
     const pid_t tracer = forkChild([&] {
-      execlp("strace", "strace", "-qq", "-o", path.c_str(), client.c_str(), "calls", nullptr);
+      execlp("strace", "strace", "-qq", "-o", path.c_str(), client.c_str(), mode, nullptr);
       return 127;
     });
     EXPECT_EQ(0, exitCodeOf(tracer)) << "strace and " << client;
@@ -159,6 +161,54 @@ TEST_F(SystemCalls, CallsThatNeedNoEngineMakeNone) {
   const CountingEngine engine(Ring::empty);
   ASSERT_TRUE(engine.isReady());
   expectSteps({}, kLocalCalls, trace());
+}
+
+// The creator's semaphore is read, and nothing else is done.
+TEST_F(SystemCalls, CallsAboutATransactionThatIsNotMeasuredMakeOne) {
+  const CountingEngine engine(Ring::empty);
+  ASSERT_TRUE(engine.isReady());
+  const auto calls = trace("ignored");
+  EXPECT_EQ(8U, calls.size());
+  for (const auto& [name, steps] : calls) EXPECT_EQ(Steps{"requests GETVAL 1"}, steps) << name;
+}
+
+TEST_F(SystemCalls, CallsWithArgumentsThatAreRefusedMakeOne) {
+  const CountingEngine engine(Ring::empty);
+  ASSERT_TRUE(engine.isReady());
+  const auto calls = trace("rejected");
+  EXPECT_EQ(kPostingCalls.size(), calls.size());
+  for (const auto& [name, steps] : calls) EXPECT_EQ(Steps{"requests GETVAL 1"}, steps) << name;
+}
+
+// The first name file is looked for.
+TEST_F(SystemCalls, CallsWithoutAnEngineMakeOne) {
+  const auto calls = trace();
+  for (const std::string& name : kPostingCalls) {
+    ASSERT_EQ(1U, calls.count(name)) << name;
+    const Steps& steps = calls.at(name);
+    ASSERT_EQ(1U, steps.size()) << name;
+    EXPECT_TRUE(std::regex_search(
+        steps[0], std::regex(R"re(^\w*stat\w*\(.*"/var/kelp/controls_ae\.kelp_ovr".* ENOENT)re")))
+        << steps[0];
+  }
+  expectSteps({}, kLocalCalls, calls);
+}
+
+// How the C library finds the name is its own matter.
+TEST_F(SystemCalls, TheLoginNameIsLookedUpBeforeTheExchange) {
+  const CountingEngine engine(Ring::empty);
+  ASSERT_TRUE(engine.isReady());
+  const auto calls = trace("login");
+  ASSERT_EQ(1U, calls.count("arm_init"));
+  const Steps& steps = calls.at("arm_init");
+  const Steps exchange = idleExchange();
+  ASSERT_GT(steps.size(), exchange.size());
+  EXPECT_EQ(1, std::count_if(steps.begin(), steps.end(),
+                             [](const std::string& step) { return step.rfind("getuid", 0) == 0; }));
+  // Engine alive and sender first, then the name, then the rest.
+  EXPECT_TRUE(std::equal(exchange.begin(), exchange.begin() + 2, steps.begin()));
+  EXPECT_TRUE(std::equal(exchange.begin() + 2, exchange.end(),
+                         steps.end() - static_cast<std::ptrdiff_t>(exchange.size() - 2)));
 }
 
 TEST_F(SystemCalls, SixteenCallsAreCounted) {

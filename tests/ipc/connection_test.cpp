@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <future>
 #include <memory>
 #include <string>
@@ -15,6 +16,7 @@
 #include "TraceLog.h"
 #include "arm/dllhook.h"
 #include "arm/libarmutils.h"
+#include "armext.h"
 #include "ipc/arm_ipc.h"
 #include "process.h"
 
@@ -746,6 +748,72 @@ TEST_F(EngineStatus, AttachWithoutTheSwitchWritesNothing) {
   EXPECT_EQ(0, VDebugRun);
   char path[4096];
   EXPECT_FALSE(std::ifstream(wcDebugGetLogFileSpec(path, sizeof path)).is_open());
+}
+
+// ---- closed between a post and its wait ---------------------------------------------------------
+
+/// Another thread closes the connection when a call has posted its request and is about to wait.
+void closeBeforeTheNextWait(const std::function<void()>& andThen = [] {}) {
+  auto closed = std::make_shared<bool>(false);
+  hooks::onLock = [closed, andThen](CkesMutex* mutex) {
+    if (mutex != &InQueueMutex || *closed) return;
+    *closed = true;
+    IPCInitialized = false;
+    CloseIPC();
+    andThen();
+  };
+}
+
+int32_t callOnce() {
+  return arm_start(5, 0, nullptr, 0);
+}
+
+TEST_F(Connection, ClosedBetweenPostAndWaitStillGivesTheCallItsReply) {
+  raw::Engine engine(*requests, *replies, replyRecord(11));
+  ASSERT_EQ(11, callOnce());
+  engine.setReply(replyRecord(12));
+  closeBeforeTheNextWait();
+  EXPECT_EQ(12, callOnce());
+  engine.setReply(replyRecord(13));
+  EXPECT_EQ(13, callOnce()) << "the reply of the call before";
+}
+
+TEST_F(Connection, ClosedBetweenPostAndWaitAndOpenedToAnotherEngineEndsTheCallWithMinus2) {
+  {
+    raw::Engine engine(*requests, *replies, replyRecord(11));
+    ASSERT_EQ(11, callOnce());
+  }
+  closeBeforeTheNextWait([this] {
+    removeEngine();
+    startEngine();
+  });
+  EXPECT_EQ(-2, callOnce());
+  raw::Engine engine(*requests, *replies, replyRecord(12));
+  EXPECT_EQ(12, callOnce());
+}
+
+TEST_F(Connection, OpenedToAnotherEngineBetweenPostAndWaitEndsTheCallWithMinus2) {
+  {
+    raw::Engine engine(*requests, *replies, replyRecord(11));
+    ASSERT_EQ(11, callOnce());
+  }
+  closeBeforeTheNextWait([this] {
+    removeEngine();
+    startEngine();
+    IPCInitialized = InitializeIPC();
+  });
+  EXPECT_EQ(-2, callOnce()) << "the other engine does not know the request";
+  raw::Engine engine(*requests, *replies, replyRecord(12));
+  EXPECT_EQ(12, callOnce());
+}
+
+TEST_F(Connection, WaitThatFindsOnlyTheReplyQueueDeadGivesUp) {
+  {
+    raw::Engine engine(*requests, *replies, replyRecord(11));
+    ASSERT_EQ(11, callOnce());
+  }
+  replies->creatorDies();
+  EXPECT_EQ(-2, callOnce());
 }
 
 }  // namespace

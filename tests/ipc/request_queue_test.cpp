@@ -109,6 +109,36 @@ TEST(RequestQueueOpening, LooksAtTheOverflowSemaphoreFirst) {
             log.lines());
 }
 
+/// Opens a queue whose engine is replaced after the semaphores have been opened.
+void openWhileReplaced(raw::RequestQueue& ring, raw::Set& set, const std::string& name) {
+  std::unique_ptr<raw::Set> next;
+  hooks::onSemctl = [&](int id, int, int) {
+    if (id != ring.set.id() || next != nullptr) return hooks::kRunIt;
+    set.remove();
+    next = std::make_unique<raw::Set>(AE + name, 1, 3);
+    next->setValue(2, 1);
+    return hooks::kRunIt;
+  };
+  EXPECT_FALSE(Queue(kName).IsInitialized());
+  EXPECT_NE(nullptr, next);
+  hooks::reset();
+  EXPECT_TRUE(Queue(kName).IsInitialized());
+}
+
+TEST(RequestQueueOpening, FailsOnceWhenTheEmptySemaphoreIsReplacedMeanwhile) {
+  raw::RequestQueue ring(3);
+  const TraceLog log;
+  openWhileReplaced(ring, ring.empty, "_emp");
+  EXPECT_EQ(Lines{"CIPCSimpleQueue Failed on replaced semaphores"}, log.lines("CIPCSimple"));
+}
+
+TEST(RequestQueueOpening, FailsOnceWhenTheOverflowSemaphoreIsReplacedMeanwhile) {
+  raw::RequestQueue ring(3);
+  const TraceLog log;
+  openWhileReplaced(ring, ring.overflow, "_ovr");
+  EXPECT_EQ(Lines{"CIPCSimpleQueue Failed on replaced semaphores"}, log.lines("CIPCSimple"));
+}
+
 TEST(RequestQueueOpening, WithoutTracingLogsNothing) {
   EXPECT_FALSE(Queue(kName).IsInitialized());
   char path[4096];

@@ -60,25 +60,6 @@ Bytes completionRecord(int32_t type) {
   return record;
 }
 
-/// Where the time of a record lies, 0 when there is none.
-size_t timeOffset(int32_t type) {
-  switch (type) {
-    case 3:
-      return 280;
-    case 4:
-      return 1048;
-    case 5:
-      return 284;
-    case 15:
-    case 18:
-      return 24;
-    case 16:
-      return 292;
-    default:
-      return 0;
-  }
-}
-
 std::vector<Bytes> expectedRecords() {
   std::vector<Bytes> records = {initRecord("caf\xC3\xA9", "user", -2),
                                 initRecord("caf\xE9", "", 0x11), getidRecord(tranName(), "detail"),
@@ -173,7 +154,8 @@ void expectMixedRecords(const ScriptedEngine& engine, uint32_t first, uint32_t p
     EXPECT_EQ(process, word(record, 0));
     // The thread word is the width's own business.
     putBytes(expected[i], 0, slice(record, 0, 8));
-    const size_t time = timeOffset(kTypes[i]);
+    // The report on an instance asks for no time.
+    const size_t time = kTypes[i] == 17 ? 0 : timeOffset(kTypes[i]);
     if (time != 0) expectTimeOfNow(expected[i], record, time);
     expectSameBytes(expected[i], record);
   }

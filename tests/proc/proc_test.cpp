@@ -2,17 +2,16 @@
 
 #include <pthread.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
 #include <memory>
-#include <new>
 #include <random>
 
 #include "CallTest.h"
 #include "TraceFile.h"
+#include "shared.h"
 
 namespace armtest {
 namespace {
@@ -27,20 +26,7 @@ struct Board {
 };
 
 /// A board that the processes forked later share.
-class SharedBoard {
- public:
-  SharedBoard()
-      : board_(new (mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
-                         -1, 0)) Board{}) {}
-  ~SharedBoard() { munmap(board_, sizeof(Board)); }
-  SharedBoard(const SharedBoard&) = delete;
-  SharedBoard& operator=(const SharedBoard&) = delete;
-  Board* operator->() const { return board_; }
-  Board* get() const { return board_; }
-
- private:
-  Board* board_;
-};
+using SharedBoard = Shared<Board>;
 
 /// Makes one call with an id and tells whether the answer belongs to that id.
 bool callIsAnsweredRight(int32_t id) {

@@ -64,6 +64,9 @@ constexpr PrivateDir kPrivateDirs[] = {
     {"/etc/orv/kestra/common/cfg", 0777},
 };
 
+// A file system of a few pages: what a full disk does.
+constexpr const char* kSmallDir = "/var/small";
+
 struct Options {
   std::vector<std::string> keep;
   bool checkIpc = false;
@@ -205,7 +208,8 @@ void placeKeptTrees(const std::vector<KeptTree>& trees) {
 
 void copyLink(int fromDir, int toDir, const char* name) {
   char target[PATH_MAX] = {};
-  if (readlinkat(fromDir, name, target, sizeof target - 1) > 0) symlinkat(target, toDir, name);
+  if (readlinkat(fromDir, name, target, sizeof target - 1) <= 0) return;
+  if (symlinkat(target, toDir, name) != 0) fail("cannot copy the link %s", name);
 }
 
 void copyFile(int fromDir, int toDir, const char* name) {
@@ -245,9 +249,8 @@ int openDir(const char* path) {
   return dir;
 }
 
-void mountEmpty(const char* dir) {
-  const char* mode = std::strcmp(dir, "/tmp") == 0 ? "mode=1777" : "mode=0755";
-  if (mount("tmpfs", dir, "tmpfs", MS_NOSUID | MS_NODEV, mode) != 0)
+void mountEmpty(const char* dir, const char* options) {
+  if (mount("tmpfs", dir, "tmpfs", MS_NOSUID | MS_NODEV, options) != 0)
     fail("cannot mount an empty %s", dir);
 }
 
@@ -266,11 +269,15 @@ void buildFileTree(const Options& options) {
   makeMountsPrivate();
   const std::vector<KeptTree> kept = takeKeptTrees(options.keep);
   const int machineEtc = openDir("/etc");
-  for (const char* dir : kCoveredDirs) mountEmpty(dir);
+  for (const char* dir : kCoveredDirs) {
+    mountEmpty(dir, std::strcmp(dir, "/tmp") == 0 ? "mode=1777" : "mode=0755");
+  }
   const mode_t mask = umask(0);
   fillEtc(machineEtc);
   fillVar();
   for (const PrivateDir& dir : kPrivateDirs) makeDirs(dir.path, dir.mode);
+  makeDirs(kSmallDir, 0777);
+  mountEmpty(kSmallDir, "size=16k,mode=0777");
   placeKeptTrees(kept);
   umask(mask);
   close(machineEtc);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cerrno>
 #include <thread>
 
@@ -63,6 +64,29 @@ TEST(CkesErrorManager, StackThatCannotBeStoredIsPassedOnByInitialize) {
     return ENOMEM;
   });
   EXPECT_EQ(-201, CkesThreadLibrary::Initialize());
+}
+
+// As it is when the process has a second C library, which knows nothing of this one's keys.
+TEST(CkesErrorManager, ValueThatAnotherHasPutUnderTheKeyIsNoStackAndStaysUntouched) {
+  pthread_key_t stackKey = 0;
+  calls::pthread_key_create.replace([&](pthread_key_t* key, void (*destructor)(void*)) {
+    const int result = calls::pthread_key_create.real(key, destructor);
+    stackKey = *key;
+    return result;
+  });
+  ASSERT_EQ(0, CkesErrorManager::SetError(-5, "error"));
+  std::thread([stackKey] {
+    std::array<unsigned char, sizeof(CkesErrorStack)> foreign;
+    foreign.fill(0xA5);
+    const auto before = foreign;
+    ASSERT_EQ(0, pthread_setspecific(stackKey, foreign.data()));
+    EXPECT_EQ(-203, CkesErrorManager::SetError(-7, "another error"));
+    EXPECT_EQ(-203, CkesErrorManager::AddFunction("f"));
+    EXPECT_EQ(-203, CkesErrorManager::UnregisterThread());
+    EXPECT_EQ(before, foreign);
+    EXPECT_EQ(foreign.data(), pthread_getspecific(stackKey));
+  }).join();
+  EXPECT_EQ("-5 error", lastError());
 }
 
 TEST(CkesErrorManager, FirstOperationInitializesTheThreadLibrary) {

@@ -159,6 +159,25 @@ TEST(CkesThreadLibrary, KeysAreMadeWithoutADestructor) {
   EXPECT_TRUE(without);
 }
 
+// As it is when the process has a second C library: both number their keys from 0 and keep the values in
+// the same place.
+TEST(CkesThreadLibrary, KeyThatHasAValueAlreadyIsNotUsed) {
+  ASSERT_EQ(0, CkesThreadLibrary::Initialize());
+  int foreign = 0;
+  pthread_key_t taken = 0;
+  calls::pthread_key_create.replace([&](pthread_key_t* key, void (*destructor)(void*)) {
+    const int result = calls::pthread_key_create.real(key, destructor);
+    if (calls::pthread_key_create.count() > 1) return result;
+    taken = *key;
+    return pthread_setspecific(taken, &foreign);
+  });
+  unsigned int key = 0;
+  EXPECT_EQ(0, CkesThreadLibrary::CreateNewKey(&key));
+  EXPECT_NE(taken, key);
+  EXPECT_EQ(2, calls::pthread_key_create.count());
+  EXPECT_EQ(&foreign, pthread_getspecific(taken));
+}
+
 TEST(CkesThreadLibrary, ValuesBelongToOneThread) {
   unsigned int key = 0;
   ASSERT_EQ(0, CkesThreadLibrary::CreateNewKey(&key));

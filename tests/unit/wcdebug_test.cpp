@@ -336,6 +336,16 @@ TEST(TraceFile, IsOpenedForReadingAppendingWritesAndCreated) {
             given & (O_ACCMODE | O_CREAT | O_APPEND | O_TRUNC | O_EXCL));
 }
 
+TEST(TraceFile, IsOpenedSoThatNeitherAPipeNorATerminalInItsPlaceDoesHarm) {
+  int given = 0;
+  calls::open.replace([&](const char* path, int flags, mode_t mode) {
+    given = flags;
+    return calls::open.real(path, flags, mode);
+  });
+  wcDebug("x");
+  EXPECT_EQ(O_NONBLOCK | O_NOCTTY, given & (O_NONBLOCK | O_NOCTTY));
+}
+
 TEST(TraceFile, IsOpenedAnewByEveryCall) {
   calls::open.watch();
   wcDebug("x");
