@@ -49,7 +49,9 @@ bool EngineQueues::make(const EngineOptions& options, std::string* why) {
     return refuse(why, "another engine is starting or ending with this prefix: try again");
   }
   files_ = files;
-  for (const std::string* path : {&files.overflow, &files.empty, &files.requests, &files.replies}) {
+  // The overflow semaphore is taken over: a writer that drains it goes on until nothing is left, for ever
+  // when it is gone.
+  for (const std::string* path : {&files.empty, &files.requests, &files.replies}) {
     removeLeftovers(*path);
   }
   requests_ = std::make_unique<RequestReader>(options.requests);
@@ -71,6 +73,11 @@ EngineQueues::~EngineQueues() {
   }
   replies_.reset();
   requests_.reset();
+  // What a queue has made that could not be made whole.
+  for (const std::string* path :
+       {&files_.overflow, &files_.empty, &files_.requests, &files_.replies}) {
+    removeLeftovers(*path);
+  }
   removeNameFiles(files_);
 }
 

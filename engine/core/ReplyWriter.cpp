@@ -4,12 +4,14 @@
 #include <sys/ipc.h>
 #include <sys/sem.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "core/NameFiles.h"
+#include "ipc/CIPCUtils.h"
 #include "ipc/RequestQueueLayout.h"
 #include "platform/sharedword.h"
 
@@ -25,6 +27,10 @@ union SemArgument {
   semid_ds* buf;
   unsigned short* array;
 };
+
+uint64_t keyOf(const TIPCIdentifier& id) {
+  return uint64_t{static_cast<uint32_t>(id.processId)} << 32 | id.threadId;
+}
 
 unsigned long segmentSize(uint16_t requesters) {
   return sizeof(TReplyQueueHeader) +
@@ -107,49 +113,89 @@ ReplyWriter::Item* ReplyWriter::itemAt(uint32_t offset) const {
 }
 
 Delivery ReplyWriter::put(const TIPCIdentifier& to, const TArmReplyMessage& reply) {
-  return putOrRepair(To::anybody, to, reply);
+  return put(To::anybody, to, reply);
 }
 
 Delivery ReplyWriter::putUnlessCrowded(const TIPCIdentifier& to, const TArmReplyMessage& reply) {
-  return putOrRepair(To::anybody_unless_crowded, to, reply);
+  return put(To::anybody_unless_crowded, to, reply);
 }
 
 Delivery ReplyWriter::putToWaiting(const TIPCIdentifier& to, const TArmReplyMessage& reply) {
-  return putOrRepair(To::waiting, to, reply);
+  return put(To::waiting, to, reply);
 }
 
-Delivery ReplyWriter::putOrRepair(To whom, const TIPCIdentifier& to,
-                                  const TArmReplyMessage& reply) {
-  if (memory_.Lock() != 0) return Delivery::failed;
-  Delivery delivery = putLocked(whom, to, reply);
-  const bool refused = whom != To::anybody && delivery == Delivery::no_head;
-  if (delivery != Delivery::linked && !refused) {
-    (void)reclaimLocked();
-    delivery = putLocked(whom, to, reply);
+void ReplyWriter::putAllUnlessCrowded(Outgoing* replies, std::size_t count) {
+  putAll(To::anybody_unless_crowded, replies, count);
+}
+
+Delivery ReplyWriter::put(To whom, const TIPCIdentifier& to, const TArmReplyMessage& reply) {
+  Outgoing one = {to, reply, Delivery::failed};
+  putAll(whom, &one, 1);
+  return one.delivery;
+}
+
+void ReplyWriter::putAll(To whom, Outgoing* replies, std::size_t count) {
+  if (count == 0) return;
+  Semaphores due;
+  due.reserve(count);
+  const bool locked = memory_.Lock() == 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    replies[i].delivery = locked ? putOrRepair(whom, replies[i], &due) : Delivery::failed;
   }
-  (void)memory_.Unlock();
-  return delivery;
+  if (locked) (void)memory_.Unlock();
+  raiseAll(due);
 }
 
-Delivery ReplyWriter::putLocked(To whom, const TIPCIdentifier& to, const TArmReplyMessage& reply) {
-  TIPCHeadItem* record = headFor(whom, to);
+Delivery ReplyWriter::putOrRepair(To whom, const Outgoing& reply, Semaphores* due) {
+  const Delivery delivery = putLocked(whom, reply, due);
+  const bool refused = whom != To::anybody && delivery == Delivery::no_head;
+  if (delivery == Delivery::linked || refused) return delivery;
+  (void)releaseDeparted();
+  rebuildLists();
+  return putLocked(whom, reply, due);
+}
+
+Delivery ReplyWriter::putLocked(To whom, const Outgoing& reply, Semaphores* due) {
+  TIPCHeadItem* record = headFor(whom, reply.to);
   if (record == nullptr) return Delivery::no_head;
+  const uint16_t semaphore = loadShared(record->semaphore);
+  if (!isOfHead(semaphore)) return Delivery::failed;
   const uint32_t offset = takeFreeItem();
   if (offset == 0) return Delivery::no_item;
-  std::memcpy(&itemAt(offset)->record, &reply, sizeof reply);
-  // Both come under the lock, so that the semaphore and the list always agree.  Of the two, a raise
-  // without a reply does no harm: the requester finds nothing and waits on.
-  const bool linked = raise(loadShared(record->semaphore)) && append(*record, offset);
-  return linked ? Delivery::linked : Delivery::failed;
+  std::memcpy(&itemAt(offset)->record, &reply.reply, sizeof reply.reply);
+  if (!append(*record, offset)) return Delivery::failed;
+  due->push_back(semaphore);
+  return Delivery::linked;
 }
 
 /// The requester's head record, found or claimed; null when it is to have none.
 TIPCHeadItem* ReplyWriter::headFor(To whom, const TIPCIdentifier& owner) {
+  // Free records carry this identifier, and would be found.
+  if (CIPCUtils::sameIPCIdentifiers(owner, NULL_IPC_ID)) return nullptr;
   if (whom == To::anybody_unless_crowded && isCrowded()) return nullptr;
-  TIPCHeadItem* record = nullptr;
-  if (view_->FindHead(owner, whom != To::waiting, &record) != 0) return nullptr;
+  TIPCHeadItem* record = knownHead(owner);
+  if (record == nullptr) {
+    if (view_->FindHead(owner, whom != To::waiting, &record) != 0) return nullptr;
+    remember(owner, record);
+  }
   const bool suits = whom != To::waiting || loadShared(record->status) == HEAD_WAITING;
   return suits ? record : nullptr;
+}
+
+/// The requester's head record if it is where it was before: what a search would find, since no two
+/// records carry the same identifier.
+TIPCHeadItem* ReplyWriter::knownHead(const TIPCIdentifier& owner) const {
+  const auto place = places_.find(keyOf(owner));
+  if (place == places_.end()) return nullptr;
+  TIPCHeadItem* record = place->second;
+  const TIPCIdentifier now = {loadShared(record->process_id), loadShared(record->thread_id)};
+  return CIPCUtils::sameIPCIdentifiers(now, owner) ? record : nullptr;
+}
+
+void ReplyWriter::remember(const TIPCIdentifier& owner, TIPCHeadItem* record) {
+  // What departed requesters leave behind is thrown away now and then, together with the rest.
+  if (places_.size() >= 2U * capacity_) places_.clear();
+  places_[keyOf(owner)] = record;
 }
 
 /// Takes an item off the free list; 0 when none is free.
@@ -208,23 +254,36 @@ void ReplyWriter::setState(uint32_t state) {
 
 unsigned ReplyWriter::reclaimDeparted() {
   if (memory_.Lock() != 0) return 0;
-  const unsigned reclaimed = reclaimLocked();
+  const unsigned released = releaseDeparted();
+  repairLists(released > 0);
   (void)memory_.Unlock();
-  return reclaimed;
+  return released;
 }
 
 unsigned ReplyWriter::reclaimIdle() {
   if (memory_.Lock() != 0) return 0;
-  const unsigned reclaimed =
+  const unsigned released =
       releaseAll([this](const TIPCHeadItem& record) { return isIdle(record); });
+  repairLists(released > 0);
   (void)memory_.Unlock();
-  return reclaimed;
+  return released;
 }
 
-unsigned ReplyWriter::reclaimLocked() {
-  return releaseAll([this](const TIPCHeadItem& record) { return hasDeparted(record); });
+/// Frees the records whose owners have ended.  A process that cannot be seen from here, being in
+/// another container, may still wait.
+unsigned ReplyWriter::releaseDeparted() {
+  // Threads of one process often stand together: it is looked for once.
+  TIPCIdentifier last = {0, 0};
+  bool alive = false;
+  return releaseAll([&](const TIPCHeadItem& record) {
+    const TIPCIdentifier owner = {loadShared(record.process_id), 0};
+    if (owner.processId != last.processId) alive = isAlive(owner);
+    last = owner;
+    return !alive && semctl(set_, loadShared(record.semaphore), GETNCNT) <= 0;
+  });
 }
 
+/// Leaves the lists and counts to be put right.
 template <typename Condition>
 unsigned ReplyWriter::releaseAll(Condition condition) {
   unsigned released = 0;
@@ -234,20 +293,12 @@ unsigned ReplyWriter::releaseAll(Condition condition) {
     release(record);
     ++released;
   }
-  rebuildLists();
   return released;
 }
 
 bool ReplyWriter::isIdle(const TIPCHeadItem& record) const {
   return loadShared(record.status) == HEAD_IDLE && loadShared(record.first_reply) == 0 &&
          semctl(set_, loadShared(record.semaphore), GETNCNT) == 0;
-}
-
-/// Whether a record's owner has ended.  A process that cannot be seen from here, being in another
-/// container, may still wait.
-bool ReplyWriter::hasDeparted(const TIPCHeadItem& record) const {
-  const TIPCIdentifier owner = {loadShared(record.process_id), loadShared(record.thread_id)};
-  return !isAlive(owner) && semctl(set_, loadShared(record.semaphore), GETNCNT) <= 0;
 }
 
 /// Gives a head record back, without its list.  A client killed while it waited leaves status 1,
@@ -258,6 +309,28 @@ void ReplyWriter::release(TIPCHeadItem& record) {
   storeShared(record.process_id, NULL_IPC_ID.processId);
   storeShared(record.thread_id, NULL_IPC_ID.threadId);
   setSemaphore(loadShared(record.semaphore), 0);
+}
+
+/// Rebuilding touches every item, so it is done only when something is wrong.
+void ReplyWriter::repairLists(bool changed) {
+  if (changed || !listsAgree()) rebuildLists();
+}
+
+/// Whether the counts are those of the records and of the replies in their lists.  A free list that
+/// is damaged shows when an item is taken from it.
+bool ReplyWriter::listsAgree() const {
+  unsigned owned = 0;
+  unsigned linked = 0;
+  for (unsigned i = 0; i < capacity_; ++i) {
+    if (loadShared(head(i)->process_id) != NULL_IPC_ID.processId) ++owned;
+    uint32_t offset = loadShared(head(i)->first_reply);
+    while (offset != 0) {
+      const Item* item = itemAt(offset);
+      if (item == nullptr || ++linked > capacity_) return false;
+      offset = loadShared(item->next);
+    }
+  }
+  return owned == headsInUse() && linked == usedItems();
 }
 
 /// Chains every item that no requester's list holds into the free list, and counts anew.
@@ -305,9 +378,29 @@ void ReplyWriter::setSemaphore(unsigned short semaphore, int value) {
   (void)semctl(set_, semaphore, SETVAL, argument);
 }
 
+/// Whether a number that everybody may write to is one that head records have.
+bool ReplyWriter::isOfHead(unsigned short semaphore) const {
+  return semaphore >= REPLY_SET_FIRST_HEAD && semaphore < REPLY_SET_FIRST_HEAD + capacity_;
+}
+
 bool ReplyWriter::raise(unsigned short semaphore) {
   sembuf add = {semaphore, 1, 0};
   return semop(set_, &add, 1) == 0;
+}
+
+/// Raises semaphores, those of many requesters in one operation.  When that fails, since one of them
+/// stands at its limit or the kernel accepts fewer at once, each is raised for itself: a requester
+/// whose semaphore cannot rise for its height is awake, and those of a removed set have been sent
+/// away.
+void ReplyWriter::raiseAll(const Semaphores& semaphores) {
+  constexpr std::size_t MOST = 64;
+  sembuf operations[MOST];
+  for (std::size_t from = 0; from < semaphores.size(); from += MOST) {
+    const std::size_t count = std::min(semaphores.size() - from, MOST);
+    for (std::size_t i = 0; i < count; ++i) operations[i] = {semaphores[from + i], 1, 0};
+    if (semop(set_, operations, count) == 0) continue;
+    for (std::size_t i = 0; i < count; ++i) (void)raise(operations[i].sem_num);
+  }
 }
 
 unsigned ReplyWriter::usedItems() const {

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <unordered_map>
 #include <vector>
 
 #include "arm/TArmReplyMessage.h"
@@ -23,10 +25,24 @@ enum class Delivery {
 /// Whether a requester's process lives, as far as can be seen.
 bool isAlive(const TIPCIdentifier& requester);
 
+/// A reply on its way, for those that are put together.
+struct Outgoing {
+  TIPCIdentifier to;
+  TArmReplyMessage reply;
+  Delivery delivery;  ///< filled in when it has been put
+};
+
 /// The writer's end of the reply queue, and its creator: it owns the segment and the semaphore set;
 /// when it goes, it sets state 2, wakes every waiter and removes both.  It never waits for room: a requester has one reply at most, so a
 /// queue without room is one whose replies belong to the departed, and those are dropped.  Any
 /// thread.
+///
+/// Requesters are woken after the segment has been unlocked, so that they find it free.  No wake-up
+/// is lost by that: each linked reply is followed by one raise, by the thread that has linked it,
+/// before it does anything else; a requester takes a reply only after it has lowered its semaphore,
+/// so the units that have come or are under way are never fewer than the replies in its list.
+/// A raise that comes late, for a record that has been given to somebody else meanwhile, finds a
+/// requester that looks at its empty list and waits on.
 class ReplyWriter {
  public:
   /// Creates the queue for the given number of requesters.
@@ -43,7 +59,10 @@ class ReplyWriter {
   /// The same, but no_head for any requester while all head records are in use: its call may have
   /// failed for want of one, and its next call would take the reply for its own.
   Delivery putUnlessCrowded(const TIPCIdentifier& to, const TArmReplyMessage& reply);
-  /// The same, but only for a requester that waits.
+  /// putUnlessCrowded for several replies, in their order, under one lock, and with one operation
+  /// that wakes all their requesters.
+  void putAllUnlessCrowded(Outgoing* replies, std::size_t count);
+  /// As put, but only for a requester that waits.
   Delivery putToWaiting(const TIPCIdentifier& to, const TArmReplyMessage& reply);
   /// Whether a requester waits for a reply.
   bool isWaiting(const TIPCIdentifier& requester);
@@ -53,7 +72,8 @@ class ReplyWriter {
   /// Writes the state; 1 and 2 also wake every waiter.
   void setState(uint32_t state);
   /// Frees the head records of processes that have ended, drops their replies, and puts lists and
-  /// counts right that a killed process has left half changed.  Returns the records freed.
+  /// counts right that disagree, as a process killed in the middle of a change leaves them.  Returns
+  /// the records freed.
   unsigned reclaimDeparted();
 
   /// Frees the head records whose owners neither wait nor have replies: threads keep theirs to the
@@ -77,21 +97,29 @@ class ReplyWriter {
   uint32_t itemOffset(unsigned index) const;
   Item* itemAt(uint32_t offset) const;
   uint32_t takeFreeItem();
+  using Semaphores = std::vector<unsigned short>;
   enum class To { anybody, anybody_unless_crowded, waiting };
-  Delivery putOrRepair(To whom, const TIPCIdentifier& to, const TArmReplyMessage& reply);
-  Delivery putLocked(To whom, const TIPCIdentifier& to, const TArmReplyMessage& reply);
+  Delivery put(To whom, const TIPCIdentifier& to, const TArmReplyMessage& reply);
+  void putAll(To whom, Outgoing* replies, std::size_t count);
+  Delivery putOrRepair(To whom, const Outgoing& reply, Semaphores* due);
+  Delivery putLocked(To whom, const Outgoing& reply, Semaphores* due);
   TIPCHeadItem* headFor(To whom, const TIPCIdentifier& owner);
+  TIPCHeadItem* knownHead(const TIPCIdentifier& owner) const;
+  void remember(const TIPCIdentifier& owner, TIPCHeadItem* record);
   bool append(TIPCHeadItem& head, uint32_t offset);
-  unsigned reclaimLocked();
+  unsigned releaseDeparted();
   template <typename Condition>
   unsigned releaseAll(Condition condition);
-  bool hasDeparted(const TIPCHeadItem& head) const;
   bool isIdle(const TIPCHeadItem& head) const;
   void release(TIPCHeadItem& head);
+  void repairLists(bool changed);
+  bool listsAgree() const;
   void rebuildLists();
   void keepList(TIPCHeadItem& head, std::vector<bool>* linked);
   void setSemaphore(unsigned short semaphore, int value);
+  bool isOfHead(unsigned short semaphore) const;
   bool raise(unsigned short semaphore);
+  void raiseAll(const Semaphores& semaphores);
 
   uint16_t capacity_;
   /// The reader's view of the same queue, for the operations that both sides share.  It takes the
@@ -99,6 +127,8 @@ class ReplyWriter {
   std::unique_ptr<CIPCQueue<TArmReplyMessage>> view_;
   CkesSharedMemory memory_;
   int set_ = -1;
+  /// Where requesters' head records were: places to look first.  Guarded by the segment's lock.
+  std::unordered_map<uint64_t, TIPCHeadItem*> places_;
 };
 
 }  // namespace armengine

@@ -3,6 +3,7 @@
 #include <sys/ipc.h>
 #include <sys/sem.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -56,12 +57,23 @@ void RequestReader::setState(uint32_t state) {
   (void)view_->SetState(state);
 }
 
-Taken RequestReader::take(TArmMessage& message, std::chrono::milliseconds limit) {
+Taken RequestReader::take(TArmMessage* messages, std::size_t room, std::size_t* count,
+                          std::chrono::milliseconds limit) {
+  *count = 0;
   if (memory_.Lock() != 0) return Taken::stopped;
   const Taken taken = waitForRequest(std::chrono::steady_clock::now() + limit);
-  if (taken == Taken::request) takeLocked(message);
+  if (taken == Taken::request) {
+    // Read once: what is taken is bounded even if somebody writes to the count meanwhile.
+    const std::size_t waiting = std::min<std::size_t>(loadShared(header_->count), capacity_);
+    for (; *count < std::min(waiting, room); ++*count) takeLocked(messages[*count]);
+  }
   (void)memory_.Unlock();
   return taken;
+}
+
+Taken RequestReader::take(TArmMessage& message, std::chrono::milliseconds limit) {
+  std::size_t count = 0;
+  return take(&message, 1, &count, limit);
 }
 
 bool RequestReader::take(TArmMessage& message) {
@@ -116,7 +128,7 @@ bool RequestReader::waitForWriter(std::chrono::nanoseconds limit) const {
 
 void RequestReader::takeLocked(TArmMessage& message) {
   const uint16_t count = loadShared(header_->count);
-  const uint16_t head = loadShared(header_->head);
+  const auto head = static_cast<uint16_t>(loadShared(header_->head) % capacity_);
   std::memcpy(&message, slots_ + head * sizeof(TArmMessage), sizeof message);
   storeShared(header_->head, static_cast<uint16_t>((head + 1U) % capacity_));
   storeShared(header_->count, static_cast<uint16_t>(count - 1U));

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 
@@ -37,6 +38,10 @@ class RequestReader {
   /// Writes the state; 1 and 2 also wake every waiter.
   void setState(uint32_t state);
 
+  /// Takes the oldest requests, as many as there are and as room allows, under one lock, waiting for
+  /// the first for the given time.  Stores their number, 0 when the result is not request.
+  Taken take(TArmMessage* messages, std::size_t room, std::size_t* count,
+             std::chrono::milliseconds limit);
   /// Takes the oldest request, waiting for one for the given time.
   Taken take(TArmMessage& message, std::chrono::milliseconds limit);
   /// Takes the oldest request, waiting for one.  False when the queue was stopped or interrupted.

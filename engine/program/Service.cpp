@@ -10,36 +10,54 @@ namespace {
 
 constexpr std::chrono::seconds BETWEEN_TIDYINGS{1};
 constexpr std::chrono::milliseconds BETWEEN_DELIVERIES{1};
+/// Requests that are taken, and answered, under one lock: more save little, and the first of them
+/// waits for the last.
+constexpr std::size_t BATCH = 16;
 
 }  // namespace
 
+Service::Service(EngineQueues& queues, Dispatcher& dispatcher)
+    : queues_(queues), dispatcher_(dispatcher), requests_(BATCH) {
+  answers_.reserve(BATCH);
+}
+
 bool Service::run() {
-  TArmMessage request;
   for (;;) {
     const auto limit =
         undelivered_.empty() ? std::chrono::milliseconds(BETWEEN_TIDYINGS) : BETWEEN_DELIVERIES;
-    const Taken taken = queues_.requests().take(request, limit);
+    std::size_t count = 0;
+    const Taken taken = queues_.requests().take(requests_.data(), requests_.size(), &count, limit);
     if (taken == Taken::stopped) return false;
     if (taken == Taken::interrupted) return true;
-    if (taken == Taken::request) serve(request);
+    if (count > 0) serve(count);
     deliverAgain();
     tidyNowAndThen();
   }
 }
 
-void Service::serve(const TArmMessage& request) {
-  forgetUndelivered(request.sender_id);
-  const TArmReplyMessage reply = dispatcher_.answer(request);
-  ++served_;
-  const bool certain = doubtful_ == 0;
-  if (doubtful_ > 0) --doubtful_;
-  ReplyWriter& replies = queues_.replies();
-  if (certain && replies.putUnlessCrowded(request.sender_id, reply) == Delivery::linked) return;
-  // Its sender may be about to wait for it without a limit, so it is kept.
-  undelivered_.push_back({request.sender_id, reply, std::nullopt});
+/// Answers the first requests of the batch.
+void Service::serve(std::size_t count) {
+  answers_.clear();
+  for (std::size_t i = 0; i < count; ++i) {
+    answers_.push_back(
+        {requests_[i].sender_id, dispatcher_.apply(requests_[i]), Delivery::no_head});
+  }
+  served_ += count;
+  const std::size_t doubtful = std::min<std::size_t>(doubtful_, count);
+  doubtful_ -= static_cast<unsigned>(doubtful);
+  queues_.replies().putAllUnlessCrowded(answers_.data() + doubtful, count - doubtful);
+  for (const Outgoing& answer : answers_) keepOrForget(answer);
+  dispatcher_.publish();
 }
 
-/// A requester that makes another request waits for no earlier reply.
+/// A requester that makes another request waits for no earlier reply.  One that could not be given
+/// its reply may be about to wait for it without a limit, so that is kept.
+void Service::keepOrForget(const Outgoing& answer) {
+  forgetUndelivered(answer.to);
+  if (answer.delivery == Delivery::linked) return;
+  undelivered_.push_back({answer.to, answer.reply, std::nullopt});
+}
+
 void Service::forgetUndelivered(const TIPCIdentifier& to) {
   const auto forget = [&to](const Undelivered& one) {
     return CIPCUtils::sameIPCIdentifiers(one.to, to);
@@ -70,10 +88,11 @@ void Service::tidyNowAndThen() {
   next_tidying_ = now + BETWEEN_TIDYINGS;
   ReplyWriter& replies = queues_.replies();
   const bool was_crowded = replies.isCrowded();
-  (void)replies.reclaimDeparted();
-  if (!was_crowded) return;
-  (void)replies.reclaimIdle();
-  doubtful_ = queues_.requests().depth();
+  const bool freed = replies.reclaimDeparted() > 0;
+  dispatcher_.tidy();
+  if (was_crowded) (void)replies.reclaimIdle();
+  // Records may have run short after the look, so those that came free tell as much.
+  if (was_crowded || freed) doubtful_ = queues_.requests().depth();
 }
 
 }  // namespace armengine

@@ -13,8 +13,7 @@ namespace armengine {
 /// Serves the requests of one engine's queues.  One thread; interrupting the request queue ends it.
 class Service {
  public:
-  Service(EngineQueues& queues, Dispatcher& dispatcher)
-      : queues_(queues), dispatcher_(dispatcher) {}
+  Service(EngineQueues& queues, Dispatcher& dispatcher);
 
   /// Serves until the request queue is interrupted (true), or stopped or removed (false).
   bool run();
@@ -29,7 +28,8 @@ class Service {
     std::optional<uint64_t> due;  ///< requests to be served before, once its sender waits
   };
 
-  void serve(const TArmMessage& request);
+  void serve(std::size_t count);
+  void keepOrForget(const Outgoing& answer);
   bool deliver(Undelivered& one);
   void forgetUndelivered(const TIPCIdentifier& to);
   void tidyNowAndThen();
@@ -37,6 +37,9 @@ class Service {
 
   EngineQueues& queues_;
   Dispatcher& dispatcher_;
+  /// Requests that are taken together, and their answers.
+  std::vector<TArmMessage> requests_;
+  std::vector<Outgoing> answers_;
   /// Replies that could not be delivered yet, at most one for each requester.
   std::vector<Undelivered> undelivered_;
   /// Requests, the next ones of the queue, that were made while new requesters may have found no

@@ -1,5 +1,6 @@
 #include "registry/Correlator.h"
 
+#include <algorithm>
 #include <cstddef>
 
 namespace armengine {
@@ -14,12 +15,17 @@ constexpr std::size_t VERSION_AT = 8;
 constexpr std::size_t CLASS_AT = 12;
 constexpr std::size_t HANDLE_AT = 16;
 constexpr std::size_t ENGINE_AT = 20;
+constexpr std::size_t TRACE_AT = 28;
+constexpr std::size_t SPAN_AT = 44;
 constexpr std::size_t IGNORE_AT = 109;
+constexpr std::size_t CHECK_AT = 164;
 
 constexpr uint8_t FORMAT = 193;
+constexpr uint8_t TRACED_FLAG = 0x80;
 constexpr uint8_t TRACE_FLAG = 0x40;
+constexpr uint8_t IGNORE_CHILDREN = 0x01;
 constexpr uint32_t MAGIC = 0x41524D43;  // "ARMC"
-constexpr uint16_t VERSION = 1;
+constexpr uint16_t VERSION = 2;
 
 template <typename T>
 void put(CorrelatorBytes* bytes, std::size_t at, T value) {
@@ -37,33 +43,95 @@ T get(const CorrelatorBytes& bytes, std::size_t at) {
   return value;
 }
 
+constexpr std::array<uint32_t, 256> makeCrcTable() {
+  constexpr uint32_t POLYNOMIAL = 0xEDB88320;
+  std::array<uint32_t, 256> table = {};
+  for (uint32_t byte = 0; byte < table.size(); ++byte) {
+    uint32_t value = byte;
+    for (int bit = 0; bit < 8; ++bit) value = (value >> 1) ^ ((value & 1) != 0 ? POLYNOMIAL : 0);
+    table[byte] = value;
+  }
+  return table;
+}
+
+constexpr std::array<uint32_t, 256> CRC_TABLE = makeCrcTable();
+
+uint32_t checkValue(const CorrelatorBytes& bytes) {
+  uint32_t crc = 0xFFFFFFFF;
+  for (std::size_t i = 0; i < CHECK_AT; ++i) crc = CRC_TABLE[(crc ^ bytes[i]) & 0xFF] ^ (crc >> 8);
+  return ~crc;
+}
+
 }  // namespace
 
 CorrelatorBytes encodeCorrelator(const Correlator& correlator) {
   CorrelatorBytes bytes = {};
   put(&bytes, LENGTH_AT, static_cast<uint16_t>(bytes.size()));
   bytes[FORMAT_AT] = FORMAT;
-  bytes[FLAGS_AT] = correlator.trace ? TRACE_FLAG : 0;
+  bytes[FLAGS_AT] = static_cast<uint8_t>((correlator.traced ? TRACED_FLAG : 0) |
+                                         (correlator.trace ? TRACE_FLAG : 0));
   put(&bytes, MAGIC_AT, MAGIC);
   put(&bytes, VERSION_AT, VERSION);
   put(&bytes, CLASS_AT, static_cast<uint32_t>(correlator.class_id));
   put(&bytes, HANDLE_AT, static_cast<uint32_t>(correlator.handle));
   put(&bytes, ENGINE_AT, correlator.engine);
-  bytes[IGNORE_AT] = 0;
+  std::copy(correlator.trace_id.begin(), correlator.trace_id.end(), &bytes[TRACE_AT]);
+  std::copy(correlator.span_id.begin(), correlator.span_id.end(), &bytes[SPAN_AT]);
+  bytes[IGNORE_AT] = correlator.traced ? 0 : IGNORE_CHILDREN;
+  put(&bytes, CHECK_AT, checkValue(bytes));
   return bytes;
 }
 
 std::optional<Correlator> decodeCorrelator(const CorrelatorBytes& bytes) {
   const bool known = get<uint16_t>(bytes, LENGTH_AT) == bytes.size() &&
                      bytes[FORMAT_AT] == FORMAT && get<uint32_t>(bytes, MAGIC_AT) == MAGIC &&
-                     get<uint16_t>(bytes, VERSION_AT) == VERSION;
+                     get<uint16_t>(bytes, VERSION_AT) == VERSION &&
+                     get<uint32_t>(bytes, CHECK_AT) == checkValue(bytes);
   if (!known) return std::nullopt;
   Correlator correlator;
   correlator.engine = get<uint64_t>(bytes, ENGINE_AT);
   correlator.class_id = static_cast<int32_t>(get<uint32_t>(bytes, CLASS_AT));
   correlator.handle = static_cast<int32_t>(get<uint32_t>(bytes, HANDLE_AT));
+  std::copy_n(&bytes[TRACE_AT], correlator.trace_id.size(), correlator.trace_id.begin());
+  std::copy_n(&bytes[SPAN_AT], correlator.span_id.size(), correlator.span_id.begin());
+  correlator.traced = (bytes[IGNORE_AT] & IGNORE_CHILDREN) == 0;
   correlator.trace = (bytes[FLAGS_AT] & TRACE_FLAG) != 0;
   return correlator;
+}
+
+std::string hexText(const uint8_t* bytes, std::size_t count) {
+  constexpr const char* DIGITS = "0123456789abcdef";
+  std::string text;
+  text.reserve(count * 2);
+  for (std::size_t i = 0; i < count; ++i) {
+    text += DIGITS[bytes[i] >> 4];
+    text += DIGITS[bytes[i] & 0x0F];
+  }
+  return text;
+}
+
+namespace {
+
+int digitOf(char digit) {
+  if (digit >= '0' && digit <= '9') return digit - '0';
+  if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
+  if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
+  return -1;
+}
+
+}  // namespace
+
+std::optional<std::string> bytesOfHex(std::string_view text) {
+  if (text.size() % 2 != 0) return std::nullopt;
+  std::string bytes;
+  bytes.reserve(text.size() / 2);
+  for (std::size_t i = 0; i < text.size(); i += 2) {
+    const int high = digitOf(text[i]);
+    const int low = digitOf(text[i + 1]);
+    if (high < 0 || low < 0) return std::nullopt;
+    bytes += static_cast<char>(high * 16 + low);
+  }
+  return bytes;
 }
 
 }  // namespace armengine

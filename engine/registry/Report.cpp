@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <numeric>
 
 namespace armengine {
 
@@ -66,10 +67,10 @@ Row rowOf(const ClassStatistics& of, bool with_unknown) {
   Row row = {readableName(of.application, NAME_LIMIT),
              readableName(of.name, NAME_LIMIT),
              std::to_string(of.count()),
-             std::to_string(of.good),
-             std::to_string(of.failed),
-             std::to_string(of.aborted)};
-  if (with_unknown) row.push_back(std::to_string(of.unknown));
+             std::to_string(of.good.get()),
+             std::to_string(of.failed.get()),
+             std::to_string(of.aborted.get())};
+  if (with_unknown) row.push_back(std::to_string(of.unknown.get()));
   for (const unsigned percent : {50U, 95U, 99U}) {
     row.push_back(of.count() > 0 ? readableTime(of.times.percentile(percent)) : "-");
   }
@@ -77,29 +78,15 @@ Row rowOf(const ClassStatistics& of, bool with_unknown) {
   return row;
 }
 
-std::string makeTable(const std::vector<const ClassStatistics*>& all) {
+std::string makeTable(const std::vector<std::shared_ptr<ClassStatistics>>& all) {
   const bool with_unknown =
-      std::any_of(all.begin(), all.end(), [](const auto* of) { return of->unknown > 0; });
+      std::any_of(all.begin(), all.end(), [](const auto& of) { return of->unknown.get() > 0; });
   Row heading = {"application", "transaction class", "count", "good", "failed", "aborted"};
   if (with_unknown) heading.emplace_back("unknown");
   heading.insert(heading.end(), {"p50", "p95", "p99", "max"});
   std::vector<Row> rows = {heading};
-  for (const ClassStatistics* of : all) rows.push_back(rowOf(*of, with_unknown));
+  for (const auto& of : all) rows.push_back(rowOf(*of, with_unknown));
   return layOut(rows);
-}
-
-const char* nameOf(Outcome outcome) {
-  switch (outcome) {
-    case Outcome::good:
-      return "good";
-    case Outcome::aborted:
-      return "aborted";
-    case Outcome::failed:
-      return "failed";
-    case Outcome::unknown:
-      break;
-  }
-  return "unknown";
 }
 
 std::string lineOf(const TreeNode& node) {
@@ -110,11 +97,12 @@ std::string lineOf(const TreeNode& node) {
 
 /// As deep as TreeNode keeps children.
 void drawChildren(const TreeNode& parent, const std::string& indent, std::string* drawing) {
-  const uint64_t left_out = parent.child_count - parent.children.size();
-  for (const auto& child : parent.children) {
-    const bool last = left_out == 0 && child == parent.children.back();
-    *drawing += indent + (last ? "`- " : "|- ") + lineOf(*child) + '\n';
-    drawChildren(*child, indent + (last ? "   " : "|  "), drawing);
+  const uint64_t left_out = parent.child_count - parent.kept;
+  for (unsigned i = 0; i < parent.kept; ++i) {
+    const TreeNode& child = *parent.children[i];
+    const bool last = left_out == 0 && i + 1 == parent.kept;
+    *drawing += indent + (last ? "`- " : "|- ") + lineOf(child) + '\n';
+    drawChildren(child, indent + (last ? "   " : "|  "), drawing);
   }
   if (left_out > 0) *drawing += indent + "`- and " + std::to_string(left_out) + " more\n";
 }
@@ -157,7 +145,11 @@ std::string makeReport(const Registry& registry) {
   if (registry.openInstances() > 0) {
     report += "never stopped: " + std::to_string(registry.openInstances()) + "\n";
   }
-  if (const auto tree = registry.largestTree(); tree != nullptr) {
+  const uint64_t abandoned =
+      std::accumulate(all.begin(), all.end(), uint64_t{0},
+                      [](uint64_t sum, const auto& of) { return sum + of->abandoned.get(); });
+  if (abandoned > 0) report += "abandoned: " + std::to_string(abandoned) + "\n";
+  if (const auto* tree = registry.largestTree(); tree != nullptr) {
     report += "\nthe parent with most children, and its first ones:\n" +
               readableName(tree->statistics->application, NAME_LIMIT) + ": " + lineOf(*tree) + '\n';
     drawChildren(*tree, "", &report);

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstdint>
-#include <vector>
+
+#include "registry/Figure.h"
 
 namespace armengine {
 
@@ -11,12 +13,23 @@ namespace armengine {
 /// Every power of two is divided into 128 equal steps, so that a percentile is never below the true
 /// value and at most 1/128 above it; times below 128 ns, and the maximum, are exact.  A class takes
 /// 1 KiB for each power of two that has occurred, 58 KiB at most.
+///
+/// One thread adds; any thread may read meanwhile.
 class ResponseTimes {
  public:
-  void add(uint64_t nanoseconds);
+  ResponseTimes() = default;
+  ~ResponseTimes();
+  ResponseTimes(const ResponseTimes& other) { merge(other); }
+  ResponseTimes& operator=(const ResponseTimes&) = delete;
 
-  uint64_t count() const { return count_; }
-  uint64_t maximum() const { return maximum_; }
+  void add(uint64_t nanoseconds);
+  /// Adds all times of another one, as if each had been added here.
+  void merge(const ResponseTimes& other);
+
+  uint64_t count() const { return count_.get(); }
+  uint64_t maximum() const { return maximum_.get(); }
+  /// Nanoseconds of all times together.
+  uint64_t sum() const { return sum_.get(); }
   /// The smallest time that at least this share of all times does not exceed (nearest rank); 0
   /// without any times.
   ///   percent  1 to 100
@@ -27,12 +40,16 @@ class ResponseTimes {
   static constexpr unsigned STEPS = 1U << STEP_BITS;
   /// The times below STEPS, then one range for each further power of two of 64 bits.
   static constexpr unsigned RANGES = 64 - STEP_BITS + 1;
+  using Steps = std::array<Figure, STEPS>;
 
   static uint64_t largestOf(unsigned range, unsigned step);
+  Steps& stepsOf(unsigned range);
 
-  std::array<std::vector<uint64_t>, RANGES> ranges_;
-  uint64_t count_ = 0;
-  uint64_t maximum_ = 0;
+  /// Made when the first time of a range occurs, and kept.
+  std::array<std::atomic<Steps*>, RANGES> ranges_ = {};
+  Figure count_;
+  Figure maximum_;
+  Figure sum_;
 };
 
 }  // namespace armengine

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
 
 #include <memory>
 #include <thread>
@@ -317,6 +319,136 @@ TEST_F(ReplyWriterTest, ReadersOfAFullQueueNeverFindItsSemaphoreAtTheLimit) {
   }
   EXPECT_EQ(1, take(living(0)));
   EXPECT_EQ(1, armtest::semaphoreValue(set_, 1));
+}
+
+// ---- several at once ----------------------------------------------------------------------------
+
+using armengine::Outgoing;
+
+Outgoing outgoing(const TIPCIdentifier& to, int32_t result) {
+  return {to, reply(result), Delivery::failed};
+}
+
+TEST_F(ReplyWriterTest, RepliesPutTogetherKeepTheOrderOfEachRequester) {
+  Outgoing all[] = {outgoing(living(1), 1), outgoing(living(2), 2), outgoing(living(1), 3),
+                    outgoing(living(2), 4)};
+  writer().putAllUnlessCrowded(all, 4);
+  for (const Outgoing& one : all) EXPECT_EQ(Delivery::linked, one.delivery);
+  EXPECT_EQ(2, armtest::semaphoreValue(set_, 2));
+  EXPECT_EQ(2, armtest::semaphoreValue(set_, 3));
+  for (const int32_t result : {1, 3}) EXPECT_EQ(result, take(living(1)));
+  for (const int32_t result : {2, 4}) EXPECT_EQ(result, take(living(2)));
+}
+
+TEST_F(ReplyWriterTest, RepliesPutTogetherWakeEveryWaiter) {
+  // One record stays free: a crowded queue refuses.
+  constexpr size_t WAITERS = REQUESTERS - 1;
+  pid_t waiters[WAITERS];
+  for (pid_t& waiter : waiters) {
+    waiter = forkChild([] {
+      TArmReplyMessage message = {};
+      return armtest::getReply(&message) == 0 && message.result == getpid() ? 0 : 1;
+    });
+  }
+  EXPECT_TRUE(waitUntil([this] {
+    int waiting = 0;
+    for (int i = 0; i < REQUESTERS; ++i) waiting += armtest::semaphoreWaiters(set_, 2 + i);
+    return waiting == WAITERS;
+  }));
+  const armtest::Attached memory(controlPath("ea.kelp"));
+  std::vector<Outgoing> all;
+  for (size_t i = 0; i < WAITERS; ++i) {
+    const size_t head = HEADS + i * HEAD_SIZE;
+    const TIPCIdentifier id = {memory.read<int32_t>(head + 4), memory.read<uint32_t>(head + 8)};
+    all.push_back(outgoing(id, id.processId));
+  }
+  writer().putAllUnlessCrowded(all.data(), all.size());
+  for (const pid_t waiter : waiters) EXPECT_EQ(0, armtest::exitCodeOf(waiter));
+}
+
+TEST_F(ReplyWriterTest, CrowdIsLookedForBeforeEachOfTheRepliesPutTogether) {
+  std::vector<Outgoing> all;
+  for (uint32_t i = 0; i < REQUESTERS + 2; ++i) all.push_back(outgoing(living(i), 1));
+  writer().putAllUnlessCrowded(all.data(), all.size());
+  for (uint32_t i = 0; i < REQUESTERS + 2; ++i) {
+    EXPECT_EQ(i < REQUESTERS ? Delivery::linked : Delivery::no_head, all[i].delivery) << i;
+  }
+}
+
+TEST_F(ReplyWriterTest, SemaphoreAtItsLimitDoesNotKeepTheOthersFromRising) {
+  for (const uint32_t thread : {1U, 2U, 3U}) {
+    EXPECT_EQ(Delivery::linked, writer().put(living(thread), reply(1)));
+    EXPECT_EQ(1, take(living(thread)));
+  }
+  constexpr int LIMIT = 32767;
+  armtest::setSemaphore(set_, 3, LIMIT);
+  Outgoing all[] = {outgoing(living(1), 11), outgoing(living(2), 12), outgoing(living(3), 13)};
+  writer().putAllUnlessCrowded(all, 3);
+  EXPECT_EQ(1, armtest::semaphoreValue(set_, 2));
+  EXPECT_EQ(LIMIT, armtest::semaphoreValue(set_, 3));
+  EXPECT_EQ(1, armtest::semaphoreValue(set_, 4));
+  for (const int32_t result : {11, 12, 13}) {
+    EXPECT_EQ(Delivery::linked, all[result - 11].delivery);
+    EXPECT_EQ(result, take(living(static_cast<uint32_t>(result - 10))));
+  }
+}
+
+TEST_F(ReplyWriterTest, ImpossibleSemaphoreNumberConcernsItsOwnerAlone) {
+  for (const uint16_t number :
+       {uint16_t{0}, uint16_t{1}, uint16_t{2 + REQUESTERS}, uint16_t{0xFFFF}}) {
+    queues_.reset();
+    SetUp();
+    for (const uint32_t thread : {1U, 2U}) {
+      EXPECT_EQ(Delivery::linked, writer().put(living(thread), reply(1)));
+      EXPECT_EQ(1, take(living(thread)));
+    }
+    armtest::Attached memory(controlPath("ea.kelp"));
+    memory.write(HEADS + 2, number);
+    Outgoing all[] = {outgoing(living(1), 11), outgoing(living(2), 12)};
+    writer().putAllUnlessCrowded(all, 2);
+    EXPECT_EQ(Delivery::failed, all[0].delivery);
+    EXPECT_EQ(Delivery::linked, all[1].delivery);
+    EXPECT_EQ(12, take(living(2)));
+    EXPECT_EQ(0U, writer().usedItems());
+  }
+}
+
+TEST_F(ReplyWriterTest, RemovedSetHoldsNothingUp) {
+  ASSERT_EQ(0, semctl(set_, 0, IPC_RMID));
+  Outgoing all[] = {outgoing(living(1), 1), outgoing(living(2), 2)};
+  writer().putAllUnlessCrowded(all, 2);
+  EXPECT_EQ(2U, writer().headsInUse());
+}
+
+TEST_F(ReplyWriterTest, NobodyIsGivenNoReply) {
+  EXPECT_EQ(Delivery::no_head, writer().put({-1, 0xFFFFFFFFU}, reply(1)));
+  EXPECT_EQ(0U, writer().usedItems());
+  EXPECT_EQ(0U, writer().headsInUse());
+}
+
+TEST_F(ReplyWriterTest, RecordThatHasChangedHandsIsNotTakenForItsFormerOwners) {
+  EXPECT_EQ(Delivery::linked, writer().put(living(1), reply(1)));
+  EXPECT_EQ(1, take(living(1)));
+  EXPECT_EQ(1U, writer().reclaimIdle());
+  EXPECT_EQ(Delivery::linked, writer().put(living(2), reply(22)));
+  EXPECT_EQ(Delivery::linked, writer().put(living(1), reply(11)));
+  EXPECT_EQ(22, take(living(2)));
+  EXPECT_EQ(11, take(living(1)));
+}
+
+// The kernel accepts at most 500 operations at once.
+TEST(ReplyWriter, MoreRepliesThanOneOperationTakesAllRaiseTheirSemaphores) {
+  constexpr uint16_t MANY = 601;
+  armengine::EngineOptions options;
+  options.requesters = MANY;
+  std::string why;
+  const auto queues = EngineQueues::create(options, &why);
+  ASSERT_NE(nullptr, queues) << why;
+  std::vector<Outgoing> all;
+  for (uint32_t i = 0; i < MANY; ++i) all.push_back(outgoing({getpid(), i}, 1));
+  queues->replies().putAllUnlessCrowded(all.data(), all.size());
+  const int set = armtest::setAt(controlPath("ea.kelp"), 3);
+  for (int i = 0; i < MANY; ++i) EXPECT_EQ(1, armtest::semaphoreValue(set, 2 + i)) << i;
 }
 
 TEST_F(ReplyWriterTest, StateEndsWaits) {

@@ -13,7 +13,7 @@ using armengine::Started;
 constexpr uint64_t MILLISECOND = 1000000;
 
 void startAndStop(Registry* registry, int32_t id, int32_t status, uint64_t duration) {
-  const Started started = registry->start(id, std::nullopt, false, 0);
+  const Started started = registry->start(id, {}, 0);
   EXPECT_EQ(0, registry->stop(started.result, status, duration));
 }
 
@@ -76,7 +76,7 @@ TEST(Report, UnknownStatusesHaveAColumnWhenThereAreAny) {
 TEST(Report, OpenInstancesAreMentioned) {
   Registry registry(1);
   const int32_t order = registry.addClass(registry.addApplication("shop"), "order", "");
-  (void)registry.start(order, std::nullopt, false, 0);
+  (void)registry.start(order, {}, 0);
   EXPECT_NE(std::string::npos, makeReport(registry).find("never stopped: 1\n"));
 }
 
@@ -85,10 +85,10 @@ TEST(Report, ParentIsDrawnWithItsChildren) {
   const int32_t shop = registry.addApplication("shop");
   const int32_t order = registry.addClass(shop, "order", "");
   const int32_t query = registry.addClass(shop, "query", "");
-  const Started top = registry.start(order, std::nullopt, false, 0);
-  const Started first = registry.start(query, top.correlator, false, 0);
-  const Started second = registry.start(query, top.correlator, false, 0);
-  const Started below = registry.start(query, first.correlator, false, 0);
+  const Started top = registry.start(order, {}, 0);
+  const Started first = registry.start(query, {top.correlator}, 0);
+  const Started second = registry.start(query, {top.correlator}, 0);
+  const Started below = registry.start(query, {first.correlator}, 0);
   EXPECT_EQ(0, registry.stop(below.result, 0, MILLISECOND));
   EXPECT_EQ(0, registry.stop(first.result, 2, 3 * MILLISECOND));
   EXPECT_EQ(0, registry.stop(top.result, 0, 7 * MILLISECOND));
@@ -105,9 +105,9 @@ TEST(Report, ParentIsDrawnWithItsChildren) {
 TEST(Report, ChildrenThatAreNotDrawnAreCounted) {
   Registry registry(1);
   const int32_t order = registry.addClass(registry.addApplication("shop"), "order", "");
-  const Started top = registry.start(order, std::nullopt, false, 0);
+  const Started top = registry.start(order, {}, 0);
   for (int i = 0; i < 20; ++i) {
-    const Started child = registry.start(order, top.correlator, false, 0);
+    const Started child = registry.start(order, {top.correlator}, 0);
     EXPECT_EQ(0, registry.stop(child.result, 0, MILLISECOND));
   }
   EXPECT_EQ(0, registry.stop(top.result, 0, MILLISECOND));

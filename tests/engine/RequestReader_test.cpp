@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstring>
 #include <thread>
+#include <vector>
 
 #include "core/EngineQueues.h"
 #include "ipcobjects.h"
@@ -175,6 +176,62 @@ TEST_F(RequestReaderTest, WriterThatWaitsForRoomIsWoken) {
   EXPECT_EQ(1, takeType());
   EXPECT_EQ(0, armtest::exitCodeOf(writer));
   EXPECT_EQ(3U, reader().depth());
+}
+
+// ---- several at once ----------------------------------------------------------------------------
+
+constexpr size_t ROOM = 16;
+
+/// Types of the requests that are taken together.
+std::vector<int32_t> takeTypes(RequestReader& reader, size_t room) {
+  std::vector<TArmMessage> messages(ROOM);
+  size_t count = 99;
+  const Taken taken = reader.take(messages.data(), room, &count, milliseconds(1));
+  EXPECT_EQ(count > 0 ? Taken::request : Taken::nothing, taken);
+  std::vector<int32_t> types;
+  for (size_t i = 0; i < count; ++i) types.push_back(messages[i].msg_type);
+  return types;
+}
+
+TEST_F(RequestReaderTest, BatchSmallerThanTheRingLeavesTheRest) {
+  for (int32_t type = 1; type <= 3; ++type) ASSERT_EQ(0, putRequest(type, false));
+  EXPECT_EQ((std::vector<int32_t>{1, 2}), takeTypes(reader(), 2));
+  EXPECT_EQ(1U, reader().depth());
+  EXPECT_EQ(std::vector<int32_t>{3}, takeTypes(reader(), 2));
+  EXPECT_EQ(std::vector<int32_t>{}, takeTypes(reader(), 2));
+}
+
+TEST_F(RequestReaderTest, BatchLargerThanTheRingTakesAllThatThereIsAcrossItsEnd) {
+  for (int32_t type = 1; type <= 2; ++type) ASSERT_EQ(0, putRequest(type, false));
+  EXPECT_EQ((std::vector<int32_t>{1, 2}), takeTypes(reader(), ROOM));
+  for (int32_t type = 3; type <= 5; ++type) ASSERT_EQ(0, putRequest(type, false));
+  EXPECT_EQ((std::vector<int32_t>{3, 4, 5}), takeTypes(reader(), ROOM));
+  EXPECT_EQ(0U, reader().depth());
+  EXPECT_EQ(0UL, reader().repairs());
+}
+
+TEST_F(RequestReaderTest, BatchMakesRoomForEveryWriterThatWaits) {
+  for (int32_t type = 1; type <= 3; ++type) ASSERT_EQ(0, putRequest(type, false));
+  const pid_t writers[2] = {forkChild([] { return putRequest(4, true) == 0 ? 0 : 1; }),
+                            forkChild([] { return putRequest(4, true) == 0 ? 0 : 1; })};
+  const int set = armtest::setAt(controlPath("ae.kelp_ovr"), 1);
+  EXPECT_TRUE(waitUntil([set] { return armtest::semaphoreWaiters(set, 0) == 2; }));
+  EXPECT_EQ((std::vector<int32_t>{1, 2, 3}), takeTypes(reader(), ROOM));
+  for (const pid_t writer : writers) EXPECT_EQ(0, armtest::exitCodeOf(writer));
+  EXPECT_EQ((std::vector<int32_t>{4, 4}), takeTypes(reader(), ROOM));
+}
+
+TEST_F(RequestReaderTest, NothingIsTakenFromAQueueThatIsStoppedOrInterrupted) {
+  ASSERT_EQ(0, putRequest(1, false));
+  std::vector<TArmMessage> messages(ROOM);
+  size_t count = 99;
+  reader().interrupt();
+  EXPECT_EQ(Taken::interrupted, reader().take(messages.data(), ROOM, &count, LONG));
+  EXPECT_EQ(0U, count);
+  reader().setState(1);
+  EXPECT_EQ(Taken::stopped, reader().take(messages.data(), ROOM, &count, LONG));
+  EXPECT_EQ(0U, count);
+  EXPECT_EQ(1U, reader().depth());
 }
 
 TEST_F(RequestReaderTest, VersionIsWhatWasWrittenLast) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <random>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -90,6 +91,35 @@ TEST(ResponseTimes, PercentilesOfWidelySpreadTimesAreCloseToTheExactOnes) {
   std::vector<uint64_t> values;
   for (int i = 0; i < 20000; ++i) values.push_back(static_cast<uint64_t>(spread(random)));
   expectCloseToExact(values);
+}
+
+TEST(ResponseTimes, MergedOnesAreAsIfAllHadBeenAddedToOne) {
+  std::mt19937_64 random(2);
+  std::lognormal_distribution<double> spread(14, 2);
+  ResponseTimes all;
+  ResponseTimes parts[3];
+  for (int i = 0; i < 3000; ++i) {
+    const auto value = static_cast<uint64_t>(spread(random));
+    all.add(value);
+    parts[i % 3].add(value);
+  }
+  ResponseTimes merged;
+  for (const ResponseTimes& part : parts) merged.merge(part);
+  EXPECT_EQ(all.count(), merged.count());
+  EXPECT_EQ(all.sum(), merged.sum());
+  EXPECT_EQ(all.maximum(), merged.maximum());
+  for (unsigned percent = 1; percent <= 100; ++percent) {
+    EXPECT_EQ(all.percentile(percent), merged.percentile(percent)) << percent;
+  }
+}
+
+TEST(ResponseTimes, OneMayReadWhileAnotherAdds) {
+  ResponseTimes times;
+  std::thread reader([&times] {
+    while (times.count() < 20000) EXPECT_LE(times.percentile(50), 1ULL << 40);
+  });
+  for (uint64_t i = 0; i < 20000; ++i) times.add(uint64_t{1} << (i % 40));
+  reader.join();
 }
 
 TEST(ResponseTimes, FewTimesHaveTheirNearestRank) {

@@ -65,7 +65,7 @@ TEST(ArmEngine, SaysWhenItServes) {
 }
 
 TEST(ArmEngine, SignalsEndItAndNothingIsLeft) {
-  for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+  for (const int number : {SIGTERM, SIGINT}) {
     EngineProcess engine;
     EXPECT_EQ(4U, armtest::nameFiles().size());
     EXPECT_TRUE(registered());
@@ -298,6 +298,22 @@ TEST(ArmEngine, KilledOneIsReplacedAndItsClientsGoOn) {
   EXPECT_TRUE(registered());
   EXPECT_EQ(0, last.end(SIGTERM));
   expectNothingLeft();
+}
+
+TEST(ArmEngine, NumbersOfAnEarlierRunMeanNothingToTheNext) {
+  int32_t earlier = 0;
+  {
+    EngineProcess first;
+    earlier = arm_start(registerClass("shop", "order").tran_class, 0, nullptr, 0);
+    ASSERT_GT(earlier, 0);
+    EXPECT_EQ(128 + SIGKILL, first.end(SIGKILL));
+  }
+  EngineProcess next;
+  const int32_t handle = arm_start(registerClass("shop", "order").tran_class, 0, nullptr, 0);
+  EXPECT_EQ(UNKNOWN_HANDLE, arm_update(earlier, 0, nullptr, 0));
+  EXPECT_EQ(UNKNOWN_HANDLE, arm_stop(earlier, ARM_GOOD, 0, nullptr, 0));
+  EXPECT_EQ(0, arm_stop(handle, ARM_GOOD, 0, nullptr, 0));
+  EXPECT_EQ(0, next.end(SIGTERM));
 }
 
 TEST(ArmEngine, StopFromOutsideEndsItWithASentence) {

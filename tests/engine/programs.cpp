@@ -75,10 +75,11 @@ std::vector<std::string> wordsOfLine(const std::string& text,
   return {};
 }
 
-EngineProcess::EngineProcess(const std::vector<std::string>& arguments) {
+EngineProcess::EngineProcess(const std::vector<std::string>& arguments,
+                             const std::string& buildDir) {
   int ends[2];
   if (pipe(ends) != 0) return;
-  std::string program = builtProgram("armengine");
+  std::string program = buildDir + "/bin/armengine";
   std::vector<std::string> copies = arguments;
   std::vector<char*> pointers = {program.data()};
   for (std::string& argument : copies) pointers.push_back(argument.data());
@@ -98,6 +99,10 @@ EngineProcess::EngineProcess(const std::vector<std::string>& arguments) {
 EngineProcess::~EngineProcess() {
   if (process_ > 0) (void)end(SIGKILL);
   if (output_ != nullptr) (void)fclose(output_);
+}
+
+std::string EngineProcess::nextLine() {
+  return readLine(output_);
 }
 
 void EngineProcess::signal(int number) const {

@@ -31,8 +31,9 @@ std::vector<std::string> wordsOfLine(const std::string& text,
 /// A running armengine.
 class EngineProcess {
  public:
-  /// Starts it and waits for its first line.
-  explicit EngineProcess(const std::vector<std::string>& arguments = {"--report"});
+  /// Starts it, from a build tree, and waits for its first line.
+  explicit EngineProcess(const std::vector<std::string>& arguments = {"--report"},
+                         const std::string& buildDir = ARM_BUILD_DIR);
   /// Kills it when it still runs.
   ~EngineProcess();
   EngineProcess(const EngineProcess&) = delete;
@@ -41,6 +42,8 @@ class EngineProcess {
   pid_t process() const { return process_; }
   /// The line that it printed when it was ready; empty when it ended instead.
   const std::string& ready() const { return ready_; }
+  /// The next line of its output, waited for; empty when it has ended.
+  std::string nextLine();
   void signal(int number) const;
   /// Sends a signal and waits for its end; returns the exit code.
   int end(int number);

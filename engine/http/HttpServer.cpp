@@ -1,0 +1,77 @@
+#include "http/HttpServer.h"
+
+#include <httplib.h>
+
+#include <thread>
+
+namespace armengine {
+
+namespace {
+
+constexpr std::size_t THREADS = 4;
+constexpr std::size_t LARGEST_REQUEST = 64 * 1024;
+constexpr time_t IDLE_SECONDS = 2;
+
+}  // namespace
+
+struct HttpServer::Parts {
+  httplib::Server server;
+  std::thread thread;
+};
+
+HttpServer::HttpServer() : parts_(std::make_unique<Parts>()) {
+  httplib::Server& server = parts_->server;
+  server.new_task_queue = [] { return new httplib::ThreadPool(THREADS); };
+  // Without the library's default of sharing a port with whoever else asks for it.
+  server.set_socket_options([](socket_t socket) {
+    const int yes = 1;
+    (void)setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  });
+  server.set_payload_max_length(LARGEST_REQUEST);
+  server.set_keep_alive_timeout(IDLE_SECONDS);
+  server.set_read_timeout(IDLE_SECONDS);
+  server.set_write_timeout(IDLE_SECONDS);
+  server.set_default_headers(
+      {{"X-Content-Type-Options", "nosniff"}, {"Cache-Control", "no-store"}});
+}
+
+HttpServer::~HttpServer() {
+  if (!parts_->thread.joinable()) return;
+  // Stopping a server that does not run yet has no effect.
+  while (!parts_->server.is_running()) std::this_thread::yield();
+  parts_->server.stop();
+  parts_->thread.join();
+}
+
+void HttpServer::add(const std::string& pattern, Page page) {
+  parts_->server.Get(pattern.c_str(), [page](const httplib::Request& request,
+                                             httplib::Response& response) {
+    const HttpAnswer answer =
+        page({request.path, [&request](const std::string& key) {
+                return request.has_param(key.c_str()) ? request.get_param_value(key.c_str()) : "";
+              }});
+    response.status = answer.status;
+    response.set_content(answer.body, answer.media_type.c_str());
+  });
+}
+
+bool HttpServer::bind(const std::string& address, int port, std::string* why) {
+  httplib::Server& server = parts_->server;
+  const int bound = port != 0 ? (server.bind_to_port(address.c_str(), port) ? port : -1)
+                              : server.bind_to_any_port(address.c_str());
+  const bool six = address.find(':') != std::string::npos;
+  const std::string host = six ? "[" + address + "]" : address;
+  if (bound < 0) {
+    *why = "cannot listen on " + host + ":" + std::to_string(port) +
+           ": the port is in use, or the address is not this machine's";
+    return false;
+  }
+  url_ = "http://" + host + ":" + std::to_string(bound) + "/";
+  return true;
+}
+
+void HttpServer::start() {
+  parts_->thread = std::thread([this] { (void)parts_->server.listen_after_bind(); });
+}
+
+}  // namespace armengine

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace armengine {
+
+/// A finished transaction in the JSON form of the OpenTelemetry protocol.
+struct Span {
+  std::string service;  ///< application name
+  std::string json;     ///< one element of scopeSpans[].spans
+};
+
+/// Somebody who does something with spans.
+class SpanTaker {
+ public:
+  SpanTaker() = default;
+  virtual ~SpanTaker() = default;
+  SpanTaker(const SpanTaker&) = delete;
+  SpanTaker& operator=(const SpanTaker&) = delete;
+
+  virtual void take(const Span& span) = 0;
+  /// There is nothing more for the moment.
+  virtual void rest() {}
+};
+
+/// The body of one export request for some spans: one resource for each service.
+///   resource  further attributes of every resource, as key and value
+std::string exportRequest(const std::vector<Span>& spans,
+                          const std::vector<std::pair<std::string, std::string>>& resource);
+
+}  // namespace armengine

@@ -1,0 +1,89 @@
+#include "program/Outputs.h"
+
+#include "program/Log.h"
+
+namespace armengine {
+
+namespace {
+
+/// Room for what comes while an output is busy: a tenth of a second or more at full speed.
+constexpr std::size_t RING_EVENTS = 32768;
+constexpr std::size_t RING_BYTES = 8U * 1024 * 1024;
+
+}  // namespace
+
+std::unique_ptr<Outputs> Outputs::open(const OutputOptions& options, const Registry& registry,
+                                       std::string* why) {
+  std::unique_ptr<Outputs> outputs(new Outputs(registry));
+  if (!outputs->openAll(options, why)) return nullptr;
+  return outputs;
+}
+
+bool Outputs::openAll(const OutputOptions& options, std::string* why) {
+  return openEvents(options, why) && openTraces(options, why) && openPages(options, why);
+}
+
+Outputs::~Outputs() {
+  pages_.reset();
+  outlets_.clear();
+}
+
+bool Outputs::openEvents(const OutputOptions& options, std::string* why) {
+  if (options.events.empty()) return true;
+  event_file_ = EventFile::open(options.events, view_.registry.engine(), why);
+  if (event_file_ == nullptr) return false;
+  addOutlet("events", event_file_.get());
+  const EventFile* file = event_file_.get();
+  view_.drops.push_back({"events", "write_failed", [file] { return file->lost(); }});
+  return true;
+}
+
+bool Outputs::openTraces(const OutputOptions& options, std::string* why) {
+  std::vector<std::string> warnings;
+  OtlpSettings settings = otlpSettings(options.otlp, &warnings);
+  // The environment speaks to every program; only what was asked for here is refused.
+  if (!hasNetwork() && options.otlp.empty()) settings.url.clear();
+  if (settings.url.empty() && options.otlp_file.empty()) return true;
+  for (const std::string& warning : warnings) writeLog(Urgency::warning, warning);
+  if (!options.otlp_file.empty()) {
+    trace_file_ = OtlpFile::open(options.otlp_file, settings, why);
+    if (trace_file_ == nullptr) return false;
+    spans_.add(*trace_file_);
+    const OtlpFile* file = trace_file_.get();
+    view_.drops.push_back({"otlp_file", "write_failed", [file] { return file->lost(); }});
+    view_.sent.push_back({"otlp_file", "spans", [file] { return file->written(); }});
+  }
+  if (!settings.url.empty()) {
+    sender_ = sendTraces(settings, &view_, why);
+    if (sender_ == nullptr) return false;
+    spans_.add(*sender_);
+  }
+  view_.drops.push_back({"spans", "details_left_out", [this] { return spans_.lost(); }});
+  addOutlet("spans", &spans_);
+  return true;
+}
+
+EventRing& Outputs::addOutlet(const std::string& name, EventTaker* taker) {
+  outlets_.push_back(std::make_unique<EventOutlet>(*taker, RING_EVENTS, RING_BYTES));
+  EventRing& ring = outlets_.back()->ring();
+  publisher_.add(ring);
+  view_.drops.push_back({name, "ring_full", [&ring] { return ring.dropped(); }});
+  return ring;
+}
+
+bool Outputs::openPages(const OutputOptions& options, std::string* why) {
+  if (options.listen_address.empty()) return true;
+  pages_ = servePages(options.listen_address, options.listen_port, view_, why);
+  return pages_ != nullptr;
+}
+
+std::string Outputs::url() const {
+  return pages_ != nullptr ? pages_->url() : "";
+}
+
+void Outputs::reopen() {
+  if (event_file_ != nullptr) event_file_->reopen();
+  if (trace_file_ != nullptr) trace_file_->reopen();
+}
+
+}  // namespace armengine

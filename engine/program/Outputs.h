@@ -1,0 +1,55 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "events/EventFile.h"
+#include "events/EventOutlet.h"
+#include "metrics/EngineView.h"
+#include "otlp/OtlpFile.h"
+#include "otlp/SpanCollector.h"
+#include "program/Network.h"
+#include "program/Options.h"
+
+namespace armengine {
+
+/// Everything that the engine tells, each on threads of its own.
+class Outputs {
+ public:
+  /// Opens what the options name.  Null, with a sentence in why, when something cannot be opened.
+  static std::unique_ptr<Outputs> open(const OutputOptions& options, const Registry& registry,
+                                       std::string* why);
+  /// Delivers what is left, within limits.
+  ~Outputs();
+  Outputs(const Outputs&) = delete;
+  Outputs& operator=(const Outputs&) = delete;
+
+  EventPublisher& events() { return publisher_; }
+  /// Lets the outputs look at the queues from now on; null before the queues go.
+  void show(EngineQueues* queues) { view_.queues.show(queues); }
+  /// Where the HTTP server is; empty without one.
+  std::string url() const;
+  /// Opens the files again.  Any thread.
+  void reopen();
+
+ private:
+  explicit Outputs(const Registry& registry) : view_{registry, {}, {}, {}} {}
+  bool openAll(const OutputOptions& options, std::string* why);
+  bool openEvents(const OutputOptions& options, std::string* why);
+  bool openTraces(const OutputOptions& options, std::string* why);
+  bool openPages(const OutputOptions& options, std::string* why);
+  EventRing& addOutlet(const std::string& name, EventTaker* taker);
+
+  EngineView view_;
+  EventPublisher publisher_;
+  // What an outlet hands its events to outlives it.
+  std::unique_ptr<EventFile> event_file_;
+  std::unique_ptr<OtlpFile> trace_file_;
+  std::unique_ptr<SpanTaker> sender_;
+  SpanCollector spans_;
+  std::vector<std::unique_ptr<EventOutlet>> outlets_;
+  std::unique_ptr<Pages> pages_;
+};
+
+}  // namespace armengine

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <unordered_set>
+#include <vector>
+
+namespace armengine {
+
+/// Nanoseconds since the machine was started.
+uint64_t bootTime();
+
+/// When a process was started, as bootTime and rounded down to the kernel's tick; nothing when it
+/// has ended or cannot be seen.
+std::optional<uint64_t> startOfProcess(int32_t process);
+
+/// A process that has ended.
+struct Departed {
+  int32_t process = 0;
+  uint64_t before = 0;  ///< what came from that number since then (bootTime) is another process's
+};
+
+/// Finds out which of the requesters' processes have ended, by number and start time, on a thread of
+/// its own.
+class ProcessWatch {
+ public:
+  explicit ProcessWatch(std::chrono::milliseconds between_looks = std::chrono::seconds(1));
+  ~ProcessWatch();
+  ProcessWatch(const ProcessWatch&) = delete;
+  ProcessWatch& operator=(const ProcessWatch&) = delete;
+
+  /// A request of a process has come.  The request road; takes no lock for a process that is known.
+  void note(int32_t process, uint64_t now) {
+    if (process == last_noted_) return;
+    last_noted_ = process;
+    if (known_.count(process) == 0) watch(process, now);
+  }
+  /// The processes that have ended since the last call.  The request road.
+  std::vector<Departed> takeDeparted();
+
+ private:
+  struct Watched {
+    uint64_t first_seen = 0;        ///< when its first request came
+    bool visible = false;           ///< it could be seen then, or later
+    std::optional<uint64_t> start;  ///< none: it has not been looked at while it lived
+  };
+
+  void watch(int32_t process, uint64_t now);
+  void run();
+  using Processes = std::map<int32_t, Watched>;
+  void lookAtAll(std::vector<Departed>* found);
+  Processes::iterator look(Processes::iterator at, std::vector<Departed>* found);
+  static std::optional<Departed> lookAt(int32_t process, Watched* watched);
+
+  const std::chrono::milliseconds between_looks_;
+  // Of the request road.
+  int32_t last_noted_ = 0;
+  std::unordered_set<int32_t> known_;
+  // Shared.
+  std::mutex mutex_;
+  std::condition_variable change_;
+  std::vector<std::pair<int32_t, Watched>> new_ones_;
+  std::vector<Departed> departed_;
+  std::atomic<bool> any_departed_{false};
+  bool ending_ = false;
+  // Of the watching thread.
+  Processes watched_;
+  std::thread thread_;
+};
+
+}  // namespace armengine

@@ -1,0 +1,130 @@
+#include "registry/Processes.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "process.h"
+
+namespace {
+
+using armengine::bootTime;
+using armengine::Departed;
+using armengine::ProcessWatch;
+using armengine::startOfProcess;
+using armtest::exitCodeOf;
+using armtest::forkChild;
+using armtest::waitUntil;
+
+constexpr std::chrono::milliseconds QUICK{5};
+constexpr uint64_t TICK = 10000000;
+
+int sleepForEver() {
+  for (;;) pause();
+}
+
+TEST(Processes, StartIsBeforeNowAndAfterTheParents) {
+  const uint64_t before = bootTime();
+  const pid_t child = forkChild(sleepForEver);
+  const auto start = startOfProcess(child);
+  ASSERT_TRUE(start);
+  EXPECT_LE(*start, bootTime());
+  EXPECT_GE(*start + TICK, before);
+  EXPECT_LE(*startOfProcess(getpid()), *start);
+  kill(child, SIGKILL);
+  exitCodeOf(child);
+}
+
+TEST(Processes, ZombieAndUnknownNumbersHaveNoStart) {
+  const pid_t child = forkChild([] { return 0; });
+  siginfo_t info;
+  ASSERT_EQ(0, waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT));
+  EXPECT_FALSE(startOfProcess(child));
+  exitCodeOf(child);
+  EXPECT_FALSE(startOfProcess(child));
+  for (const int32_t process : {0, -1, 2147483647}) EXPECT_FALSE(startOfProcess(process));
+}
+
+TEST(Processes, ProcessWhoseFirstThreadHasEndedLives) {
+  const pid_t child = forkChild([] {
+    pthread_t thread;
+    pthread_create(
+        &thread, nullptr,
+        [](void*) -> void* {
+          for (;;) pause();
+        },
+        nullptr);
+    return static_cast<int>(syscall(SYS_exit, 0));
+  });
+  siginfo_t info = {};
+  // Its state is that of a zombie as soon as it has ended.
+  EXPECT_TRUE(waitUntil([child] {
+    const std::string path = "/proc/" + std::to_string(child) + "/stat";
+    char text[512] = {};
+    std::FILE* file = std::fopen(path.c_str(), "r");
+    if (file == nullptr) return false;
+    const bool zombie = std::fgets(text, sizeof text, file) != nullptr &&
+                        std::string(text).find(") Z ") != std::string::npos;
+    (void)std::fclose(file);
+    return zombie;
+  }));
+  EXPECT_EQ(0, waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT | WNOHANG));
+  EXPECT_EQ(0, info.si_pid);
+  EXPECT_TRUE(startOfProcess(child));
+  kill(child, SIGKILL);
+  exitCodeOf(child);
+}
+
+TEST(Processes, KilledOneIsReportedOnceAndLivingOnesAreNot) {
+  ProcessWatch watch(QUICK);
+  const pid_t child = forkChild(sleepForEver);
+  watch.note(getpid(), bootTime());
+  watch.note(child, bootTime());
+  kill(child, SIGKILL);
+  exitCodeOf(child);
+  std::vector<Departed> all;
+  EXPECT_TRUE(waitUntil([&] {
+    for (const Departed& one : watch.takeDeparted()) all.push_back(one);
+    return !all.empty();
+  }));
+  ASSERT_EQ(1U, all.size());
+  EXPECT_EQ(child, all[0].process);
+  EXPECT_LE(all[0].before, bootTime());
+  EXPECT_TRUE(watch.takeDeparted().empty());
+}
+
+TEST(Processes, OneThatCannotBeSeenIsGivenTime) {
+  ProcessWatch watch(QUICK);
+  watch.note(2147483647, bootTime());
+  const pid_t child = forkChild(sleepForEver);
+  watch.note(child, bootTime());
+  kill(child, SIGKILL);
+  exitCodeOf(child);
+  std::vector<Departed> departed;
+  EXPECT_TRUE(waitUntil([&] {
+    departed = watch.takeDeparted();
+    return !departed.empty();
+  }));
+  ASSERT_EQ(1U, departed.size());
+  EXPECT_EQ(child, departed[0].process) << "though the other one was to be looked at first";
+}
+
+TEST(Processes, NumberThatBelongsToALaterProcessIsOneThatHasEnded) {
+  ProcessWatch watch(QUICK);
+  const uint64_t long_ago = *startOfProcess(getpid()) - TICK;
+  // A request came from this number before this process was started.
+  watch.note(getpid(), long_ago);
+  std::vector<Departed> departed;
+  EXPECT_TRUE(waitUntil([&] {
+    departed = watch.takeDeparted();
+    return !departed.empty();
+  }));
+  ASSERT_EQ(1U, departed.size());
+  EXPECT_EQ(getpid(), departed[0].process);
+  EXPECT_EQ(*startOfProcess(getpid()), departed[0].before);
+}
+
+}  // namespace
