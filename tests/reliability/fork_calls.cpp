@@ -1,0 +1,90 @@
+#include "fork_calls.h"
+
+#include <dlfcn.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include "ScriptProtocol.h"
+
+namespace armtest {
+
+namespace {
+
+/// A name whose first four characters belong to an id.
+struct NameOfId {
+  char text[16];
+  int32_t word;
+
+  explicit NameOfId(int32_t id) : text{}, word(0) {
+    (void)std::snprintf(text, sizeof text, "%04d", id % 10000);
+    std::memcpy(&word, text, sizeof word);
+  }
+};
+
+template <typename Function>
+void lookUp(void* library, const char* name, Function*& function) {
+  function = reinterpret_cast<Function*>(dlsym(library, name));
+  if (function == nullptr) abort();
+}
+
+}  // namespace
+
+ArmCalls loadedCalls(void* library) {
+  ArmCalls calls = {};
+  lookUp(library, "arm_init", calls.init);
+  lookUp(library, "w_ArmInit", calls.wInit);
+  lookUp(library, "arm_getid", calls.getid);
+  lookUp(library, "w_ArmGetID", calls.wGetid);
+  lookUp(library, "arm_start", calls.start);
+  lookUp(library, "arm_update", calls.update);
+  lookUp(library, "arm_stop", calls.stop);
+  lookUp(library, "arm_transactionReport", calls.report);
+  lookUp(library, "arm_transactionInstanceReport", calls.instanceReport);
+  lookUp(library, "arm_completeTransaction", calls.complete);
+  lookUp(library, "arm_completeTransactionInstance", calls.completeInstance);
+  lookUp(library, "arm_associateMetricData", calls.metric);
+  lookUp(library, "arm_end", calls.end);
+  lookUp(library, "SetExpectedCodeset", calls.setCodeset);
+  lookUp(library, "GetExpectedCodeset", calls.getCodeset);
+  lookUp(library, "arm_getCorrelatorKey", calls.key);
+  return calls;
+}
+
+unsigned long segmentsAttached() {
+  std::ifstream maps("/proc/self/maps");
+  unsigned long count = 0;
+  for (std::string line; std::getline(maps, line);) {
+    if (line.find("/SYSV") != std::string::npos) ++count;
+  }
+  return count;
+}
+
+int wrongAnswersOfEveryCall(const ArmCalls& arm, int32_t id) {
+  const NameOfId name(id);
+  const int32_t ofName = derivedResult(name.word);
+  const int32_t ofId = derivedResult(id);
+  int wrong = 0;
+  wrong += arm.init(name.text, "user", 0, nullptr, 0) == ofName ? 0 : 1;
+  wrong += arm.wInit(0, name.text, "user", 0, nullptr, 0) == ofName ? 0 : 1;
+  wrong += arm.getid(id, "class", "detail", 0, nullptr, 0) == ofId ? 0 : 1;
+  wrong += arm.wGetid(0, id, "class", "detail", 0, nullptr, 0) == ofId ? 0 : 1;
+  wrong += arm.start(id, 0, nullptr, 0) == ofId ? 0 : 1;
+  wrong += arm.update(id, 0, nullptr, 0) == ofId ? 0 : 1;
+  wrong += arm.stop(id, ARM_GOOD, 0, nullptr, 0) == ofId ? 0 : 1;
+  wrong += arm.report(id, 0, nullptr, 0, 1, 1, 2, 3) == ofId ? 0 : 1;
+  wrong += arm.instanceReport(id, 0, nullptr, 0, 0, 1, 2, 3) == ofId ? 0 : 1;
+  wrong += arm.complete(id, 1, 2) == ofId ? 0 : 1;
+  wrong += arm.completeInstance(id, 1, 2) == ofId ? 0 : 1;
+  wrong += arm.metric(id, &id, sizeof id) == ofId ? 0 : 1;
+  wrong += arm.end(id, 0, nullptr, 0) == ofId ? 0 : 1;
+  wrong += arm.setCodeset("UTF-8") == -3004 ? 0 : 1;
+  wrong += arm.getCodeset() != nullptr ? 0 : 1;
+  wrong += std::strcmp(arm.key(), "ARM_CORRELATOR") == 0 ? 0 : 1;
+  return wrong;
+}
+
+}  // namespace armtest

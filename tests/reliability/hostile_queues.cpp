@@ -1,0 +1,228 @@
+#include "hostile_queues.h"
+
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace armtest {
+
+namespace {
+
+constexpr uint8_t kMargin = 0xC3;
+constexpr size_t kItem = 532;
+
+size_t sizeOf(long given, size_t whole) {
+  return given < 0 ? whole : static_cast<size_t>(given);
+}
+
+void fillMargin(raw::Segment& memory) {
+  std::memset(memory.at(memory.size()), kMargin, memory.mappedSize() - memory.size());
+}
+
+bool marginUntouched(const raw::Segment& memory) {
+  const raw::Bytes margin = memory.bytes(memory.size(), memory.mappedSize() - memory.size());
+  return std::all_of(margin.begin(), margin.end(), [](uint8_t byte) { return byte == kMargin; });
+}
+
+std::vector<uint32_t> around(std::vector<uint32_t> values, std::initializer_list<size_t> more) {
+  for (const size_t value : more) {
+    for (const size_t near : {value - 1, value, value + 1}) {
+      values.push_back(static_cast<uint32_t>(near));
+    }
+  }
+  return values;
+}
+
+const std::vector<uint32_t> kByte = {0, 1, 2, 3, 4, 127, 128, 255};
+const std::vector<uint32_t> kShort = {0, 1, 2, 255, 256, 0x7FFF, 0x8000, 0xFFFE, 0xFFFF};
+const std::vector<uint32_t> kWord = {0,     1,          2,          3,          50299,
+                                     50301, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFC, 0xFFFFFFFF};
+const std::vector<uint32_t> kSemaphore = {0, 1, 2, 3, 255, 32766, 32767};
+
+int countSleepers(const raw::Set& set, int count) {
+  int sum = 0;
+  for (int number = 0; number < count; ++number) {
+    sum += std::max(0, semctl(set.id(), number, GETNCNT));
+    sum += std::max(0, semctl(set.id(), number, GETZCNT));
+  }
+  return sum;
+}
+
+}  // namespace
+
+HostileQueues::HostileQueues(const Layout& layout)
+    : layout_(layout),
+      requests_(raw::AE + "_mem", sizeOf(layout.requestSize, 28 + layout.requests * 4116)),
+      replies_(raw::EA, sizeOf(layout.replySize, 12 + layout.replies * 548)) {
+  fillMargin(requests_);
+  fillMargin(replies_);
+  raw::Set* requestLock = addSet(raw::AE + "_mem", 1, layout.requestLock);
+  raw::Set* replyLock = addSet(raw::EA, 1, layout.replyLock);
+  raw::Set* empty = addSet(raw::AE + "_emp", 1, layout.empty);
+  raw::Set* overflow = addSet(raw::AE + "_ovr", 1, layout.overflow);
+  const int heads = static_cast<int>(layout.replies);
+  raw::Set* waits = addSet(raw::EA, 3, layout.waits < 0 ? heads + 2 : layout.waits);
+  for (raw::Set* set : {requestLock, replyLock}) set->tryValue(1, 2);
+  for (raw::Set* set : {empty, overflow}) set->tryValue(2, 32766);
+  waits->tryValue(0, 1);
+  layRequests();
+  layReplies();
+}
+
+raw::Set* HostileQueues::addSet(const std::string& path, int project, int semaphores) {
+  sets_.push_back(std::make_unique<raw::Set>(path, project, semaphores));
+  counts_.push_back(semaphores);
+  return sets_.back().get();
+}
+
+void HostileQueues::layRequests() {
+  if (requests_.size() >= 28) requests_.put32(24, 1);
+}
+
+void HostileQueues::layReplies() {
+  if (!whole()) return;
+  for (size_t offset = itemOffset(0); offset < replies_.size(); offset += 4) {
+    replies_.put32(offset, static_cast<uint32_t>(kMarkedResult));
+  }
+  for (size_t i = 0; i < layout_.replies; ++i) {
+    const size_t head = 12 + 16 * i;
+    replies_.put16(head + 2, static_cast<uint16_t>(2 + i));
+    replies_.put32(head + 4, 0xFFFFFFFF);
+    replies_.put32(head + 8, 0xFFFFFFFF);
+    const bool last = i + 1 == layout_.replies;
+    replies_.put32(itemOffset(i) + 528, last ? 0 : static_cast<uint32_t>(itemOffset(i + 1)));
+  }
+  replies_.put32(4, static_cast<uint32_t>(itemOffset(0)));
+}
+
+void HostileQueues::answer(uint32_t process, uint32_t thread, int replies) {
+  if (!whole()) return;
+  replies_.put32(16, process);
+  replies_.put32(20, thread);
+  replies_.put16(2, 1);
+  // The first items, in the order in which they already are linked.
+  replies_.put32(24, static_cast<uint32_t>(itemOffset(0)));
+  const size_t last = static_cast<size_t>(replies) - 1;
+  replies_.put32(4, replies_.u32(itemOffset(last) + 528));
+  replies_.put32(itemOffset(last) + 528, 0);
+  replies_.put16(0, static_cast<uint16_t>(replies));
+  sets_[4]->tryValue(2, replies);
+}
+
+void HostileQueues::addWord(std::vector<Target>& all, std::string name, raw::Segment& memory,
+                            size_t offset, size_t width, std::vector<uint32_t> values) {
+  if (offset + width > memory.size()) return;
+  const auto set = [&memory, offset, width](uint32_t value) {
+    if (width == 1) memory.put8(offset, static_cast<uint8_t>(value));
+    if (width == 2) memory.put16(offset, static_cast<uint16_t>(value));
+    if (width == 4) memory.put32(offset, value);
+  };
+  all.push_back({std::move(name), set, std::move(values)});
+}
+
+void HostileQueues::addSemaphores(std::vector<Target>& all, const char* name, raw::Set& set,
+                                  int count) {
+  for (int number = 0; number < count; ++number) {
+    const auto change = [&set, number](uint32_t value) {
+      (void)set.tryValue(number, static_cast<int>(value & 0x7FFF));
+    };
+    all.push_back({name + std::string(" ") + std::to_string(number), change, kSemaphore});
+  }
+}
+
+std::vector<Target> HostileQueues::targets() {
+  std::vector<Target> all;
+  const std::vector<uint32_t> index = around(kShort, {layout_.requests});
+  for (const auto& [name, offset] :
+       {std::pair<const char*, size_t>{"count", 0}, {"head", 2}, {"tail", 4}, {"padding", 6}}) {
+    addWord(all, std::string("request ") + name, requests_, offset, 2, index);
+  }
+  for (const auto& [name, offset] : {std::pair<const char*, size_t>{"state", 8},
+                                     {"overflow waiters", 12},
+                                     {"empty waiters", 16},
+                                     {"version", 20},
+                                     {"ready", 24}}) {
+    addWord(all, std::string("request ") + name, requests_, offset, 4, kWord);
+  }
+  const std::vector<uint32_t> number = around(kShort, {layout_.replies});
+  const std::vector<uint32_t> link =
+      around(kWord, {12, 28, itemOffset(0), itemOffset(0) + kItem / 2,
+                     itemOffset(layout_.replies - 1), itemOffset(layout_.replies)});
+  addWord(all, "used items", replies_, 0, 2, number);
+  addWord(all, "heads in use", replies_, 2, 2, number);
+  addWord(all, "free list", replies_, 4, 4, link);
+  addWord(all, "reply state", replies_, 8, 4, kWord);
+  for (size_t i = 0; i < layout_.replies; ++i) {
+    const size_t head = 12 + 16 * i;
+    const std::string name = "head " + std::to_string(i) + " ";
+    addWord(all, name + "status", replies_, head, 1, kByte);
+    addWord(all, name + "semaphore", replies_, head + 2, 2, around(kShort, {layout_.replies + 2}));
+    addWord(all, name + "process", replies_, head + 4, 4, kWord);
+    addWord(all, name + "thread", replies_, head + 8, 4, kWord);
+    addWord(all, name + "first reply", replies_, head + 12, 4, link);
+    addWord(all, "link " + std::to_string(i), replies_, itemOffset(i) + 528, 4, link);
+  }
+  const char* const names[] = {"request lock", "reply lock", "_emp", "_ovr", "wake-up"};
+  for (size_t i = 0; i < sets_.size(); ++i) {
+    addSemaphores(all, names[i], *sets_[i], counts_[i]);
+  }
+  return all;
+}
+
+void HostileQueues::answerHead(size_t head) {
+  const size_t place = head % layout_.replies;
+  replies_.put32(12 + 16 * place + 12, static_cast<uint32_t>(itemOffset(place)));
+  (void)sets_[4]->tryValue(static_cast<int>(2 + place), 1);
+}
+
+void HostileQueues::serve() {
+  if (!whole()) return;
+  requests_.put16(2, requests_.u16(4));
+  requests_.put16(0, 0);
+  for (size_t i = 0; i < layout_.replies; ++i) {
+    if (replies_.u8(12 + 16 * i) == 1) answerHead(i);
+  }
+}
+
+void HostileQueues::removeSets() {
+  for (const auto& set : sets_) set->remove();
+}
+
+int HostileQueues::sleepers() const {
+  int sum = 0;
+  for (size_t i = 0; i < sets_.size(); ++i) sum += countSleepers(*sets_[i], counts_[i]);
+  return sum;
+}
+
+bool HostileQueues::marginsUntouched() const {
+  return marginUntouched(requests_) && marginUntouched(replies_);
+}
+
+void removeEverything() {
+  union {
+    int value;
+    semid_ds* set;
+    seminfo* info;
+  } argument;
+  seminfo sets = {};
+  argument.info = &sets;
+  const int lastSet = semctl(0, 0, SEM_INFO, argument);
+  for (int index = 0; index <= lastSet; ++index) {
+    semid_ds set = {};
+    argument.set = &set;
+    const int id = semctl(index, 0, SEM_STAT, argument);
+    if (id >= 0) (void)semctl(id, 0, IPC_RMID);
+  }
+  shm_info segments = {};
+  const int lastSegment = shmctl(0, SHM_INFO, reinterpret_cast<shmid_ds*>(&segments));
+  for (int index = 0; index <= lastSegment; ++index) {
+    shmid_ds segment = {};
+    const int id = shmctl(index, SHM_STAT, &segment);
+    if (id >= 0) (void)shmctl(id, IPC_RMID, nullptr);
+  }
+}
+
+}  // namespace armtest

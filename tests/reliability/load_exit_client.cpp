@@ -1,0 +1,107 @@
+// A program that makes every call while it ends. Compiled twice: linked with the library, and
+// opening it with dlopen (LOAD_EXIT_LIBRARY).
+//
+//   load_exit_client PLACE
+//
+// PLACE is where the calls are made. The exit status is 100 plus the number of wrong answers; a
+// program whose last handler has not run ends with 0.
+
+#include <dlfcn.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "fork_calls.h"
+
+namespace {
+
+armtest::ArmCalls arm = {};
+const char* place = "";
+
+bool isPlace(const char* name) {
+  return std::strcmp(place, name) == 0;
+}
+
+/// Makes every call when this is the place that was asked for, and ends the process.
+void callHere(const char* name) {
+  if (!isPlace(name)) return;
+  int wrong = 0;
+  for (int id = 1; id < 4; ++id) wrong += armtest::wrongAnswersOfEveryCall(arm, id * 1000);
+  _exit(100 + wrong);
+}
+
+void whenEarliestHandlerRuns() {
+  callHere("earliest-atexit");
+}
+
+// Before any library's initialisation: runs when everything else is over.
+void registerEarliest() {
+  (void)atexit(whenEarliestHandlerRuns);
+}
+
+__attribute__((section(".preinit_array"), used)) void (*const preinit)() = registerEarliest;
+
+struct CallsInDestructor {
+  const char* name;
+  ~CallsInDestructor() { callHere(name); }
+};
+
+CallsInDestructor staticObject{"static-destructor"};
+thread_local CallsInDestructor threadObject{"thread-destructor"};
+
+__attribute__((destructor)) void destructorFunction() {
+  callHere("destructor-function");
+}
+
+void whenHandlerRuns() {
+  callHere("atexit");
+}
+
+void whenHandlerBeforeLoadingRuns() {
+  callHere("atexit-before-loading");
+}
+
+void load() {
+#if defined(LOAD_EXIT_LIBRARY)
+  arm = armtest::loadedCalls(dlopen(LOAD_EXIT_LIBRARY, RTLD_NOW));
+#else
+  arm = armtest::linkedCalls();
+#endif
+}
+
+/// Threads that call all the time while the process ends.
+void* callOn(void* number) {
+  for (int32_t id = static_cast<int32_t>(reinterpret_cast<intptr_t>(number)) * 1000000;; ++id) {
+    (void)armtest::wrongAnswersOfEveryCall(arm, id);
+  }
+  return nullptr;
+}
+
+void startCalling() {
+  for (intptr_t thread = 1; thread <= 4; ++thread) {
+    pthread_t started;
+    (void)pthread_create(&started, nullptr, callOn, reinterpret_cast<void*>(thread));
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 2) return 99;
+  place = argv[1];
+  (void)atexit(whenHandlerBeforeLoadingRuns);
+  load();
+  (void)atexit(whenHandlerRuns);
+  // Makes the thread's object, and has its destructor registered.
+  if (threadObject.name == nullptr) return 98;
+  if (armtest::wrongAnswersOfEveryCall(arm, 7000) != 0) return 97;
+  if (isPlace("calling-threads")) {
+    startCalling();
+    usleep(2000);
+    exit(100);
+  }
+  return 0;
+}
