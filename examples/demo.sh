@@ -1,12 +1,19 @@
 #!/bin/sh
 # Measures a 32-bit and a 64-bit program at once, and shows what the engine saw.
 #
-#   demo.sh [DIRECTORY]     the tree to read, /usr/include by default
+#   demo.sh [--keep] [DIRECTORY]     the tree to read, /usr/include by default
 #
-# ARM_BUILD_I386 and ARM_BUILD_AMD64 name the build trees. Uses the machine's queues: './run demo'
+# With --keep the engine goes on until Ctrl-C, to be looked at. ARM_BUILD_I386 and ARM_BUILD_AMD64 name
+# the build trees, ARM_DEMO_TRACES the file for the traces, and ARM_DEMO_LISTEN where the engine serves its
+# page, which only an engine with network outputs can. Uses the machine's queues: './run demo'
 # gives it namespaces of its own.
 
 set -u
+keep=
+if [ "${1-}" = --keep ]; then
+    keep=yes
+    shift
+fi
 directory=${1:-/usr/include}
 work=$(mktemp -d) || exit 1
 engine=
@@ -25,10 +32,18 @@ die() {
 
 # The engine says when it is ready; its first line is waited for, the rest is kept for the end.
 mkfifo "$work/engine" || exit 1
-"$ARM_BUILD_AMD64/bin/armengine" --report >"$work/engine" &
+traces=${ARM_DEMO_TRACES:-$work/traces}
+rm -f "$traces"
+"$ARM_BUILD_AMD64/bin/armengine" --report --otlp-file "$traces" \
+    ${ARM_DEMO_LISTEN:+--listen "$ARM_DEMO_LISTEN"} >"$work/engine" &
 engine=$!
 exec 3<"$work/engine"
 read -r ready <&3 || die "the engine did not start"
+url=
+if [ -n "${ARM_DEMO_LISTEN-}" ]; then
+    read -r listening <&3 || die "the engine does not listen"
+    url=${listening#armengine: listening on }
+fi
 echo "$ready"
 
 echo "reading every file below $directory: a 32-bit and a 64-bit program at once, 2 workers each"
@@ -46,9 +61,27 @@ found() {
 }
 [ "$(found "$work/i386")" = "$(found "$work/amd64")" ] || die "the programs found different things"
 
+where_to_look() {
+    if [ -n "$url" ]; then
+        echo "  page     $url"
+        echo "  metrics  ${url}metrics"
+    fi
+    echo "  traces   $traces"
+}
+
+if [ -n "$keep" ]; then
+    echo
+    echo "the engine stays until Ctrl-C; look at:"
+    where_to_look
+    trap 'echo' INT TERM
+    wait "$engine"
+    # The report follows, however often the key is pressed.
+    trap '' INT TERM
+fi
+
 echo "stopping the engine, which saw:"
 echo
-kill "$engine"
+kill "$engine" 2>/dev/null
 cat <&3
 wait "$engine"
 engine_status=$?
@@ -56,5 +89,10 @@ engine=
 [ "$engine_status" -eq 0 ] || die "the engine failed"
 
 echo
+if [ -z "$keep" ]; then
+    echo "it could be looked at while it served ('./run demo --keep' stays up for that):"
+    where_to_look
+    echo
+fi
 echo "without an engine the same program does its work all the same:"
 "$ARM_BUILD_AMD64/bin/treewalk" "$directory" 2>&1
