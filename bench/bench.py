@@ -2,6 +2,9 @@
 
   bench.py [NAME...]   measures these tables, or all; results go to build/bench
   bench.py docs        puts the results there into docs/performance.md
+
+BENCH_QUICK in the environment makes everything run a few times only, to see that it works; results
+then go to build/bench/quick.
 """
 
 import datetime
@@ -14,8 +17,9 @@ import sys
 import time
 
 import plots
-from measure import (OUT, PROCESSOR, ROOT, WIDTHS, Engine, Table, client, environment, library,
-                     median, memory_of, number, percent, pin, program, ratio, run, spread)
+from measure import (OUT, PROCESSOR, QUICK, ROOT, WIDTHS, Engine, Table, client, environment,
+                     library, median, memory_of, number, percent, pin, program, ratio, run, spread,
+                     times)
 
 # Copies in the C library must not be counted as one instruction per byte, on either side.
 PLAIN_COPIES = ("glibc.cpu.x86_rep_movsb_threshold=0x40000000:"
@@ -25,7 +29,7 @@ PLAIN_COPIES = ("glibc.cpu.x86_rep_movsb_threshold=0x40000000:"
 # ---- counts and the floor ------------------------------------------------------------------------
 
 def count_instructions(width, name):
-    calls = 200
+    calls = times(200, 20)
     counter = subprocess.run(
         ["valgrind", "--tool=callgrind", "--toggle-collect=countedCalls",
          "--callgrind-out-file=/dev/null", program(width, "bench_client"), "counted",
@@ -59,8 +63,8 @@ def floor():
     for width in WIDTHS:
         with Engine(width):
             for threads in (1, 4, 16, 64):
-                got = client(width, "compare", "--calls", 6400, "--rounds", 15, "--threads",
-                             threads, "arm", "floor")
+                got = client(width, "compare", "--calls", times(6400, 640), "--rounds",
+                             times(15), "--threads", threads, "arm", "floor")
                 arm, bare = got["arm"], got["floor"]
                 table.add(width, threads, number(median(arm["elapsed_us"])),
                           number(median(bare["elapsed_us"])),
@@ -83,9 +87,9 @@ def heads():
         costs = {16: [], 16000: [], "scan": []}
         with Engine(width, "--heads", 16, "--remember", prefix="few"), \
              Engine(width, "--heads", 16000, "--remember", prefix="many"):
-            for _ in range(9):
+            for _ in range(times(9)):
                 for count, prefix in ((16, "few"), (16000, "many")):
-                    got = client(width, "heads", "--fill", count - 1, "--calls", 2000,
+                    got = client(width, "heads", "--fill", count - 1, "--calls", times(2000, 200),
                                  "--rounds", 2, "arm", "scan", prefix=prefix)
                     costs[count].append(median(got["arm"]["elapsed_us"]))
                     if count == 16000:
@@ -110,7 +114,7 @@ PLAIN_HABITS = next(iter(HABITS))
 
 def engine_costs(width, engines, threads, rounds):
     """Client's elapsed and CPU time and the engine's CPU time per call, engine by engine."""
-    calls = 6400
+    calls = times(6400, 640)
     costs = {name: {"elapsed": [], "client": [], "engine": []} for name in engines}
     for _ in range(rounds):
         for name, engine in engines.items():
@@ -139,7 +143,7 @@ def engine():
         try:
             for each in engines.values():
                 each.__enter__()
-            costs = engine_costs(width, engines, 64, 7)
+            costs = engine_costs(width, engines, 64, times(7))
             for name, cost in costs.items():
                 table.add(name, count, number(median(cost["elapsed"])),
                           number(ratio(costs[PLAIN_HABITS]["elapsed"], cost["elapsed"])),
@@ -186,30 +190,30 @@ def peers():
     width = "64-bit"
     with TraceSession(), Engine(width):
         command = [program(width, "bench_peers"), "--benchmark_enable_random_interleaving=true",
-                   "--benchmark_repetitions=9", "--benchmark_min_time=0.05",
+                   "--benchmark_repetitions=%d" % times(9), "--benchmark_min_time=0.05",
                    "--benchmark_out=" + results, "--benchmark_out_format=json"]
         with open(os.path.join(OUT, "peers.log"), "w", encoding="utf-8") as log:
             run(command, environment(BENCH_TRACE_SESSION="1"), log)
     with open(results, encoding="utf-8") as file:
         runs = json.load(file)["benchmarks"]
-    times = {}
+    found = {}
     for each in sorted(runs, key=lambda one: one["family_index"]):
         if each["run_type"] == "iteration":
             name = each["run_name"].replace("/real_time", "")
-            times.setdefault(name, []).append(each["real_time"])
-    return peers_table(times)
+            found.setdefault(name, []).append(each["real_time"])
+    return peers_table(found)
 
 
-def peers_table(times):
+def peers_table(found):
     table = Table("One exchange, 64-bit, one processor, microseconds",
                   ["means", "answered", "median", "spread", "times libarm"])
-    own = median(times["libarm, arm_start"])
-    for index, (name, values) in enumerate(times.items()):
+    own = median(found["libarm, arm_start"])
+    for index, (name, values) in enumerate(found.items()):
         table.add(name, "yes" if index < PEERS_WITH_ANSWER else "no", number(median(values), 3),
                   percent(spread(values)), number(median(values) / own, 3))
     table.notes.append("Answered: 4116 bytes go out and 528 come back from another process. Not "
                        "answered: a line of about 20 bytes, two integers, one observation.")
-    table.data = times
+    table.data = found
     return table
 
 
@@ -223,10 +227,10 @@ def growth():
     counts = [1, 2, 4, 8, 16, 32, 64, 128, 256]
     got = {kind: {count: [] for count in counts} for kind in ("threads", "processes")}
     with Engine(width, name="armengine"):
-        for _ in range(5):
+        for _ in range(times(5)):
             for kind, by_count in got.items():
                 for count, results in by_count.items():
-                    results.append(client(width, "latency", "--milliseconds", 300,
+                    results.append(client(width, "latency", "--milliseconds", times(300, 30),
                                           "--" + kind, count))
     for kind, by_count in got.items():
         table.data[kind] = {}
@@ -248,8 +252,12 @@ TRACE_DIRECTORY = "/var/orv/kestra/common/QDN/logs"
 
 
 def cost_of(width, name, *arguments, prefix=None, **env):
-    got = client(width, "cost", "--rounds", 3, *arguments, name, prefix=prefix, **env)
+    got = client(width, "cost", "--rounds", times(3), *arguments, name, prefix=prefix, **env)
     return median(got[name]["elapsed_us"])
+
+
+def without_engine(width, prefix):
+    return cost_of(width, "none", "--calls", times(2000, 200), "--no-engine", prefix=prefix)
 
 
 def clear_traces():
@@ -257,8 +265,8 @@ def clear_traces():
         os.remove(os.path.join(TRACE_DIRECTORY, name))
 
 
-def repeated(times, measure):
-    return [measure() for _ in range(times)]
+def repeated(full, measure):
+    return [measure() for _ in range(times(full))]
 
 
 def reconnect_time(width):
@@ -289,11 +297,11 @@ def costs():
 
     for width in WIDTHS:
         put("arm_start, an engine was never there", width, repeated(
-            7, lambda: cost_of(width, "none", "--calls", 2000, "--no-engine", prefix="nobody")))
+            7, lambda: without_engine(width, "nobody")))
         with Engine(width, prefix="dead"):
             pass
         put("arm_start, the engine has died", width, repeated(
-            7, lambda: cost_of(width, "none", "--calls", 2000, "--no-engine", prefix="dead")))
+            7, lambda: without_engine(width, "dead")))
         with Engine(width):
             kinds = {
                 "arm_start": ("arm", {}),
@@ -302,10 +310,10 @@ def costs():
                 "arm_start with tracing, basic": ("arm", {"ARMDEBUG": "1",
                                                           "ARMDEBUGFORMAT": "basic"}),
             }
-            for _ in range(7):
+            for _ in range(times(7)):
                 for name, (call, env) in kinds.items():
                     rows.setdefault(name, {}).setdefault(width, []).append(
-                        cost_of(width, call, "--calls", 1000, **env))
+                        cost_of(width, call, "--calls", times(1000, 100), **env))
                     clear_traces()
             firsts = repeated(15, lambda: client(width, "first"))
             put("first arm_start of a process", width, [f["first_start_us"] for f in firsts])
@@ -326,7 +334,8 @@ def share():
     for width in WIDTHS:
         with Engine(width):
             for work, calls in ((100, 1000), (1000, 150), (10000, 20)):
-                got = client(width, "share", "--work", work, "--calls", calls, "--rounds", 9)
+                got = client(width, "share", "--work", work, "--calls", times(calls, 20),
+                             "--rounds", times(9))
                 added = {}
                 for kind in ("elapsed_us", "cpu_us"):
                     pairs = list(zip(got["measured"][kind], got["plain"][kind]))
@@ -384,7 +393,8 @@ def size():
         column["relocations, relative"] = relative
         column["relocations, by symbol"] = symbolic
         plain, linked = program(width, "bench_idle"), program(width, "bench_idle_arm")
-        got = client(width, "spawn", "--calls", 40, "--rounds", 11, plain, linked)
+        got = client(width, "spawn", "--calls", times(40, 4), "--rounds", times(11), plain,
+                     linked)
         column["start and end of an empty program, us"] = median(got[plain]["elapsed_us"])
         column["the same, linked with libarm, us"] = median(got[linked]["elapsed_us"])
         for name, command in (("an empty program", [plain]),
@@ -483,7 +493,7 @@ def update_docs():
 
 
 def main(names):
-    if names == ["docs"]:
+    if names == ["docs"] and not QUICK:
         update_docs()
         return
     unknown = [name for name in names if name not in TABLES]

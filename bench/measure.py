@@ -7,7 +7,9 @@ import statistics
 import subprocess
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-OUT = os.path.join(ROOT, "build", "bench")
+# A quick run shows that everything works; its figures mean little, and docs never takes them.
+QUICK = bool(os.environ.get("BENCH_QUICK"))
+OUT = os.path.join(ROOT, "build", "bench", *(["quick"] if QUICK else []))
 WIDTHS = {"32-bit": "i386", "64-bit": "amd64"}
 # Everything runs on one processor, the last: the others are left to the machine.
 PROCESSOR = max(os.sched_getaffinity(0))
@@ -90,6 +92,11 @@ def memory_of(pid):
                 wanted[name] = int(line.split()[1])
     return {"rss": wanted["Rss"], "pss": wanted["Pss"],
             "private": wanted["Private_Clean"] + wanted["Private_Dirty"]}
+
+
+def times(full, quick=2):
+    """How often something is repeated."""
+    return min(full, quick) if QUICK else full
 
 
 def median(values):

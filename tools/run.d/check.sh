@@ -43,12 +43,12 @@ run_ctest() { # PRESET [CTEST-ARGUMENT...]
 
 sources() { # DIR... : the C and C++ files below the directories that exist
     for dir; do
-        [ ! -d "$dir" ] || find "$dir" -name '*.cpp' -o -name '*.h' -o -name '*.c'
+        [ ! -d "$dir" ] || find "$dir" -name '*.cpp' -o -name '*.hpp' -o -name '*.h' -o -name '*.c'
     done
 }
 
 format_check() {
-    sources include src engine examples tests bench | xargs clang-format --dry-run -Werror
+    sources include src engine programs examples tests bench fuzz | xargs clang-format --dry-run -Werror
 }
 
 lint() {
@@ -76,7 +76,7 @@ test_widths() { # [CTEST-ARGUMENT...]
 }
 
 test_all() {
-    need_packages $CLANG_PACKAGES $LINT_PACKAGES
+    need_packages $CLANG_PACKAGES $LINT_PACKAGES $FUZZ_PACKAGES $MODEL_PACKAGES
     check "source format" format_check
     for preset in $TEST_PRESETS $CLANG_PRESETS; do
         need_preset $preset
@@ -86,10 +86,13 @@ test_all() {
     for preset in $TEST_PRESETS; do
         run_ctest $preset
     done
+    check "fuzzers, a fixed round" fuzz_round
+    check "protocol model, a short round" model_round
 }
 
 run_tests() { # [quick | REGEX]
     need_packages $BUILD_PACKAGES
+    need_test_tools
     mkdir -p build/logs
     case ${1-} in
     '') test_all ;;

@@ -1,6 +1,9 @@
 # Set-up of the machine: Debian packages, and the 32-bit ICU in a private directory.
 
-BUILD_PACKAGES="g++-multilib cmake ninja-build libicu-dev googletest pkg-config strace valgrind"
+BUILD_PACKAGES="g++-multilib cmake ninja-build libicu-dev googletest pkg-config strace valgrind python3
+    libcli11-dev nlohmann-json3-dev prometheus-cpp-dev libcpp-httplib-dev libcurl4-openssl-dev
+    zlib1g-dev scdoc libncurses-dev tmux"
+TEST_PACKAGES="python3 abigail-tools make mandoc meson"
 CLANG_PACKAGES="clang"
 FUZZ_PACKAGES="libclang-rt-dev"
 MODEL_PACKAGES="spin"

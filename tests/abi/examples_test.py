@@ -1,0 +1,205 @@
+#!/usr/bin/env python3
+"""Compiles and runs the examples of one document against an installed tree.
+
+    examples_test.py DOCUMENT CMAKE BUILD-DIR C-COMPILER C++-COMPILER [FLAG...]
+
+An example is a fenced block. Its kind is the first word after the fence in Markdown, and in scdoc the
+word of a comment line "; example: KIND" above it; a file name may follow. The blocks of a document
+are taken in order and share a directory:
+
+    c, cpp      a whole program: saved, compiled without a warning, run; 0 is wanted
+    python      a whole program: saved and run
+    sh          commands: run by a shell that stops at the first failure
+    cmake       lines of a CMakeLists.txt: configured and built together with the program before
+    meson       a whole meson.build: the same
+    console     commands for an administrator, who changes the machine: not run
+    text, xml, json, ini, promql   no code
+
+Every block must say what it is. An engine runs meanwhile, so a program that checks what its calls
+return finds them good.
+"""
+
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+
+NOT_CODE = {"text", "xml", "json", "ini", "promql", "console"}
+SUFFIX = {"c": ".c", "cpp": ".cpp", "python": ".py"}
+WARNINGS = ["-Wall", "-Wextra", "-Werror"]
+
+
+class Failure(Exception):
+    pass
+
+
+def blocks(document):
+    """(line number, kind, file name or None, text) of each fenced block."""
+    manual = document.suffix == ".scd"
+    found, announced, lines, start = [], None, None, 0
+    previous, in_list = "", False
+    for number, line in enumerate(document.read_text().splitlines(), 1):
+        if lines is not None:
+            if line.strip() == "```":
+                found.append((start, *announced, "\n".join(lines) + "\n"))
+                announced, lines = None, None
+            else:
+                lines.append(line)
+        elif manual and (match := re.match(r"; example: (\S+) ?(\S+)?$", line)):
+            announced = match.groups()
+        elif not manual and line.startswith("    ") and previous == "" and not in_list:
+            raise Failure(f"line {number}: an indented block cannot say what it is: fence it")
+        elif match := re.match(r"\s*```(\S*) ?(\S+)?$", line):
+            start, lines = number, []
+            if not manual:
+                announced = match.groups()
+            if not announced or not announced[0]:
+                raise Failure(f"line {number}: the block does not say what it is")
+        if line and not line.startswith(" "):
+            in_list = bool(re.match(r"([-*]|\d+\.) ", line))
+        previous = line
+    if lines is not None:
+        raise Failure(f"line {start}: the block has no end")
+    return found
+
+
+class Workshop:
+    """An installed tree, an engine of it, and a directory for the programs."""
+
+    def __init__(self, cmake, build, compilers, flags):
+        self.root = pathlib.Path(tempfile.mkdtemp())
+        self.directory = self.root / "work"
+        self.directory.mkdir()
+        self.cmake, self.flags = cmake, flags
+        prefix = self.root / "prefix"
+        subprocess.run([cmake, "--install", build, "--prefix", prefix], check=True,
+                       stdout=subprocess.DEVNULL)
+        self.environment = self.make_environment(prefix, compilers)
+        self.engine = subprocess.Popen([prefix / "bin/armengine"], stdout=subprocess.PIPE, text=True)
+        if not self.engine.stdout.readline().startswith("armengine: serving"):
+            raise Failure("the engine did not start")
+
+    def make_environment(self, prefix, compilers):
+        """Finds the installed tree, and cc and c++ of the width that is tested."""
+        programs = self.root / "bin"
+        programs.mkdir()
+        for name, compiler in zip(("cc", "c++"), compilers):
+            script = programs / name
+            script.write_text("#!/bin/sh\nexec " + " ".join([compiler, *self.flags]) + ' "$@"\n')
+            script.chmod(0o755)
+        others = os.environ.get("LD_LIBRARY_PATH", "")
+        return dict(
+            os.environ,
+            PATH=f"{programs}:{prefix}/bin:{os.environ['PATH']}",
+            CC=str(programs / "cc"),
+            CXX=str(programs / "c++"),
+            LD_LIBRARY_PATH=f"{prefix}/lib:{others}",
+            PKG_CONFIG_PATH=f"{prefix}/lib/pkgconfig",
+            CMAKE_PREFIX_PATH=str(prefix),
+            PYTHONPATH=str(pathlib.Path(__file__).resolve().parents[2] / "python"),
+            PYTHONDONTWRITEBYTECODE="1",
+            MANPATH=f"{prefix}/share/man",
+            HOME=str(self.directory),
+        )
+
+    def run(self, *command):
+        print("+", *command, flush=True)
+        subprocess.run(command, check=True, cwd=self.directory, env=self.environment,
+                       stdin=subprocess.DEVNULL, timeout=60)
+
+    def output(self, *command):
+        return subprocess.run(command, check=True, cwd=self.directory, env=self.environment,
+                              stdout=subprocess.PIPE, text=True).stdout.split()
+
+    def close(self):
+        self.engine.terminate()
+        if self.engine.wait(30) != 0:
+            raise Failure("the engine failed")
+
+
+class Examples:
+    def __init__(self, shop):
+        self.shop = shop
+        self.program = None  # source of the last C or C++ program
+
+    def try_block(self, number, kind, name, text):
+        if kind in SUFFIX:
+            source = self.shop.directory / (name or f"example{number}{SUFFIX[kind]}")
+            source.write_text(text)
+            getattr(self, "try_" + kind)(source)
+        elif kind in ("sh", "cmake", "meson"):
+            getattr(self, "try_" + kind)(text)
+        elif kind not in NOT_CODE:
+            raise Failure(f"'{kind}' is no kind of block")
+
+    def try_c(self, source):
+        self.compile(source, "cc", "-std=c11")
+
+    def try_cpp(self, source):
+        self.compile(source, "c++", "-std=c++17")
+
+    def compile(self, source, compiler, standard):
+        self.program = source
+        program = source.with_suffix("")
+        self.shop.run(compiler, standard, "-D_GNU_SOURCE", *WARNINGS,
+                      *self.shop.output("pkg-config", "--cflags", "libarm"), "-o", program, source,
+                      *self.shop.output("pkg-config", "--libs", "libarm"), "-ldl", "-lpthread")
+        self.shop.run(program)
+
+    def try_python(self, source):
+        # The interpreter has the machine's width, and the library may have the other one.
+        self.shop.run(sys.executable, source)
+
+    def try_sh(self, text):
+        self.shop.run("sh", "-eux", "-c", text)
+
+    def project(self, file, text):
+        if self.program is None:
+            raise Failure("there is no program before it")
+        project = self.shop.directory / f"project-{file}"
+        project.mkdir()
+        (project / self.program.name).write_text(self.program.read_text())
+        (project / file).write_text(text)
+        return project
+
+    def try_cmake(self, text):
+        target = self.program.stem
+        if "project(" not in text:
+            language = "C" if self.program.suffix == ".c" else "CXX"
+            text = (f"cmake_minimum_required(VERSION 3.13)\nproject({target} {language})\n"
+                    f"add_executable({target} {self.program.name})\n" + text)
+        project = self.project("CMakeLists.txt", text)
+        self.shop.run(self.shop.cmake, "-S", project, "-B", project / "build")
+        self.shop.run(self.shop.cmake, "--build", project / "build")
+        self.shop.run(project / "build" / target)
+
+    def try_meson(self, text):
+        project = self.project("meson.build", text)
+        self.shop.run("meson", "setup", project / "build", project)
+        self.shop.run("meson", "compile", "-C", project / "build")
+        self.shop.run(project / "build" / self.program.stem)
+
+
+def main(document, cmake, build, c_compiler, cxx_compiler, *flags):
+    found = blocks(pathlib.Path(document))
+    code = [block for block in found if block[1] not in NOT_CODE]
+    print(f"{document}: {len(code)} examples, {len(found) - len(code)} other blocks", flush=True)
+    if not code:
+        return
+    shop = Workshop(cmake, build, (c_compiler, cxx_compiler), flags)
+    try:
+        examples = Examples(shop)
+        for number, kind, name, text in code:
+            print(f"line {number}: {kind}", flush=True)
+            examples.try_block(number, kind, name, text)
+    finally:
+        shop.close()
+
+
+if __name__ == "__main__":
+    try:
+        main(*sys.argv[1:])
+    except (Failure, subprocess.SubprocessError) as error:
+        sys.exit(f"examples_test: {sys.argv[1]}: {error}")
