@@ -39,6 +39,7 @@ endif()
 set(ARM_TEST_ENVIRONMENT
   ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1:check_initialization_order=1
   UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+  LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/tests/support/lsan.supp:print_suppressions=0
   TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=${PROJECT_SOURCE_DIR}/tests/support/tsan.supp
   LD_LIBRARY_PATH=${PROJECT_SOURCE_DIR}/build/sysroot-i386/usr/lib/i386-linux-gnu)
 
@@ -62,6 +63,10 @@ function(arm_test)
   endif()
   math(EXPR seconds "${arg_TIMEOUT} * ${ARM_TEST_TIME_FACTOR}")
   arm_test_program(NAME ${arg_NAME} SOURCES ${arg_SOURCES} LIBS ${arg_LIBS} arm_test_main)
+  # The precompiled header is one of C++.
+  if(NOT arg_SOURCES MATCHES "\\.c(;|$)")
+    target_precompile_headers(${arg_NAME} REUSE_FROM arm_test_precompiled)
+  endif()
   add_dependencies(${arg_NAME} nsrun ${arg_DEPENDS})
   set(launcher ${ARM_TEST_LAUNCHER})
   if(arg_CHECK_IPC)
