@@ -43,7 +43,7 @@ HttpServer::~HttpServer() {
   parts_->thread.join();
 }
 
-void HttpServer::add(const std::string& pattern, Page page) {
+void HttpServer::add(const std::string& pattern, const Page& page) {
   parts_->server.Get(pattern.c_str(), [page](const httplib::Request& request,
                                              httplib::Response& response) {
     const HttpAnswer answer =

@@ -31,7 +31,7 @@ class HttpServer {
 
   /// Adds a page; before start.
   ///   pattern  a path, or a regular expression of paths
-  void add(const std::string& pattern, Page page);
+  void add(const std::string& pattern, const Page& page);
   /// Takes the address; 0 is any free port.  On failure false, with a sentence in why.
   bool bind(const std::string& address, int port, std::string* why);
   /// Serves from now on.

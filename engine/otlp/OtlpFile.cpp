@@ -23,7 +23,7 @@ OtlpFile::OtlpFile(std::string path, const OtlpSettings& settings, int file)
     : path_(std::move(path)), settings_(settings), file_(file) {}
 
 OtlpFile::~OtlpFile() {
-  rest();
+  OtlpFile::rest();
   (void)close(file_);
 }
 

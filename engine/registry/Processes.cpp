@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <string>
@@ -41,7 +40,7 @@ bool isVisible(int32_t process) {
 bool procIsOurs() {
   char number[16] = {};
   const ssize_t length = readlink("/proc/self", number, sizeof number - 1);
-  return length > 0 && std::atoi(number) == getpid();
+  return length > 0 && number == std::to_string(getpid());
 }
 
 }  // namespace
