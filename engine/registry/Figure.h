@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 
 namespace armengine {
 
@@ -21,11 +22,21 @@ class Figure {
 class RealFigure {
  public:
   void add(double amount) { set(get() + amount); }
-  void set(double value) { value_.store(value, std::memory_order_relaxed); }
-  double get() const { return value_.load(std::memory_order_relaxed); }
+  void set(double value) {
+    uint64_t bits = 0;
+    std::memcpy(&bits, &value, sizeof bits);
+    bits_.set(bits);
+  }
+  double get() const {
+    const uint64_t bits = bits_.get();
+    double value = 0;
+    std::memcpy(&value, &bits, sizeof value);
+    return value;
+  }
 
  private:
-  std::atomic<double> value_{0};
+  // An atomic double is no lock-free object for every compiler on 32-bit x86.
+  Figure bits_;
 };
 
 }  // namespace armengine
