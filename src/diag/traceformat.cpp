@@ -8,6 +8,7 @@
 
 namespace {
 
+constexpr unsigned SHORT_LINE_SIZE = 128;
 constexpr unsigned LINE_SIZE = 1024;
 /// A getid line carries 3619 + 127 characters of names.
 constexpr unsigned LONG_LINE_SIZE = 4096;
@@ -34,6 +35,13 @@ void traceFormatln(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
   formatLine<LINE_SIZE>(wcDebugln, format, arguments);
+  va_end(arguments);
+}
+
+void traceFormatShort(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  formatLine<SHORT_LINE_SIZE>(wcDebug, format, arguments);
   va_end(arguments);
 }
 

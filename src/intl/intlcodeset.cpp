@@ -37,9 +37,14 @@ int32_t putICUDataIntoEnvironment() {
 void openRequested(const char* codeset) {
   UErrorCode status = U_ZERO_ERROR;
   VCodesetConverter = ucnv_open(codeset, &status);
-  if (U_FAILURE(status) && VDebugRun) {
-    traceFormatLong("intlGetICUConverter()->ICU ERROR Code [%i] on ucnv_open() for codeset <%s> \n",
-                    static_cast<int>(status), codeset != nullptr ? codeset : "(null)");
+  if (U_SUCCESS(status) || !VDebugRun) return;
+  constexpr const char* LINE =
+      "intlGetICUConverter()->ICU ERROR Code [%i] on ucnv_open() for codeset <%s> \n";
+  if (codeset != nullptr) {
+    traceFormatLong(LINE, static_cast<int>(status), codeset);
+  } else {
+    // Maybe below a conversion, which has a record and a name on the stack.
+    traceFormatShort(LINE, static_cast<int>(status), "(null)");
   }
 }
 
@@ -47,7 +52,7 @@ void openBackup() {
   UErrorCode status = U_ZERO_ERROR;
   VCodesetConverter = ucnv_open(BACKUP_CODESET, &status);
   if (U_FAILURE(status) && VDebugRun) {
-    traceFormatLong(
+    traceFormatShort(
         "intlGetICUConverter()->ICU ERROR Code [%i] on ucnv_open() for backupCodeset. \n",
         static_cast<int>(status));
   }
@@ -64,14 +69,14 @@ int32_t convertLocked(const char* source, long capacity, UChar* work, char* targ
   if (U_SUCCESS(status)) {
     (void)u_strToUTF8(target, size, nullptr, work, units, &status);
   } else if (VDebugRun) {
-    traceFormatLong("ConvertStrUTF8()->ucnv_toUChars() ICU ERROR Code [%i] \n",
-                    static_cast<int>(status));
+    traceFormatShort("ConvertStrUTF8()->ucnv_toUChars() ICU ERROR Code [%i] \n",
+                     static_cast<int>(status));
   }
   if (U_SUCCESS(status)) return 0;
   // Deliberate: a failed first step comes here too and is traced twice, once under each name.
   if (VDebugRun) {
-    traceFormatLong("ConvertStrUTF8()->w_strToUTF8() ICU ERROR Code [%i] \n",
-                    static_cast<int>(status));
+    traceFormatShort("ConvertStrUTF8()->w_strToUTF8() ICU ERROR Code [%i] \n",
+                     static_cast<int>(status));
   }
   return INTL_ERR_CONVERSION;
 }
@@ -90,9 +95,7 @@ int32_t intlGetICUConverter(const char* codeset) {
   if (VCodesetConverter != nullptr) return INTL_ERR_ALREADY_OPEN;
   const int32_t environment = ensure_ICU_DATA_EnvVarSet(0);
   if (environment != 0) {
-    if (VDebugRun) {
-      traceFormatLong("intlGetICUConverter, ensure_ICU_DATA_EnvVarSet failed.\n");
-    }
+    traceText("intlGetICUConverter, ensure_ICU_DATA_EnvVarSet failed.\n");
     return environment;
   }
   openRequested(codeset);

@@ -62,6 +62,10 @@ TEST(TraceFormat, RecordThatDoesNotFitIsCut) {
   EXPECT_EQ("1023", cut([](const char* text) { traceFormat("%s\n", text); }));
 }
 
+TEST(TraceFormat, CutsAShortLineAt127Characters) {
+  EXPECT_EQ("127", cut([](const char* text) { traceFormatShort("%s\n", text); }));
+}
+
 TEST(TraceFormat, LineThatDoesNotFitIsCutAndGetsItsNewline) {
   EXPECT_EQ("1023\n", cut([](const char* text) { traceFormatln("%s", text); }));
 }
