@@ -111,7 +111,11 @@ Segment::Segment(const std::string& path, size_t size)
 
 Segment::~Segment() {
   shmdt(start_);
-  shmctl(id_, IPC_RMID, nullptr);
+  remove();
+}
+
+void Segment::remove() {
+  (void)shmctl(id_, IPC_RMID, nullptr);
 }
 
 size_t Segment::mappedSize() const {

@@ -72,6 +72,8 @@ class Segment {
   Bytes all() const { return bytes(0, mappedSize()); }
   /// Attachments in all processes; the object itself is one.
   unsigned long attachments() const;
+  /// Takes the segment out of its name's reach; whoever has attached it keeps it.
+  void remove();
 
  private:
   size_t size_;

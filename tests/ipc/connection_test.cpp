@@ -17,6 +17,7 @@
 #include "arm/dllhook.h"
 #include "arm/libarmutils.h"
 #include "armext.h"
+#include "counted.h"
 #include "ipc/arm_ipc.h"
 #include "process.h"
 
@@ -776,6 +777,7 @@ TEST_F(Connection, ClosedBetweenPostAndWaitStillGivesTheCallItsReply) {
   EXPECT_EQ(12, callOnce());
   engine.setReply(replyRecord(13));
   EXPECT_EQ(13, callOnce()) << "the reply of the call before";
+  armtest::counted("closed by another thread between a post and its wait", 1);
 }
 
 TEST_F(Connection, ClosedBetweenPostAndWaitAndOpenedToAnotherEngineEndsTheCallWithMinus2) {
@@ -790,6 +792,7 @@ TEST_F(Connection, ClosedBetweenPostAndWaitAndOpenedToAnotherEngineEndsTheCallWi
   EXPECT_EQ(-2, callOnce());
   raw::Engine engine(*requests, *replies, replyRecord(12));
   EXPECT_EQ(12, callOnce());
+  armtest::counted("opened to another engine between a post and its wait", 1);
 }
 
 TEST_F(Connection, OpenedToAnotherEngineBetweenPostAndWaitEndsTheCallWithMinus2) {
@@ -805,6 +808,7 @@ TEST_F(Connection, OpenedToAnotherEngineBetweenPostAndWaitEndsTheCallWithMinus2)
   EXPECT_EQ(-2, callOnce()) << "the other engine does not know the request";
   raw::Engine engine(*requests, *replies, replyRecord(12));
   EXPECT_EQ(12, callOnce());
+  armtest::counted("opened to another engine between a post and its wait", 1);
 }
 
 TEST_F(Connection, WaitThatFindsOnlyTheReplyQueueDeadGivesUp) {

@@ -6,10 +6,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 
 #include "RawQueues.h"
+#include "counted.h"
 #include "ipc/CIPCSimpleQueue.h"
 
 namespace {
@@ -42,27 +44,52 @@ unsigned long stepThrough(const std::function<void(Queue&)>& act,
   return steps;
 }
 
-/// Puts twice; between all instructions the count says how far the tail is from the head.
-void putTwice(bool front) {
-  raw::RequestQueue ring(kCapacity);
-  ring.setRing(0, 1, 1);
-  unsigned long torn = 0;
+/// A record of one byte again and again.
+TArmMessage patternOf(uint8_t byte) {
+  TArmMessage message = {};
+  std::memset(static_cast<void*>(&message), byte, sizeof message);
+  return message;
+}
+
+bool isWhole(const raw::Bytes& record) {
+  const auto same = [&](uint8_t byte) { return byte == record[0]; };
+  return record[0] != 0 && std::all_of(record.begin(), record.end(), same);
+}
+
+/// What is seen of a ring at some instructions of a writer.
+struct Sight {
+  unsigned long torn = 0;     ///< the tail is not where the count says
+  unsigned long partial = 0;  ///< a record that counts is not whole
   uint16_t largest = 0;
-  const auto look = [&] {
+
+  void look(raw::RequestQueue& ring) {
     uint16_t words[4];
     std::memcpy(words, ring.memory.at(0), sizeof words);
     if ((words[1] + words[0]) % kCapacity != words[2]) ++torn;
-    if (words[0] > largest) largest = words[0];
-  };
+    for (uint16_t i = 0; i < words[0]; ++i) {
+      if (!isWhole(ring.slot(static_cast<size_t>((words[1] + i) % kCapacity)))) ++partial;
+    }
+    largest = std::max(largest, words[0]);
+  }
+};
+
+/// Puts twice; between all instructions the count says how far the tail is from the head, and each record
+/// that counts is whole.
+void putTwice(bool front) {
+  raw::RequestQueue ring(kCapacity);
+  ring.setRing(0, 1, 1);
+  Sight sight;
   const auto act = [&](Queue& queue) {
-    TArmMessage message = {};
-    for (int i = 0; i < 2; ++i) {
-      if (queue.PrivatePut(message, front) != 0) _exit(1);
+    for (const uint8_t byte : {uint8_t{0x11}, uint8_t{0x22}}) {
+      if (queue.PrivatePut(patternOf(byte), front) != 0) _exit(1);
     }
   };
-  EXPECT_LT(1000UL, stepThrough(act, look));
-  EXPECT_EQ(0UL, torn);
-  EXPECT_EQ(2, largest);
+  const unsigned long steps = stepThrough(act, [&] { sight.look(ring); });
+  EXPECT_LT(1000UL, steps);
+  EXPECT_EQ(0UL, sight.torn);
+  EXPECT_EQ(0UL, sight.partial);
+  EXPECT_EQ(2, sight.largest);
+  armtest::counted("instructions of a writer between which the ring was looked at", steps);
 }
 
 TEST(KilledWriter, LeavesACountedRecordOrNoneAtEveryInstruction) {

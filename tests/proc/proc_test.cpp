@@ -11,6 +11,7 @@
 
 #include "CallTest.h"
 #include "TraceFile.h"
+#include "counted.h"
 #include "shared.h"
 
 namespace armtest {
@@ -271,6 +272,7 @@ TEST_F(Processes, BlockedWhileTheEngineIsReplacedLeaveWithMinus9AndReconnect) {
   for (const pid_t client : clients) EXPECT_EQ(0, exitCodeOf(client));
   EXPECT_EQ(0U, board->wrong.load());
   EXPECT_EQ(28U, board->calls.load());
+  counted("threads blocked in their waits while the engine is killed and replaced", 2 * kThreads);
 }
 
 TEST_F(Processes, BlockedWhileTheEngineQuitsLeaveWithMinus9) {
@@ -290,6 +292,7 @@ TEST_F(Processes, BlockedWhileTheEngineQuitsLeaveWithMinus9) {
   ASSERT_TRUE(engine.waitTaken(4) && engine.waitSleepers(4));
   engine.quit();
   for (const pid_t client : clients) EXPECT_EQ(0, exitCodeOf(client));
+  counted("threads blocked in their waits while the engine ends in good order", 4);
 }
 
 TEST_F(Processes, SeeingTheDeadEngineInManyThreadsAtOnceReconnectWithoutHarm) {
@@ -321,6 +324,7 @@ TEST_F(Processes, SeeingTheDeadEngineInManyThreadsAtOnceReconnectWithoutHarm) {
     });
     EXPECT_EQ(0, wrong.load());
   }
+  counted("eight threads that see the dead engine at once", kRounds);
 }
 
 TEST_F(Processes, ClosingUnderABlockedThreadLeavesItsQueueAliveUntilItLeaves) {

@@ -1,13 +1,20 @@
 # What one program, its neighbours and the machine may do to the library: included by CMakeLists.txt.
 
-arm_test(NAME test_hostile LABELS reliability TIMEOUT 60 CHECK_IPC
+arm_test(NAME test_hostile LABELS reliability TIMEOUT 120 CHECK_IPC
   LIBS arm arm_call_test ipc_raw ${CMAKE_DL_LIBS}
-  SOURCES hostile_test.cpp hostile_queues.cpp hostile_guard.cpp)
+  SOURCES hostile_test.cpp hostile_calls.cpp hostile_queues.cpp hostile_guard.cpp)
+
+# Not under sanitizers: it traces, see CMakeLists.txt.
+if(NOT ARM_SANITIZE)
+  arm_test(NAME test_hostile_moments LABELS reliability TIMEOUT 120 CHECK_IPC
+    LIBS arm arm_call_test ipc_raw reliability_kill ${CMAKE_DL_LIBS}
+    SOURCES hostile_moments_test.cpp hostile_calls.cpp hostile_queues.cpp hostile_guard.cpp)
+endif()
 
 arm_test_program(NAME fork_client SOURCES fork_client.cpp fork_calls.cpp LIBS arm)
 target_include_directories(fork_client PRIVATE ${PROJECT_SOURCE_DIR}/tests/calls)
 
-arm_test(NAME test_fork LABELS reliability TIMEOUT 60 CHECK_IPC DEPENDS fork_client scripted_engine
+arm_test(NAME test_fork LABELS reliability TIMEOUT 120 CHECK_IPC DEPENDS fork_client scripted_engine
   LIBS arm arm_call_test SOURCES fork_test.cpp fork_calls.cpp)
 
 # The same program linked with the library and opening it.
@@ -25,20 +32,20 @@ arm_test_program(NAME load_copies_client SOURCES load_copies_client.cpp fork_cal
 target_include_directories(load_copies_client PRIVATE
   ${PROJECT_SOURCE_DIR}/tests/calls ${PROJECT_SOURCE_DIR}/include)
 
-arm_test(NAME test_load LABELS reliability TIMEOUT 60 CHECK_IPC
+arm_test(NAME test_load LABELS reliability TIMEOUT 120 CHECK_IPC
   DEPENDS arm load_exit_linked load_exit_opened load_copies_client scripted_engine
   LIBS arm_call_test ${CMAKE_DL_LIBS} SOURCES load_test.cpp fork_calls.cpp)
 # The library finds this program's ftok.
 set_target_properties(test_load PROPERTIES ENABLE_EXPORTS ON)
 
-arm_test(NAME test_signals LABELS reliability TIMEOUT 60 CHECK_IPC LIBS arm arm_call_test ipc_raw
+arm_test(NAME test_signals LABELS reliability TIMEOUT 120 CHECK_IPC LIBS arm arm_call_test ipc_raw
   SOURCES signals_test.cpp)
 
 # The sanitizers have frames and a malloc of their own.
 if(NOT ARM_SANITIZE)
-  arm_test(NAME test_stack LABELS reliability TIMEOUT 60 CHECK_IPC DEPENDS scripted_engine
+  arm_test(NAME test_stack LABELS reliability TIMEOUT 120 CHECK_IPC DEPENDS scripted_engine
     LIBS arm arm_call_test SOURCES stack_test.cpp)
 endif()
 
-arm_test(NAME test_limits LABELS reliability TIMEOUT 60 CHECK_IPC DEPENDS scripted_engine armengine
+arm_test(NAME test_limits LABELS reliability TIMEOUT 120 CHECK_IPC DEPENDS scripted_engine armengine
   LIBS arm arm_call_test SOURCES limits_test.cpp)

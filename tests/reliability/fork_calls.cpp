@@ -63,10 +63,11 @@ unsigned long segmentsAttached() {
   return count;
 }
 
-int wrongAnswersOfEveryCall(const ArmCalls& arm, int32_t id) {
+namespace {
+
+/// Makes every call once; how many results are not the expected ones, of calls with a name and with an id.
+int wrongResults(const ArmCalls& arm, int32_t id, int32_t ofName, int32_t ofId) {
   const NameOfId name(id);
-  const int32_t ofName = derivedResult(name.word);
-  const int32_t ofId = derivedResult(id);
   int wrong = 0;
   wrong += arm.init(name.text, "user", 0, nullptr, 0) == ofName ? 0 : 1;
   wrong += arm.wInit(0, name.text, "user", 0, nullptr, 0) == ofName ? 0 : 1;
@@ -85,6 +86,16 @@ int wrongAnswersOfEveryCall(const ArmCalls& arm, int32_t id) {
   wrong += arm.getCodeset() != nullptr ? 0 : 1;
   wrong += std::strcmp(arm.key(), "ARM_CORRELATOR") == 0 ? 0 : 1;
   return wrong;
+}
+
+}  // namespace
+
+int wrongAnswersOfEveryCall(const ArmCalls& arm, int32_t id) {
+  return wrongResults(arm, id, derivedResult(NameOfId(id).word), derivedResult(id));
+}
+
+int wrongResultsWithoutAnEngine(const ArmCalls& arm) {
+  return wrongResults(arm, 5, -2, -2);
 }
 
 }  // namespace armtest

@@ -53,7 +53,11 @@ ArmCalls loadedCalls(void* library);
 /// Returns how many results were not those of that id.
 int wrongAnswersOfEveryCall(const ArmCalls& arm, int32_t id);
 
-/// The same through the linked library.
+/// Makes every call once where no engine is to be had: how many of those that post do not return -2, and of
+/// the others their own result.
+int wrongResultsWithoutAnEngine(const ArmCalls& arm);
+
+/// The same as wrongAnswersOfEveryCall, through the linked library.
 inline int wrongAnswersOfEveryCall(int32_t id) {
   return wrongAnswersOfEveryCall(linkedCalls(), id);
 }

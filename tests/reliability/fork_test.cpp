@@ -8,12 +8,12 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <random>
 
 #include "CallTest.h"
+#include "counted.h"
 #include "fork_calls.h"
 #include "shared.h"
 
@@ -115,8 +115,6 @@ class Forks : public testing::Test {
       expectProgress();
     }
     stopThreads();
-    std::printf("fork: %u children, %u rounds of every call in %d threads of the parent\n", forks(),
-                calls_.load(), kThreads);
   }
 
   static int32_t idOfChild(uint32_t number) {
@@ -133,17 +131,20 @@ class Forks : public testing::Test {
 
 TEST_F(Forks, AtAnyMomentTheChildMakesEveryCall) {
   forkMany([](uint32_t number) { return wrongAnswersOfEveryCall(idOfChild(number)); });
+  counted("a fork at any moment", forks());
 }
 
 TEST_F(Forks, AtAnyMomentTheChildOfATracingProcessMakesEveryCall) {
   start("basic");
   forkMany([](uint32_t number) { return wrongAnswersOfEveryCall(idOfChild(number)); });
+  counted("a fork at any moment while tracing", forks());
 }
 
 TEST_F(Forks, ChildrenThatOnlyExitLeaveNothing) {
   const int before = engine_.headsInUse();
   forkMany([](uint32_t) { return 0; });
   EXPECT_LE(engine_.headsInUse(), before + kThreads);
+  counted("a child that only exits", forks());
 }
 
 TEST_F(Forks, GrandchildrenMakeEveryCall) {
@@ -153,6 +154,7 @@ TEST_F(Forks, GrandchildrenMakeEveryCall) {
     if (grandchild == 0) _exit(wrongAnswersOfEveryCall(idOfChild(number) + 500));
     return wrong + exitCodeOf(grandchild);
   });
+  counted("a child that forks a child", forks());
 }
 
 TEST_F(Forks, DaemonsMakeEveryCall) {
@@ -169,6 +171,7 @@ TEST_F(Forks, DaemonsMakeEveryCall) {
   });
   EXPECT_TRUE(waitUntil([&] { return board->done.load() == forks(); })) << "a daemon hangs";
   EXPECT_EQ(0U, board->wrong.load());
+  counted("a daemon", forks());
 }
 
 TEST_F(Forks, OfSeveralThreadsAtOnce) {
@@ -188,6 +191,7 @@ TEST_F(Forks, OfSeveralThreadsAtOnce) {
   for (std::thread& thread : forking) thread.join();
   EXPECT_EQ(0U, failed.load());
   expectProgress();
+  counted("forks of three threads at once", 3 * (forks() / 3 + 1));
 }
 
 TEST_F(Forks, OfAProcessThatIsClosingItsConnection) {
@@ -209,6 +213,7 @@ TEST_F(Forks, OfAProcessThatIsClosingItsConnection) {
   start(nullptr);
   EXPECT_EQ(-9, blocked.result());
   EXPECT_EQ(0, wrongAnswersOfEveryCall(2));
+  counted("a fork while another thread closes the connection", 20);
 }
 
 // ---- programs -----------------------------------------------------------------------------------
@@ -230,6 +235,7 @@ TEST_F(Forks, ExecutedProgramsMakeEveryCall) {
     execv(words[0].c_str(), pointers(words).data());
     return 127;
   });
+  counted("fork and execv", forks());
 }
 
 TEST_F(Forks, SpawnedProgramsMakeEveryCall) {
@@ -243,6 +249,7 @@ TEST_F(Forks, SpawnedProgramsMakeEveryCall) {
     EXPECT_EQ(0, exitCodeOf(child));
     expectProgress();
   }
+  counted("posix_spawn", forks());
 }
 
 TEST_F(Forks, ProgramsOfAShellMakeEveryCall) {
@@ -253,6 +260,7 @@ TEST_F(Forks, ProgramsOfAShellMakeEveryCall) {
     EXPECT_EQ(0, std::system((words[0] + " " + words[1]).c_str()));
     expectProgress();
   }
+  counted("system", forks() / 4);
 }
 
 }  // namespace

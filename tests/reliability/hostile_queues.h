@@ -55,6 +55,8 @@ class HostileQueues {
   void removeSets();
   /// Removes one of the five sets.
   void removeSet(size_t which) { sets_[which % sets_.size()]->remove(); }
+  /// Removes one of the two segments.
+  void removeSegment(size_t which) { (which % 2 == 0 ? requests_ : replies_).remove(); }
   /// Threads of all processes that sleep in any of the sets.
   int sleepers() const;
   /// The bytes between the end of a segment and the end of its last page are as they were laid.

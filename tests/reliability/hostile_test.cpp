@@ -8,9 +8,10 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "CallTest.h"
+#include "counted.h"
+#include "hostile_calls.h"
 #include "hostile_guard.h"
 #include "hostile_queues.h"
 #include "shared.h"
@@ -45,50 +46,6 @@ struct HostileBoard {
 
 using SharedHostileBoard = Shared<HostileBoard>;
 
-bool isAllowed(int32_t result) {
-  return result == -2 || result == -8 || result == -9 || result == kMarkedResult;
-}
-
-/// The caller's block, with a pattern on both sides.
-struct Host {
-  uint8_t before[64];
-  uint8_t block[256];
-  uint8_t behind[64];
-};
-
-void fillHost(Host& host) {
-  std::memset(host.before, 0xA5, sizeof host.before);
-  const Bytes block = makeBlock(sizeof host.block, 1, 0x40);
-  std::memcpy(host.block, block.data(), block.size());
-  std::memset(host.behind, 0xA5, sizeof host.behind);
-}
-
-bool all(const uint8_t* bytes, size_t count, uint8_t value) {
-  for (size_t i = 0; i < count; ++i) {
-    if (bytes[i] != value) return false;
-  }
-  return true;
-}
-
-/// The block holds its own bytes, or the correlator of a marked reply.
-bool hostIsWhole(const Host& host) {
-  if (!all(host.before, sizeof host.before, 0xA5)) return false;
-  if (!all(host.behind, sizeof host.behind, 0xA5)) return false;
-  Bytes block = makeBlock(sizeof host.block, 1, 0x40);
-  if (std::memcmp(host.block, block.data(), block.size()) == 0) return true;
-  block[4] |= 0x20;
-  const uint8_t mark[] = {0x5A, 0xFE};
-  for (size_t i = 88; i < 256; ++i) block[i] = mark[(i + 1) % 2];
-  return std::memcmp(host.block, block.data(), block.size()) == 0;
-}
-
-int32_t callNumber(size_t number, Host& host) {
-  const auto& calls = postingCalls();
-  const size_t kind = number % (calls.size() + 1);
-  if (kind < calls.size()) return calls[kind].call();
-  return arm_start(5, 0, host.block, sizeof host.block);
-}
-
 /// The measuring process: one call whenever it is told.
 int measure(HostileBoard* board, size_t firstCall) {
   Host host;
@@ -117,6 +74,7 @@ struct Tally {
   uint32_t drainsCut = 0;
 
   void print(const char* what) const {
+    counted(what, rounds);
     std::printf(
         "hostile: %s: %u rounds of %zu calls: %u answered, -2 %u, -8 %u, -9 %u; "
         "%u waits released, %u drains cut short\n",
@@ -167,7 +125,7 @@ class Hostile : public testing::Test {
     tally.drainsCut += board->drainsCut.load();
     for (const auto& stored : board->results) {
       const int32_t result = stored.load();
-      EXPECT_TRUE(isAllowed(result)) << result;
+      EXPECT_TRUE(isAllowedOnDamage(result)) << result;
       tally.answered += result == kMarkedResult ? 1 : 0;
       tally.unreachable += result == -2 ? 1 : 0;
       tally.full += result == -8 ? 1 : 0;
@@ -304,7 +262,7 @@ TEST_F(Hostile, EachSetRemovedBeforeEachCall) {
 void noteResult(HostileBoard* board, int32_t result) {
   board->calls.fetch_add(1);
   if (result == kMarkedResult) board->answered.fetch_add(1);
-  if (isAllowed(result)) return;
+  if (isAllowedOnDamage(result)) return;
   board->unexpected.fetch_add(1);
   board->anUnexpected.store(result);
 }
@@ -441,9 +399,10 @@ TEST_F(Hostile, QueuesDamagedRemovedAndReplacedWhileThreadsCall) {
   EXPECT_EQ(0, WEXITSTATUS(status)) << "bytes beside a block were written";
   EXPECT_EQ(0U, board->unexpected.load()) << board->anUnexpected.load();
   EXPECT_LT(0U, board->answered.load());
-  std::printf(
-      "hostile: %u actions while 4 threads made %u calls, %u answered; %u drains cut short\n",
-      actions, board->calls.load(), board->answered.load(), board->drainsCut.load());
+  counted("acts of damage while threads call", actions);
+  counted("calls meanwhile", board->calls.load());
+  counted("calls meanwhile that were answered", board->answered.load());
+  std::printf("hostile: %u drains cut short while threads called\n", board->drainsCut.load());
 }
 
 #endif

@@ -2,14 +2,18 @@
 // leave behind, the queues are sound and everybody else gets the own answers.
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "CallTest.h"
+#include "counted.h"
 #include "ipcobjects.h"
 #include "kill_points.h"
 #include "kill_queues.h"
@@ -128,6 +132,88 @@ TEST_P(KilledClientAmongOthers, WhileItOpensTheConnectionDisturbsNobody) {
   tally_.print(std::string("client killed in ") + GetParam().name + ", connection not yet open");
 }
 
+// ---- while it replaces its connection -----------------------------------------------------------
+
+/// Victims that are connected to an engine which is replaced then: each is killed at another moment of a
+/// call that sees the dead engine, gives the connection up and opens it anew.
+class KilledClientThatReconnects : public KilledClient {
+ protected:
+  void SetUp() override {
+    startEngine();
+    for (const std::string& dir : buildDirs()) ASSERT_LE(0, team_.start(dir, 2));
+    ASSERT_TRUE(team_.waitProgress(1));
+  }
+
+  void TearDown() override {
+    team_.finish();
+    ASSERT_EQ(0, engine_->end(SIGTERM));
+    EXPECT_EQ(0U, ipcObjects());
+  }
+
+  void startEngine() {
+    team_.beginChange();
+    if (engine_ != nullptr) {
+      EXPECT_EQ(128 + SIGKILL, engine_->end(SIGKILL));
+    }
+    engine_ =
+        std::make_unique<EngineProcess>(std::vector<std::string>{"--report"}, engineBuildDir());
+    EXPECT_NE("", engine_->ready());
+    team_.endChange();
+  }
+
+  std::vector<Point> findPoints() {
+    const auto whole = makeVictim(GetParam(), true);
+    startEngine();
+    EXPECT_TRUE(team_.waitProgress(1));
+    EXPECT_TRUE(team_.pause());
+    const std::vector<Point> points = pointsOf(*whole);
+    EXPECT_EQ(0, whole->exitCode());
+    team_.resume();
+    return points;
+  }
+
+  /// Kills one victim at each of the moments, and returns those that none came to: a victim that finds the
+  /// engine awake does not wake it.
+  std::vector<Point> killAtEach(const std::vector<Point>& points) {
+    std::vector<std::unique_ptr<TracedProcess>> victims;
+    for (size_t i = 0; i < points.size(); ++i) victims.push_back(makeVictim(GetParam(), true));
+    startEngine();
+    std::vector<Point> left;
+    for (size_t i = 0; i < points.size() && !HasFailure(); ++i) {
+      SCOPED_TRACE(nameOf(points[i]));
+      if (!runTo(*victims[i], points[i])) {
+        EXPECT_EQ(0, victims[i]->exitCode());
+        left.push_back(points[i]);
+        continue;
+      }
+      victims[i]->kill();
+      tally_.count(points[i]);
+      expectSoundQueues();
+      team_.expectNoWrongAnswer();
+      EXPECT_TRUE(team_.waitProgress(1));
+    }
+    return left;
+  }
+
+  SoakTeam team_;
+  std::unique_ptr<EngineProcess> engine_;
+};
+
+TEST_P(KilledClientThatReconnects, DisturbsNobody) {
+  constexpr size_t kAtOnce = 20;
+  std::vector<Point> points = chosen(findPoints());
+  ASSERT_TRUE(waitUntil([&] {
+    const size_t count = std::min(points.size(), kAtOnce);
+    const std::vector<Point> some(points.end() - static_cast<ptrdiff_t>(count), points.end());
+    points.resize(points.size() - count);
+    const std::vector<Point> left = killAtEach(some);
+    points.insert(points.begin(), left.begin(), left.end());
+    return points.empty() || HasFailure();
+  }));
+  expectSteps({"shmdt", "shmat", "semget", "wake wait"});
+  tally_.print(std::string("client killed in ") + GetParam().name + ", replacing its connection");
+}
+
 // ---- what is in the ring ------------------------------------------------------------------------
 
 class KilledClientThatFillsTheRing : public KilledClient {
@@ -225,6 +311,7 @@ TEST_P(ReplacedEngine, LetsAWriterEndThatDrainsTheOverflowSemaphore) {
   ASSERT_TRUE(engine_.start(setup));
   EXPECT_EQ(1, victim_->release()) << "its call fails";
   for (const pid_t other : others_) EXPECT_EQ(1, exitCodeOf(other));
+  counted("a dead engine replaced under a client that drains _ovr", 1);
 }
 
 // ---- the last item of the reply queue -----------------------------------------------------------
@@ -275,6 +362,8 @@ std::string nameOfCall(const testing::TestParamInfo<PostingCall>& info) {
 
 INSTANTIATE_TEST_SUITE_P(Calls, KilledClientAmongOthers, testing::ValuesIn(postingCalls()),
                          nameOfCall);
+INSTANTIATE_TEST_SUITE_P(Calls, KilledClientThatReconnects, testing::ValuesIn(postingCalls()),
+                         nameOfCall);
 INSTANTIATE_TEST_SUITE_P(Calls, KilledClientThatFillsTheRing, testing::ValuesIn(postingCalls()),
                          nameOfCall);
 INSTANTIATE_TEST_SUITE_P(Start, ReplacedEngine, testing::Values(postingCalls()[4]), nameOfCall);
@@ -292,6 +381,7 @@ TEST(KilledClient, HasNoSystemVCallInTheThreeOtherExportedCalls) {
   EXPECT_TRUE(pointsOf(process).empty());
   EXPECT_EQ(0, process.exitCode());
   EXPECT_EQ(13U, postingCalls().size());
+  counted("client traced through the three calls that post nothing", 1);
 }
 
 }  // namespace

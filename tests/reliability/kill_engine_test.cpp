@@ -177,7 +177,10 @@ TEST_F(KilledEngine, WhileItServesIsReplacedAndClientsGoOn) {
 
 TEST_F(KilledEngine, WhileItStopsIsReplacedAndClientsGoOn) {
   killEverywhere(Phase::stop, "engine killed while it stops");
-  expectSteps({"requests unlock", "shmdt"});
+  // Its two threads end in any order: no life has the moments of another.
+  for (const char* step : {"requests unlock", "overflow remove", "shmdt"}) {
+    EXPECT_TRUE(killEvery() > 1 || tally_.touches(step)) << step;
+  }
 }
 
 // ---- under a client at each of its calls --------------------------------------------------------

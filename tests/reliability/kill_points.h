@@ -37,6 +37,10 @@ class Tally {
   /// Prints one line.
   void print(const std::string& what) const;
   unsigned total() const;
+  /// Whether a process was killed before or after such a step.
+  bool touches(const std::string& step) const {
+    return before_.count(step) != 0 || after_.count(step) != 0;
+  }
   /// Whether a process was killed before and after such a step.
   bool has(const std::string& step) const {
     return before_.count(step) != 0 && after_.count(step) != 0;

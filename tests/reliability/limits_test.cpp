@@ -25,6 +25,7 @@
 
 #include "CallTest.h"
 #include "TraceFile.h"
+#include "counted.h"
 
 namespace armtest {
 namespace {
@@ -139,6 +140,7 @@ TEST(KernelLimits, OfOneOperationPerSemopFailCallsUntilItIsRaised) {
       EXPECT_EQ(0, wrongCalls());
     }
   });
+  counted("one operation per semop", 3);
 }
 
 TEST(KernelLimits, OfSetsAndSegmentsThatAreUsedUpDoNotMatterToCalls) {
@@ -154,6 +156,7 @@ TEST(KernelLimits, OfSetsAndSegmentsThatAreUsedUpDoNotMatterToCalls) {
     EXPECT_EQ(0, wrongCalls());
     inAProcess([] { EXPECT_EQ(0, wrongCalls()); });
   });
+  counted("sets and segments used up", 1);
 }
 
 TEST(KernelLimits, ThatKeepAnEngineFromStartingLeaveMinus2) {
@@ -178,6 +181,7 @@ TEST(KernelLimits, ThatKeepAnEngineFromStartingLeaveMinus2) {
       ASSERT_TRUE(setLimit(limit.name, limit.enough)) << limit.name;
     }
   });
+  counted("limits too low for an engine", 3);
 }
 
 TEST(KernelLimits, OfForcedRemovalTakeNoSegmentFromUnderACall) {
@@ -192,6 +196,7 @@ TEST(KernelLimits, OfForcedRemovalTakeNoSegmentFromUnderACall) {
     ASSERT_TRUE(engine.start());
     EXPECT_EQ(0, wrongCalls());
   });
+  counted("kernel.shm_rmid_forced", 3);
 }
 
 // ---- address space and descriptors --------------------------------------------------------------
@@ -251,7 +256,7 @@ struct RoomTest {
     EXPECT_TRUE(succeeded);
     EXPECT_EQ(0U, unexpected);
     EXPECT_LT(5U, failed);
-    std::fprintf(stderr, "limits: %u calls failed for lack of address space\n", failed);
+    counted("calls failed for lack of address space", failed);
   }
 };
 
@@ -319,6 +324,7 @@ TEST_F(Limits, OfDescriptorsChangeNoResult) {
       });
     }
   }
+  counted("no descriptors", 6);
 }
 
 // ---- disk ---------------------------------------------------------------------------------------
@@ -342,6 +348,7 @@ TEST_F(Limits, OfTheDiskCutTheTraceAndChangeNoResult) {
   ASSERT_EQ(0, truncate(trace.c_str(), 0));
   EXPECT_EQ(0, wrongCalls());
   EXPECT_LT(0, sizeOf(trace));
+  counted("a full disk, rounds", 20);
 }
 
 // ---- name files ---------------------------------------------------------------------------------
@@ -366,6 +373,9 @@ void expectCallsWith(const char* what, int32_t expected,
     (void)rmdir(name.c_str());
     ASSERT_EQ(0, rename(kept.c_str(), name.c_str()));
   }
+  counted(expected == -2 ? "name files that lead elsewhere or nowhere"
+                         : "name files that lead to the objects",
+          nameFiles().size());
 }
 
 TEST(NameFiles, ThatAreMissingAreMinus2) {
@@ -393,6 +403,7 @@ TEST(NameFiles, ThatCannotBeReadDoBecauseOnlyTheirNumbersAreNeeded) {
   for (const std::string& name : nameFiles()) ASSERT_EQ(0, chmod(name.c_str(), 0));
   ASSERT_GT(0, open(nameFiles()[0].c_str(), O_RDONLY)) << "privileged";
   inAProcess([] { EXPECT_EQ(0, wrongCalls()); });
+  counted("name files that lead to the objects", nameFiles().size());
 }
 
 TEST(NameFiles, InADirectoryThatCannotBeSearchedAreMinus2) {
@@ -402,6 +413,7 @@ TEST(NameFiles, InADirectoryThatCannotBeSearchedAreMinus2) {
   inAProcess([] { EXPECT_EQ(0, callsOtherThan(-2)); });
   ASSERT_EQ(0, chmod("/var/kelp", 0777));
   inAProcess([] { EXPECT_EQ(0, wrongCalls()); });
+  counted("a directory of name files that cannot be searched", 1);
 }
 
 union SetArgument {
@@ -452,6 +464,7 @@ TEST(Permissions, ThatAreTakenAwayAreMinus2) {
   });
   setPermissions(0666);
   EXPECT_EQ(0, wrongCalls());
+  counted("sets and segments without permissions", 3);
 }
 
 #endif
@@ -482,6 +495,7 @@ TEST_F(TraceTarget, DirectoryThatIsAFileIsReportedOnce) {
   expectCallsPrinting(complaint());
   expectCallsPrinting("");
   EXPECT_EQ(4, sizeOf(kLogDirectory));
+  counted("log directory or trace file that cannot be used", 1);
 }
 
 TEST_F(TraceTarget, DirectoryThatIsADanglingLinkIsReportedOnce) {
@@ -489,16 +503,19 @@ TEST_F(TraceTarget, DirectoryThatIsADanglingLinkIsReportedOnce) {
   ASSERT_EQ(0, symlink("/tmp/nowhere", kLogDirectory));
   expectCallsPrinting(complaint());
   EXPECT_EQ(-1, sizeOf("/tmp/nowhere"));
+  counted("log directory or trace file that cannot be used", 1);
 }
 
 TEST_F(TraceTarget, DirectoryThatCannotBeWrittenIsReportedOnce) {
   ASSERT_EQ(0, chmod(kLogDirectory, 0555));
   expectCallsPrinting(complaint());
+  counted("log directory or trace file that cannot be used", 1);
 }
 
 TEST_F(TraceTarget, FileThatIsADirectoryIsReportedOnce) {
   ASSERT_EQ(0, mkdir(kTraceFile, 0755));
   expectCallsPrinting(complaint());
+  counted("log directory or trace file that cannot be used", 1);
 }
 
 TEST_F(TraceTarget, FileThatCannotBeWrittenIsReportedOnce) {
@@ -506,6 +523,7 @@ TEST_F(TraceTarget, FileThatCannotBeWrittenIsReportedOnce) {
   ASSERT_EQ(0, chmod(kTraceFile, 0400));
   expectCallsPrinting(complaint());
   EXPECT_EQ(4, sizeOf(kTraceFile));
+  counted("log directory or trace file that cannot be used", 1);
 }
 
 // Links are followed: operators redirect traces so, and whoever may make one in the log directory may
@@ -516,6 +534,7 @@ TEST_F(TraceTarget, FileThatIsALinkIsAppendedToWhereItLeads) {
   expectCallsPrinting("");
   EXPECT_EQ(0U, readTrace().find("first line\n"));
   EXPECT_LT(100, sizeOf("/tmp/elsewhere"));
+  counted("trace file that is a link, a dangling link, a full device", 1);
 }
 
 TEST_F(TraceTarget, FileThatIsADanglingLinkIsMadeWhereItLeads) {
@@ -525,16 +544,19 @@ TEST_F(TraceTarget, FileThatIsADanglingLinkIsMadeWhereItLeads) {
   ASSERT_EQ(0, stat("/tmp/made", &info));
   EXPECT_LT(100, info.st_size);
   EXPECT_EQ(0600U, info.st_mode & 07777);
+  counted("trace file that is a link, a dangling link, a full device", 1);
 }
 
 TEST_F(TraceTarget, FileThatIsALinkToItselfIsReportedOnce) {
   ASSERT_EQ(0, symlink(kTraceFile, kTraceFile));
   expectCallsPrinting(complaint());
+  counted("log directory or trace file that cannot be used", 1);
 }
 
 TEST_F(TraceTarget, FileThatIsAFullDeviceLosesTheTrace) {
   ASSERT_EQ(0, symlink("/dev/full", kTraceFile));
   expectCallsPrinting("");
+  counted("trace file that is a link, a dangling link, a full device", 1);
 }
 
 TEST_F(TraceTarget, FileThatIsAPipeDoesNotBlockACall) {
@@ -548,6 +570,7 @@ TEST_F(TraceTarget, FileThatIsAPipeDoesNotBlockACall) {
   }
   expectCallsPrinting("");
   close(holder);
+  counted("trace file that is a pipe", 2);
 }
 
 TEST_F(TraceTarget, FileThatIsATerminalDoesNotBecomeTheProcesssOwn) {
@@ -561,6 +584,7 @@ TEST_F(TraceTarget, FileThatIsATerminalDoesNotBecomeTheProcesssOwn) {
     EXPECT_EQ(-1, open("/dev/tty", O_RDWR | O_CLOEXEC)) << "it has a terminal now";
   });
   close(terminal);
+  counted("trace file that is a terminal", 1);
 }
 
 // ---- properties ---------------------------------------------------------------------------------
@@ -581,6 +605,8 @@ TEST_F(Properties, OfAGigabyteWithoutTheKeyGiveTheDefault) {
   ASSERT_TRUE(writeText(kProperties, ""));
   ASSERT_EQ(0, truncate(kProperties, 1L << 30));
   expectDefault();
+  counted("properties of a gigabyte, NULs, 5,000 characters, a directory, a pipe, a dangling link",
+          1);
 }
 
 #endif
@@ -588,21 +614,29 @@ TEST_F(Properties, OfAGigabyteWithoutTheKeyGiveTheDefault) {
 TEST_F(Properties, OfNulsGiveTheDefault) {
   ASSERT_TRUE(writeText(kProperties, std::string(100000, '\0')));
   expectDefault();
+  counted("properties of a gigabyte, NULs, 5,000 characters, a directory, a pipe, a dangling link",
+          1);
 }
 
 TEST_F(Properties, ThatAreADirectoryGiveTheDefault) {
   ASSERT_EQ(0, mkdir(kProperties, 0755));
   expectDefault();
+  counted("properties of a gigabyte, NULs, 5,000 characters, a directory, a pipe, a dangling link",
+          1);
 }
 
 TEST_F(Properties, ThatAreAPipeGiveTheDefault) {
   ASSERT_EQ(0, mkfifo(kProperties, 0644));
   expectDefault();
+  counted("properties of a gigabyte, NULs, 5,000 characters, a directory, a pipe, a dangling link",
+          1);
 }
 
 TEST_F(Properties, ThatAreADanglingLinkGiveTheDefault) {
   ASSERT_EQ(0, symlink("/nowhere", kProperties));
   expectDefault();
+  counted("properties of a gigabyte, NULs, 5,000 characters, a directory, a pipe, a dangling link",
+          1);
 }
 
 TEST_F(Properties, OfAValueOf5000CharactersNameAPathThatCannotBeOpened) {
@@ -611,6 +645,8 @@ TEST_F(Properties, OfAValueOf5000CharactersNameAPathThatCannotBeOpened) {
   expectCallsPrinting("Failed to open trace file [" + path +
                       "], make sure that subdirectory exists\n");
   EXPECT_EQ(-1, sizeOf(kTraceFile));
+  counted("properties of a gigabyte, NULs, 5,000 characters, a directory, a pipe, a dangling link",
+          1);
 }
 
 }  // namespace

@@ -1,14 +1,18 @@
 // A program that makes every call while it ends. Compiled twice: linked with the library, and
 // opening it with dlopen (LOAD_EXIT_LIBRARY).
 //
-//   load_exit_client PLACE
+//   load_exit_client PLACE [ENGINE]
 //
-// PLACE is where the calls are made. The exit status is 100 plus the number of wrong answers; a
+// PLACE is where the calls are made. The process ENGINE is killed before: then each call that posts must
+// return -2. The exit status is 100 plus the number of wrong answers; a
 // program whose last handler has not run ends with 0.
 
 #include <dlfcn.h>
 #include <pthread.h>
+#include <signal.h>
 #include <stdio.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -20,6 +24,7 @@ namespace {
 
 armtest::ArmCalls arm = {};
 const char* place = "";
+bool engineKilled = false;
 
 bool isPlace(const char* name) {
   return std::strcmp(place, name) == 0;
@@ -29,7 +34,10 @@ bool isPlace(const char* name) {
 void callHere(const char* name) {
   if (!isPlace(name)) return;
   int wrong = 0;
-  for (int id = 1; id < 4; ++id) wrong += armtest::wrongAnswersOfEveryCall(arm, id * 1000);
+  for (int id = 1; id < 4; ++id) {
+    wrong += engineKilled ? armtest::wrongResultsWithoutAnEngine(arm)
+                          : armtest::wrongAnswersOfEveryCall(arm, id * 1000);
+  }
   _exit(100 + wrong);
 }
 
@@ -87,10 +95,28 @@ void startCalling() {
   }
 }
 
+bool hasLostItsCreator(const char* name) {
+  const int set = semget(ftok(name, 1), 0, 0);
+  return semctl(set, 1, GETVAL) == 1;
+}
+
+/// Waits until the death of the engine can be seen, by those who look at it; nobody has called then.
+bool killEngine(pid_t engine) {
+  engineKilled = kill(engine, SIGKILL) == 0;
+  for (int i = 0; engineKilled && i < 20000; ++i) {
+    if (hasLostItsCreator("/var/kelp/controls_ae.kelp_mem") &&
+        hasLostItsCreator("/var/kelp/controls_ea.kelp")) {
+      return true;
+    }
+    usleep(1000);
+  }
+  return false;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) return 99;
+  if (argc != 2 && argc != 3) return 99;
   place = argv[1];
   (void)atexit(whenHandlerBeforeLoadingRuns);
   load();
@@ -98,6 +124,7 @@ int main(int argc, char** argv) {
   // Makes the thread's object, and has its destructor registered.
   if (threadObject.name == nullptr) return 98;
   if (armtest::wrongAnswersOfEveryCall(arm, 7000) != 0) return 97;
+  if (argc == 3 && !killEngine(static_cast<pid_t>(std::atoi(argv[2])))) return 96;
   if (isPlace("calling-threads")) {
     startCalling();
     usleep(2000);

@@ -14,7 +14,6 @@
 
 #include <atomic>
 #include <climits>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -23,6 +22,7 @@
 #include <vector>
 
 #include "ScriptedEngine.h"
+#include "counted.h"
 #include "fork_calls.h"
 #include "gtest/gtest.h"
 #include "process.h"
@@ -52,6 +52,7 @@ namespace {
 constexpr const char* kLibrary = ARM_BUILD_DIR "/lib/libarm.so";
 constexpr unsigned kShortRounds = 600;
 constexpr unsigned kWarmUp = 20;
+constexpr unsigned kEveryCall = 16;
 
 unsigned rounds() {
   const char* text = getenv("ARM_LOAD_ROUNDS");
@@ -83,7 +84,20 @@ unsigned long mappedKilobytes() {
   return 0;
 }
 
+/// Semaphore sets in this namespace.
+int semaphoreSets() {
+  union {
+    int value;
+    seminfo* info;
+  } argument;
+  seminfo sets = {};
+  argument.info = &sets;
+  (void)semctl(0, 0, SEM_INFO, argument);
+  return sets.semusz;
+}
+
 struct Footprint {
+  int sets = 0;
   unsigned keys = 0;
   unsigned long attached = 0;
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
@@ -96,6 +110,7 @@ struct Footprint {
 
 Footprint takeFootprint() {
   Footprint all;
+  all.sets = semaphoreSets();
   all.keys = freeKeys();
   all.attached = segmentsAttached();
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
@@ -107,6 +122,7 @@ Footprint takeFootprint() {
 }
 
 void expectSame(const Footprint& before, const Footprint& after) {
+  EXPECT_EQ(before.sets, after.sets);
   EXPECT_EQ(before.keys, after.keys);
   EXPECT_EQ(before.attached, after.attached);
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
@@ -146,8 +162,9 @@ TEST_F(Loads, RoundsWithCallsLeaveNoGrowth) {
   EXPECT_EQ(2U, keys - after.keys);
   EXPECT_EQ(2U, after.attached);
   EXPECT_EQ(1, openings.load());
-  std::printf("load: %u rounds, each with every call; %u thread keys and %lu segments stay\n",
-              rounds(), keys - after.keys, after.attached);
+  // The engine's own.
+  EXPECT_EQ(5, after.sets);
+  counted("dlopen, every call, dlclose", rounds());
 }
 
 TEST_F(Loads, RoundsWithoutCallsKeepTheLibraryGuarded) {
@@ -172,6 +189,7 @@ TEST_F(Loads, RoundsWithoutCallsKeepTheLibraryGuarded) {
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(0, wrong.load());
   EXPECT_EQ(1, openings.load()) << "nothing keeps threads from opening the connection at once";
+  counted("dlopen, dlclose without a call", rounds());
 }
 
 // The thread sanitizer takes a few keys itself, and reports threads that nothing guards.
@@ -183,8 +201,10 @@ TEST_F(Loads, InAProcessWithoutAFreeKeyCallsStillWork) {
   while (pthread_key_create(&key, nullptr) == 0) {
   }
   const ArmCalls arm = loadedCalls(dlopen(kLibrary, RTLD_NOW));
+  std::atomic<unsigned> calls{0};
   for (int32_t round = 0; round < 3; ++round) {
     EXPECT_EQ(0, wrongAnswersOfEveryCall(arm, 1 + round));
+    calls.fetch_add(kEveryCall);
     std::vector<std::thread> threads;
     std::atomic<int> wrong{0};
     for (int32_t thread = 0; thread < 4; ++thread) {
@@ -192,6 +212,7 @@ TEST_F(Loads, InAProcessWithoutAFreeKeyCallsStillWork) {
         for (int32_t id = 1; id < 50; ++id) {
           const int32_t own = id + 1000 * thread;
           wrong.fetch_add(arm.update(own, 0, nullptr, 0) == derivedResult(own) ? 0 : 1);
+          calls.fetch_add(1);
         }
       });
     }
@@ -201,48 +222,78 @@ TEST_F(Loads, InAProcessWithoutAFreeKeyCallsStillWork) {
     EXPECT_EQ(-2, arm.start(1, 0, nullptr, 0));
     startEngine();
   }
+  counted("calls without a free thread-local key", calls.load());
 }
 
 #endif
 
 // ---- the end of a process -----------------------------------------------------------------------
 
-int runClient(const char* program, const char* place) {
+/// Runs a program that calls at a place; the engine, unless 0, is killed before.
+int runClient(const char* program, const char* place, pid_t engine = 0) {
   const std::string path = std::string(ARM_BUILD_DIR "/bin/") + program;
+  const std::string killed = std::to_string(engine);
   return exitCodeOf(forkChild([&] {
-    execl(path.c_str(), path.c_str(), place, nullptr);
+    execl(path.c_str(), path.c_str(), place, engine != 0 ? killed.c_str() : nullptr, nullptr);
     return 127;
   }));
 }
 
 constexpr const char* kPrograms[] = {"load_exit_linked", "load_exit_opened"};
+constexpr const char* kPlaces[] = {"atexit",
+                                   "atexit-before-loading",
+                                   "static-destructor",
+                                   "thread-destructor",
+                                   "destructor-function",
+                                   "earliest-atexit"};
 
 TEST_F(Loads, CallsWhileTheProcessEndsAreAnswered) {
   startEngine();
+  unsigned ends = 0;
   for (const char* tracing : {"", "1"}) {
     if (*tracing != '\0') setenv("ARMDEBUG", tracing, 1);
     for (const char* program : kPrograms) {
-      for (const char* place : {"atexit", "atexit-before-loading", "static-destructor",
-                                "thread-destructor", "destructor-function", "earliest-atexit"}) {
+      for (const char* place : kPlaces) {
         EXPECT_EQ(100, runClient(program, place)) << program << ", " << place;
         (void)engine.reclaim();
+        ++ends;
       }
       EXPECT_EQ(0, runClient(program, "nowhere")) << program;
     }
   }
+  counted("calls while the process ends", ends);
+}
+
+TEST_F(Loads, CallsWhileTheProcessEndsSeeThatTheEngineHasDied) {
+  unsigned ends = 0;
+  for (const char* tracing : {"", "1"}) {
+    if (*tracing != '\0') setenv("ARMDEBUG", tracing, 1);
+    for (const char* program : kPrograms) {
+      for (const char* place : kPlaces) {
+        startEngine();
+        EXPECT_EQ(100, runClient(program, place, engine.process())) << program << ", " << place;
+        engine.kill();
+        ++ends;
+      }
+    }
+  }
+  counted("calls while the process ends, the engine killed before", ends);
 }
 
 // The library's mutexes are destroyed under the threads, which the thread sanitizer reports.
 #if !defined(__SANITIZE_THREAD__)
 
 TEST_F(Loads, ProcessEndsWhileItsThreadsAreCalling) {
+  unsigned ends = 0;
   startEngine();
   for (int round = 0; round < 20; ++round) {
     for (const char* program : kPrograms) {
       EXPECT_EQ(100, runClient(program, "calling-threads")) << program;
       (void)engine.reclaim();
+      ++ends;
     }
   }
+  counted("exit while four threads call", ends);
 }
 
 #endif
@@ -301,6 +352,7 @@ TEST_F(Loads, TwoCopiesServeTheSameThreads) {
     EXPECT_EQ('r', program.roundEnds()) << "round " << round;
   }
   EXPECT_EQ(0, program.end());
+  counted("two copies in one process, rounds", 6);
 }
 
 /// Thread-local keys of a program, with values that must stay as they are. A second C library numbers its
@@ -368,6 +420,7 @@ TEST_F(Copies, LeaveTheKeysOfTheLoadingThreadAlone) {
     HostKeys::clearInThisThread();
   }).join();
   EXPECT_EQ(0, wrong);
+  counted("a copy beside a host's own thread-local keys", 1);
 }
 
 TEST_F(Copies, LeaveTheKeysOfOtherThreadsAlone) {
@@ -384,6 +437,7 @@ TEST_F(Copies, LeaveTheKeysOfOtherThreadsAlone) {
     HostKeys::clearInThisThread();
   }).join();
   EXPECT_EQ(0, wrong);
+  counted("a copy beside a host's own thread-local keys", 1);
 }
 
 #endif

@@ -10,12 +10,12 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <functional>
 
 #include "CallTest.h"
 #include "RawQueues.h"
+#include "counted.h"
 
 namespace armtest {
 namespace {
@@ -191,7 +191,7 @@ void expectStormsChangeNothing(int flags) {
     EXPECT_FALSE(scene.requests.locked());
     EXPECT_FALSE(scene.replies.locked());
   }
-  std::printf("signals: %u signals in each of %zu waits\n", signalsPerWait(), waits().size());
+  counted("signals during each wait", signalsPerWait() * waits().size());
 }
 
 TEST(Signals, WithoutRestartEndNoWait) {
@@ -202,7 +202,20 @@ TEST(Signals, WithRestartEndNoWait) {
   expectStormsChangeNothing(SA_RESTART);
 }
 
-// A thread that closes the connection sleeps between its looks; signals make those shorter.
+/// A call in a thread that can be sent signals.
+struct DisturbedCall {
+  std::atomic<bool> over{false};
+  std::atomic<pthread_t> thread{};
+  CallInThread call{[this] {
+    thread.store(pthread_self());
+    const int32_t result = arm_update(5, 0, nullptr, 0);
+    over.store(true);
+    return result;
+  }};
+};
+
+// A thread that closes the connection sleeps between its looks; signals make those shorter. Another one waits
+// for the end of the closing.
 TEST(Signals, EndNothingButTheSleepOfAClosingThread) {
   struct sigaction action = {};
   action.sa_handler = countSignal;
@@ -210,25 +223,23 @@ TEST(Signals, EndNothingButTheSleepOfAClosingThread) {
   Scene scene;
   enter(scene, waits()[0]);
   scene.requests.creatorDies();
-  std::atomic<bool> over{false};
-  std::atomic<pthread_t> closing{};
-  CallInThread call([&] {
-    closing.store(pthread_self());
-    const int32_t result = arm_update(5, 0, nullptr, 0);
-    over.store(true);
-    return result;
-  });
-  ASSERT_TRUE(waitUntil([&] { return closing.load() != pthread_t{}; }));
-  while (!over.load()) {
-    pthread_kill(closing.load(), SIGUSR1);
+  DisturbedCall calls[2];
+  for (const DisturbedCall& one : calls) {
+    ASSERT_TRUE(waitUntil([&] { return one.thread.load() != pthread_t{}; }));
+  }
+  while (!calls[0].over.load() || !calls[1].over.load()) {
+    for (const DisturbedCall& one : calls) {
+      if (!one.over.load()) pthread_kill(one.thread.load(), SIGUSR1);
+    }
     usleep(200);
   }
-  EXPECT_EQ(-2, call.result());
+  for (DisturbedCall& one : calls) EXPECT_EQ(-2, one.call.result());
   EXPECT_FALSE(scene.over());
   scene.requests.set.setValue(1, 2);
   waits()[0].release(scene);
   (void)scene.join();
   EXPECT_EQ(kAnswer, scene.result());
+  counted("signals while a thread closes the connection", 1);
 }
 
 #endif
@@ -262,12 +273,14 @@ TEST(Cancellation, OfAWaitingThreadTakesEffectAfterItsCall) {
   for (const Wait& wait : waits()) {
     expectCancellationWaitsForTheEndOfTheCall(wait, PTHREAD_CANCEL_DEFERRED);
   }
+  counted("pthread_cancel during each wait", waits().size());
 }
 
 TEST(Cancellation, AtAnyInstructionTakesEffectAfterTheCall) {
   for (const Wait& wait : waits()) {
     expectCancellationWaitsForTheEndOfTheCall(wait, PTHREAD_CANCEL_ASYNCHRONOUS);
   }
+  counted("pthread_cancel during each wait", waits().size());
 }
 
 // ---- the end of the process ---------------------------------------------------------------------
@@ -292,6 +305,7 @@ TEST(Exit, WhileThreadsWaitEndsTheProcess) {
       EXPECT_EQ(kExitCode, endWhileWaiting(wait, quickly)) << wait.name;
     }
   }
+  counted("exit and _exit while a thread waits", 2 * waits().size());
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "calls.h"
+#include "counted.h"
 #include "process.h"
 #include "records.h"
 
@@ -421,6 +422,7 @@ TEST(TraceFileLimit, DoesNotKillTheHost) {
   });
   EXPECT_EQ(0, armtest::exitCodeOf(child));
   EXPECT_EQ("abc", trace());
+  armtest::counted("a limit of the file's size", 1);
 }
 
 TEST(TraceFileLimit, SignalThatTheHostWasWaitingForStaysPending) {
@@ -432,6 +434,7 @@ TEST(TraceFileLimit, SignalThatTheHostWasWaitingForStaysPending) {
   wcDebug("x");
   EXPECT_TRUE(isPending(SIGXFSZ));
   EXPECT_TRUE(isBlocked(SIGXFSZ));
+  armtest::counted("a limit of the file's size", 1);
 }
 
 // ---- the stamp ----------------------------------------------------------------------------------
