@@ -11,26 +11,43 @@ build_fault_tests() {
     done
 }
 
-# Adds up what the tests have printed, over the calls: "client killed in arm_start, ...: 30 times".
-sum_kills() { # LOG
-    sed -n 's/^[0-9]*: \([a-z ]*\)\( in [A-Za-z_]*\)\{0,1\}\([a-z, ]*\): \([0-9]*\) times (.*/\4 \1\3/p' "$1" |
-        awk '{ n = $1; $1 = ""; sum[$0] += n } END { for (what in sum) printf "%6d %s\n", sum[what], what }' |
-        sort -k 2
+# What the tests have counted, a line for each thing: COUNT WHAT. Of "client killed in arm_start, ...: 30
+# times (...)" the calls are added up.
+counts_in() { # LOG
+    sed -n -e 's/^[0-9]*: counted: \(.*\): \([0-9]*\)$/\2 \1/p' \
+        -e 's/^[0-9]*: \([a-z ]*\)\( in [A-Za-z_]*\)\{0,1\}\([a-z, ]*\): \([0-9]*\) times (.*/\4 \1\3/p' "$1" |
+        awk '{ n = $1; $1 = ""; sum[$0] += n } END { for (what in sum) print sum[what] what }'
 }
 
-# Every moment of every call is tried; './run test' tries one in seven.
-verify_kills() {
-    build_fault_tests
+# The counts of the 32-bit and the 64-bit tests, as docs/reliability.md quotes them.
+print_counts() { # NAME
+    for preset in $KILL_PRESETS; do
+        counts_in "build/logs/$1-$preset.log" | sed "s/^/$preset /"
+    done | awk '{ width = $1; n = $2; $1 = $2 = ""; count[width, $0] = n; seen[$0] = 1 }
+        END { for (what in seen) printf "%8d + %-8d%s\n", count["i386", what], count["amd64", what], what }' |
+        sort -k 4
+}
+
+# Both widths of some tests, what they have counted, and how they have ended.
+count_tests() { # NAME REGEX
     bad=0
     for preset in $KILL_PRESETS; do
-        log=build/logs/kills-$preset.log
-        ARM_KILL_EVERY=1 ctest --test-dir "build/$preset" -R '^test_kill_' -j $((JOBS * 2)) -V \
-            --no-tests=error >"$log" 2>&1 || bad=1
-        echo "$preset:"
-        sum_kills "$log"
-        grep '(Failed)$' "$log"
+        ctest --test-dir "build/$preset" -R "$2" -j $((JOBS * 2)) -V --no-tests=error \
+            >"build/logs/$1-$preset.log" 2>&1 || bad=1
+    done
+    print_counts "$1"
+    for preset in $KILL_PRESETS; do
+        grep -E '(Failed|Timeout)\)|% tests passed' "build/logs/$1-$preset.log" | sed "s/^/$preset: /"
     done
     return $bad
+}
+
+# Every moment of every call is tried; './run test' tries one in seven. With them go what happens to those
+# that wait, or are between two steps, when an engine dies, and a writer at each of its instructions.
+verify_kills() {
+    build_fault_tests
+    ARM_KILL_EVERY=1 count_tests kills \
+        '^test_(kill_|ipc_killed_writer\.)|^test_ipc_connection\..*BetweenPost|^test_proc\..*(Blocked|SeeingTheDead)'
 }
 
 verify_soak() {
@@ -43,18 +60,15 @@ verify_soak() {
     return $status
 }
 
-# More random rounds, children, signals and loads than in './run test'.
+# More random rounds, moments, children, signals and loads than in './run test'.
 verify_faults() {
     build_fault_tests
-    bad=0
+    ARM_HOSTILE_ROUNDS=1500 ARM_FORKS=150 ARM_LOAD_ROUNDS=1000 ARM_SIGNALS=20000 ARM_KILL_EVERY=1 \
+        count_tests faults '^test_(hostile|hostile_moments|fork|load|signals|stack|limits)\.|^unit_diag\.TraceFileLimit'
+    status=$?
     for preset in $KILL_PRESETS; do
-        log=build/logs/faults-$preset.log
-        ARM_HOSTILE_ROUNDS=1500 ARM_FORKS=150 ARM_LOAD_ROUNDS=1000 ARM_SIGNALS=20000 \
-            ctest --test-dir "build/$preset" -R '^test_(hostile|fork|load|signals|stack|limits)\.' \
-            -j $((JOBS * 2)) -V --no-tests=error >"$log" 2>&1 || bad=1
-        echo "$preset:"
-        sed -n 's/^[0-9]*: \(\(hostile\|fork\|load\|signals\|limits\): .*\)/\1/p' "$log" | sort
-        grep -E '(Failed|Timeout)\)|tests passed' "$log"
+        echo "bytes of stack, $preset:"
+        sed -n 's/^[0-9]*: \(| .*|\)$/\1/p' "build/logs/faults-$preset.log"
     done
-    return $bad
+    return $status
 }

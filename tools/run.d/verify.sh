@@ -45,10 +45,14 @@ run_fuzzer() { # PRESET TARGET FUZZER-ARGUMENT...
         "$kept" "$ROOT/fuzz/corpus/$target" >"build/logs/fuzz-$preset-$target.log" 2>&1
 }
 
+executed() { # PRESET TARGET
+    sed -n 's/^stat::number_of_executed_units: *//p' "build/logs/fuzz-$1-$2.log"
+}
+
 # One line: how many inputs were run, and what was found.
 report_fuzzer() { # PRESET TARGET STATUS
     log=build/logs/fuzz-$1-$2.log
-    runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
+    runs=$(executed "$1" "$2")
     finding=none
     if [ "$3" -ne 0 ] || [ -z "$runs" ]; then
         finding=$(sed -n 's/^.*Test unit written to //p' "$log" | tail -n 1)
@@ -71,7 +75,20 @@ fuzz_both_widths() { # TARGET FUZZER-ARGUMENT...
     for preset in $FUZZ_PRESETS; do
         eval "wait \"\$job_$(echo "$preset" | tr - _)\"" || bad=1
     done
+    add_inputs "$name"
     return $bad
+}
+
+# The inputs of both widths together, as docs/reliability.md quotes them.
+INPUTS=0
+add_inputs() { # TARGET
+    both=0
+    for preset in $FUZZ_PRESETS; do
+        runs=$(executed "$preset" "$1")
+        both=$((both + ${runs:-0}))
+    done
+    INPUTS=$((INPUTS + both))
+    printf '%-11s %-15s %10s inputs   in all: %s\n' both "$1" "$both" "$INPUTS"
 }
 
 fuzz() { # [SECONDS]
@@ -108,12 +125,21 @@ model_round() {
 
 # ---- all of it ----------------------------------------------------------------------------------
 
+timed() { # COMMAND...
+    begin=$(date +%s)
+    "$@"
+    outcome=$?
+    echo "took $(($(date +%s) - begin)) s"
+    return $outcome
+}
+
 verify() {
-    check "fuzzers, $VERIFY_FUZZ_SECONDS seconds each" fuzz "$VERIFY_FUZZ_SECONDS"
-    check "protocol model" verify_model
-    check "killed clients and engines" verify_kills
-    check "soak, $SOAK_CALLS calls" verify_soak
-    check "hostile memory, forks, loading, signals, stacks, limits" verify_faults
+    mkdir -p build/logs
+    check "fuzzers, $VERIFY_FUZZ_SECONDS seconds each" timed fuzz "$VERIFY_FUZZ_SECONDS"
+    check "protocol model" timed verify_model
+    check "killed clients and engines" timed verify_kills
+    check "soak, $SOAK_CALLS calls" timed verify_soak
+    check "hostile memory, forks, loading, signals, stacks, limits" timed verify_faults
     echo "$PASSED passed, $FAILED failed"
     [ "$FAILED" -eq 0 ]
 }
