@@ -13,9 +13,12 @@ bool refuse(std::string* why, std::string sentence) {
   return false;
 }
 
-bool checkPrefix(const EngineOptions& options, std::string* why) {
+std::string prefixOf(const EngineOptions& options) {
   const char* inherited = std::getenv("ARM_AGENT_PREFIX");
-  const std::string prefix = options.prefix.value_or(inherited != nullptr ? inherited : "");
+  return options.prefix.value_or(inherited != nullptr ? inherited : "");
+}
+
+bool checkPrefix(const std::string& prefix, std::string* why) {
   if (prefix.size() <= LONGEST_PREFIX && prefix.find('/') == std::string::npos) return true;
   return refuse(
       why, "a prefix has at most " + std::to_string(LONGEST_PREFIX) + " characters and no '/'");
@@ -37,7 +40,8 @@ std::unique_ptr<EngineQueues> EngineQueues::create(const EngineOptions& options,
 }
 
 bool EngineQueues::make(const EngineOptions& options, std::string* why) {
-  if (!checkPrefix(options, why) || !checkCapacities(options, why)) return false;
+  prefix_ = prefixOf(options);
+  if (!checkPrefix(prefix_, why) || !checkCapacities(options, why)) return false;
   if (options.prefix) (void)setenv("ARM_AGENT_PREFIX", options.prefix->c_str(), 1);
   const NameFiles files = nameFiles();
   if (!makeNameFiles(files, why)) return false;

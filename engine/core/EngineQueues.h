@@ -43,11 +43,14 @@ class EngineQueues {
   ReplyWriter& replies() { return *replies_; }
   /// The path of the request queue's segment, by which this engine is known.
   const std::string& controlFile() const { return files_.requests; }
+  /// The value of ARM_AGENT_PREFIX that programs need; empty: none.
+  const std::string& prefix() const { return prefix_; }
 
  private:
   EngineQueues() = default;
   bool make(const EngineOptions& options, std::string* why);
 
+  std::string prefix_;
   NameFiles files_;
   PrefixLock lock_;
   std::unique_ptr<RequestReader> requests_;

@@ -22,6 +22,24 @@ class EventTaker {
   virtual void rest() {}
 };
 
+/// Hands every event to some takers, one after the other.
+class EventFork : public EventTaker {
+ public:
+  /// Before the first event.
+  void add(EventTaker& taker) { takers_.push_back(&taker); }
+  bool isUsed() const { return !takers_.empty(); }
+
+  void take(const Event& event, const Payload& payload) override {
+    for (EventTaker* taker : takers_) taker->take(event, payload);
+  }
+  void rest() override {
+    for (EventTaker* taker : takers_) taker->rest();
+  }
+
+ private:
+  std::vector<EventTaker*> takers_;
+};
+
 /// A ring with a thread that hands its events to a taker.  The thread looks into the ring every few
 /// milliseconds, so that the pushing thread never has to wake it.
 class EventOutlet {

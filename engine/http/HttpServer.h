@@ -16,7 +16,7 @@ struct HttpAnswer {
 /// A small HTTP server for GET requests, on threads of its own.
 class HttpServer {
  public:
-  /// Gets the part of the path after the page's own, and the query's value of a key.
+  /// The path, and the query's value of a key.
   struct Request {
     std::string path;
     std::function<std::string(const std::string& key)> query;

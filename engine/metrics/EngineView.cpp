@@ -5,6 +5,7 @@ namespace armengine {
 void QueueView::show(EngineQueues* queues) {
   const std::lock_guard<std::mutex> lock(mutex_);
   queues_ = queues;
+  if (queues != nullptr) prefix_ = queues->prefix();
 }
 
 std::optional<QueueFigures> QueueView::look() const {
@@ -17,6 +18,11 @@ std::optional<QueueFigures> QueueView::look() const {
   figures.requesters = queues_->replies().headsInUse();
   figures.reply_capacity = queues_->replies().capacity();
   return figures;
+}
+
+std::string QueueView::prefix() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return prefix_;
 }
 
 }  // namespace armengine

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "core/EngineQueues.h"
+#include "page/RecentTransactions.h"
 #include "registry/Registry.h"
 
 namespace armengine {
@@ -26,10 +27,13 @@ class QueueView {
   /// Null before the queues go.
   void show(EngineQueues* queues);
   std::optional<QueueFigures> look() const;
+  /// The prefix of the programs that the queues serve; empty without one.
+  std::string prefix() const;
 
  private:
   mutable std::mutex mutex_;
   EngineQueues* queues_ = nullptr;
+  std::string prefix_;
 };
 
 /// A number that belongs to an output.
@@ -41,10 +45,15 @@ struct OutputFigure {
 
 /// What outputs look at.
 struct EngineView {
+  explicit EngineView(const Registry& looked_at) : registry(looked_at) {}
+
   const Registry& registry;
   QueueView queues;
   std::vector<OutputFigure> drops;
   std::vector<OutputFigure> sent;
+  const RecentTransactions* recent = nullptr;  ///< for the page; null without one
+  std::string recent_output;                   ///< the output that brings it its events
+  uint64_t started = 0;                        ///< nanoseconds since the epoch
 };
 
 }  // namespace armengine

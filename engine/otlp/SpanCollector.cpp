@@ -4,6 +4,7 @@
 
 #include "arm/TArmMessage.h"
 #include "events/EventLines.h"
+#include "events/Finished.h"
 #include "registry/Utf8.h"
 
 namespace armengine {
@@ -117,7 +118,7 @@ std::string updateText(const Event& event, const Payload& payload) {
   } else if (payload.size() == ARM_FORMAT2_SIZE) {
     appendData(&json, viewOf(payload, FORMAT2_TEXT_AT));
   }
-  if (event.type == ARM_MSG_TRANS_REPORT || event.type == ARM_MSG_TRANS_INSTANCE_REPORT) {
+  if (isReport(event)) {
     for (std::size_t i = 0; i < event.values.size(); ++i) {
       appendNumber(&json, "arm.value" + std::to_string(i + 1), event.values[i]);
     }
@@ -156,17 +157,14 @@ void appendAttributes(JsonWriter* json, const Event& event,
   json->closeArray();
 }
 
-bool isReport(int32_t type) {
-  return type == ARM_MSG_TRANS_REPORT || type == ARM_MSG_TRANS_INSTANCE_REPORT;
-}
-
 }  // namespace
 
 void SpanCollector::take(const Event& event, const Payload& payload) {
   if (event.result < 0 || !event.applied.context.traced || event.applied.tran_class == nullptr) {
     return;
   }
-  // What names a class is a report or changes nothing; what names an instance is its progress.
+  if (endsInstance(event)) return finish(event, payload);
+  // What names a class changes nothing.
   const bool of_instance = event.id == event.applied.handle;
   switch (event.type) {
     case ARM_MSG_START:
@@ -175,15 +173,9 @@ void SpanCollector::take(const Event& event, const Payload& payload) {
       keepMetrics(event, payload);
       return keepUpdate(event, payload);
     case ARM_MSG_ASSOCIATE_METRIC_DATA:
-      return of_instance ? keepUpdate(event, payload) : void();
     case ARM_MSG_TRANS_REPORT:
     case ARM_MSG_TRANS_INSTANCE_REPORT:
-      return of_instance ? keepUpdate(event, payload) : finish(event, payload);
-    case ARM_MSG_STOP:
-    case ARM_MSG_COMPLETE_TRANS:
-    case ARM_MSG_COMPLETE_TRANS_INSTANCE:
-    case EVENT_ABANDONED:
-      return finish(event, payload);
+      return of_instance ? keepUpdate(event, payload) : void();
     default:
       return;
   }
@@ -234,9 +226,7 @@ void SpanCollector::finish(const Event& event, const Payload& payload) {
 
 void SpanCollector::emit(const Event& event, const Kept& kept) {
   const Applied& applied = event.applied;
-  // A report comes when all is over.
-  const uint64_t start =
-      isReport(event.type) ? event.time - std::min(applied.duration, event.time) : applied.start;
+  const uint64_t start = startOf(event);
   Span span;
   span.service = applied.application->name;
   JsonWriter json(&span.json);

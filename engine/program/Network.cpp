@@ -3,14 +3,12 @@
 #include "http/HttpServer.h"
 #include "metrics/Prometheus.h"
 #include "otlp/OtlpSender.h"
+#include "page/PageData.h"
+#include "page/PageFiles.h"
 
 namespace armengine {
 
 namespace {
-
-constexpr const char* FRONT_PAGE =
-    "<!doctype html><html lang=\"en\"><meta charset=\"utf-8\"><title>armengine</title>"
-    "<p>This is armengine. Its figures are at <a href=\"/metrics\">/metrics</a>.</p></html>\n";
 
 class ServedPages : public Pages {
  public:
@@ -18,12 +16,10 @@ class ServedPages : public Pages {
     server_.add("/metrics", [&view](const HttpServer::Request&) {
       return HttpAnswer{200, PROMETHEUS_MEDIA_TYPE, prometheusText(view)};
     });
-    server_.add("/", [](const HttpServer::Request&) {
-      return HttpAnswer{200, "text/html; charset=utf-8", FRONT_PAGE};
-    });
     server_.add("/healthz", [](const HttpServer::Request&) {
       return HttpAnswer{200, "text/plain; charset=utf-8", "serving\n"};
     });
+    addPage(view);
   }
 
   bool open(const std::string& address, int port, std::string* why) {
@@ -34,6 +30,25 @@ class ServedPages : public Pages {
   std::string url() const override { return server_.url(); }
 
  private:
+  using Data = HttpAnswer (*)(const EngineView&, const HttpServer::Request&);
+
+  void addPage(const EngineView& view) {
+    for (const PageFile& file : pageFiles()) {
+      server_.add(std::string(file.path), [file](const HttpServer::Request&) {
+        return HttpAnswer{200, std::string(file.media_type) + "; charset=utf-8",
+                          std::string(file.content)};
+      });
+    }
+    const auto add = [this, &view](const std::string& path, Data data) {
+      server_.add(
+          path, [&view, data](const HttpServer::Request& request) { return data(view, request); });
+    };
+    add("/api/classes", classesData);
+    add("/api/history", historyData);
+    add("/api/slowest", slowestData);
+    add("/api/trace/[^/]*", traceData);
+  }
+
   HttpServer server_;
 };
 

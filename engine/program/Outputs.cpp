@@ -1,6 +1,7 @@
 #include "program/Outputs.h"
 
 #include "program/Log.h"
+#include "registry/Dispatcher.h"
 
 namespace armengine {
 
@@ -12,6 +13,10 @@ constexpr std::size_t RING_BYTES = 8U * 1024 * 1024;
 
 }  // namespace
 
+Outputs::Outputs(const Registry& registry) : view_(registry) {
+  view_.started = wallTime();
+}
+
 std::unique_ptr<Outputs> Outputs::open(const OutputOptions& options, const Registry& registry,
                                        std::string* why) {
   std::unique_ptr<Outputs> outputs(new Outputs(registry));
@@ -20,7 +25,9 @@ std::unique_ptr<Outputs> Outputs::open(const OutputOptions& options, const Regis
 }
 
 bool Outputs::openAll(const OutputOptions& options, std::string* why) {
-  return openEvents(options, why) && openTraces(options, why) && openPages(options, why);
+  if (!openEvents(options, why) || !openTraces(options, why)) return false;
+  openInstances(options);
+  return openPages(options, why);
 }
 
 Outputs::~Outputs() {
@@ -59,8 +66,20 @@ bool Outputs::openTraces(const OutputOptions& options, std::string* why) {
     spans_.add(*sender_);
   }
   view_.drops.push_back({"spans", "details_left_out", [this] { return spans_.lost(); }});
-  addOutlet("spans", &spans_);
+  instances_.add(spans_);
   return true;
+}
+
+/// One ring for both: each more would cost time on the request road.
+void Outputs::openInstances(const OutputOptions& options) {
+  const std::string name = instances_.isUsed() ? "spans" : "page";
+  if (!options.listen_address.empty() && hasNetwork()) {
+    recent_ = std::make_unique<RecentTransactions>(wallTime);
+    view_.recent = recent_.get();
+    view_.recent_output = name;
+    instances_.add(*recent_);
+  }
+  if (instances_.isUsed()) addOutlet(name, &instances_);
 }
 
 EventRing& Outputs::addOutlet(const std::string& name, EventTaker* taker) {

@@ -34,11 +34,12 @@ class Outputs {
   void reopen();
 
  private:
-  explicit Outputs(const Registry& registry) : view_{registry, {}, {}, {}} {}
+  explicit Outputs(const Registry& registry);
   bool openAll(const OutputOptions& options, std::string* why);
   bool openEvents(const OutputOptions& options, std::string* why);
   bool openTraces(const OutputOptions& options, std::string* why);
   bool openPages(const OutputOptions& options, std::string* why);
+  void openInstances(const OutputOptions& options);
   EventRing& addOutlet(const std::string& name, EventTaker* taker);
 
   EngineView view_;
@@ -48,6 +49,9 @@ class Outputs {
   std::unique_ptr<OtlpFile> trace_file_;
   std::unique_ptr<SpanTaker> sender_;
   SpanCollector spans_;
+  std::unique_ptr<RecentTransactions> recent_;
+  /// What is made of single instances: spans, and what the page shows.
+  EventFork instances_;
   std::vector<std::unique_ptr<EventOutlet>> outlets_;
   std::unique_ptr<Pages> pages_;
 };

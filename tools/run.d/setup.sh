@@ -3,7 +3,8 @@
 BUILD_PACKAGES="g++-multilib cmake ninja-build libicu-dev googletest pkg-config strace valgrind python3
     libcli11-dev nlohmann-json3-dev prometheus-cpp-dev libcpp-httplib-dev libcurl4-openssl-dev
     zlib1g-dev scdoc libncurses-dev tmux"
-TEST_PACKAGES="python3 abigail-tools make mandoc meson"
+TEST_PACKAGES="python3 abigail-tools make mandoc meson chromium chromium-driver python3-selenium
+    fonts-inter fonts-dejavu-core"
 CLANG_PACKAGES="clang"
 FUZZ_PACKAGES="libclang-rt-dev"
 MODEL_PACKAGES="spin"

@@ -1,0 +1,31 @@
+# Writes a C++ file that holds the files of the engine's page.
+#
+#   cmake -DOUTPUT=file.cpp -DDIRECTORY=directory -P EmbedPage.cmake PATH:MEDIA-TYPE...
+#     PATH is a file of the directory; index.html becomes "/". The text depends on nothing but the files.
+
+set(arrays "")
+set(table "")
+set(count 0)
+math(EXPR last "${CMAKE_ARGC} - 1")
+foreach(i RANGE ${last})
+  if(NOT CMAKE_ARGV${i} MATCHES "^([a-z.]+):(.+)$")
+    continue()
+  endif()
+  set(name ${CMAKE_MATCH_1})
+  set(media_type ${CMAKE_MATCH_2})
+  file(READ ${DIRECTORY}/${name} bytes HEX)
+  string(LENGTH "${bytes}" digits)
+  math(EXPR size "${digits} / 2")
+  string(REGEX REPLACE "(..)" "'\\\\x\\1'," bytes "${bytes}")
+  set(path "/${name}")
+  if(name STREQUAL "index.html")
+    set(path "/")
+  endif()
+  string(APPEND arrays "constexpr char CONTENT_${count}[] = {\n${bytes}};\n")
+  string(APPEND table
+         "    {\"${path}\", \"${media_type}\", std::string_view(CONTENT_${count}, ${size})},\n")
+  math(EXPR count "${count} + 1")
+endforeach()
+file(WRITE ${OUTPUT} "#include \"page/PageFiles.h\"\n\nnamespace armengine {\n\nnamespace {\n\n${arrays}\n"
+  "constexpr PageFile FILES[] = {\n${table}};\n\n}  // namespace\n\n"
+  "PageFiles pageFiles() {\n  return {FILES, ${count}};\n}\n\n}  // namespace armengine\n")
