@@ -21,6 +21,10 @@ uint64_t numberOf(const std::string& text, uint64_t otherwise, uint64_t most) {
   return error != std::errc() || stop != end ? otherwise : std::min(value, most);
 }
 
+std::size_t limitOf(const HttpServer::Request& request, uint64_t otherwise, uint64_t most) {
+  return static_cast<std::size_t>(numberOf(request.query("limit"), otherwise, most));
+}
+
 std::optional<uint64_t> keyFrom(const HttpServer::Request& request) {
   const std::string text = request.query("class");
   if (text.empty()) return std::nullopt;
@@ -317,7 +321,7 @@ HttpAnswer classesData(const EngineView& view, const HttpServer::Request& reques
   filterRows(&rows, request.query("filter"));
   sortRows(&rows, request);
   json.key("matching").number(uint64_t{rows.size()});
-  rows.resize(std::min<std::size_t>(rows.size(), numberOf(request.query("limit"), 100, 500)));
+  rows.resize(std::min(rows.size(), limitOf(request, 100, 500)));
   json.key("classes").openArray();
   for (Row& row : rows) {
     needTimes(&row);
@@ -360,7 +364,7 @@ HttpAnswer historyData(const EngineView& view, const HttpServer::Request& reques
 
 HttpAnswer slowestData(const EngineView& view, const HttpServer::Request& request) {
   const Window window = windowOf(view, request);
-  const auto most = numberOf(request.query("limit"), 30, 200);
+  const std::size_t most = limitOf(request, 30, 200);
   std::string text;
   JsonWriter json(&text);
   json.openObject().key("transactions").openArray();

@@ -55,7 +55,7 @@ std::string shortened(std::string_view text, std::size_t most) {
 // ---- history ------------------------------------------------------------------------------------
 
 void RecentTransactions::History::add(uint64_t number, uint64_t duration, bool failed) {
-  Slot& slot = slots[number % SLOTS];
+  Slot& slot = slots[static_cast<std::size_t>(number % SLOTS)];
   if (slot.number != number) slot = Slot{number, {}};
   slot.counts.add(duration, failed);
   last = number;
@@ -182,7 +182,7 @@ void RecentTransactions::keepLast(const Finished& finished) {
 
 void RecentTransactions::keepSlow(const Finished& finished) {
   const uint64_t number = current_ * SLOT_SECONDS / SLICE_SECONDS;
-  Slice& slice = slices_[number % SLICES];
+  Slice& slice = slices_[static_cast<std::size_t>(number % SLICES)];
   if (slice.number != number) {
     clear(&slice);
     slice.number = number;

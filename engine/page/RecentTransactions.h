@@ -59,7 +59,7 @@ class RecentTransactions : public EventTaker {
   static constexpr uint64_t SLOT_SECONDS = 2;
   static constexpr std::size_t SLOTS = 150;
   static constexpr std::size_t MOST_HISTORIES = 128;  ///< classes, 70 KB each
-  static constexpr std::size_t MOST_LAST = 16384;     ///< finished instances, 130 bytes each
+  static constexpr std::size_t MOST_LAST = 16384;     ///< finished instances, 90 bytes each
   static constexpr std::size_t SLICES = 30;           ///< of ten seconds
   static constexpr std::size_t MOST_SLOW = 16;        ///< in each slice
   static constexpr std::size_t MOST_SAVED = 16384;    ///< spans of the traces of slow instances

@@ -315,7 +315,7 @@ function showSlowest(transactions) {
   });
   for (const row of slowRows.splice(transactions.length)) row.li.remove();
   const name = state.history && state.history.class;
-  setText(by("slowest-of"), state.chosen && name ? "of " + visible(name.transaction).slice(0, 60) : "");
+  setText(by("slowest-of"), state.chosen && name ? "of " + visible(name.transaction).slice(0, 200) : "");
   by("slowest-note").hidden = transactions.length > 0;
   setText(by("slowest-note"), "Nothing has finished in this time.");
 }
