@@ -61,9 +61,15 @@ found() {
 }
 [ "$(found "$work/i386")" = "$(found "$work/amd64")" ] || die "the programs found different things"
 
+# The trace that has ended last: that of a whole walk.
+last_trace() {
+    sed -n 's/.*"traceId":"\([0-9a-f]*\)".*/\1/p' "$traces" | tail -n 1
+}
+
 where_to_look() {
     if [ -n "$url" ]; then
         echo "  page     $url"
+        echo "  a trace  ${url}#trace=$(last_trace)"
         echo "  metrics  ${url}metrics"
     fi
     echo "  traces   $traces"

@@ -85,7 +85,9 @@ def capture_armtop() -> str:
             continue
         out.append(closing)
         codes = part[2:-1].split(";")
-        opening, closing = ("<i>", "</i>") if "7" in codes else ("<b>", "</b>") if "1" in codes else ("", "")
+        opening, closing = (
+            ("<i>", "</i>") if "7" in codes else ("<b>", "</b>") if "1" in codes else ("", "")
+        )
         out.append(opening)
     return "".join(out) + closing
 
@@ -99,11 +101,10 @@ def main() -> None:
         start_armtop(url)
         time.sleep(35)
         terminal = capture_armtop()
-        for name, width, height, scale in (("page", 1360, 1010, 1), ("page-phone", 390, 1010, 1)):
-            set_screen(browser, width, height, scale)
-            browser.get(url)
-            time.sleep(3)
-            browser.save_screenshot(str(HERE / f"{name}.png"))
+        set_screen(browser, 1360, 1010)
+        browser.get(url)
+        time.sleep(3)
+        browser.save_screenshot(str(HERE / "page.png"))
         set_screen(browser, 1360, 540)
         set_dark(browser, True)
         browser.get("about:blank")
@@ -114,6 +115,8 @@ def main() -> None:
         page.write_text(TERMINAL.format(terminal), encoding="utf-8")
         browser.get(f"file://{page}")
         browser.find_element("css selector", "pre").screenshot(str(HERE / "armtop.png"))
+        pictures = [str(HERE / f"{name}.png") for name in ("page", "trace", "armtop")]
+        subprocess.run(["pngquant", "--force", "--strip", "--ext", ".png", *pictures], check=True)
     finally:
         browser.quit()
         subprocess.run(["tmux", "-L", "pictures", "kill-server"], check=False)

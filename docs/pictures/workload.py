@@ -80,7 +80,12 @@ def main() -> None:
     begin = time.monotonic()
     end = begin + float(sys.argv[1])
     threads = []
-    for what, count, pause_ms in ((show_page, 3, 20), (search, 2, 60), (order, 3, 120), (export, 1, 4000)):
+    for what, count, pause_ms in (
+        (show_page, 3, 20),
+        (search, 2, 60),
+        (order, 3, 120),
+        (export, 1, 4000),
+    ):
         for _ in range(count):
             threads.append(threading.Thread(target=repeat, args=(what, pause_ms, begin, end)))
     for thread in threads:

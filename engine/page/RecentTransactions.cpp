@@ -216,13 +216,21 @@ void RecentTransactions::leaveTrace(const TraceId& id) {
   unread_.erase(id);
 }
 
+/// The quickest goes first: what explains a trace are its long spans, and whatever holds them.
 void RecentTransactions::save(SavedTrace* trace, const Finished& finished) {
-  if (trace->spans.size() >= MOST_OF_TRACE || saved_spans_ >= MOST_SAVED) {
+  std::vector<Finished>& spans = trace->spans;
+  const bool full = spans.size() >= MOST_OF_TRACE ||
+                    (saved_spans_ >= MOST_SAVED && spans.size() >= LEAST_OF_TRACE);
+  if (full) {
     trace->complete = false;
-    return;
+    if (!isSlower(finished, spans.front())) return;
+    std::pop_heap(spans.begin(), spans.end(), isSlower);
+    spans.back() = finished;
+  } else {
+    spans.push_back(finished);
+    ++saved_spans_;
   }
-  trace->spans.push_back(finished);
-  ++saved_spans_;
+  std::push_heap(spans.begin(), spans.end(), isSlower);
 }
 
 /// Saves what the last ones have of the traces of new slow ones, before quick ones push it out.
@@ -269,12 +277,14 @@ RecentTransactions::Trace RecentTransactions::trace(const TraceId& id) const {
       trace.complete = saved->second.complete;
     } else {
       for (const Finished& one : last_) {
-        if (one.context.trace_id != id) continue;
-        trace.complete = trace.spans.size() < MOST_OF_TRACE;
-        if (!trace.complete) break;
-        trace.spans.push_back(one);
+        if (one.context.trace_id == id) trace.spans.push_back(one);
       }
     }
+  }
+  if (trace.spans.size() > MOST_OF_TRACE) {
+    std::sort(trace.spans.begin(), trace.spans.end(), isSlower);
+    trace.spans.resize(MOST_OF_TRACE);
+    trace.complete = false;
   }
   std::sort(trace.spans.begin(), trace.spans.end(), isEarlier);
   return trace;

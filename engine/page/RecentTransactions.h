@@ -63,7 +63,9 @@ class RecentTransactions : public EventTaker {
   static constexpr std::size_t SLICES = 30;           ///< of ten seconds
   static constexpr std::size_t MOST_SLOW = 16;        ///< in each slice
   static constexpr std::size_t MOST_SAVED = 16384;    ///< spans of the traces of slow instances
-  static constexpr std::size_t MOST_OF_TRACE = 1024;  ///< spans of one trace
+  static constexpr std::size_t MOST_OF_TRACE = 1024;  ///< spans of one trace, the longest
+  static constexpr std::size_t LEAST_OF_TRACE =
+      8;  ///< that have room however many others there are
 
   /// The finished instances of two seconds.
   struct Slot {
@@ -72,7 +74,7 @@ class RecentTransactions : public EventTaker {
   };
   struct Trace {
     std::vector<Finished> spans;  ///< by start
-    bool complete = true;         ///< false: some spans found no room
+    bool complete = true;         ///< false: some of the quickest found no room
   };
 
   using Clock = std::function<uint64_t()>;
@@ -107,8 +109,8 @@ class RecentTransactions : public EventTaker {
     std::vector<Finished> slow;  ///< a heap, the quickest first
   };
   struct SavedTrace {
-    std::size_t users = 0;  ///< entries of slices
-    std::vector<Finished> spans;
+    std::size_t users = 0;        ///< entries of slices
+    std::vector<Finished> spans;  ///< a heap, the quickest first
     bool complete = true;
   };
 

@@ -635,7 +635,7 @@ function showTrace(trace) {
     notes.push((orphans === 1 ? "One transaction has a parent that is" : orphans + " transactions have a parent that is") +
       " still running, measured by another engine, or no longer kept.");
   }
-  if (!trace.complete) notes.push("The trace has more transactions than are kept.");
+  if (!trace.complete) notes.push("The trace has more transactions: the longest are shown.");
   setText(by("trace-note"), notes.join(" "));
   by("trace-note").hidden = notes.length === 0;
 }

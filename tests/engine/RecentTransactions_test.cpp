@@ -261,6 +261,21 @@ TEST_F(Recent, TraceOfManySpansIsCutAndSaysSo) {
   EXPECT_EQ(RecentTransactions::MOST_OF_TRACE, trace.spans.size());
 }
 
+TEST_F(Recent, TraceThatIsCutKeepsItsLongestSpans) {
+  for (int i = 0; i < 3000; ++i) finish(order, 1000, 5);
+  finish(order, 5 * SECOND, 5);
+  EXPECT_EQ(5 * SECOND, recent.trace(traceId(5)).spans[0].duration);
+  recent.rest();
+  finish(order, 6 * SECOND, 5);
+  finish(order, 999, 5);
+  const auto trace = recent.trace(traceId(5));
+  EXPECT_FALSE(trace.complete);
+  ASSERT_EQ(RecentTransactions::MOST_OF_TRACE, trace.spans.size());
+  EXPECT_EQ(6 * SECOND, trace.spans[0].duration);
+  EXPECT_EQ(5 * SECOND, trace.spans[1].duration);
+  for (const Finished& span : trace.spans) EXPECT_GE(span.duration, 1000U);
+}
+
 TEST_F(Recent, SavedSpansTogetherAreBounded) {
   constexpr std::size_t EACH = 900;
   for (uint8_t trace = 1; trace <= 100; ++trace) {
@@ -270,9 +285,13 @@ TEST_F(Recent, SavedSpansTogetherAreBounded) {
     now += SECOND;
   }
   std::size_t spans = 0;
-  for (uint8_t trace = 1; trace <= 80; ++trace) spans += recent.trace(traceId(trace)).spans.size();
-  EXPECT_GT(spans, EACH);
-  EXPECT_LE(spans, RecentTransactions::MOST_SAVED);
+  for (uint8_t trace = 1; trace <= 80; ++trace) {
+    const auto of_one = recent.trace(traceId(trace)).spans;
+    ASSERT_FALSE(of_one.empty());
+    EXPECT_EQ(SECOND + trace * MS, of_one[0].duration) << "the slow one itself is there";
+    spans += of_one.size();
+  }
+  EXPECT_LE(spans, RecentTransactions::MOST_SAVED + 80 * RecentTransactions::LEAST_OF_TRACE);
 }
 
 TEST_F(Recent, HistoriesAreBoundedAndIdleOnesMakeRoom) {

@@ -260,6 +260,44 @@ TEST_F(PageData, FilesOfThePageAreThoseOfTheSources) {
   EXPECT_EQ(0, engine.end(SIGTERM));
 }
 
+// ---- the demo -----------------------------------------------------------------------------------
+
+/// What stands behind a label in the demo's list of places.
+std::string placeIn(const std::string& text, const std::string& label) {
+  const std::size_t at = text.find("\n  " + label + " ");
+  if (at == std::string::npos) return "";
+  const std::size_t begin = text.find_first_not_of(' ', at + 3 + label.size());
+  return text.substr(begin, text.find('\n', begin) - begin);
+}
+
+TEST(Demo, ThatKeepsItsEngineSaysWhereToLook) {
+  ASSERT_EQ(0, armtest::runShell("mkdir /tmp/tree && echo some words >/tmp/tree/file").status);
+  const pid_t demo = forkChild([] {
+    return execl("/bin/sh", "sh", "-c",
+                 "export ARM_BUILD_I386=" ARM_BUILD_DIR " ARM_BUILD_AMD64=" ARM_BUILD_DIR
+                 " ARM_DEMO_TRACES=/tmp/traces ARM_DEMO_LISTEN=0; exec sh " ARM_SOURCE_DIR
+                 "/examples/demo.sh --keep /tmp/tree >/tmp/demo 2>&1",
+                 nullptr);
+  });
+  std::string out;
+  ASSERT_TRUE(waitUntil([&out] {
+    out = armtest::fileContent("/tmp/demo");
+    return out.find("\n  traces   /tmp/traces\n") != std::string::npos;
+  })) << out;
+  const std::string page = placeIn(out, "page");
+  ASSERT_EQ(0U, page.find("http://127.0.0.1:")) << out;
+  const int port = std::atoi(page.c_str() + 17);
+  EXPECT_NE(std::string::npos, httpGet(port, "/").find("<title>armengine</title>"));
+  EXPECT_EQ(page + "metrics", placeIn(out, "metrics"));
+  EXPECT_NE(std::string::npos, httpGet(port, "/metrics").find("arm_transactions_total"));
+  const std::string trace = placeIn(out, "a trace");
+  ASSERT_EQ(0U, trace.find(page + "#trace=")) << out;
+  const std::string id = trace.substr(trace.size() - 32);
+  EXPECT_EQ(id, json::parse(httpGet(port, "/api/trace/" + id))["trace"]);
+  EXPECT_EQ(0, kill(demo, SIGINT));
+  EXPECT_EQ(0, armtest::exitCodeOf(demo)) << armtest::fileContent("/tmp/demo");
+}
+
 TEST(PageOfAPrefix, NamesItAndUntracedTransactionsAreShownToo) {
   (void)setenv("ARM_AGENT_PREFIX", "it's", 1);
   ServingEngine engine({"--sample", "0"});

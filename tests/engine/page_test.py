@@ -25,7 +25,10 @@ BIN = Path(os.environ["ARM_BUILD_DIR"]) / "bin"
 # Screenshots of the last run, to be looked at.
 SHOTS = Path(os.environ["ARM_BUILD_DIR"]) / "page-shots"
 BOUND_SECONDS = 30
-HOSTILE = "<script>document.title='owned'</script><img src=x onerror=\"document.title='owned'\">\n\"'&lt; ä€😀\u202e"
+HOSTILE = (
+    "<script>document.title='owned'</script>"
+    "<img src=x onerror=\"document.title='owned'\">\n\"'&lt; ä€😀\u202e"
+)
 # Sum of the three parts of a colour.
 DARK = 60 * 3
 PHONE = (390, 844)
@@ -73,7 +76,8 @@ class PageTestCase(unittest.TestCase):
         end = time.monotonic() + BOUND_SECONDS
         while not condition():
             if time.monotonic() > end:
-                self.fail(f"{what} did not come; the page: {self.run_js('return document.body.innerText')}")
+                page = self.run_js("return document.body.innerText")
+                self.fail(f"{what} did not come; the page: {page}")
             time.sleep(0.02)
 
     def press(self, *keys: str) -> None:
@@ -122,7 +126,9 @@ class LookingTestCase(PageTestCase):
         self.expect_phone_width()
         self.expect_dark_mode()
         self.expect_end_of_the_engine_to_be_told()
-        errors = [entry for entry in self.browser.get_log("browser") if "REFUSED" not in entry["message"]]
+        errors = [
+            entry for entry in self.browser.get_log("browser") if "REFUSED" not in entry["message"]
+        ]
         self.assertEqual([], errors)
 
     def expect_empty_state(self) -> None:
@@ -142,7 +148,10 @@ class LookingTestCase(PageTestCase):
         for milliseconds in range(1, 101):
             status = arm.Status.FAILED if milliseconds <= 20 else arm.Status.GOOD
             self.assertEqual(
-                0, calls.arm_transactionReport(search, report_value1=status, report_value2=milliseconds)
+                0,
+                calls.arm_transactionReport(
+                    search, report_value1=status, report_value2=milliseconds
+                ),
             )
         handle = calls.arm_start(search)
         self.assertGreater(handle, 0)
@@ -164,9 +173,12 @@ class LookingTestCase(PageTestCase):
         """Whether a plot shows more than its axes: more than a handful of colours."""
         colours = self.run_js(
             "const c = document.getElementById(arguments[0]);"
-            "const d = c.getContext('2d').getImageData(c.width * 0.5, 0, c.width * 0.5 - 12, c.height - 20).data;"
+            "const half = c.width * 0.5;"
+            "const context = c.getContext('2d');"
+            "const d = context.getImageData(half, 0, half - 12, c.height - 20).data;"
             "const seen = new Set();"
-            "for (let i = 0; i < d.length; i += 4) if (d[i + 3] > 0) seen.add(d.slice(i, i + 4).join());"
+            "for (let i = 0; i < d.length; i += 4)"
+            " if (d[i + 3] > 0) seen.add(d.slice(i, i + 4).join());"
             "return seen.size",
             canvas,
         )
@@ -178,10 +190,18 @@ class LookingTestCase(PageTestCase):
         identifier = register(HOSTILE, longest)
         self.assertEqual(0, calls.arm_transactionReport(identifier, report_value2=250))
         shown = HOSTILE.replace("\n", "↵").replace("\u202e", "⟨202e⟩")
-        self.wait("the hostile name", lambda: any(r[0].startswith(shown) for r in self.texts_of_rows()))
-        row = next(at for at, text in enumerate(self.texts("#class-rows .tran")) if text.startswith(shown))
+        self.wait(
+            "the hostile name", lambda: any(r[0].startswith(shown) for r in self.texts_of_rows())
+        )
+        row = next(
+            at for at, text in enumerate(self.texts("#class-rows .tran")) if text.startswith(shown)
+        )
         self.all("#class-rows tr")[row].click()
-        self.wait("its complete name", lambda: self.texts("#chart-of") == [shown + " / " + shown + "x" * (3619 - len(HOSTILE.encode()))])
+        self.wait(
+            "its complete name",
+            lambda: self.texts("#chart-of")
+            == [shown + " / " + shown + "x" * (3619 - len(HOSTILE.encode()))],
+        )
         self.find("#slow-rows button").click()
         self.wait("its trace", lambda: self.texts("#trace-rows .app") == [shown])
         self.press(Keys.ENTER)
@@ -244,19 +264,26 @@ class TraceTestCase(PageTestCase):
             reserve = stock.transaction_class("reserve")
             with arm.transaction(reserve, parent=order.correlator, correlator=True) as one:
                 time.sleep(0.04)
-                with arm.transaction(stock.transaction_class("count"), parent=one.correlator) as two:
+                with arm.transaction(
+                    stock.transaction_class("count"), parent=one.correlator
+                ) as two:
                     time.sleep(0.04)
                     two.fail()
             time.sleep(0.02)
 
     def expect_keys_to_sort_filter_and_choose(self) -> None:
         self.press("/", "stock")
-        self.wait("the filter", lambda: sorted(r[0] for r in self.texts_of_rows()) == ["count", "reserve"])
+        self.wait(
+            "the filter", lambda: sorted(r[0] for r in self.texts_of_rows()) == ["count", "reserve"]
+        )
         self.assertEqual(["2 of 3"], self.texts("#classes-count"))
         self.press(*[Keys.BACKSPACE] * len("stock"))
         self.wait("all classes", lambda: len(self.texts_of_rows()) == 3)
         self.press(Keys.TAB, Keys.ENTER)
-        self.wait("the order", lambda: [r[0] for r in self.texts_of_rows()] == ["count", "order", "reserve"])
+        self.wait(
+            "the order",
+            lambda: [r[0] for r in self.texts_of_rows()] == ["count", "order", "reserve"],
+        )
         self.assertEqual("ascending", self.find("th.name").get_attribute("aria-sort"))
         self.press(*[Keys.TAB] * 7)
         self.assertIn("count", self.focused())
@@ -280,26 +307,37 @@ class TraceTestCase(PageTestCase):
             if "failed 1" in self.texts("#readout")[0]:
                 break
         self.assertIn("failed 1", self.texts("#readout")[0])
-        self.assertEqual(self.texts("#readout")[0], (self.find("#plots").get_attribute("aria-valuetext") or "").replace("\u00a0", " "))
+        self.assertEqual(
+            self.texts("#readout")[0],
+            (self.find("#plots").get_attribute("aria-valuetext") or "").replace("\u00a0", " "),
+        )
 
     def expect_waterfall(self) -> None:
         self.run_js("document.querySelector('#slow-rows button').focus()")
         self.press(Keys.ENTER)
-        self.wait("three rows", lambda: self.texts("#trace-rows .tran") == ["order", "reserve", "count"])
-        self.assertEqual(["0", "1", "2"], [e.get_attribute("data-depth") or "" for e in self.all("#trace-rows > li")])
+        self.wait(
+            "three rows", lambda: self.texts("#trace-rows .tran") == ["order", "reserve", "count"]
+        )
+        self.assertEqual(
+            ["0", "1", "2"],
+            [e.get_attribute("data-depth") or "" for e in self.all("#trace-rows > li")],
+        )
         self.assertEqual([" · failed"], self.texts("#trace-rows .outcome"))
         self.assertIn("3 transactions", self.texts("#trace-summary")[0])
         boxes = [bar.rect for bar in self.all("#trace-rows .lane i")]
         lane = self.all("#trace-rows .lane")[0].rect
         self.assertAlmostEqual(lane["width"], boxes[0]["width"], delta=1.5)
-        # 100 ms: 80 of them, and the last 40 of these, lie within; a busy machine only makes them longer.
+        # What waits 40 ms twice holds what waits 40 ms; a busy machine only makes both longer.
         for outer, inner in zip(boxes, boxes[1:]):
             self.assertGreaterEqual(inner["x"], outer["x"])
             self.assertLessEqual(inner["x"] + inner["width"], outer["x"] + outer["width"] + 1)
             self.assertLess(inner["width"], outer["width"])
         self.assertGreater(boxes[2]["x"], boxes[1]["x"] + 5)
         self.press(Keys.ARROW_DOWN, Keys.ARROW_DOWN, Keys.ENTER)
-        self.wait("details", lambda: self.texts("#trace-rows dd")[:3] == ["stock", "count", "failed (status 2)"])
+        self.wait(
+            "details",
+            lambda: self.texts("#trace-rows dd")[:3] == ["stock", "count", "failed (status 2)"],
+        )
         self.shot("trace")
 
     def expect_address_to_lead_to_the_trace(self) -> None:

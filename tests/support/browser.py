@@ -1,5 +1,5 @@
-"""A headless Chromium, driven over its debugging protocol: Debian's packages chromium, chromium-driver and
-python3-selenium."""
+"""A headless Chromium, driven over its debugging protocol: Debian's packages chromium,
+chromium-driver and python3-selenium."""
 
 from __future__ import annotations
 
@@ -67,5 +67,6 @@ def set_dark(browser: webdriver.Chrome, dark: bool) -> None:
     """What the page sees as the reader's preference."""
     value = "dark" if dark else "light"
     browser.execute_cdp_cmd(
-        "Emulation.setEmulatedMedia", {"features": [{"name": "prefers-color-scheme", "value": value}]}
+        "Emulation.setEmulatedMedia",
+        {"features": [{"name": "prefers-color-scheme", "value": value}]},
     )

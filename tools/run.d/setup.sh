@@ -5,6 +5,7 @@ BUILD_PACKAGES="g++-multilib cmake ninja-build libicu-dev googletest pkg-config 
     zlib1g-dev scdoc libncurses-dev tmux"
 TEST_PACKAGES="python3 abigail-tools make mandoc meson chromium chromium-driver python3-selenium
     fonts-inter fonts-dejavu-core"
+PICTURE_PACKAGES="pngquant"
 CLANG_PACKAGES="clang"
 FUZZ_PACKAGES="libclang-rt-dev"
 MODEL_PACKAGES="spin"
