@@ -10,8 +10,12 @@ set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE RelWithDebInfo)
 endif()
-set(CMAKE_C_FLAGS_RELWITHDEBINFO "-O2 -g")
-set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g")
+# Little debug information by itself, and none in the trees that only the compiler's warnings are for:
+# the sources are compiled seven times by './run test'.
+set(CMAKE_C_FLAGS_RELWITHDEBINFO "-O2 -g1")
+set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g1")
+set(CMAKE_C_FLAGS_DEBUG "-O0")
+set(CMAKE_CXX_FLAGS_DEBUG "-O0")
 
 # 32-bit files and stamps must outlive 2038 and large inode numbers.
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
@@ -24,8 +28,8 @@ find_package(Threads REQUIRED)
 
 set(ARM_SANITIZE "" CACHE STRING "Sanitizers: empty, 'address,undefined' or 'thread'")
 if(ARM_SANITIZE)
-  set(CMAKE_C_FLAGS_RELWITHDEBINFO "-O1 -g")
-  set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O1 -g")
+  set(CMAKE_C_FLAGS_RELWITHDEBINFO "-O1 -g1")
+  set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O1 -g1")
   add_compile_options(-fsanitize=${ARM_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${ARM_SANITIZE})
 endif()

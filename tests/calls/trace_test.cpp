@@ -332,7 +332,7 @@ TEST_F(Trace, OfAFailedWaitIsMisspelledInArmEndAlone) {
 
 // ---- conversions --------------------------------------------------------------------------------
 
-constexpr const char* kFailing = "\xED\xA0\x80";
+constexpr const char* kUnconvertible = "\xED\xA0\x80";
 const Lines kSecondStepFailed = {"ConvertStrUTF8()->w_strToUTF8() ICU ERROR Code [10] "};
 
 TEST_F(Trace, OfANameThatCannotBeConverted) {
@@ -350,23 +350,24 @@ TEST_F(Trace, OfANameThatCannotBeConverted) {
 TEST_F(Trace, OfTwoNamesThatCannotBeConverted) {
   ASSERT_EQ(0, SetExpectedCodeset("CESU-8"));
   connect();
-  EXPECT_EQ(-1003, arm_init(kFailing, kFailing, 0, nullptr, 0));
-  expectTexts(Lines{"libarm:arm_init ENTER"} + kSecondStepFailed +
-                  Lines{std::string("Conversion of appl_name[") + kFailing + "] failed[-1003]"} +
-                  kSecondStepFailed +
-                  Lines{std::string("Conversion of appl_user_id[") + kFailing + "] failed[-1003]",
-                        "  \aUTF-8 conversion failed", "libarm:arm_init EXIT[-1003]"},
-              takeTexts());
+  EXPECT_EQ(-1003, arm_init(kUnconvertible, kUnconvertible, 0, nullptr, 0));
+  expectTexts(
+      Lines{"libarm:arm_init ENTER"} + kSecondStepFailed +
+          Lines{std::string("Conversion of appl_name[") + kUnconvertible + "] failed[-1003]"} +
+          kSecondStepFailed +
+          Lines{std::string("Conversion of appl_user_id[") + kUnconvertible + "] failed[-1003]",
+                "  \aUTF-8 conversion failed", "libarm:arm_init EXIT[-1003]"},
+      takeTexts());
 }
 
 TEST_F(Trace, OfClassNamesThatCannotBeConvertedHasNoConversionLine) {
   ASSERT_EQ(0, SetExpectedCodeset("CESU-8"));
   connect();
-  EXPECT_EQ(102, arm_getid(1, kFailing, "d", 0, nullptr, 0));
+  EXPECT_EQ(102, arm_getid(1, kUnconvertible, "d", 0, nullptr, 0));
   expectTexts(Lines{"libarm:arm_getid ENTER"} + kSecondStepFailed +
                   Lines{"  applID[1] transname[] transdetail[d]", "libarm:arm_getid EXIT[102]"},
               takeTexts());
-  EXPECT_EQ(-1003, arm_getid(1, "n", kFailing, 0, nullptr, 0));
+  EXPECT_EQ(-1003, arm_getid(1, "n", kUnconvertible, 0, nullptr, 0));
   expectTexts(Lines{"libarm:arm_getid ENTER"} + kSecondStepFailed +
                   Lines{"  \aUTF-8 conversion failed", "libarm:arm_getid EXIT[-1003]"},
               takeTexts());

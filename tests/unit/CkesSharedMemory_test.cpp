@@ -22,7 +22,7 @@
 
 namespace {
 
-constexpr const char* kName = "/var/kelp/segment";
+constexpr const char* kSegmentFile = "/var/kelp/segment";
 constexpr unsigned long kSize = 64;
 
 using Texts = std::vector<std::string>;
@@ -37,7 +37,7 @@ class CreatorProcess {
     EXPECT_EQ(0, pipe(ready));
     EXPECT_EQ(0, pipe(end_));
     child_ = armtest::forkChild([&] {
-      const CkesSharedMemory segment(kName, kSize, false);
+      const CkesSharedMemory segment(kSegmentFile, kSize, false);
       char byte = segment.GetInitResult() == 0 ? 'y' : 'n';
       close(end_[1]);
       return write(ready[1], &byte, 1) == 1 && read(end_[0], &byte, 1) == 0 ? 0 : 1;
@@ -73,7 +73,7 @@ char* bytes(const CkesSharedMemory& segment) {
 
 /// The segment with the bytes 0, 1, 2, ...
 struct NumberedSegment : CkesSharedMemory {
-  NumberedSegment() : CkesSharedMemory(kName, kSize, true) {
+  NumberedSegment() : CkesSharedMemory(kSegmentFile, kSize, true) {
     for (unsigned long i = 0; i < kSize; ++i) bytes(*this)[i] = static_cast<char>(i);
   }
 };
@@ -81,34 +81,34 @@ struct NumberedSegment : CkesSharedMemory {
 // ---- open ---------------------------------------------------------------------------------------
 
 TEST(CkesSharedMemory, OpeningANameWithoutItsFileGivesMinus250) {
-  const CkesSharedMemory segment(kName, false);
+  const CkesSharedMemory segment(kSegmentFile, false);
   EXPECT_EQ(-250, segment.GetInitResult());
   EXPECT_FALSE(segment.IsInitialized());
 }
 
 TEST(CkesSharedMemory, OpeningBeforeTheCreatorMadeTheSetGivesMinus251) {
-  writeContent(kName, "");
-  const CkesSharedMemory segment(kName, false);
+  writeContent(kSegmentFile, "");
+  const CkesSharedMemory segment(kSegmentFile, false);
   EXPECT_EQ(-251, segment.GetInitResult());
   EXPECT_FALSE(segment.IsInitialized());
 }
 
 TEST(CkesSharedMemory, OpeningBeforeTheCreatorMadeTheSegmentGivesMinus251) {
-  ASSERT_GE(makeSet(kName, 2), 0);
-  const CkesSharedMemory segment(kName, false);
+  ASSERT_GE(makeSet(kSegmentFile, 2), 0);
+  const CkesSharedMemory segment(kSegmentFile, false);
   EXPECT_EQ(-251, segment.GetInitResult());
 }
 
 TEST(CkesSharedMemory, OpeningASetOfOneSemaphoreGivesMinus251) {
-  ASSERT_GE(makeSet(kName, 1), 0);
-  ASSERT_GE(makeSegment(kName, kSize), 0);
-  const CkesSharedMemory segment(kName, false);
+  ASSERT_GE(makeSet(kSegmentFile, 1), 0);
+  ASSERT_GE(makeSegment(kSegmentFile, kSize), 0);
+  const CkesSharedMemory segment(kSegmentFile, false);
   EXPECT_EQ(-251, segment.GetInitResult());
 }
 
 TEST(CkesSharedMemory, OpeningWithTheCreatorAliveGivesZero) {
   CreatorProcess creator;
-  CkesSharedMemory segment(kName, false);
+  CkesSharedMemory segment(kSegmentFile, false);
   EXPECT_EQ(0, segment.GetInitResult());
   EXPECT_TRUE(segment.IsInitialized());
   EXPECT_TRUE(segment.CreatorAlive());
@@ -117,7 +117,7 @@ TEST(CkesSharedMemory, OpeningWithTheCreatorAliveGivesZero) {
 
 TEST(CkesSharedMemory, OpeningAfterTheCreatorExitedGivesMinus263AndCountsAsOpen) {
   CreatorProcess().exitNormally();
-  CkesSharedMemory segment(kName, false);
+  CkesSharedMemory segment(kSegmentFile, false);
   EXPECT_EQ(-263, segment.GetInitResult());
   EXPECT_TRUE(segment.IsInitialized());
   EXPECT_FALSE(segment.CreatorAlive());
@@ -125,13 +125,13 @@ TEST(CkesSharedMemory, OpeningAfterTheCreatorExitedGivesMinus263AndCountsAsOpen)
 
 TEST(CkesSharedMemory, OpeningAfterTheCreatorWasKilledGivesMinus263) {
   CreatorProcess().beKilled();
-  const CkesSharedMemory segment(kName, false);
+  const CkesSharedMemory segment(kSegmentFile, false);
   EXPECT_EQ(-263, segment.GetInitResult());
 }
 
 TEST(CkesSharedMemory, SegmentOfADeadCreatorCanBeLockedAndRead) {
   CreatorProcess().exitNormally();
-  CkesSharedMemory segment(kName, false);
+  CkesSharedMemory segment(kSegmentFile, false);
   char byte = 'x';
   EXPECT_EQ(0, segment.Read(0, 1, &byte));
   EXPECT_EQ('\0', byte);
@@ -141,53 +141,53 @@ TEST(CkesSharedMemory, SegmentOfADeadCreatorCanBeLockedAndRead) {
 
 TEST(CkesSharedMemory, OpenersSeeTheCreatorDie) {
   CreatorProcess creator;
-  CkesSharedMemory segment(kName, false);
+  CkesSharedMemory segment(kSegmentFile, false);
   EXPECT_TRUE(segment.CreatorAlive());
   creator.beKilled();
   EXPECT_FALSE(segment.CreatorAlive());
 }
 
 TEST(CkesSharedMemory, SetThatIsNotYetInitialisedOpensWithoutALivingCreator) {
-  ASSERT_GE(makeSet(kName, 2), 0);
-  ASSERT_GE(makeSegment(kName, kSize), 0);
-  CkesSharedMemory segment(kName, false);
+  ASSERT_GE(makeSet(kSegmentFile, 2), 0);
+  ASSERT_GE(makeSegment(kSegmentFile, kSize), 0);
+  CkesSharedMemory segment(kSegmentFile, false);
   EXPECT_EQ(0, segment.GetInitResult());
   EXPECT_TRUE(segment.IsInitialized());
   EXPECT_FALSE(segment.CreatorAlive());
 }
 
 TEST(CkesSharedMemory, LivenessAboveTwoOpensWithALivingCreator) {
-  const int set = makeSet(kName, 2);
+  const int set = makeSet(kSegmentFile, 2);
   setSemaphore(set, 1, 3);
-  ASSERT_GE(makeSegment(kName, kSize), 0);
-  CkesSharedMemory segment(kName, false);
+  ASSERT_GE(makeSegment(kSegmentFile, kSize), 0);
+  CkesSharedMemory segment(kSegmentFile, false);
   EXPECT_EQ(0, segment.GetInitResult());
   EXPECT_TRUE(segment.CreatorAlive());
 }
 
 TEST(CkesSharedMemory, CreatorIsNotAliveWhenTheSetIsGone) {
-  const CkesSharedMemory creator(kName, kSize, true);
-  CkesSharedMemory segment(kName, false);
+  const CkesSharedMemory creator(kSegmentFile, kSize, true);
+  CkesSharedMemory segment(kSegmentFile, false);
   EXPECT_TRUE(segment.CreatorAlive());
-  (void)calls::semctl.real(setOf(kName), 0, IPC_RMID, {});
+  (void)calls::semctl.real(setOf(kSegmentFile), 0, IPC_RMID, {});
   EXPECT_FALSE(segment.CreatorAlive());
 }
 
 TEST(CkesSharedMemory, OpenerTakesTheSegmentsOwnSize) {
-  ASSERT_GE(makeSet(kName, 2), 0);
-  ASSERT_GE(makeSegment(kName, 12345), 0);
-  const CkesSharedMemory segment(kName, false);
+  ASSERT_GE(makeSet(kSegmentFile, 2), 0);
+  ASSERT_GE(makeSegment(kSegmentFile, 12345), 0);
+  const CkesSharedMemory segment(kSegmentFile, false);
   EXPECT_EQ(12345UL, segment.GetSize());
 }
 
 TEST(CkesSharedMemory, SizeOfAFailedOpenIsZero) {
-  const CkesSharedMemory segment(kName, false);
+  const CkesSharedMemory segment(kSegmentFile, false);
   EXPECT_EQ(0UL, segment.GetSize());
   EXPECT_EQ(nullptr, segment.GetAddress());
 }
 
 TEST(CkesSharedMemory, OpenAsksForTwoSemaphoresAndAtLeastOneByteWithoutFlags) {
-  const CkesSharedMemory creator(kName, kSize, true);
+  const CkesSharedMemory creator(kSegmentFile, kSize, true);
   Texts asked;
   calls::semget.replace([&](key_t key, int count, int flags) {
     asked.push_back("semget " + std::to_string(count) + " " + std::to_string(flags));
@@ -197,24 +197,24 @@ TEST(CkesSharedMemory, OpenAsksForTwoSemaphoresAndAtLeastOneByteWithoutFlags) {
     asked.push_back("shmget " + std::to_string(size) + " " + std::to_string(flags));
     return calls::shmget.real(key, size, flags);
   });
-  const CkesSharedMemory segment(kName, false);
+  const CkesSharedMemory segment(kSegmentFile, false);
   EXPECT_EQ((Texts{"semget 2 0", "shmget 1 0"}), asked);
 }
 
 TEST(CkesSharedMemory, FailedOpenLeavesTheSegmentAttachedWhileTheObjectLives) {
-  const CkesSharedMemory creator(kName, kSize, true);
+  const CkesSharedMemory creator(kSegmentFile, kSize, true);
   calls::semctl.fail(-1, EACCES);
-  const CkesSharedMemory segment(kName, false);
+  const CkesSharedMemory segment(kSegmentFile, false);
   EXPECT_EQ(-251, segment.GetInitResult());
-  EXPECT_EQ(2UL, attachments(segmentOf(kName)));
+  EXPECT_EQ(2UL, attachments(segmentOf(kSegmentFile)));
 }
 
 TEST(CkesSharedMemory, FailedOpenByAnOwnerRemovesNothing) {
-  const CkesSharedMemory creator(kName, kSize, true);
-  const int set = setOf(kName);
-  const int segment = segmentOf(kName);
+  const CkesSharedMemory creator(kSegmentFile, kSize, true);
+  const int set = setOf(kSegmentFile);
+  const int segment = segmentOf(kSegmentFile);
   calls::semctl.fail(-1, EACCES);
-  { const CkesSharedMemory opener(kName, true); }
+  { const CkesSharedMemory opener(kSegmentFile, true); }
   EXPECT_TRUE(setExists(set));
   EXPECT_TRUE(segmentExists(segment));
 }
@@ -227,7 +227,7 @@ constexpr const char* kEnter = "CkesSharedMemory_UNIX::implOpen ENTER - name = /
 struct TracedOpen {
   TracedOpen() {
     startTracing();
-    result = CkesSharedMemory(kName, false).GetInitResult();
+    result = CkesSharedMemory(kSegmentFile, false).GetInitResult();
     texts = traceTexts();
   }
   long result = 0;
@@ -235,7 +235,7 @@ struct TracedOpen {
 };
 
 TEST(CkesSharedMemory, OpenTracesItsBeginAndEnd) {
-  const CkesSharedMemory creator(kName, kSize, true);
+  const CkesSharedMemory creator(kSegmentFile, kSize, true);
   const TracedOpen open;
   EXPECT_EQ(0, open.result);
   EXPECT_EQ((Texts{kEnter, "CkesSharedMemory_UNIX::implOpen EXIT - name = /var/kelp/segment\n"}),
@@ -252,7 +252,7 @@ TEST(CkesSharedMemory, OpenTracesTheMissingFileWithTwoBlanksBeforeFtok) {
 }
 
 TEST(CkesSharedMemory, OpenTracesTheSetsKeyThatCannotBeMadeWithOneBlank) {
-  writeContent(kName, "");
+  writeContent(kSegmentFile, "");
   calls::ftok.fail(-1, EACCES, 1);
   const TracedOpen open;
   EXPECT_EQ(-250, open.result);
@@ -263,18 +263,18 @@ TEST(CkesSharedMemory, OpenTracesTheSetsKeyThatCannotBeMadeWithOneBlank) {
 }
 
 TEST(CkesSharedMemory, OpenMakesTheSegmentsKeyBeforeTheSets) {
-  writeContent(kName, "");
+  writeContent(kSegmentFile, "");
   std::vector<int> projects;
   calls::ftok.replace([&](const char* path, int project) {
     projects.push_back(project);
     return calls::ftok.real(path, project);
   });
-  const CkesSharedMemory segment(kName, false);
+  const CkesSharedMemory segment(kSegmentFile, false);
   EXPECT_EQ((std::vector<int>{2, 1}), projects);
 }
 
 TEST(CkesSharedMemory, OpenTracesTheMissingSet) {
-  writeContent(kName, "");
+  writeContent(kSegmentFile, "");
   const TracedOpen open;
   EXPECT_EQ(-251, open.result);
   EXPECT_EQ((Texts{kEnter,
@@ -284,7 +284,7 @@ TEST(CkesSharedMemory, OpenTracesTheMissingSet) {
 }
 
 TEST(CkesSharedMemory, OpenTracesTheMissingSegment) {
-  ASSERT_GE(makeSet(kName, 2), 0);
+  ASSERT_GE(makeSet(kSegmentFile, 2), 0);
   const TracedOpen open;
   EXPECT_EQ(-251, open.result);
   EXPECT_EQ((Texts{kEnter,
@@ -294,7 +294,7 @@ TEST(CkesSharedMemory, OpenTracesTheMissingSegment) {
 }
 
 TEST(CkesSharedMemory, OpenTracesTheSegmentThatCannotBeAttached) {
-  const CkesSharedMemory creator(kName, kSize, true);
+  const CkesSharedMemory creator(kSegmentFile, kSize, true);
   calls::shmat.fail(kNoAddress, EACCES);
   const TracedOpen open;
   EXPECT_EQ(-251, open.result);
@@ -305,7 +305,7 @@ TEST(CkesSharedMemory, OpenTracesTheSegmentThatCannotBeAttached) {
 }
 
 TEST(CkesSharedMemory, OpenTakesANullAddressForAFailure) {
-  const CkesSharedMemory creator(kName, kSize, true);
+  const CkesSharedMemory creator(kSegmentFile, kSize, true);
   calls::shmat.fail(nullptr, ENOMEM);
   const TracedOpen open;
   EXPECT_EQ(-251, open.result);
@@ -316,7 +316,7 @@ TEST(CkesSharedMemory, OpenTakesANullAddressForAFailure) {
 }
 
 TEST(CkesSharedMemory, OpenTracesTheSizeThatCannotBeRead) {
-  const CkesSharedMemory creator(kName, kSize, true);
+  const CkesSharedMemory creator(kSegmentFile, kSize, true);
   calls::shmctl.fail(-1, EACCES);
   const TracedOpen open;
   EXPECT_EQ(-251, open.result);
@@ -327,7 +327,7 @@ TEST(CkesSharedMemory, OpenTracesTheSizeThatCannotBeRead) {
 }
 
 TEST(CkesSharedMemory, OpenTracesTheLivenessThatCannotBeRead) {
-  const CkesSharedMemory creator(kName, kSize, true);
+  const CkesSharedMemory creator(kSegmentFile, kSize, true);
   calls::semctl.fail(-1, EACCES, 0, 1);
   const TracedOpen open;
   EXPECT_EQ(-251, open.result);
@@ -338,7 +338,7 @@ TEST(CkesSharedMemory, OpenTracesTheLivenessThatCannotBeRead) {
 }
 
 TEST(CkesSharedMemory, OpenTracesADeadCreatorAsAFailedReadOfItsLiveness) {
-  const CkesSharedMemory creator(kName, kSize, true);
+  const CkesSharedMemory creator(kSegmentFile, kSize, true);
   calls::semctl.fail(1, EAGAIN, 0, 1);
   const TracedOpen open;
   EXPECT_EQ(-263, open.result);
@@ -349,39 +349,39 @@ TEST(CkesSharedMemory, OpenTracesADeadCreatorAsAFailedReadOfItsLiveness) {
 }
 
 TEST(CkesSharedMemory, NothingIsTracedWithoutADebugRun) {
-  { const CkesSharedMemory missing(kName, false); }
-  { const CkesSharedMemory created(kName, kSize, true); }
+  { const CkesSharedMemory missing(kSegmentFile, false); }
+  { const CkesSharedMemory created(kSegmentFile, kSize, true); }
   EXPECT_FALSE(exists(kTraceFile));
 }
 
 // ---- create -------------------------------------------------------------------------------------
 
 TEST(CkesSharedMemory, CreationMakesTheNameFileAndAZeroedSegment) {
-  const CkesSharedMemory segment(kName, kSize, true);
+  const CkesSharedMemory segment(kSegmentFile, kSize, true);
   EXPECT_EQ(0, segment.GetInitResult());
   EXPECT_TRUE(segment.IsInitialized());
-  EXPECT_TRUE(exists(kName));
+  EXPECT_TRUE(exists(kSegmentFile));
   EXPECT_EQ(kSize, segment.GetSize());
   EXPECT_EQ(std::string(kSize, '\0'), std::string(bytes(segment), kSize));
 }
 
 TEST(CkesSharedMemory, SetIsProject1AndSegmentProject2OfTheNameFile) {
-  const CkesSharedMemory segment(kName, kSize, true);
-  EXPECT_TRUE(setExists(setOf(kName, 1)));
-  EXPECT_TRUE(segmentExists(segmentOf(kName, 2)));
+  const CkesSharedMemory segment(kSegmentFile, kSize, true);
+  EXPECT_TRUE(setExists(setOf(kSegmentFile, 1)));
+  EXPECT_TRUE(segmentExists(segmentOf(kSegmentFile, 2)));
 }
 
 TEST(CkesSharedMemory, CreatedSetIsFreeAndItsCreatorAlive) {
-  CkesSharedMemory segment(kName, kSize, true);
-  EXPECT_EQ(0, semaphoreValue(setOf(kName), 0));
-  EXPECT_EQ(2, semaphoreValue(setOf(kName), 1));
+  CkesSharedMemory segment(kSegmentFile, kSize, true);
+  EXPECT_EQ(0, semaphoreValue(setOf(kSegmentFile), 0));
+  EXPECT_EQ(2, semaphoreValue(setOf(kSegmentFile), 1));
   EXPECT_TRUE(segment.CreatorAlive());
 }
 
 TEST(CkesSharedMemory, LivenessIsOnePermanentAndOneUndoneIncrement) {
   Texts operations;
   recordSemops(operations);
-  const CkesSharedMemory segment(kName, kSize, true);
+  const CkesSharedMemory segment(kSegmentFile, kSize, true);
   EXPECT_EQ((Texts{"{1,1,0}{1,1,4096}"}), operations);
 }
 
@@ -396,70 +396,70 @@ TEST(CkesSharedMemory, CreationAsksForObjectsOpenToAllAndNotForExclusiveOnes) {
     segmentFlags = flags;
     return calls::shmget.real(key, size, flags);
   });
-  const CkesSharedMemory segment(kName, kSize, true);
+  const CkesSharedMemory segment(kSegmentFile, kSize, true);
   EXPECT_EQ(0x3B6, setFlags);
   EXPECT_EQ(0x3B6, segmentFlags);
 }
 
 TEST(CkesSharedMemory, CreationReplacesAnOldSetWhoeverMadeIt) {
-  const int old = makeSet(kName, 2);
+  const int old = makeSet(kSegmentFile, 2);
   setSemaphore(old, 0, 1);
   setSemaphore(old, 1, 1);
-  const CkesSharedMemory segment(kName, kSize, true);
+  const CkesSharedMemory segment(kSegmentFile, kSize, true);
   EXPECT_EQ(0, segment.GetInitResult());
   EXPECT_FALSE(setExists(old));
-  EXPECT_EQ(0, semaphoreValue(setOf(kName), 0));
-  EXPECT_EQ(2, semaphoreValue(setOf(kName), 1));
+  EXPECT_EQ(0, semaphoreValue(setOf(kSegmentFile), 0));
+  EXPECT_EQ(2, semaphoreValue(setOf(kSegmentFile), 1));
 }
 
 TEST(CkesSharedMemory, CreationReplacesTheSetOfALivingCreator) {
-  CkesSharedMemory first(kName, kSize, false);
-  const int old = setOf(kName);
-  const CkesSharedMemory second(kName, kSize, true);
+  CkesSharedMemory first(kSegmentFile, kSize, false);
+  const int old = setOf(kSegmentFile);
+  const CkesSharedMemory second(kSegmentFile, kSize, true);
   EXPECT_EQ(0, second.GetInitResult());
   EXPECT_FALSE(setExists(old));
   EXPECT_FALSE(first.CreatorAlive());
 }
 
 TEST(CkesSharedMemory, CreationTakesAnUninitialisedSetAsItIs) {
-  const int fresh = makeSet(kName, 2);
-  const CkesSharedMemory segment(kName, kSize, true);
-  EXPECT_EQ(fresh, setOf(kName));
+  const int fresh = makeSet(kSegmentFile, 2);
+  const CkesSharedMemory segment(kSegmentFile, kSize, true);
+  EXPECT_EQ(fresh, setOf(kSegmentFile));
   EXPECT_EQ(2, semaphoreValue(fresh, 1));
 }
 
 TEST(CkesSharedMemory, OpenersOfAReplacedSetSeeTheirLocksFail) {
-  const CkesSharedMemory first(kName, kSize, false);
-  CkesSharedMemory opener(kName, false);
-  const CkesSharedMemory second(kName, kSize, true);
+  const CkesSharedMemory first(kSegmentFile, kSize, false);
+  CkesSharedMemory opener(kSegmentFile, false);
+  const CkesSharedMemory second(kSegmentFile, kSize, true);
   EXPECT_EQ(-261, opener.Lock());
   EXPECT_EQ(-262, opener.Unlock());
 }
 
 TEST(CkesSharedMemory, LargerSegmentIsReusedAndZeroedOverTheSizeAskedFor) {
-  const int old = makeSegment(kName, 4096);
+  const int old = makeSegment(kSegmentFile, 4096);
   void* address = shmat(old, nullptr, 0);
   std::memset(address, 'x', 4096);
-  const CkesSharedMemory segment(kName, kSize, true);
+  const CkesSharedMemory segment(kSegmentFile, kSize, true);
   EXPECT_EQ(0, segment.GetInitResult());
-  EXPECT_EQ(old, segmentOf(kName));
+  EXPECT_EQ(old, segmentOf(kSegmentFile));
   EXPECT_EQ(kSize, segment.GetSize());
   EXPECT_EQ(std::string(kSize, '\0') + "x", std::string(bytes(segment), kSize + 1));
   EXPECT_EQ(0, shmdt(address));
 }
 
 TEST(CkesSharedMemory, SmallerSegmentMakesCreationFailWithMinus252) {
-  ASSERT_GE(makeSegment(kName, kSize - 1), 0);
-  const CkesSharedMemory segment(kName, kSize, true);
+  ASSERT_GE(makeSegment(kSegmentFile, kSize - 1), 0);
+  const CkesSharedMemory segment(kSegmentFile, kSize, true);
   EXPECT_EQ(-252, segment.GetInitResult());
   EXPECT_FALSE(segment.IsInitialized());
 }
 
 TEST(CkesSharedMemory, FailedCreationUndoesNothing) {
-  const int segment = makeSegment(kName, kSize - 1);
-  { const CkesSharedMemory created(kName, kSize, true); }
+  const int segment = makeSegment(kSegmentFile, kSize - 1);
+  { const CkesSharedMemory created(kSegmentFile, kSize, true); }
   EXPECT_TRUE(segmentExists(segment));
-  EXPECT_EQ(2, semaphoreValue(setOf(kName), 1));
+  EXPECT_EQ(2, semaphoreValue(setOf(kSegmentFile), 1));
 }
 
 // ---- what a creation traces ---------------------------------------------------------------------
@@ -472,7 +472,7 @@ constexpr const char* kEntering =
 struct TracedCreation {
   TracedCreation() {
     startTracing();
-    const CkesSharedMemory segment(kName, kSize, true);
+    const CkesSharedMemory segment(kSegmentFile, kSize, true);
     result = segment.GetInitResult();
     texts = traceTexts();
   }
@@ -531,7 +531,7 @@ TEST(CkesSharedMemory, CreationTracesTheLivenessThatCannotBeRead) {
 }
 
 TEST(CkesSharedMemory, CreationTracesTheOldSetThatCannotBeRemoved) {
-  setSemaphore(makeSet(kName, 2), 1, 1);
+  setSemaphore(makeSet(kSegmentFile, 2), 1, 1);
   calls::semctl.fail(-1, EPERM, 1);
   const TracedCreation creation;
   EXPECT_EQ(-252, creation.result);
@@ -562,7 +562,7 @@ TEST(CkesSharedMemory, CreationTracesTheSegmentsKeyThatCannotBeMade) {
 }
 
 TEST(CkesSharedMemory, CreationNamesIpcExclInItsTraceAlthoughItIsNotPassed) {
-  ASSERT_GE(makeSegment(kName, kSize - 1), 0);
+  ASSERT_GE(makeSegment(kSegmentFile, kSize - 1), 0);
   const TracedCreation creation;
   EXPECT_EQ(-252, creation.result);
   EXPECT_EQ((Texts{kEntering,
@@ -584,7 +584,7 @@ TEST(CkesSharedMemory, CreationTracesTheSegmentThatCannotBeAttached) {
 // ---- lock ---------------------------------------------------------------------------------------
 
 TEST(CkesSharedMemory, LockIsOneStepOfTwoRecordsAndUnlockDoesNotWait) {
-  CkesSharedMemory segment(kName, kSize, true);
+  CkesSharedMemory segment(kSegmentFile, kSize, true);
   Texts operations;
   recordSemops(operations);
   EXPECT_EQ(0, segment.Lock());
@@ -593,53 +593,53 @@ TEST(CkesSharedMemory, LockIsOneStepOfTwoRecordsAndUnlockDoesNotWait) {
 }
 
 TEST(CkesSharedMemory, HeldLockIsSemaphore0AtOne) {
-  CkesSharedMemory segment(kName, kSize, true);
+  CkesSharedMemory segment(kSegmentFile, kSize, true);
   EXPECT_EQ(0, segment.Lock());
-  EXPECT_EQ(1, semaphoreValue(setOf(kName), 0));
+  EXPECT_EQ(1, semaphoreValue(setOf(kSegmentFile), 0));
   EXPECT_EQ(0, segment.Unlock());
-  EXPECT_EQ(0, semaphoreValue(setOf(kName), 0));
+  EXPECT_EQ(0, semaphoreValue(setOf(kSegmentFile), 0));
 }
 
 TEST(CkesSharedMemory, AnotherProcessWaitsForTheLock) {
-  CkesSharedMemory segment(kName, kSize, true);
+  CkesSharedMemory segment(kSegmentFile, kSize, true);
   ASSERT_EQ(0, segment.Lock());
   const pid_t child = armtest::forkChild([] {
-    CkesSharedMemory opener(kName, false);
+    CkesSharedMemory opener(kSegmentFile, false);
     return opener.Lock() == 0 ? *bytes(opener) : 1;
   });
-  EXPECT_TRUE(sleeperForZeroComes(setOf(kName), 0));
+  EXPECT_TRUE(sleeperForZeroComes(setOf(kSegmentFile), 0));
   *bytes(segment) = 42;
   EXPECT_EQ(0, segment.Unlock());
   EXPECT_EQ(42, armtest::exitCodeOf(child));
 }
 
 TEST(CkesSharedMemory, LockIsNotReentrant) {
-  CkesSharedMemory segment(kName, kSize, true);
+  CkesSharedMemory segment(kSegmentFile, kSize, true);
   const pid_t child = armtest::forkChild([] {
-    CkesSharedMemory opener(kName, false);
+    CkesSharedMemory opener(kSegmentFile, false);
     return opener.Lock() == 0 && opener.Lock() == 0 ? 0 : 1;
   });
-  EXPECT_TRUE(sleeperForZeroComes(setOf(kName), 0));
+  EXPECT_TRUE(sleeperForZeroComes(setOf(kSegmentFile), 0));
   kill(child, SIGKILL);
   EXPECT_EQ(128 + SIGKILL, armtest::exitCodeOf(child));
 }
 
 TEST(CkesSharedMemory, LockOfAKilledProcessIsReleased) {
-  CkesSharedMemory segment(kName, kSize, true);
+  CkesSharedMemory segment(kSegmentFile, kSize, true);
   const pid_t child = armtest::forkChild([] {
-    CkesSharedMemory opener(kName, false);
+    CkesSharedMemory opener(kSegmentFile, false);
     return opener.Lock() == 0 ? pause() : 1;
   });
-  EXPECT_TRUE(armtest::waitUntil([] { return semaphoreValue(setOf(kName), 0) == 1; }));
+  EXPECT_TRUE(armtest::waitUntil([] { return semaphoreValue(setOf(kSegmentFile), 0) == 1; }));
   kill(child, SIGKILL);
   EXPECT_EQ(128 + SIGKILL, armtest::exitCodeOf(child));
-  EXPECT_EQ(0, semaphoreValue(setOf(kName), 0));
+  EXPECT_EQ(0, semaphoreValue(setOf(kSegmentFile), 0));
   EXPECT_EQ(0, segment.Lock());
   EXPECT_EQ(0, segment.Unlock());
 }
 
 TEST(CkesSharedMemory, LockKeepsThreadsOfOneProcessApart) {
-  CkesSharedMemory segment(kName, kSize, true);
+  CkesSharedMemory segment(kSegmentFile, kSize, true);
   int* counter = static_cast<int*>(segment.GetAddress());
   const auto count = [&] {
     for (int i = 0; i < 500; ++i) {
@@ -656,7 +656,7 @@ TEST(CkesSharedMemory, LockKeepsThreadsOfOneProcessApart) {
 }
 
 TEST(CkesSharedMemory, InterruptedLockIsRepeated) {
-  CkesSharedMemory segment(kName, kSize, true);
+  CkesSharedMemory segment(kSegmentFile, kSize, true);
   calls::semop.fail(-1, EINTR, 0, 2);
   EXPECT_EQ(0, segment.Lock());
   EXPECT_EQ(3, calls::semop.count());
@@ -664,7 +664,7 @@ TEST(CkesSharedMemory, InterruptedLockIsRepeated) {
 }
 
 TEST(CkesSharedMemory, InterruptedUnlockIsNotRepeatedAndGivesMinus262) {
-  CkesSharedMemory segment(kName, kSize, true);
+  CkesSharedMemory segment(kSegmentFile, kSize, true);
   ASSERT_EQ(0, segment.Lock());
   calls::semop.fail(-1, EINTR, 0, 1);
   EXPECT_EQ(-262, segment.Unlock());
@@ -673,23 +673,23 @@ TEST(CkesSharedMemory, InterruptedUnlockIsNotRepeatedAndGivesMinus262) {
 }
 
 TEST(CkesSharedMemory, UnlockOfAFreeLockFailsAtOnceWithMinus262) {
-  CkesSharedMemory segment(kName, kSize, true);
+  CkesSharedMemory segment(kSegmentFile, kSize, true);
   EXPECT_EQ(-262, segment.Unlock());
   EXPECT_EQ("-262 CkesSharedMemory::Unlock()", lastError());
 }
 
 TEST(CkesSharedMemory, LockOfARemovedSetGivesMinus261) {
-  CkesSharedMemory segment(kName, kSize, true);
-  (void)calls::semctl.real(setOf(kName), 0, IPC_RMID, {});
+  CkesSharedMemory segment(kSegmentFile, kSize, true);
+  (void)calls::semctl.real(setOf(kSegmentFile), 0, IPC_RMID, {});
   EXPECT_EQ(-261, segment.Lock());
   EXPECT_EQ("-261 CkesSharedMemory::Lock()", lastError());
 }
 
 TEST(CkesSharedMemory, SetRemovedUnderASleeperGivesMinus261) {
   ASSERT_EQ(0, CkesThreadLibrary::Initialize());
-  CkesSharedMemory segment(kName, kSize, true);
+  CkesSharedMemory segment(kSegmentFile, kSize, true);
   ASSERT_EQ(0, segment.Lock());
-  const int set = setOf(kName);
+  const int set = setOf(kSegmentFile);
   long result = 0;
   std::thread sleeper([&] { result = segment.Lock(); });
   EXPECT_TRUE(sleeperForZeroComes(set, 0));
@@ -699,8 +699,8 @@ TEST(CkesSharedMemory, SetRemovedUnderASleeperGivesMinus261) {
 }
 
 TEST(CkesSharedMemory, FailedLockIsTraced) {
-  CkesSharedMemory segment(kName, kSize, true);
-  const int set = setOf(kName);
+  CkesSharedMemory segment(kSegmentFile, kSize, true);
+  const int set = setOf(kSegmentFile);
   calls::semop.fail(-1, EINVAL);
   startTracing();
   EXPECT_EQ(-261, segment.Lock());
@@ -710,7 +710,7 @@ TEST(CkesSharedMemory, FailedLockIsTraced) {
 }
 
 TEST(CkesSharedMemory, FailedUnlockIsNotTraced) {
-  CkesSharedMemory segment(kName, kSize, true);
+  CkesSharedMemory segment(kSegmentFile, kSize, true);
   startTracing();
   EXPECT_EQ(-262, segment.Unlock());
   EXPECT_FALSE(exists(kTraceFile));
@@ -719,11 +719,11 @@ TEST(CkesSharedMemory, FailedUnlockIsNotTraced) {
 // ---- read and write -----------------------------------------------------------------------------
 
 TEST(CkesSharedMemory, WhatIsWrittenIsReadByAnotherProcess) {
-  CkesSharedMemory segment(kName, kSize, true);
+  CkesSharedMemory segment(kSegmentFile, kSize, true);
   char text[] = "text";
   EXPECT_EQ(0, segment.Write(8, sizeof text, text));
   const pid_t child = armtest::forkChild([] {
-    CkesSharedMemory opener(kName, false);
+    CkesSharedMemory opener(kSegmentFile, false);
     char buffer[5] = "";
     return opener.Read(8, sizeof buffer, buffer) == 0 ? std::strcmp("text", buffer) : 1;
   });
@@ -731,7 +731,7 @@ TEST(CkesSharedMemory, WhatIsWrittenIsReadByAnotherProcess) {
 }
 
 TEST(CkesSharedMemory, ReadAndWriteHoldTheLockMeanwhile) {
-  CkesSharedMemory segment(kName, kSize, true);
+  CkesSharedMemory segment(kSegmentFile, kSize, true);
   Texts operations;
   recordSemops(operations);
   char byte = 0;
@@ -866,33 +866,33 @@ TEST(CkesSharedMemory, WriteReturnsTheResultOfItsUnlock) {
 // ---- an object that is not initialized ----------------------------------------------------------
 
 TEST(CkesSharedMemory, ReadFromAnObjectNotInitializedGivesMinus260) {
-  CkesSharedMemory segment(kName, false);
+  CkesSharedMemory segment(kSegmentFile, false);
   char byte = 0;
   EXPECT_EQ(-260, segment.Read(0, 1, &byte));
   EXPECT_EQ("-260 CkesSharedMemory::Read()", lastError());
 }
 
 TEST(CkesSharedMemory, WriteToAnObjectNotInitializedGivesMinus260) {
-  CkesSharedMemory segment(kName, false);
+  CkesSharedMemory segment(kSegmentFile, false);
   char byte = 0;
   EXPECT_EQ(-260, segment.Write(0, 1, &byte));
   EXPECT_EQ("-260 CkesSharedMemory::Write()", lastError());
 }
 
 TEST(CkesSharedMemory, LockOfAnObjectNotInitializedGivesMinus260) {
-  CkesSharedMemory segment(kName, false);
+  CkesSharedMemory segment(kSegmentFile, false);
   EXPECT_EQ(-260, segment.Lock());
   EXPECT_EQ("-260 CkesSharedMemory::Lock()", lastError());
 }
 
 TEST(CkesSharedMemory, UnlockOfAnObjectNotInitializedGivesMinus260) {
-  CkesSharedMemory segment(kName, false);
+  CkesSharedMemory segment(kSegmentFile, false);
   EXPECT_EQ(-260, segment.Unlock());
   EXPECT_EQ("-260 CkesSharedMemory::Unlock()", lastError());
 }
 
 TEST(CkesSharedMemory, CreatorOfAnObjectNotInitializedIsNotAlive) {
-  CkesSharedMemory segment(kName, false);
+  CkesSharedMemory segment(kSegmentFile, false);
   EXPECT_FALSE(segment.CreatorAlive());
 }
 
@@ -902,27 +902,27 @@ TEST(CkesSharedMemory, OwnerRemovesSetAndSegmentButNotTheNameFile) {
   int set = -1;
   int segment = -1;
   {
-    const CkesSharedMemory owner(kName, kSize, true);
-    set = setOf(kName);
-    segment = segmentOf(kName);
+    const CkesSharedMemory owner(kSegmentFile, kSize, true);
+    set = setOf(kSegmentFile);
+    segment = segmentOf(kSegmentFile);
   }
   EXPECT_FALSE(setExists(set));
   EXPECT_FALSE(segmentExists(segment));
-  EXPECT_TRUE(exists(kName));
+  EXPECT_TRUE(exists(kSegmentFile));
 }
 
 TEST(CkesSharedMemory, NonOwnerDetachesOnly) {
-  { const CkesSharedMemory creator(kName, kSize, false); }
-  EXPECT_TRUE(setExists(setOf(kName)));
-  EXPECT_TRUE(segmentExists(segmentOf(kName)));
-  EXPECT_EQ(0UL, attachments(segmentOf(kName)));
+  { const CkesSharedMemory creator(kSegmentFile, kSize, false); }
+  EXPECT_TRUE(setExists(setOf(kSegmentFile)));
+  EXPECT_TRUE(segmentExists(segmentOf(kSegmentFile)));
+  EXPECT_EQ(0UL, attachments(segmentOf(kSegmentFile)));
 }
 
 TEST(CkesSharedMemory, OpenerThatOwnsRemovesSetAndSegment) {
-  { const CkesSharedMemory creator(kName, kSize, false); }
-  { const CkesSharedMemory owner(kName, true); }
-  EXPECT_EQ(-1, setOf(kName));
-  EXPECT_EQ(-1, segmentOf(kName));
+  { const CkesSharedMemory creator(kSegmentFile, kSize, false); }
+  { const CkesSharedMemory owner(kSegmentFile, true); }
+  EXPECT_EQ(-1, setOf(kSegmentFile));
+  EXPECT_EQ(-1, segmentOf(kSegmentFile));
 }
 
 // ---- the name -----------------------------------------------------------------------------------
@@ -943,10 +943,10 @@ TEST(CkesSharedMemory, OpenerCutsTheNameTo124CharactersToo) {
 
 TEST(CkesSharedMemory, NameCarriesTheAgentsSuffix) {
   setenv("ARM_AGENT_PREFIX", "agent2", 1);
-  const CkesSharedMemory segment(kName, kSize, true);
+  const CkesSharedMemory segment(kSegmentFile, kSize, true);
   EXPECT_EQ(0, segment.GetInitResult());
   EXPECT_TRUE(exists("/var/kelp/segment.agent2"));
-  EXPECT_FALSE(exists(kName));
+  EXPECT_FALSE(exists(kSegmentFile));
 }
 
 // ---- recovery by key ----------------------------------------------------------------------------
