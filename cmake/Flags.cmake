@@ -22,6 +22,15 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
 endif()
 
+# Whole targets compiled as one source take half the time. The clang trees keep every file by itself:
+# the lint reads them, and a file that lacks a header shows there.
+option(ARM_UNITY "Compile tests, engine and programs with all sources of a target together" OFF)
+function(arm_unity)
+  if(ARM_UNITY)
+    set_target_properties(${ARGN} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 0)
+  endif()
+endfunction()
+
 find_package(Threads REQUIRED)
 
 # ---- sanitizers ---------------------------------------------------------------------------------

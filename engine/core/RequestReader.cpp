@@ -119,10 +119,10 @@ Taken RequestReader::waitForRequest(std::chrono::steady_clock::time_point end) {
 
 /// Takes one unit of the empty-queue semaphore, or lets the time run out; false when it is gone.
 bool RequestReader::waitForWriter(std::chrono::nanoseconds limit) const {
-  constexpr long SECOND = 1'000'000'000;
+  constexpr long NANOSECONDS = 1'000'000'000;
   sembuf take_one = {0, -1, 0};
-  const timespec time = {static_cast<time_t>(limit.count() / SECOND),
-                         static_cast<long>(limit.count() % SECOND)};
+  const timespec time = {static_cast<time_t>(limit.count() / NANOSECONDS),
+                         static_cast<long>(limit.count() % NANOSECONDS)};
   return semtimedop(empty_set_, &take_one, 1, &time) == 0 || errno == EAGAIN || errno == EINTR;
 }
 

@@ -13,26 +13,26 @@ namespace armengine {
 
 namespace {
 
-using nlohmann::json;
+using Json = nlohmann::json;
 
 /// "1763730395.123456000"
-uint64_t timeOf(const json& line) {
+uint64_t timeOf(const Json& line) {
   const std::string text = line.at("time").get<std::string>();
   const std::size_t point = text.find('.');
   if (point == std::string::npos || text.size() != point + 10) throw std::invalid_argument("time");
   return std::stoull(text.substr(0, point)) * 1'000'000'000 + std::stoull(text.substr(point + 1));
 }
 
-TArmTimeStamp stampOf(const json& line) {
+TArmTimeStamp stampOf(const Json& line) {
   const uint64_t time = timeOf(line);
   return {static_cast<uint32_t>(time / 1'000'000'000), static_cast<uint32_t>(time % 1'000'000'000)};
 }
 
-int32_t number(const json& line, const char* key) {
+int32_t number(const Json& line, const char* key) {
   return line.value(key, int32_t{0});
 }
 
-std::string bytes(const json& line, const char* key) {
+std::string bytes(const Json& line, const char* key) {
   const auto decoded = bytesOfHex(line.value(key, std::string()));
   if (!decoded) throw std::invalid_argument(key);
   return *decoded;
@@ -40,27 +40,27 @@ std::string bytes(const json& line, const char* key) {
 
 /// A name in its field, by its bytes when the text does not hold them.
 template <std::size_t N>
-void copyName(const json& line, const char* key, const char* raw_key, char (&field)[N]) {
+void copyName(const Json& line, const char* key, const char* raw_key, char (&field)[N]) {
   const std::string raw = bytes(line, raw_key);
   const std::string name = raw.empty() ? line.value(key, std::string()) : raw;
   std::memcpy(field, name.data(), std::min(name.size(), N));
 }
 
 template <std::size_t N>
-void copyBlock(const json& line, uint8_t (&field)[N], int32_t* size) {
+void copyBlock(const Json& line, uint8_t (&field)[N], int32_t* size) {
   const std::string block = bytes(line, "block");
   std::memcpy(field, block.data(), std::min(block.size(), N));
   *size = number(line, "size");
 }
 
-int32_t typeOf(const std::string& name, const json& line) {
+int32_t typeOf(const std::string& name, const Json& line) {
   for (int32_t type = 1; type <= EVENT_EXPIRED; ++type) {
     if (name != "unknown" && name == nameOfEvent(type)) return type;
   }
   return number(line, "type");
 }
 
-void fillBody(const json& line, TArmMessage* request) {
+void fillBody(const Json& line, TArmMessage* request) {
   TArmMessageBody& body = request->messages;
   const int32_t id = number(line, "id");
   const TArmTimeStamp time = stampOf(line);
@@ -126,7 +126,7 @@ class Replayer {
 
   void read(const std::string& text) {
     try {
-      const json line = json::parse(text);
+      const Json line = Json::parse(text);
       const std::string name = line.at("event");
       if (name == "engine") {
         begin(line);
@@ -142,7 +142,7 @@ class Replayer {
 
  private:
   /// A file that was opened again, or appended to by the same engine, begins anew in its middle.
-  void begin(const json& line) {
+  void begin(const Json& line) {
     const uint64_t engine = std::stoull(line.at("engine").get<std::string>());
     if (line.at("version") != EVENT_LINES_VERSION) throw std::invalid_argument("version");
     if (result_.registry != nullptr && result_.registry->engine() == engine) return;
@@ -153,7 +153,7 @@ class Replayer {
     last_number_ = 0;
   }
 
-  void apply(const json& line, const std::string& name) {
+  void apply(const Json& line, const std::string& name) {
     if (dispatcher_ == nullptr) throw std::invalid_argument("no first line");
     const uint64_t own_number = line.at("n");
     const int32_t type = typeOf(name, line);
@@ -167,7 +167,7 @@ class Replayer {
     ++result_.events;
   }
 
-  void applyOwn(const json& line, int32_t type) {
+  void applyOwn(const Json& line, int32_t type) {
     Registry& registry = *result_.registry;
     if (type == EVENT_ABANDONED) {
       (void)registry.abandon(number(line, "id"), timeOf(line));
@@ -178,7 +178,7 @@ class Replayer {
     }
   }
 
-  void applyRequest(const json& line, int32_t type) {
+  void applyRequest(const Json& line, int32_t type) {
     TArmMessage request = {};
     request.msg_type = type;
     request.sender_id.processId = number(line, "process");

@@ -19,7 +19,7 @@ using prometheus::MetricType;
 using Entries = std::vector<std::shared_ptr<ClassStatistics>>;
 using Labels = std::vector<ClientMetric::Label>;
 
-constexpr double SECOND = 1e9;
+constexpr double NANOSECONDS_PER_SECOND = 1e9;
 
 /// Collects the families of one page.
 class Page {
@@ -89,12 +89,13 @@ ClientMetric::Histogram histogramOf(const ClassStatistics& entry) {
   for (std::size_t i = 0; i < entry.buckets.size(); ++i) {
     count += entry.buckets[i].get();
     const bool last = i == entry.bucket_bounds.size();
-    const double bound = last ? std::numeric_limits<double>::infinity()
-                              : static_cast<double>(entry.bucket_bounds[i]) / SECOND;
+    const double bound = last
+                             ? std::numeric_limits<double>::infinity()
+                             : static_cast<double>(entry.bucket_bounds[i]) / NANOSECONDS_PER_SECOND;
     histogram.bucket.push_back({count, bound});
   }
   histogram.sample_count = count;
-  histogram.sample_sum = static_cast<double>(entry.times.sum()) / SECOND;
+  histogram.sample_sum = static_cast<double>(entry.times.sum()) / NANOSECONDS_PER_SECOND;
   return histogram;
 }
 

@@ -6,14 +6,10 @@
 
 namespace armengine {
 
-namespace {
-
-void appendText(JsonWriter* json, const std::string& key, const std::string& value) {
+void appendTextAttribute(JsonWriter* json, std::string_view key, std::string_view value) {
   json->openObject().key("key").text(key).key("value").openObject();
   json->key("stringValue").text(value).closeObject().closeObject();
 }
-
-}  // namespace
 
 std::string exportRequest(const std::vector<Span>& spans,
                           const std::vector<std::pair<std::string, std::string>>& resource) {
@@ -24,8 +20,8 @@ std::string exportRequest(const std::vector<Span>& spans,
   json.openObject().key("resourceSpans").openArray();
   for (const auto& [service, members] : by_service) {
     json.openObject().key("resource").openObject().key("attributes").openArray();
-    appendText(&json, "service.name", service.empty() ? "unknown_service" : service);
-    for (const auto& [key, value] : resource) appendText(&json, key, value);
+    appendTextAttribute(&json, "service.name", service.empty() ? "unknown_service" : service);
+    for (const auto& [key, value] : resource) appendTextAttribute(&json, key, value);
     json.closeArray().closeObject();
     json.key("scopeSpans").openArray().openObject().key("scope").openObject();
     json.key("name").text("armengine").key("version").text(ARM_VERSION).closeObject();

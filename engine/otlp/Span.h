@@ -2,9 +2,13 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace armengine {
+
+class JsonWriter;
 
 /// A finished transaction in the JSON form of the OpenTelemetry protocol.
 struct Span {
@@ -24,6 +28,9 @@ class SpanTaker {
   /// There is nothing more for the moment.
   virtual void rest() {}
 };
+
+/// Appends an attribute with a text as its value, as an element of an array of attributes.
+void appendTextAttribute(JsonWriter* json, std::string_view key, std::string_view value);
 
 /// The body of one export request for some spans: one resource for each service.
 ///   resource  further attributes of every resource, as key and value

@@ -19,11 +19,6 @@ void openAttribute(JsonWriter* json, std::string_view key) {
   json->openObject().key("key").text(key).key("value");
 }
 
-void appendText(JsonWriter* json, std::string_view key, std::string_view value) {
-  openAttribute(json, key);
-  json->openObject().key("stringValue").text(value).closeObject().closeObject();
-}
-
 void appendNumber(JsonWriter* json, std::string_view key, int64_t value) {
   openAttribute(json, key);
   json->openObject().key("intValue").digits(value).closeObject().closeObject();
@@ -93,10 +88,10 @@ void appendData(JsonWriter* json, std::string_view data) {
   while (!data.empty() && data.back() == '\0') data.remove_suffix(1);
   if (data.empty()) return;
   if (data.find('\0') == std::string_view::npos && validUtf8(data) == data) {
-    appendText(json, "arm.data", data);
+    appendTextAttribute(json, "arm.data", data);
   } else {
-    appendText(json, "arm.data_hex",
-               hexText(reinterpret_cast<const uint8_t*>(data.data()), data.size()));
+    appendTextAttribute(json, "arm.data_hex",
+                        hexText(reinterpret_cast<const uint8_t*>(data.data()), data.size()));
   }
 }
 
@@ -144,15 +139,15 @@ void appendAttributes(JsonWriter* json, const Event& event,
                       const std::array<std::string, METRIC_SLOTS>& metrics) {
   const ClassInfo& of = *event.applied.tran_class;
   json->key("attributes").openArray();
-  appendText(json, "arm.outcome",
-             event.type == EVENT_ABANDONED ? "abandoned" : nameOf(event.applied.outcome));
+  appendTextAttribute(json, "arm.outcome",
+                      event.type == EVENT_ABANDONED ? "abandoned" : nameOf(event.applied.outcome));
   if (event.type != EVENT_ABANDONED) {
     appendNumber(json, "arm.status", event.values[0]);
     appendNumber(json, "process.pid", event.process);
     appendNumber(json, "thread.id", event.thread);
   }
-  if (!of.detail.empty()) appendText(json, "arm.detail", of.detail);
-  if (!of.application->user.empty()) appendText(json, "enduser.id", of.application->user);
+  if (!of.detail.empty()) appendTextAttribute(json, "arm.detail", of.detail);
+  if (!of.application->user.empty()) appendTextAttribute(json, "enduser.id", of.application->user);
   appendMetrics(json, of, metrics);
   json->closeArray();
 }

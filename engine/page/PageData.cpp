@@ -5,13 +5,13 @@
 #include <functional>
 
 #include "events/JsonWriter.h"
+#include "registry/Time.h"
 
 namespace armengine {
 
 namespace {
 
 constexpr const char* JSON = "application/json";
-constexpr uint64_t SECOND = 1'000'000'000;
 constexpr uint64_t LONGEST_WINDOW = RecentTransactions::SLOTS * RecentTransactions::SLOT_SECONDS;
 
 uint64_t numberOf(const std::string& text, uint64_t otherwise, uint64_t most) {

@@ -4,13 +4,13 @@
 
 #include "arm/TArmMessage.h"
 #include "events/Finished.h"
+#include "registry/Time.h"
 #include "registry/Utf8.h"
 
 namespace armengine {
 
 namespace {
 
-constexpr uint64_t SECOND = 1'000'000'000;
 constexpr uint64_t SLICE_SECONDS = 10;
 constexpr std::size_t MOST_CLASSES = 20000;
 

@@ -7,12 +7,11 @@
 #include <string_view>
 
 #include "armext.h"
+#include "registry/Time.h"
 
 namespace armengine {
 
 namespace {
-
-constexpr uint64_t SECOND = 1'000'000'000;
 
 /// A text field.  Every process may write requests: the terminating zero is not relied upon.
 template <std::size_t N>

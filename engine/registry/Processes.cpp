@@ -10,11 +10,12 @@
 #include <ctime>
 #include <string>
 
+#include "registry/Time.h"
+
 namespace armengine {
 
 namespace {
 
-constexpr uint64_t SECOND = 1'000'000'000;
 /// A process that could never be seen may be one of another container.
 constexpr uint64_t PATIENCE_WITH_UNSEEN = 60 * SECOND;
 

@@ -12,7 +12,7 @@ namespace {
 constexpr std::size_t NAME_LIMIT = 40;
 constexpr std::size_t TEXT_COLUMNS = 2;
 
-using Row = std::vector<std::string>;
+using Cells = std::vector<std::string>;
 
 bool continuesCharacter(char byte) {
   return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
@@ -39,9 +39,9 @@ std::string inMinutes(uint64_t seconds) {
   return text;
 }
 
-std::vector<std::size_t> columnWidths(const std::vector<Row>& rows) {
+std::vector<std::size_t> columnWidths(const std::vector<Cells>& rows) {
   std::vector<std::size_t> widths;
-  for (const Row& row : rows) {
+  for (const Cells& row : rows) {
     widths.resize(std::max(widths.size(), row.size()), 0);
     for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], width(row[i]));
   }
@@ -49,10 +49,10 @@ std::vector<std::size_t> columnWidths(const std::vector<Row>& rows) {
 }
 
 /// Names to the left of their columns, figures to the right.
-std::string layOut(const std::vector<Row>& rows) {
+std::string layOut(const std::vector<Cells>& rows) {
   const std::vector<std::size_t> widths = columnWidths(rows);
   std::string table;
-  for (const Row& row : rows) {
+  for (const Cells& row : rows) {
     for (std::size_t i = 0; i < row.size(); ++i) {
       const std::string padding(widths[i] - width(row[i]), ' ');
       if (i > 0) table += "  ";
@@ -63,8 +63,8 @@ std::string layOut(const std::vector<Row>& rows) {
   return table;
 }
 
-Row rowOf(const ClassStatistics& of, bool with_unknown) {
-  Row row = {readableName(of.application, NAME_LIMIT),
+Cells rowOf(const ClassStatistics& of, bool with_unknown) {
+  Cells row = {readableName(of.application, NAME_LIMIT),
              readableName(of.name, NAME_LIMIT),
              std::to_string(of.count()),
              std::to_string(of.good.get()),
@@ -81,10 +81,10 @@ Row rowOf(const ClassStatistics& of, bool with_unknown) {
 std::string makeTable(const std::vector<std::shared_ptr<ClassStatistics>>& all) {
   const bool with_unknown =
       std::any_of(all.begin(), all.end(), [](const auto& of) { return of->unknown.get() > 0; });
-  Row heading = {"application", "transaction class", "count", "good", "failed", "aborted"};
+  Cells heading = {"application", "transaction class", "count", "good", "failed", "aborted"};
   if (with_unknown) heading.emplace_back("unknown");
   heading.insert(heading.end(), {"p50", "p95", "p99", "max"});
-  std::vector<Row> rows = {heading};
+  std::vector<Cells> rows = {heading};
   for (const auto& of : all) rows.push_back(rowOf(*of, with_unknown));
   return layOut(rows);
 }
