@@ -623,7 +623,8 @@ function showTrace(trace) {
   const { rows, orphans } = treeOf(spans);
   const failed = spans.filter((span) => ["failed", "aborted", "abandoned"].includes(span.outcome)).length;
   setText(by("trace-summary"), [
-    spans.length === 1 ? "1 transaction" : count(spans.length) + " transactions", duration(whole),
+    (trace.complete ? "" : "the longest ") + (spans.length === 1 ? "1 transaction" : count(spans.length) + " transactions"),
+    duration(whole),
     clock(Number(begin / 1000000000n)), failed > 0 ? failed + " not good" : "all good",
   ].join(" · "));
   const axis = make("div");
@@ -635,7 +636,6 @@ function showTrace(trace) {
     notes.push((orphans === 1 ? "One transaction has a parent that is" : orphans + " transactions have a parent that is") +
       " still running, measured by another engine, or no longer kept.");
   }
-  if (!trace.complete) notes.push("The trace has more transactions: the longest are shown.");
   setText(by("trace-note"), notes.join(" "));
   by("trace-note").hidden = notes.length === 0;
 }
