@@ -146,7 +146,7 @@ function gone() {
   const since = state.goneSince.toLocaleTimeString("en-GB");
   setText(by("gone"), state.classes === null
     ? "The engine does not answer. Trying again every two seconds."
-    : "The engine does not answer since " + since + ". The figures below are from before; trying again every two seconds.");
+    : "The engine has not answered since " + since + ". These figures are from before; trying again every two seconds.");
   by("gone").hidden = false;
   document.body.classList.add("is-gone");
 }

@@ -242,7 +242,7 @@ class LookingTestCase(PageTestCase):
     def expect_end_of_the_engine_to_be_told(self) -> None:
         self.end_engine()
         self.wait("the notice", lambda: self.find("#gone").is_displayed())
-        self.assertIn("does not answer since", self.find("#gone").text)
+        self.assertIn("has not answered since", self.find("#gone").text)
         self.assertTrue(self.row("order"), "the last figures stay")
         self.shot("gone")
 
