@@ -14,7 +14,7 @@ namespace armtest {
 
 namespace {
 
-constexpr int kCalls = 300;
+constexpr int kSleepyCalls = 300;
 constexpr int kRuns = 5;
 
 /// Keeps this process, and those that it starts, on the processor that it runs on.
@@ -44,12 +44,12 @@ TEST(Sleeps, ACallSleepsForItsReplyAndHardlyEverBesides) {
   ASSERT_TRUE(engine.isReady());
   long fewest = LONG_MAX;
   for (int run = 0; run < kRuns; ++run) {
-    const long sleeps = sleepsOf(kCalls);
+    const long sleeps = sleepsOf(kSleepyCalls);
     ASSERT_GE(sleeps, 0) << "counts_client failed";
     fewest = std::min(fewest, sleeps);
   }
-  std::printf("sleeps per call: %.2f\n", static_cast<double>(fewest) / kCalls);
-  EXPECT_LE(fewest, kCalls * 3 / 2);
+  std::printf("sleeps per call: %.2f\n", static_cast<double>(fewest) / kSleepyCalls);
+  EXPECT_LE(fewest, kSleepyCalls * 3 / 2);
 }
 
 }  // namespace

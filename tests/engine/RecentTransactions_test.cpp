@@ -9,6 +9,7 @@
 #include <random>
 
 #include "arm/TArmMessage.h"
+#include "registry/Time.h"
 
 namespace {
 
@@ -24,7 +25,7 @@ using armengine::RecentTransactions;
 using armengine::shortened;
 using armengine::TraceId;
 
-constexpr uint64_t SECOND = 1'000'000'000;
+using armengine::SECOND;
 constexpr uint64_t MS = 1'000'000;
 constexpr uint64_t BEGIN = 1'700'000'000 * SECOND;
 

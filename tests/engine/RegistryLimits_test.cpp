@@ -7,6 +7,7 @@
 
 #include "armext.h"
 #include "registry/Registry.h"
+#include "registry/Time.h"
 
 namespace {
 
@@ -18,7 +19,7 @@ using armengine::RegistrySettings;
 using armengine::StartData;
 using armengine::Started;
 
-constexpr uint64_t SECOND = 1000000000;
+using armengine::SECOND;
 
 std::shared_ptr<ClassStatistics> entryOf(const Registry& registry, const std::string& application,
                                          const std::string& name) {

@@ -87,7 +87,7 @@ std::map<std::string, json> attributesOf(const json& of) {
   return attributes;
 }
 
-int32_t registerClass(const char* application, const char* name, void* described = nullptr) {
+int32_t registerDescribed(const char* application, const char* name, void* described = nullptr) {
   const int32_t id = arm_init(application, "*", 0, nullptr, 0);
   return arm_getid(id, name, "its detail", 0, described, described != nullptr ? 344 : 0);
 }
@@ -107,8 +107,8 @@ void makeFullTrace() {
     described.metric[i].type = types[i];
     std::strcpy(described.metric[i].name, ("metric " + std::to_string(i)).c_str());
   }
-  const int32_t order = registerClass("shop", "order");
-  const int32_t query = registerClass("stock", "query \"x\"\n\xC3\xA4", &described);
+  const int32_t order = registerDescribed("shop", "order");
+  const int32_t query = registerDescribed("stock", "query \"x\"\n\xC3\xA4", &described);
   arm_user_data1_t block = {};
   block.format = ARM_DATA_FORMAT_1;
   block.flags[0] = ARM_CorrReq_f;
@@ -194,7 +194,7 @@ TEST(Otlp, SpansArriveWithAllThatIsKnown) {
 TEST(Otlp, FileHoldsTheSameAndAgreesWithTheOfficialDefinitions) {
   EngineProcess engine({"--otlp-file", "/tmp/traces"});
   makeFullTrace();
-  for (int i = 0; i < 200; ++i) startAndStop(registerClass("shop", "refund"), i % 5);
+  for (int i = 0; i < 200; ++i) startAndStop(registerDescribed("shop", "refund"), i % 5);
   EXPECT_EQ(0, engine.end(SIGTERM));
   std::vector<json> spans = spansOf(linesOf("/tmp/traces"));
   EXPECT_EQ(203U, spans.size());
@@ -219,7 +219,7 @@ TEST(Otlp, DefinitionsRefuseWhatTheyDoNotKnow) {
 TEST(Otlp, OnlyWhatTheProtocolNamesIsTriedAgain) {
   const Receiver receiver({"429+1", "503", "hangup", "200"});
   ServingEngine engine({"--otlp", receiver.url()});
-  startAndStop(registerClass("shop", "order"), ARM_GOOD);
+  startAndStop(registerDescribed("shop", "order"), ARM_GOOD);
   EXPECT_TRUE(waitUntil([] { return takenSpans().size() == 1; }));
   EXPECT_EQ(4U, linesOf(RECEIVED).size());
   EXPECT_TRUE(waitUntil(
@@ -233,7 +233,7 @@ TEST(Otlp, RefusedRequestsAreDroppedAndCounted) {
   for (const char* status : {"400", "404", "500"}) {
     const Receiver receiver({status});
     ServingEngine engine({"--otlp", receiver.url()});
-    startAndStop(registerClass("shop", "order"), ARM_GOOD);
+    startAndStop(registerDescribed("shop", "order"), ARM_GOOD);
     EXPECT_TRUE(waitUntil([&] {
       return engine.value("arm_engine_dropped_total{output=\"otlp\",reason=\"refused\"}") == 1;
     }));
@@ -247,7 +247,7 @@ TEST(Otlp, SpansThatAReceiverRejectsAreCounted) {
   const Receiver receiver({"partial:2"});
   setenv("OTEL_BSP_SCHEDULE_DELAY", "1000", 1);
   ServingEngine engine({"--otlp", receiver.url()});
-  const int32_t id = registerClass("shop", "order");
+  const int32_t id = registerDescribed("shop", "order");
   for (int i = 0; i < 5; ++i) startAndStop(id, ARM_GOOD);
   EXPECT_TRUE(waitUntil([&] {
     return engine.value("arm_engine_dropped_total{output=\"otlp\",reason=\"refused\"}") >= 2;
@@ -260,7 +260,7 @@ TEST(Otlp, SlowReceiverIsNotWaitedForLongerThanTheTimeout) {
   const Receiver receiver({"slow:20", "200"});
   setenv("OTEL_EXPORTER_OTLP_TIMEOUT", "200", 1);
   EngineProcess engine({"--otlp", receiver.url()});
-  startAndStop(registerClass("shop", "order"), ARM_GOOD);
+  startAndStop(registerDescribed("shop", "order"), ARM_GOOD);
   EXPECT_TRUE(waitUntil([] { return linesOf(RECEIVED).size() == 2; }));
   EXPECT_EQ(0, engine.end(SIGTERM));
 }
@@ -269,7 +269,7 @@ TEST(Otlp, ReceiverThatIsAwayCostsABoundedMemoryAndNoProgramItsTime) {
   setenv("OTEL_BSP_MAX_QUEUE_SIZE", "100", 1);
   setenv("OTEL_BSP_MAX_EXPORT_BATCH_SIZE", "10", 1);
   ServingEngine engine({"--otlp", "http://127.0.0.1:1"});
-  const int32_t id = registerClass("shop", "order");
+  const int32_t id = registerDescribed("shop", "order");
   for (int i = 0; i < 500; ++i) startAndStop(id, ARM_GOOD);
   EXPECT_TRUE(waitUntil([&] {
     return engine.value("arm_engine_dropped_total{output=\"otlp\",reason=\"too_many_waiting\"}") >=
@@ -283,7 +283,7 @@ TEST(Otlp, WhatWaitsIsDeliveredAtTheEnd) {
   const Receiver receiver;
   setenv("OTEL_BSP_SCHEDULE_DELAY", "3600000", 1);
   EngineProcess engine({"--otlp", receiver.url()});
-  const int32_t id = registerClass("shop", "order");
+  const int32_t id = registerDescribed("shop", "order");
   for (int i = 0; i < 50; ++i) startAndStop(id, ARM_GOOD);
   EXPECT_EQ(0, engine.end(SIGTERM));
   EXPECT_EQ(50U, takenSpans().size());
@@ -296,7 +296,7 @@ TEST(Otlp, EnvironmentIsFollowed) {
   setenv("OTEL_EXPORTER_OTLP_COMPRESSION", "none", 1);
   setenv("OTEL_RESOURCE_ATTRIBUTES", "host.name=here,service.name=not this", 1);
   EngineProcess engine(std::vector<std::string>{});
-  startAndStop(registerClass("shop", "order"), ARM_GOOD);
+  startAndStop(registerDescribed("shop", "order"), ARM_GOOD);
   EXPECT_EQ(0, engine.end(SIGTERM));
   const json request = linesOf(RECEIVED).at(0);
   EXPECT_EQ("/base/v1/traces", request.at("path"));
@@ -310,8 +310,8 @@ TEST(Otlp, EnvironmentIsFollowed) {
 
 TEST(Otlp, UntracedTransactionsAreNoSpans) {
   EngineProcess engine({"--otlp-file", "/tmp/traces", "--ignore", "shop/probe"});
-  startAndStop(registerClass("shop", "probe"), ARM_GOOD);
-  startAndStop(registerClass("shop", "order"), ARM_GOOD);
+  startAndStop(registerDescribed("shop", "probe"), ARM_GOOD);
+  startAndStop(registerDescribed("shop", "order"), ARM_GOOD);
   EXPECT_EQ(0, engine.end(SIGTERM));
   const auto spans = spansOf(linesOf("/tmp/traces"));
   ASSERT_EQ(1U, spans.size());
@@ -321,8 +321,9 @@ TEST(Otlp, UntracedTransactionsAreNoSpans) {
 TEST(Otlp, AbandonedTransactionIsASpanThatSaysSo) {
   EngineProcess engine({"--otlp-file", "/tmp/traces"});
   const pid_t child = forkChild([] {
-    return arm_start(registerClass("shop", "order"), 0, nullptr, 0) > 0 ? kill(getpid(), SIGKILL)
-                                                                        : 1;
+    return arm_start(registerDescribed("shop", "order"), 0, nullptr, 0) > 0
+               ? kill(getpid(), SIGKILL)
+               : 1;
   });
   EXPECT_EQ(128 + SIGKILL, armtest::exitCodeOf(child));
   EXPECT_TRUE(waitUntil([] { return !linesOf("/tmp/traces").empty(); }));

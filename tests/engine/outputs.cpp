@@ -1,6 +1,7 @@
 #include "outputs.h"
 
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -10,6 +11,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "armext.h"
 #include "process.h"
 
 namespace armtest {
@@ -106,6 +108,15 @@ std::string fileContent(const std::string& path) {
   std::ostringstream content;
   content << std::ifstream(path, std::ios::binary).rdbuf();
   return content.str();
+}
+
+int32_t registerClass(const std::string& application, const std::string& name) {
+  const int32_t id = w_ArmInit(0, const_cast<char*>(application.c_str()), nullptr, 0, nullptr, 0);
+  return w_ArmGetID(0, id, const_cast<char*>(name.c_str()), nullptr, 0, nullptr, 0);
+}
+
+void report(int32_t tran_class, int32_t status, int32_t milliseconds) {
+  EXPECT_EQ(0, arm_transactionReport(tran_class, 0, nullptr, 0, 1, status, milliseconds, 0));
 }
 
 }  // namespace armtest

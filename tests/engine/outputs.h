@@ -51,6 +51,11 @@ class Background {
   std::string first_line_;
 };
 
+/// The id of a class of an application, with names in UTF-8 of any length.
+int32_t registerClass(const std::string& application, const std::string& name);
+/// Reports a finished transaction of a known length.
+void report(int32_t tran_class, int32_t status, int32_t milliseconds);
+
 /// The content of a file; empty when there is none.
 std::string fileContent(const std::string& path);
 

@@ -15,6 +15,8 @@ namespace {
 using armtest::forkChild;
 using armtest::httpGet;
 using armtest::httpHead;
+using armtest::registerClass;
+using armtest::report;
 using armtest::ServingEngine;
 using armtest::waitUntil;
 using nlohmann::json;
@@ -24,16 +26,6 @@ constexpr double MS = 1e6;
 constexpr const char* SVG = "http://www.w3.org/2000/svg";
 const std::string HOSTILE =
     "<script>alert(1)</script>\"quoted\" \\ back\nline\ttab \xF0\x9F\x98\x80";
-
-int32_t registerClass(const std::string& application, const std::string& name) {
-  const int32_t id = w_ArmInit(0, const_cast<char*>(application.c_str()), nullptr, 0, nullptr, 0);
-  return w_ArmGetID(0, id, const_cast<char*>(name.c_str()), nullptr, 0, nullptr, 0);
-}
-
-/// A finished transaction of a known length.
-void report(int32_t id, int32_t status, int32_t milliseconds) {
-  EXPECT_EQ(0, arm_transactionReport(id, 0, nullptr, 0, 1, status, milliseconds, 0));
-}
 
 class PageData : public ::testing::Test {
  protected:

@@ -23,6 +23,8 @@ using armtest::httpGet;
 using armtest::httpHead;
 using armtest::linesWith;
 using armtest::Ran;
+using armtest::registerClass;
+using armtest::report;
 using armtest::runShell;
 using armtest::ServingEngine;
 using armtest::testTool;
@@ -34,16 +36,6 @@ const std::string ODD_APPLICATION = "sh\"op\\\n\xC3\xA4\xE2\x82\xAC";
 std::string oddTransaction() {
   const std::string odd = "\"quoted\" \\ back\nline\ttab \xF0\x9F\x98\x80 ";
   return odd + std::string(3619 - odd.size(), 'x');
-}
-
-int32_t registerClass(const std::string& application, const std::string& name) {
-  const int32_t id = w_ArmInit(0, const_cast<char*>(application.c_str()), nullptr, 0, nullptr, 0);
-  return w_ArmGetID(0, id, const_cast<char*>(name.c_str()), nullptr, 0, nullptr, 0);
-}
-
-/// A finished transaction of a known length.
-void report(int32_t id, int32_t status, int32_t milliseconds) {
-  EXPECT_EQ(0, arm_transactionReport(id, 0, nullptr, 0, 1, status, milliseconds, 0));
 }
 
 void expectClean(const std::string& metrics) {
