@@ -1,8 +1,8 @@
 # Configuring and building the presets.
 
-TEST_PRESETS="i386 amd64 i386-asan amd64-asan amd64-tsan"
+SANITIZER_PRESETS="amd64-tsan i386-asan amd64-asan"
 CLANG_PRESETS="i386-clang amd64-clang"
-ALL_PRESETS="$TEST_PRESETS $CLANG_PRESETS"
+ALL_PRESETS="i386 amd64 $SANITIZER_PRESETS $CLANG_PRESETS"
 
 # What a preset needs beyond BUILD_PACKAGES.
 need_preset() { # PRESET

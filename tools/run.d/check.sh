@@ -56,6 +56,40 @@ lint() {
         xargs -P "$JOBS" -n 2 clang-tidy --quiet -p build/amd64-clang 2>build/logs/lint.log
 }
 
+# Steps that fill what the tests leave of the processors: one after the other in the background, each
+# with its output and its status in a file.
+in_background() { # STEP...
+    for step; do
+        rm -f "build/logs/step-$step.status"
+    done
+    (
+        renice -n 10 -p "$(exec sh -c 'echo $PPID')" >/dev/null 2>&1
+        for step; do
+            background_step "$step" >"build/logs/step-$step.out" 2>&1
+            echo $? >"build/logs/step-$step.status"
+        done
+    ) &
+    BACKGROUND=$!
+}
+
+background_step() { # STEP : lint, fuzzers, or a preset to be built
+    case $1 in
+    lint) lint ;;
+    fuzzers) build_fuzzers ;;
+    *) build_quietly "$1" ;;
+    esac
+}
+
+# What a step printed and how it ended, as soon as it has.
+await() { # STEP
+    until [ -e "build/logs/step-$1.status" ]; do
+        kill -0 "$BACKGROUND" 2>/dev/null || [ -e "build/logs/step-$1.status" ] || return 1
+        sleep 0.2
+    done
+    cat "build/logs/step-$1.out" >&2
+    return "$(cat "build/logs/step-$1.status")"
+}
+
 closing_line() {
     if [ "$CASES" -eq 0 ]; then
         echo "run: no test ran" >&2
@@ -75,17 +109,30 @@ test_widths() { # [CTEST-ARGUMENT...]
     done
 }
 
+# The trees of both widths are tested while the others are built.
 test_all() {
     need_packages $CLANG_PACKAGES $LINT_PACKAGES $FUZZ_PACKAGES $MODEL_PACKAGES
     check "source format" format_check
-    for preset in $TEST_PRESETS $CLANG_PRESETS; do
-        need_preset $preset
-        check "build of $preset" build_quietly $preset
+    for preset in $ALL_PRESETS; do
+        need_preset "$preset"
     done
-    check "lint" lint
-    for preset in $TEST_PRESETS; do
-        run_ctest $preset
+    check "build of i386" build_quietly i386
+    check "build of amd64" build_quietly amd64
+    in_background $SANITIZER_PRESETS $CLANG_PRESETS fuzzers lint
+    run_ctest i386
+    run_ctest amd64
+    check "build of amd64-tsan" await amd64-tsan
+    run_ctest amd64-tsan
+    # Each of these two starts programs of the other.
+    check "build of i386-asan" await i386-asan
+    check "build of amd64-asan" await amd64-asan
+    run_ctest i386-asan
+    run_ctest amd64-asan
+    for preset in $CLANG_PRESETS; do
+        check "build of $preset" await "$preset"
     done
+    check "lint" await lint
+    check "build of the fuzzers" await fuzzers
     check "fuzzers, a fixed round" fuzz_round
     check "protocol model, a short round" model_round
 }
