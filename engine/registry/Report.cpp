@@ -65,11 +65,11 @@ std::string layOut(const std::vector<Cells>& rows) {
 
 Cells rowOf(const ClassStatistics& of, bool with_unknown) {
   Cells row = {readableName(of.application, NAME_LIMIT),
-             readableName(of.name, NAME_LIMIT),
-             std::to_string(of.count()),
-             std::to_string(of.good.get()),
-             std::to_string(of.failed.get()),
-             std::to_string(of.aborted.get())};
+               readableName(of.name, NAME_LIMIT),
+               std::to_string(of.count()),
+               std::to_string(of.good.get()),
+               std::to_string(of.failed.get()),
+               std::to_string(of.aborted.get())};
   if (with_unknown) row.push_back(std::to_string(of.unknown.get()));
   for (const unsigned percent : {50U, 95U, 99U}) {
     row.push_back(of.count() > 0 ? readableTime(of.times.percentile(percent)) : "-");
