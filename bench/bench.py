@@ -8,12 +8,14 @@ then go to build/bench/quick.
 """
 
 import datetime
+import http.server
 import json
 import os
 import platform
 import re
 import subprocess
 import sys
+import threading
 import time
 
 import plots
@@ -153,6 +155,116 @@ def engine():
         finally:
             for each in engines.values():
                 each.__exit__()
+    return table
+
+
+# ---- what comes out of the engine ----------------------------------------------------------------
+
+class Receiver:
+    """Takes traces by HTTP and forgets them."""
+
+    class Handler(http.server.BaseHTTPRequestHandler):
+        protocol_version = "HTTP/1.1"
+
+        def do_POST(self):
+            self.rfile.read(int(self.headers["Content-Length"]))
+            self.send_response(200)
+            self.send_header("Content-Length", "2")
+            self.end_headers()
+            self.wfile.write(b"{}")
+
+        def log_message(self, *_):
+            pass
+
+    def __enter__(self):
+        self.server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), self.Handler)
+        threading.Thread(target=self.server.serve_forever, daemon=True).start()
+        return self
+
+    def __exit__(self, *_):
+        self.server.shutdown()
+        self.server.server_close()
+
+    def url(self):
+        return "http://127.0.0.1:%d" % self.server.server_port
+
+
+def sustained(engine, threads):
+    """Requests per second, and the engine's processor time for each."""
+    before = engine.cpu_us()
+    got = client("64-bit", "latency", "--milliseconds", times(300, 30), "--threads", threads,
+                 prefix=engine.prefix)
+    return {"rate": got["calls"] / got["elapsed_us"] * 1e6,
+            "cpu_us": (engine.cpu_us() - before) / got["calls"]}
+
+
+def outputs():
+    """The reference engine with everything that it can write, send and serve, and with nothing."""
+    table = Table("armengine with all outputs on and off, 64-bit",
+                  ["outputs' threads", "calling threads", "off, calls/s", "on, calls/s", "on / off",
+                   "off, engine CPU us", "on, engine CPU us"])
+    on = ["--listen", "0", "--otlp-file", "/tmp/traces", "--events", "/tmp/events"]
+    with Receiver() as receiver:
+        for place in ("another processor", "the same processor"):
+            with Engine("64-bit", name="armengine", prefix="off") as plain, \
+                 Engine("64-bit", *on, "--otlp", receiver.url(), name="armengine",
+                        prefix="on") as full:
+                if place == "another processor":
+                    full.move_other_threads()
+                for threads in (1, 4, 64):
+                    got = {"off": [], "on": []}
+                    for _ in range(times(11)):
+                        got["off"].append(sustained(plain, threads))
+                        got["on"].append(sustained(full, threads))
+                        # What is still to be written must not disturb the next turn.
+                        full.settle()
+                    columns = {name: {key: [one[key] for one in values] for key in values[0]}
+                               for name, values in got.items()}
+                    table.add(place, threads, *[number(median(columns[name]["rate"]), 0)
+                                                for name in ("off", "on")],
+                              number(ratio(columns["on"]["rate"], columns["off"]["rate"]), 3),
+                              *[number(median(columns[name]["cpu_us"])) for name in ("off", "on")])
+                    table.data["%s, %d" % (place, threads)] = columns
+            for name in ("/tmp/traces", "/tmp/events"):
+                os.remove(name)
+    table.notes.append("Callers without any pause. On: the page and metrics, events to a file, traces "
+                       "to a file and to a receiver by HTTP. CPU is that of all the engine's threads.")
+    return table
+
+
+def growth_by(engine, kind, count):
+    """Kilobytes that the engine grows by, when a program makes so many of a kind."""
+    before = engine.memory()["private"]
+    process = subprocess.Popen(
+        [program("64-bit", "bench_client"), "hold", "--calls", str(count), kind],
+        env=environment(), preexec_fn=pin, text=True, stdin=subprocess.PIPE,
+        stdout=subprocess.PIPE)
+    if not process.stdout.readline():
+        raise SystemExit("bench: the program that holds transactions failed")
+    engine.settle()
+    grown = engine.memory()["private"] - before
+    process.communicate()
+    return grown
+
+
+def memory():
+    """What the engine keeps for a class and for an open instance."""
+    count = times(20000, 2000)
+    kinds = {"instances": "open instance", "classes": "class never used", "used": "class in use"}
+    table = Table("Memory of armengine, bytes for each of %d, 64-bit" % count,
+                  ["outputs", *kinds.values()])
+    limits = ["--max-open", 10 * count, "--max-classes", 10 * count]
+    outlets = ["--listen", "0", "--otlp-file", "/dev/null", "--events", "/dev/null"]
+    for name, more in (("off", []), ("on", outlets)):
+        grown = {}
+        for kind in kinds:
+            with Engine("64-bit", *limits, *more, name="armengine") as engine:
+                # What is made once for all is not counted.
+                growth_by(engine, kind, 100)
+                grown[kind] = growth_by(engine, kind, count) * 1024 / count
+        table.add(name, *[number(value, 0) for value in grown.values()])
+        table.data[name] = grown
+    table.notes.append("On: the page and metrics, traces and events.")
     return table
 
 
@@ -416,8 +528,8 @@ def size():
 
 # ---- report --------------------------------------------------------------------------------------
 
-TABLES = {f.__name__: f for f in (instructions, floor, heads, engine, peers, growth, costs, share,
-                                  size)}
+TABLES = {f.__name__: f for f in (instructions, floor, heads, engine, outputs, memory, peers, growth,
+                                  costs, share, size)}
 
 
 def first_line(command):

@@ -9,6 +9,7 @@
 //   bench_client reconnect                                                one call per line of input
 //   bench_client share    --calls N --rounds N --work MICROSECONDS        transactions with work
 //   bench_client memory                                                   calls, then waits for input
+//   bench_client hold     --calls N instances | classes | used            N of them, then the same
 //   bench_client spawn    --calls N --rounds N PROGRAM PROGRAM...         programs that end at once
 
 #include <getopt.h>
@@ -323,14 +324,36 @@ int share(const Settings& settings) {
   return 0;
 }
 
-int memory(const Settings&) {
-  prepare();
-  repeat(mustCall("arm"), 10);
+int waitForInput() {
   (void)std::puts("{}");
   (void)std::fflush(stdout);
   while (std::getchar() != EOF) {
   }
   return 0;
+}
+
+int memory(const Settings&) {
+  prepare();
+  repeat(mustCall("arm"), 10);
+  return waitForInput();
+}
+
+/// Makes open instances of one class, classes, or classes of which each had one instance.
+int hold(const Settings& settings) {
+  const std::string& kind = settings.names.at(0);
+  const arm_int32_t application = arm_init("hold", "hold", 0, nullptr, 0);
+  arm_int32_t tran_class = arm_getid(application, "class", "", 0, nullptr, 0);
+  for (unsigned i = 0; i < settings.calls; ++i) {
+    if (kind != "instances") {
+      const std::string name = "class " + std::to_string(i);
+      tran_class = arm_getid(application, name.c_str(), "", 0, nullptr, 0);
+    }
+    arm_int32_t handle = tran_class;
+    if (kind != "classes") handle = arm_start(tran_class, 0, nullptr, 0);
+    if (kind == "used") handle = arm_stop(handle, ARM_GOOD, 0, nullptr, 0) + 1;
+    if (handle <= 0) fail("a call failed");
+  }
+  return waitForInput();
 }
 
 void runProgram(const std::string& path) {
@@ -361,7 +384,7 @@ int main(int argc, char** argv) {
   const std::map<std::string, int (*)(const Settings&)> modes = {
       {"compare", compare}, {"latency", latency},     {"cost", cost},   {"heads", heads},
       {"counted", counted}, {"first", first},         {"share", share}, {"memory", memory},
-      {"spawn", spawn},     {"reconnect", reconnect},
+      {"spawn", spawn},     {"reconnect", reconnect}, {"hold", hold},
   };
   const auto mode = modes.find(argc > 1 ? argv[1] : "");
   if (mode == modes.end()) fail("the first argument names a mode");

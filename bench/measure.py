@@ -5,6 +5,7 @@ import os
 import signal
 import statistics
 import subprocess
+import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 # A quick run shows that everything works; its figures mean little, and docs never takes them.
@@ -77,6 +78,22 @@ class Engine:
             with open(os.path.join(tasks, task, "schedstat"), encoding="ascii") as file:
                 total += int(file.read().split()[0])
         return total / 1000
+
+    def move_other_threads(self):
+        """All but the one that serves requests go to the other processors, if there are any."""
+        others = set(range(os.cpu_count())) - {PROCESSOR} or {PROCESSOR}
+        for task in os.listdir("/proc/%d/task" % self.process.pid):
+            if int(task) != self.process.pid:
+                os.sched_setaffinity(int(task), others)
+
+    def settle(self):
+        """Waits until it has nothing to do any more, ten seconds at most."""
+        used = self.cpu_us()
+        for _ in range(100):
+            time.sleep(0.1)
+            before, used = used, self.cpu_us()
+            if used - before < 1000:
+                return
 
     def memory(self):
         return memory_of(self.process.pid)

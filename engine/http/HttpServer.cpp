@@ -1,5 +1,6 @@
 #include "http/HttpServer.h"
 
+#include <arpa/inet.h>
 #include <httplib.h>
 
 #include <thread>
@@ -16,11 +17,31 @@ constexpr const char* CONTENT_SECURITY_POLICY =
     "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; connect-src 'self'; "
     "base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
 
+constexpr const char* FOREIGN_NAME = "this server answers to its address and to localhost only\n";
+
+bool isAddress(const std::string& host) {
+  in6_addr six = {};
+  in_addr four = {};
+  return inet_pton(AF_INET, host.c_str(), &four) == 1 ||
+         inet_pton(AF_INET6, host.c_str(), &six) == 1;
+}
+
+bool isLoopback(const std::string& address) {
+  return address == "::1" || address.rfind("127.", 0) == 0 || address == "localhost";
+}
+
+/// Of "name:port" or "[address]:port".
+std::string hostName(const std::string& field) {
+  if (!field.empty() && field.front() == '[') return field.substr(1, field.find(']') - 1);
+  return field.substr(0, field.find(':'));
+}
+
 }  // namespace
 
 struct HttpServer::Parts {
   httplib::Server server;
   std::thread thread;
+  bool loopback = false;
 };
 
 HttpServer::HttpServer() : parts_(std::make_unique<Parts>()) {
@@ -31,6 +52,18 @@ HttpServer::HttpServer() : parts_(std::make_unique<Parts>()) {
     const int yes = 1;
     (void)setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
   });
+  // A page of elsewhere can have its own name lead to this machine, and read what is said here as if
+  // it were its own.
+  server.set_pre_routing_handler(
+      [parts = parts_.get()](const httplib::Request& request, httplib::Response& response) {
+        const std::string host = hostName(request.get_header_value("Host"));
+        if (!parts->loopback || host.empty() || host == "localhost" || isAddress(host)) {
+          return httplib::Server::HandlerResponse::Unhandled;
+        }
+        response.status = 421;  // Misdirected Request
+        response.set_content(FOREIGN_NAME, "text/plain");
+        return httplib::Server::HandlerResponse::Handled;
+      });
   server.set_payload_max_length(LARGEST_REQUEST);
   // A browser that keeps a connection open would keep a thread with it.
   server.set_keep_alive_max_count(1);
@@ -73,6 +106,7 @@ bool HttpServer::bind(const std::string& address, int port, std::string* why) {
            ": the port is in use, or the address is not this machine's";
     return false;
   }
+  parts_->loopback = isLoopback(address);
   url_ = "http://" + host + ":" + std::to_string(bound) + "/";
   return true;
 }

@@ -41,8 +41,8 @@ std::string talk(int port, const std::string& request) {
   return answer;
 }
 
-std::string get(int port, const std::string& target) {
-  return talk(port, "GET " + target + " HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n");
+std::string get(int port, const std::string& target, const std::string& host = "127.0.0.1") {
+  return talk(port, "GET " + target + " HTTP/1.0\r\nHost: " + host + "\r\n\r\n");
 }
 
 }  // namespace
@@ -57,8 +57,8 @@ std::string httpGet(int port, const std::string& target) {
   return end == std::string::npos ? "" : answer.substr(end + 4);
 }
 
-std::string httpHead(int port, const std::string& target) {
-  const std::string answer = get(port, target);
+std::string httpHead(int port, const std::string& target, const std::string& host) {
+  const std::string answer = get(port, target, host);
   return answer.substr(0, answer.find("\r\n\r\n"));
 }
 

@@ -15,8 +15,8 @@ std::string testTool(const std::string& path);
 
 /// What a GET request to a port of this machine answers, headers left out; empty when nothing does.
 std::string httpGet(int port, const std::string& target);
-/// The status and headers of the same.
-std::string httpHead(int port, const std::string& target);
+/// The status and headers of the same, the server being called by a name.
+std::string httpHead(int port, const std::string& target, const std::string& host = "127.0.0.1");
 
 /// An engine with an HTTP server on a free port.
 class ServingEngine : public EngineProcess {

@@ -220,6 +220,20 @@ TEST_F(PageData, UnknownAndMalformedTracesAreRefused) {
   EXPECT_EQ(0, engine.end(SIGTERM));
 }
 
+TEST_F(PageData, NamesOfElsewhereThatLeadHereAreRefused) {
+  for (const char* host :
+       {"127.0.0.1", "127.0.0.1:80", "localhost", "localhost:9464", "[::1]:80"}) {
+    EXPECT_NE(std::string::npos, httpHead(engine.port(), "/api/classes", host).find(" 200 "))
+        << host;
+  }
+  for (const char* host :
+       {"evil.example", "evil.example:9464", "localhost.evil.example", "[evil]"}) {
+    EXPECT_NE(std::string::npos, httpHead(engine.port(), "/api/classes", host).find(" 421 "))
+        << host;
+    EXPECT_NE(std::string::npos, httpHead(engine.port(), "/metrics", host).find(" 421 ")) << host;
+  }
+}
+
 TEST_F(PageData, AbandonedInstancesAreSeenOnceTheirProcessHasEnded) {
   const pid_t child = forkChild([] {
     return arm_start(registerClass("shop", "order"), 0, nullptr, 0) > 0 ? kill(getpid(), SIGKILL)
