@@ -73,10 +73,30 @@ struct Fault {
   std::string options = "";
 };
 
+Ran lookAt(const Fault& fault, int patience) {
+  return run(ARMCONTRACT + " --patience " + std::to_string(patience) + " --prefix " + fault.name +
+             " " + fault.options + " -- " + faultyEngine(fault.name));
+}
+
+Names brokenBy(const Fault& fault) {
+  Names names = fault.also;
+  names.insert(fault.name);
+  return names;
+}
+
+/// With little patience a busy machine can look like a fault; it never hides one. Nearly all of the
+/// time is spent in waiting for what a fault keeps from happening.
+Ran lookImpatientlyAt(const Fault& fault) {
+  const Ran ran = lookAt(fault, 1);
+  const Names found = clausesThat("broken", ran.out);
+  const Names expected = brokenBy(fault);
+  const bool is_more = found != expected &&
+                       std::includes(found.begin(), found.end(), expected.begin(), expected.end());
+  return is_more ? lookAt(fault, 10) : ran;
+}
+
 void expectFound(const Fault& fault, const Ran& ran) {
-  Names expected = fault.also;
-  expected.insert(fault.name);
-  EXPECT_EQ(expected, clausesThat("broken", ran.out)) << fault.name << "\n" << ran.out;
+  EXPECT_EQ(brokenBy(fault), clausesThat("broken", ran.out)) << fault.name << "\n" << ran.out;
   EXPECT_EQ(1, ran.status) << fault.name;
 }
 
@@ -85,10 +105,7 @@ void expectEachIsFound(const std::vector<Fault>& faults) {
   std::vector<Ran> results(faults.size());
   std::vector<std::thread> threads;
   for (size_t i = 0; i < faults.size(); ++i) {
-    threads.emplace_back([&, i] {
-      results[i] = run(ARMCONTRACT + " --patience 3 --prefix " + faults[i].name + " " +
-                       faults[i].options + " -- " + faultyEngine(faults[i].name));
-    });
+    threads.emplace_back([&, i] { results[i] = lookImpatientlyAt(faults[i]); });
   }
   for (std::thread& thread : threads) thread.join();
   for (size_t i = 0; i < faults.size(); ++i) expectFound(faults[i], results[i]);
