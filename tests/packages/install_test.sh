@@ -10,6 +10,9 @@ source=$2
 root=$3
 base=$root.base
 log=$root.log
+# What a programmer has.
+base_packages="gcc gcc-multilib libc6-dev make pkg-config cmake meson man-db python3
+    libc6:i386 libicu72:i386 libicu72 libstdc++6:i386"
 released=$(dpkg-deb -f "$packages"/libarm2_*_amd64.deb Version)
 
 if [ "${ARM_IN_NAMESPACES-}" != yes ]; then
@@ -55,7 +58,7 @@ mount_all() { # ROOT-DIR
     cp /etc/resolv.conf "$1/etc/resolv.conf"
 }
 
-# Debian's base system, and what a programmer has; from where this machine has its own packages.
+# Debian's base system and base_packages, from where this machine has its own packages.
 make_base() {
     rm -rf "$base.new"
     site=$(apt-get indextargets --format '$(SITE)' 'Label: Debian' 'Codename: bookworm' | head -n 1)
@@ -64,10 +67,11 @@ make_base() {
     mount_all "$base.new"
     quietly enter "$base.new" dpkg --add-architecture i386
     quietly enter "$base.new" apt-get -q update
-    quietly enter "$base.new" apt-get -q -y --no-install-recommends install gcc gcc-multilib libc6-dev \
-        make pkg-config man-db python3 libc6:i386 libicu72:i386 libicu72 libstdc++6:i386
+    quietly enter "$base.new" apt-get -q -y --no-install-recommends install $base_packages
     enter "$base.new" apt-get clean
     umount -R "$base.new"
+    echo "$base_packages" >"$base.new/base-packages"
+    rm -rf "$base"
     mv "$base.new" "$base"
 }
 
@@ -163,12 +167,22 @@ build_programs() {
         quietly inside env PKG_CONFIG_LIBDIR=/usr/lib/$triplet/pkgconfig \
             make -C /linking clean all CC="gcc -m$width"
         for program in shop optional; do mv "$root/linking/$program" "$root/$program$width"; done
+        quietly inside env CC="gcc -m$width" cmake -S /linking -B /linking/cmake$width
+        quietly inside cmake --build /linking/cmake$width
+        quietly inside env CC="gcc -m$width" PKG_CONFIG_LIBDIR=/usr/lib/$triplet/pkgconfig \
+            meson setup /linking/meson$width /linking
+        quietly inside meson compile -C /linking/meson$width
+        # The number of bits is the fifth byte of a program.
+        for program in /$program$width /linking/cmake$width/shop /linking/meson$width/shop; do
+            [ "$(od -An -tu1 -j4 -N1 "$root$program" | tr -d ' ')" = $((width / 32)) ] ||
+                fail "$program is not of $width bits"
+        done
     done
 }
 
 # ---- the test -----------------------------------------------------------------------------------
 
-[ -d "$base" ] || { say "making a base system"; make_base; }
+[ "$(cat "$base/base-packages" 2>/dev/null)" = "$base_packages" ] || { say "making a base system"; make_base; }
 say "a new root"
 make_root
 
@@ -189,7 +203,10 @@ done
 say "programs of both widths, one engine"
 build_programs
 start_engine
-for program in shop64 shop32 optional64 optional32; do measured /$program; done
+for program in shop64 shop32 optional64 optional32 linking/cmake64/shop linking/cmake32/shop \
+    linking/meson64/shop linking/meson32/shop; do
+    measured /$program
+done
 measured env ARMDEBUG=1 /shop32
 inside grep -q 'libarm:arm_start ENTER' /var/orv/kestra/common/QDN/logs/trace-armdebug.log
 measured python3 -c 'import arm
@@ -197,7 +214,7 @@ application = arm.Application("shop")
 order = arm.TransactionClass(application, "order")
 with arm.transaction(order) as measured:
     print("measured" if measured.handle > 0 else "not measured")'
-stop_engine 6
+stop_engine 10
 
 say "upgrading while the engine serves"
 start_engine
