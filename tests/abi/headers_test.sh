@@ -1,6 +1,6 @@
 #!/bin/sh
 # headers_test.sh INCLUDE-DIR STANDARD COMPILER [FLAG...]
-# Compiles the public headers without a warning: alone, twice, and in both orders.
+# Compiles the public headers without a warning: each first, twice, and in both orders.
 
 set -u
 include=$1
@@ -26,7 +26,8 @@ if echo 'static int never_used(void) { return 0; }' | compile "$@" 2>/dev/null; 
 fi
 
 failed=0
-for headers in arm.h armext.h "arm.h arm.h" "armext.h armext.h" "arm.h armext.h" "armext.h arm.h"; do
+# What comes first stands alone: a header cannot lean on what is read behind it.
+for headers in "arm.h arm.h armext.h" "armext.h armext.h arm.h"; do
     for option in -DARM_TEST_NO_OPTION -DARM_BARE_TYPE_NAMES; do
         # Several headers are meant to be split.
         if ! including $headers | compile "$@" $option; then
