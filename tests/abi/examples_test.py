@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Compiles and runs the examples of one document against an installed tree.
+"""Compiles and runs the examples of documents against an installed tree.
 
-    examples_test.py DOCUMENT CMAKE BUILD-DIR C-COMPILER C++-COMPILER [FLAG...]
+    examples_test.py DOCUMENT... -- CMAKE BUILD-DIR C-COMPILER C++-COMPILER [FLAG...]
 
 An example is a fenced block. Its kind is the first word after the fence in Markdown, and in scdoc the
 word of a comment line "; example: KIND" above it; a file name may follow. The blocks of a document
@@ -9,10 +9,12 @@ are taken in order and share a directory:
 
     c, cpp      a whole program: saved, compiled without a warning, run; 0 is wanted
     python      a whole program: saved and run
-    sh          commands: run by a shell that stops at the first failure
+    sh          commands: run by a shell that stops at the first failure; with a file name, a script
+                that is made executable and run
+    serve       command lines of engines: each must serve until it is told to end
     cmake       lines of a CMakeLists.txt: configured and built together with the program before
     meson       a whole meson.build: the same
-    console     commands for an administrator, who changes the machine: not run
+    console     commands that change the machine, or need what only the reader has: not run
     text, xml, json, ini, promql   no code
 
 Every block must say what it is. An engine runs meanwhile, so a program that checks what its calls
@@ -22,6 +24,7 @@ return finds them good.
 import os
 import pathlib
 import re
+import shlex
 import subprocess
 import sys
 import tempfile
@@ -50,28 +53,26 @@ def blocks(document):
         elif manual and (match := re.match(r"; example: (\S+) ?(\S+)?$", line)):
             announced = match.groups()
         elif not manual and line.startswith("    ") and previous == "" and not in_list:
-            raise Failure(f"line {number}: an indented block cannot say what it is: fence it")
+            raise Failure(f"{document}: line {number}: an indented block cannot say what it is: fence it")
         elif match := re.match(r"\s*```(\S*) ?(\S+)?$", line):
             start, lines = number, []
             if not manual:
                 announced = match.groups()
             if not announced or not announced[0]:
-                raise Failure(f"line {number}: the block does not say what it is")
+                raise Failure(f"{document}: line {number}: the block does not say what it is")
         if line and not line.startswith(" "):
             in_list = bool(re.match(r"([-*]|\d+\.) ", line))
         previous = line
     if lines is not None:
-        raise Failure(f"line {start}: the block has no end")
+        raise Failure(f"{document}: line {start}: the block has no end")
     return found
 
 
 class Workshop:
-    """An installed tree, an engine of it, and a directory for the programs."""
+    """An installed tree, an engine of it, and a directory for the programs of each document."""
 
     def __init__(self, cmake, build, compilers, flags):
         self.root = pathlib.Path(tempfile.mkdtemp())
-        self.directory = self.root / "work"
-        self.directory.mkdir()
         self.cmake, self.flags = cmake, flags
         prefix = self.root / "prefix"
         subprocess.run([cmake, "--install", build, "--prefix", prefix], check=True,
@@ -101,8 +102,12 @@ class Workshop:
             PYTHONPATH=str(pathlib.Path(__file__).resolve().parents[2] / "python"),
             PYTHONDONTWRITEBYTECODE="1",
             MANPATH=f"{prefix}/share/man",
-            HOME=str(self.directory),
+            HOME=str(self.root),
         )
+
+    def begin(self, document):
+        self.directory = self.root / document.name.replace(".", "-")
+        self.directory.mkdir()
 
     def run(self, *command):
         print("+", *command, flush=True)
@@ -112,6 +117,26 @@ class Workshop:
     def output(self, *command):
         return subprocess.run(command, check=True, cwd=self.directory, env=self.environment,
                               stdout=subprocess.PIPE, text=True).stdout.split()
+
+    def serve(self, line):
+        """An engine beside that of the workshop. Its port may be in use on this machine: any will do."""
+        print("+", line, flush=True)
+        command = re.sub(r"(--listen )\d+", r"\g<1>0", line)
+        engine = subprocess.Popen(shlex.split(command), cwd=self.directory, stdout=subprocess.PIPE,
+                                  env=dict(self.environment, ARM_AGENT_PREFIX="served"), text=True)
+        first = engine.stdout.readline()
+        engine.terminate()
+        rest = engine.communicate(timeout=60)[0]
+        if not first.startswith("armengine: serving") or engine.returncode != 0:
+            raise Failure(f"{line}: {first}{rest}, exit status {engine.returncode}")
+
+    def refuse(self, line):
+        """Engines of 32 bits have no network outputs, and say so."""
+        print("+", line, flush=True)
+        engine = subprocess.run(shlex.split(line), stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                                env=self.environment, text=True, timeout=60)
+        if engine.returncode == 0 or "was built without" not in engine.stdout:
+            raise Failure(f"{line}: {engine.stdout}, exit status {engine.returncode}")
 
     def close(self):
         self.engine.terminate()
@@ -129,7 +154,12 @@ class Examples:
             source = self.shop.directory / (name or f"example{number}{SUFFIX[kind]}")
             source.write_text(text)
             getattr(self, "try_" + kind)(source)
-        elif kind in ("sh", "cmake", "meson"):
+        elif kind == "sh" and name:
+            script = self.shop.directory / name
+            script.write_text(text)
+            script.chmod(0o755)
+            self.shop.run(script)
+        elif kind in ("sh", "serve", "cmake", "meson"):
             getattr(self, "try_" + kind)(text)
         elif kind not in NOT_CODE:
             raise Failure(f"'{kind}' is no kind of block")
@@ -154,6 +184,11 @@ class Examples:
 
     def try_sh(self, text):
         self.shop.run("sh", "-eux", "-c", text)
+
+    def try_serve(self, text):
+        for line in text.splitlines():
+            outputs = "--listen" in line or "--otlp" in line
+            (self.shop.refuse if outputs and "-m32" in self.shop.flags else self.shop.serve)(line)
 
     def project(self, file, text):
         if self.program is None:
@@ -182,24 +217,32 @@ class Examples:
         self.shop.run(project / "build" / self.program.stem)
 
 
-def main(document, cmake, build, c_compiler, cxx_compiler, *flags):
-    found = blocks(pathlib.Path(document))
-    code = [block for block in found if block[1] not in NOT_CODE]
-    print(f"{document}: {len(code)} examples, {len(found) - len(code)} other blocks", flush=True)
-    if not code:
-        return
-    shop = Workshop(cmake, build, (c_compiler, cxx_compiler), flags)
+def try_document(shop, document, code):
+    shop.begin(document)
+    examples = Examples(shop)
+    for number, kind, name, text in code:
+        print(f"{document}: line {number}: {kind}", flush=True)
+        examples.try_block(number, kind, name, text)
+
+
+def main(documents, cmake, build, c_compiler, cxx_compiler, *flags):
+    shop = None
     try:
-        examples = Examples(shop)
-        for number, kind, name, text in code:
-            print(f"line {number}: {kind}", flush=True)
-            examples.try_block(number, kind, name, text)
+        for document in map(pathlib.Path, documents):
+            found = blocks(document)
+            code = [block for block in found if block[1] not in NOT_CODE]
+            print(f"{document}: {len(code)} examples, {len(found) - len(code)} other blocks", flush=True)
+            if code:
+                shop = shop or Workshop(cmake, build, (c_compiler, cxx_compiler), flags)
+                try_document(shop, document, code)
     finally:
-        shop.close()
+        if shop:
+            shop.close()
 
 
 if __name__ == "__main__":
+    divide = sys.argv.index("--")
     try:
-        main(*sys.argv[1:])
+        main(sys.argv[1:divide], *sys.argv[divide + 1:])
     except (Failure, subprocess.SubprocessError) as error:
-        sys.exit(f"examples_test: {sys.argv[1]}: {error}")
+        sys.exit(f"examples_test: {error}")

@@ -34,6 +34,14 @@ for program in "$work/prefix/bin"/*; do
             complain "$page lacks $option"
     done
 done
+# No page of a program that this width does not have.
+for page in "$work/prefix"/share/man/man1/*.1; do
+    [ -e "$work/prefix/bin/$(basename "$page" .1)" ] || complain "$(basename "$page") is of no program"
+done
+# Each file that a program writes or the library reads.
+for page in armengine-events libarm-properties libarm-trace; do
+    [ -e "$work/prefix/share/man/man5/$page.5" ] || complain "there is no $page(5)"
+done
 
 # Each page that another one names.
 grep -oh '\\fB[A-Za-z_-]*\\fR([0-9])' man?/* | sed 's/^\\fB\(.*\)\\fR(\(.\))/\1.\2/' |
