@@ -38,7 +38,7 @@ class Value64(ctypes.LittleEndianStructure):
     _fields_ = [("low", ctypes.c_uint32), ("high", ctypes.c_uint32)]
 
 
-class Metric(ctypes.LittleEndianUnion):
+class Metric(ctypes.Union):
     """One metric slot, 8 bytes, read according to its type."""
 
     _fields_ = [

@@ -16,6 +16,14 @@ wanted='./CHANGELOG.md
     exit 1
 }
 
+# What documents tell to install.
+named=$(grep -rohE 'lib(arm2|arm-dev|arm-tools)_[0-9.]+_|python3-arm_[0-9.]+_' README.md docs | sort -u)
+[ -n "$named" ] || { echo "no document names a package" >&2; exit 1; }
+[ -z "$(echo "$named" | grep -v -F "_${version}_")" ] || {
+    printf 'documents name packages of another version:\n%s\n' "$named" >&2
+    exit 1
+}
+
 top=$(sed -n 's/^## \([^ ]*\) .*/\1/p' CHANGELOG.md | head -n 1)
 [ "$top" = "$version" ] || {
     echo "CHANGELOG.md begins with $top, not with $version" >&2

@@ -3,8 +3,8 @@
 BUILD_PACKAGES="g++-multilib cmake ninja-build libicu-dev googletest pkg-config strace valgrind python3
     libcli11-dev nlohmann-json3-dev prometheus-cpp-dev libcpp-httplib-dev libcurl4-openssl-dev
     zlib1g-dev scdoc libncurses-dev tmux"
-TEST_PACKAGES="python3 abigail-tools make mandoc meson chromium chromium-driver python3-selenium
-    fonts-inter fonts-dejavu-core"
+TEST_PACKAGES="python3 python3-pip python3-setuptools python3-wheel mypy abigail-tools make mandoc meson
+    chromium chromium-driver python3-selenium fonts-inter fonts-dejavu-core"
 PICTURE_PACKAGES="pngquant"
 CLANG_PACKAGES="clang"
 FUZZ_PACKAGES="libclang-rt-dev"

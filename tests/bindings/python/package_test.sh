@@ -1,0 +1,50 @@
+#!/bin/sh
+# package_test.sh CASE PYTHON SOURCE-DIR VERSION
+# The Python package as pip installs it, and its type hints. Nothing is fetched.
+
+set -eu
+case=$1
+python=$2
+source=$3
+version=$4
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+case $case in
+BuildsWithTheVersionOfTheProject)
+    cp "$source/CMakeLists.txt" "$work"
+    cp -r "$source/python" "$work/python"
+    "$python" -m pip -q --no-cache-dir --disable-pip-version-check install --root-user-action=ignore \
+        --no-index --no-build-isolation --no-deps --target "$work/installed" "$work/python"
+    [ -e "$work/installed/arm/py.typed" ]
+    cd "$work"
+    PYTHONPATH=$work/installed "$python" -B - "$version" <<'END'
+import importlib.metadata
+import sys
+
+import arm
+
+print(arm.__file__, importlib.metadata.version("arm"))
+assert "/installed/" in arm.__file__
+assert importlib.metadata.version("arm") == sys.argv[1]
+END
+    ;;
+TypeHintsAreStrict)
+    mypy="$python -m mypy --strict --no-incremental --cache-dir=/dev/null --python-version 3.10"
+    cd "$work"
+    MYPYPATH=$source/python $mypy -p arm
+    MYPYPATH=$source/python $mypy "$source/examples/python/linkcheck.py"
+    # They say something: a wrong use is refused, as is a body that is not what it promises.
+    printf 'import arm\narm.Application(7)\narm.measured("order")\n' >wrong.py
+    if MYPYPATH=$source/python $mypy wrong.py >remarks; then
+        echo "wrong types are let pass" >&2
+        exit 1
+    fi
+    sed -n 's/^wrong\.py:\([0-9]*\): error.*/\1/p' remarks >lines
+    printf '2\n3\n' | diff - lines
+    ;;
+*)
+    echo "no case $case" >&2
+    exit 1
+    ;;
+esac
