@@ -78,12 +78,14 @@ need_package_sysroot() {
     touch "$PACKAGE_SYSROOT/complete"
 }
 
-# The sources as a package of their own, from which both widths are built.
+# The sources as a package of their own, from which both widths are built. The modes of its files do not
+# depend on who has checked them out.
 make_source_package() { # DIRECTORY
     tree=$1/libarm
     mkdir -p "$tree" || return 1
-    tar -c --exclude-vcs --exclude=./build --exclude='__pycache__' . | tar -x -C "$tree" || return 1
-    debian_changelog >"$tree/debian/changelog"
+    tar -c --exclude-vcs --exclude=./build --exclude='__pycache__' --mode=u=rwX,go=rX . |
+        tar -x -p -C "$tree" || return 1
+    debian_changelog >"$tree/debian/changelog" && chmod 644 "$tree/debian/changelog" || return 1
     (cd "$1" && dpkg-source -b libarm && rm -rf libarm)
 }
 
