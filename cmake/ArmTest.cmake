@@ -2,10 +2,11 @@
 # own that runs alone in fresh namespaces.
 #
 #   arm_test(NAME program SOURCES file... [LIBS library...] [LABELS label...] [TIMEOUT seconds]
-#            [CHECK_IPC] [DEPENDS target...])
+#            [CHECK_IPC] [DEPENDS target...] [LAUNCHER option...])
 #     TIMEOUT    seconds per case, 30 by default, times four under sanitizers
 #     CHECK_IPC  a case that leaves System V objects behind fails
 #     DEPENDS    programs that the cases start
+#     LAUNCHER   further options of the command that runs a case
 #
 #   arm_test_program(NAME program SOURCES file... [LIBS library...])
 #     a program that tests start
@@ -63,7 +64,8 @@ function(arm_test_program)
 endfunction()
 
 function(arm_test)
-  cmake_parse_arguments(PARSE_ARGV 0 arg "CHECK_IPC" "NAME;TIMEOUT" "SOURCES;LIBS;LABELS;DEPENDS")
+  cmake_parse_arguments(PARSE_ARGV 0 arg "CHECK_IPC" "NAME;TIMEOUT"
+    "SOURCES;LIBS;LABELS;DEPENDS;LAUNCHER")
   if(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 30)
   endif()
@@ -75,7 +77,7 @@ function(arm_test)
   endif()
   arm_unity(${arg_NAME})
   add_dependencies(${arg_NAME} nsrun ${arg_DEPENDS})
-  set(launcher ${ARM_TEST_LAUNCHER})
+  set(launcher ${ARM_TEST_LAUNCHER} ${arg_LAUNCHER})
   if(arg_CHECK_IPC)
     list(APPEND launcher --check-ipc)
   endif()

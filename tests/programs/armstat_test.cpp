@@ -512,10 +512,12 @@ TEST(ArmstatDoctor, ProgramsWithAnotherPrefixAreNoted) {
 
 TEST(ArmstatDoctor, ProgramsInAnotherIpcNamespaceAreFound) {
   EngineProcess engine;
-  {
-    const Elsewhere program("unshare --user --ipc -- ");
-    EXPECT_TRUE(hasFinding("problem", "(armrun) lives in another IPC namespace"));
-  }
+  ASSERT_TRUE(waitUntil([] { return access("/tmp/beside", F_OK) == 0; }));
+  std::ofstream("/tmp/beside") << builtProgram("armrun")
+                               << " --app there --transaction t --wait 0 -- "
+                                  "sh -c 'echo ready >/tmp/ready; exec sleep 1000'\n";
+  ASSERT_TRUE(waitUntil([] { return access("/tmp/ready", F_OK) == 0; }));
+  EXPECT_TRUE(hasFinding("problem", "(armrun) lives in another IPC namespace"));
   EXPECT_EQ(0, engine.end(SIGTERM));
 }
 

@@ -2,7 +2,7 @@
 // its own, with an empty private /var and /tmp, an /etc of a few copied files, and no privileges.
 // Root needs no user namespace; everybody else gets one in which the own ids keep their numbers.
 //
-//   nsrun [--keep DIR]... [--check-ipc] [--no-aslr] [--] COMMAND [ARGUMENT]...
+//   nsrun [--keep DIR]... [--check-ipc] [--no-aslr] [--beside TEXT] [--] COMMAND [ARGUMENT]...
 //
 // The exit status is the command's, or 128 + N if signal N ended it. When the command has ended,
 // every process that it left is killed.
@@ -71,6 +71,7 @@ struct Options {
   std::vector<std::string> keep;
   bool checkIpc = false;
   bool noAslr = false;
+  const char* beside = nullptr;
   char** command = nullptr;
 };
 
@@ -92,10 +93,12 @@ struct KeptTree {
 
 [[noreturn]] void usage() {
   std::fputs(
-      "usage: nsrun [--keep DIR]... [--check-ipc] [--no-aslr] [--] COMMAND [ARGUMENT]...\n"
+      "usage: nsrun [--keep DIR]... [--check-ipc] [--no-aslr] [--beside TEXT] [--] COMMAND "
+      "[ARGUMENT]...\n"
       "  --keep DIR   DIR stays visible even if it lies below /var, /etc or /tmp\n"
       "  --check-ipc  fail if the command leaves System V objects behind\n"
-      "  --no-aslr    run the command without address randomisation\n",
+      "  --no-aslr    run the command without address randomisation\n"
+      "  --beside TEXT  a command of the shell that runs as well, in an IPC namespace of its own\n",
       stderr);
   std::exit(kSetUpFailed);
 }
@@ -104,6 +107,7 @@ Options parseOptions(int argc, char** argv) {
   static const option kLong[] = {{"keep", required_argument, nullptr, 'k'},
                                  {"check-ipc", no_argument, nullptr, 'i'},
                                  {"no-aslr", no_argument, nullptr, 'a'},
+                                 {"beside", required_argument, nullptr, 'b'},
                                  {nullptr, 0, nullptr, 0}};
   Options options;
   for (int choice; (choice = getopt_long(argc, argv, "+", kLong, nullptr)) != -1;) {
@@ -116,6 +120,9 @@ Options parseOptions(int argc, char** argv) {
         break;
       case 'a':
         options.noAslr = true;
+        break;
+      case 'b':
+        options.beside = optarg;
         break;
       default:
         usage();
@@ -254,9 +261,19 @@ void mountEmpty(const char* dir, const char* options) {
     fail("cannot mount an empty %s", dir);
 }
 
+void writeHosts(int etc) {
+  constexpr char kHosts[] = "127.0.0.1 localhost\n::1 localhost\n";
+  const int file = openat(etc, "hosts", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  if (file < 0 || write(file, kHosts, sizeof kHosts - 1) != sizeof kHosts - 1)
+    fail("cannot write /etc/hosts");
+  close(file);
+}
+
 void fillEtc(int machineEtc) {
   const int etc = openDir("/etc");
   for (const char* name : kCopiedFromEtc) copyEntry(machineEtc, etc, name);
+  // A minimal system has none, and localhost is then unknown.
+  if (faccessat(etc, "hosts", F_OK, 0) != 0) writeHosts(etc);
   close(etc);
 }
 
@@ -345,15 +362,24 @@ void limitSideEffects(const Options& options) {
     fail("cannot switch address randomisation off");
 }
 
-[[noreturn]] void execute(const Options& options, const sigset_t& mask) {
+[[noreturn]] void execute(const Options& options, const char* const* command,
+                          const sigset_t& mask) {
   dropPrivileges();
   limitSideEffects(options);
   unsetenv("TMPDIR");
   sigprocmask(SIG_SETMASK, &mask, nullptr);
-  execvp(options.command[0], options.command);
+  execvp(command[0], const_cast<char* const*>(command));
   const int code = errno == ENOENT ? kNotFound : kCannotExecute;
-  std::fprintf(stderr, "nsrun: cannot execute %s (%s)\n", options.command[0], std::strerror(errno));
+  std::fprintf(stderr, "nsrun: cannot execute %s (%s)\n", command[0], std::strerror(errno));
   _exit(code);
+}
+
+// Made here, since the command may not make namespaces: it has no privileges, and below a changed root
+// nobody gets a user namespace.
+[[noreturn]] void executeBeside(const Options& options, const sigset_t& mask) {
+  if (unshare(CLONE_NEWIPC) != 0) fail("cannot make another IPC namespace");
+  const char* const command[] = {"sh", "-c", options.beside, nullptr};
+  execute(options, command, mask);
 }
 
 pid_t forkOrFail() {
@@ -439,8 +465,9 @@ void dieWithOuter(int outerAlive) {
 [[noreturn]] void runInner(const Options& options, const std::string& cwd, const sigset_t& mask) {
   buildFileTree(options);
   if (chdir(cwd.c_str()) != 0 && chdir("/") != 0) fail("cannot enter a directory");
+  if (options.beside != nullptr && forkOrFail() == 0) executeBeside(options, mask);
   const pid_t command = forkOrFail();
-  if (command == 0) execute(options, mask);
+  if (command == 0) execute(options, options.command, mask);
   _exit(afterCommand(options, supervise(command)));
 }
 

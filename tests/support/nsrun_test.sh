@@ -24,6 +24,15 @@ await_lines() { # COUNT FILE
     done
 }
 
+# What runs beside the command sees its files, and other IPC objects.
+AnotherIpcNamespaceIsBesideTheCommand() {
+    "$nsrun" --beside 'readlink /proc/self/ns/ipc >/tmp/its; mv /tmp/its /tmp/theirs' -- sh -c '
+        until [ -e /tmp/theirs ]; do sleep 0.05; done
+        readlink /proc/self/ns/ipc; cat /tmp/theirs' >"$scratch/both"
+    expect "lines" 2 "$(wc -l <"$scratch/both")"
+    expect "different namespaces" 2 "$(sort -u "$scratch/both" | wc -l)"
+}
+
 # Two runs that live at the same time share no namespace, so neither has the machine's.
 EveryNamespaceIsFresh() {
     show='for space in ipc mnt pid; do readlink /proc/self/ns/$space; done'
@@ -116,7 +125,7 @@ AddressRandomisationCanBeSwitchedOff() {
 }
 
 case $2 in
-EveryNamespaceIsFresh | IpcObjectsOfOneRunAreUnknownToTheNext | \
+EveryNamespaceIsFresh | AnotherIpcNamespaceIsBesideTheCommand | IpcObjectsOfOneRunAreUnknownToTheNext | \
     PrivateDirectoriesAreEmptyAndWritable | NothingReachesTheMachine | UserKeepsNameAndNumber | \
     NoPrivilegesAreLeft | ExitStatusIsTheCommands | LeftProcessesAreKilled | \
     LeftIpcObjectsAreReported | SignalsArePassedOn | KeptDirectoryBelowTmpStaysVisible | \
