@@ -232,39 +232,37 @@ def outputs():
     return table
 
 
-def growth_by(engine, kind, count):
-    """Kilobytes that the engine grows by, when a program makes so many of a kind."""
-    before = engine.memory()["private"]
-    process = subprocess.Popen(
-        [program("64-bit", "bench_client"), "hold", "--calls", str(count), kind],
-        env=environment(), preexec_fn=pin, text=True, stdin=subprocess.PIPE,
-        stdout=subprocess.PIPE)
-    if not process.stdout.readline():
-        raise SystemExit("bench: the program that holds transactions failed")
-    engine.settle()
-    grown = engine.memory()["private"] - before
-    process.communicate()
-    return grown
+def holding(kind, count, options):
+    """Kilobytes of an engine while a program holds so many of a kind."""
+    with Engine("64-bit", *options, name="armengine") as engine:
+        process = subprocess.Popen(
+            [program("64-bit", "bench_client"), "hold", "--calls", str(count), kind],
+            env=environment(), preexec_fn=pin, text=True, stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE)
+        if not process.stdout.readline():
+            raise SystemExit("bench: the program that holds transactions failed")
+        engine.settle()
+        held = engine.memory()["private"]
+        process.communicate()
+    return held
 
 
 def memory():
     """What the engine keeps for a class and for an open instance."""
-    count = times(20000, 2000)
+    few, many = times(10000, 1000), times(50000, 5000)
     kinds = {"instances": "open instance", "classes": "class never used", "used": "class in use"}
-    table = Table("Memory of armengine, bytes for each of %d, 64-bit" % count,
-                  ["outputs", *kinds.values()])
-    limits = ["--max-open", 10 * count, "--max-classes", 10 * count]
+    table = Table("Memory of armengine, bytes for each, 64-bit", ["outputs", *kinds.values()])
+    limits = ["--max-open", 2 * many, "--max-classes", 2 * many]
     outlets = ["--listen", "0", "--otlp-file", "/dev/null", "--events", "/dev/null"]
     for name, more in (("off", []), ("on", outlets)):
-        grown = {}
+        row = {}
         for kind in kinds:
-            with Engine("64-bit", *limits, *more, name="armengine") as engine:
-                # What is made once for all is not counted.
-                growth_by(engine, kind, 100)
-                grown[kind] = growth_by(engine, kind, count) * 1024 / count
-        table.add(name, *[number(value, 0) for value in grown.values()])
-        table.data[name] = grown
-    table.notes.append("On: the page and metrics, traces and events.")
+            held = [holding(kind, count, limits + more) for count in (few, many)]
+            row[kind] = (held[1] - held[0]) * 1024 / (many - few)
+        table.add(name, *[number(value, 0) for value in row.values()])
+        table.data[name] = row
+    table.notes.append("The difference of %d and %d of a kind. On: the page and metrics, traces and "
+                       "events." % (many, few))
     return table
 
 
@@ -537,13 +535,26 @@ def first_line(command):
                           check=False).stdout.split("\n")[0]
 
 
-# Above this load other programs disturb the figures.
-QUIET = 0.5
+# Above this share other programs disturb the figures.
+QUIET = 0.05
+
+
+def busy_share():
+    """The share of all processors that other programs use, over a second."""
+    def reading():
+        with open("/proc/stat", encoding="ascii") as file:
+            fields = [int(field) for field in file.readline().split()[1:9]]
+        return sum(fields), fields[3] + fields[4]
+
+    total, idle = reading()
+    time.sleep(1)
+    later_total, later_idle = reading()
+    return 1 - (later_idle - idle) / max(1, later_total - total)
 
 
 def machine():
     """What the figures depend on."""
-    load = os.getloadavg()[0]
+    busy = busy_share()
     with open("/proc/cpuinfo", encoding="utf-8") as file:
         model = re.search(r"model name\s*:\s*(.*)", file.read())
     return {
@@ -553,8 +564,8 @@ def machine():
         "kernel": platform.release(),
         "C library": " ".join(platform.libc_ver()),
         "compiler": first_line(["gcc", "--version"]),
-        "other work": "load %.2f before the run%s" % (
-            load, ": the machine was busy, and the times are rough" if load > QUIET else ""),
+        "other work": "%s of the processors before the run%s" % (
+            percent(busy), ": they were busy, and the times are rough" if busy > QUIET else ""),
     }
 
 

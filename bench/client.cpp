@@ -293,10 +293,14 @@ int reconnect(const Settings&) {
   return 0;
 }
 
-/// Work that the compiler cannot leave out.
+/// Work that the compiler cannot leave out, in registers: a processor forgets what it has learnt about
+/// memory when it changes to another process, and would learn it again at the cost of the work.
 void spin(unsigned long steps) {
-  static thread_local volatile unsigned long sink = 0;
-  for (; steps > 0; --steps) sink = sink * 5 + steps;
+  unsigned long value = steps;
+  for (; steps > 0; --steps) {
+    value = value * 5 + steps;
+    __asm__ volatile("" : "+r"(value));
+  }
 }
 
 unsigned long stepsFor(unsigned microseconds) {
