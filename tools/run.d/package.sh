@@ -1,6 +1,6 @@
 # './run package': Debian packages for both widths, and what is promised of them.
 
-PACKAGE_PACKAGES="dpkg-dev debhelper dh-python python3 scdoc lintian binutils-i686-linux-gnu"
+PACKAGE_PACKAGES="build-essential dpkg-dev debhelper dh-python python3 scdoc lintian binutils-i686-linux-gnu"
 PACKAGE_TEST_PACKAGES="debootstrap"
 # What the 32-bit packages are linked with.
 PACKAGE_SYSROOT=$ROOT/build/sysroot-i386-package
