@@ -332,8 +332,7 @@ void Dispatcher::endInstancesOf(const Departed& departed) {
   if (rest.empty()) {
     registry_.processEnded(departed.process);
   } else {
-    // The number belongs to another process by now.
-    watch_->note(departed.process, departed.before);
+    watch_->lookAgain(departed);
   }
 }
 

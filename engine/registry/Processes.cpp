@@ -84,12 +84,17 @@ ProcessWatch::~ProcessWatch() {
   thread_.join();
 }
 
-void ProcessWatch::watch(int32_t process, uint64_t now) {
-  known_.insert(process);
-  Watched watched;
-  watched.first_seen = now;
+void ProcessWatch::watchNew(int32_t process, uint64_t now) {
   // It lives, waiting for its answer: one that cannot be seen now is in another container.
-  watched.visible = isVisible(process);
+  watch(process, {now, isVisible(process), std::nullopt});
+}
+
+void ProcessWatch::lookAgain(const Departed& departed) {
+  watch(departed.process, {departed.before, departed.visible, std::nullopt});
+}
+
+void ProcessWatch::watch(int32_t process, const Watched& watched) {
+  known_.insert(process);
   const std::lock_guard<std::mutex> lock(mutex_);
   new_ones_.emplace_back(process, watched);
   change_.notify_one();
@@ -143,14 +148,15 @@ ProcessWatch::Processes::iterator ProcessWatch::look(Processes::iterator at,
 }
 
 std::optional<Departed> ProcessWatch::lookAt(int32_t process, Watched* watched) {
+  // Before the look: what comes during it may be the last requests of a process, or another's first.
   const uint64_t now = bootTime();
   const auto start = startOfProcess(process);
   if (!start) {
     if (!watched->visible && now - watched->first_seen < PATIENCE_WITH_UNSEEN) return std::nullopt;
-    return Departed{process, now};
+    return Departed{process, now, watched->visible};
   }
   const bool reused = watched->start ? *start != *watched->start : *start > watched->first_seen;
-  if (reused) return Departed{process, *start};
+  if (reused) return Departed{process, *start, true};
   watched->start = start;
   watched->visible = true;
   return std::nullopt;

@@ -23,7 +23,8 @@ std::optional<uint64_t> startOfProcess(int32_t process);
 /// A process that has ended.
 struct Departed {
   int32_t process = 0;
-  uint64_t before = 0;  ///< what came from that number since then (bootTime) is another process's
+  uint64_t before = 0;   ///< what came from it later (bootTime) may be another process's
+  bool visible = false;  ///< processes with that number can be seen from here
 };
 
 /// Finds out which of the requesters' processes have ended, by number and start time, on a thread of
@@ -39,10 +40,13 @@ class ProcessWatch {
   void note(int32_t process, uint64_t now) {
     if (process == last_noted_) return;
     last_noted_ = process;
-    if (known_.count(process) == 0) watch(process, now);
+    if (known_.count(process) == 0) watchNew(process, now);
   }
   /// The processes that have ended since the last call.  The request road.
   std::vector<Departed> takeDeparted();
+  /// Looks again at one that was taken, for what came from its number later: its last requests, if
+  /// they came while it was looked at, or those of the number's next owner.  The request road.
+  void lookAgain(const Departed& departed);
 
  private:
   struct Watched {
@@ -51,7 +55,8 @@ class ProcessWatch {
     std::optional<uint64_t> start;  ///< none: it has not been looked at while it lived
   };
 
-  void watch(int32_t process, uint64_t now);
+  void watchNew(int32_t process, uint64_t now);
+  void watch(int32_t process, const Watched& watched);
   void run();
   using Processes = std::map<int32_t, Watched>;
   void lookAtAll(std::vector<Departed>* found);

@@ -1,10 +1,15 @@
 #include "registry/Dispatcher.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 #include "armext.h"
+#include "process.h"
 
 namespace {
 
@@ -273,6 +278,31 @@ TEST_F(DispatcherTest, MetricDataNeedsAKnownNumberAndAGoodLength) {
   for (const int32_t length : {0, -1, 4097}) EXPECT_LT(metricData(handle, length), 0) << length;
   for (const int32_t id : {0, 9999}) EXPECT_LT(metricData(id, 1), 0) << id;
   EXPECT_LT(metricData(application, 1), 0);
+}
+
+TEST(DispatcherWatch, InstanceStartedWhileItsDeadProcessWasLookedAtIsEndedAtTheNextLook) {
+  armengine::ProcessWatch watch(std::chrono::milliseconds(5));
+  Registry registry(1);
+  Dispatcher dispatcher(registry, nullptr, &watch);
+  const pid_t child = armtest::forkChild([] {
+    for (;;) pause();
+    return 0;
+  });
+  TArmMessage init = message(ARM_MSG_INIT);
+  init.sender_id.processId = child;
+  const int32_t application = dispatcher.answer(init).result;
+  kill(child, SIGKILL);
+  armtest::exitCodeOf(child);
+  // Long enough for it to be found; its last requests are read after that.
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  TArmMessage start = message(ARM_MSG_START);
+  start.sender_id.processId = child;
+  start.messages.start.tran_id = registry.addClass(application, "order", "");
+  EXPECT_GT(dispatcher.answer(start).result, 0);
+  EXPECT_TRUE(armtest::waitUntil([&] {
+    dispatcher.tidy();
+    return registry.openInstances() == 0;
+  }));
 }
 
 }  // namespace
