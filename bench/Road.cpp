@@ -15,9 +15,6 @@ namespace bench {
 
 namespace {
 
-constexpr int SEMAPHORE_PROJECT = 1;
-constexpr int WAKE_PROJECT = 3;
-
 int setOf(const std::string& path, int project) {
   return semget(ftok(path.c_str(), project), 0, 0);
 }
@@ -43,8 +40,8 @@ Road::Road(const Habits& habits)
     : habits_(habits),
       request_memory_(armengine::REQUEST_MEMORY_NAME, false),
       reply_memory_(armengine::REPLY_BASE, false),
-      empty_set_(setOf(armengine::nameFiles().empty, SEMAPHORE_PROJECT)),
-      wake_set_(setOf(armengine::nameFiles().replies, WAKE_PROJECT)),
+      empty_set_(setOf(armengine::nameFiles().empty, armengine::SET_PROJECT)),
+      wake_set_(setOf(armengine::nameFiles().replies, armengine::WAKE_SET_PROJECT)),
       taken_(habits.batch) {
   if (!isInitialized()) return;
   auto* request_start = static_cast<uint8_t*>(request_memory_.GetAddress());

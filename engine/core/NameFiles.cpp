@@ -11,24 +11,11 @@
 #include <cstring>
 
 #include "ipc/CIPCUtils.h"
-#include "platform/CkesSharedMemory.h"
 #include "platform/namefile.h"
 
 namespace armengine {
 
 namespace {
-
-constexpr const char* DIRECTORY = "/var/kelp";
-constexpr int SEMAPHORE_LIMIT = 128;
-constexpr int SEGMENT_LIMIT = 125;
-constexpr int SEMAPHORE_PROJECT = 1;
-constexpr int REPLY_SET_PROJECT = 3;
-
-std::string path(const char* name, int limit) {
-  char buffer[SEMAPHORE_LIMIT + 1];
-  (void)CIPCUtils::createIPCName(name, nullptr, limit, buffer);
-  return buffer;
-}
 
 bool sameFile(int file, const std::string& path) {
   struct stat opened = {};
@@ -46,15 +33,23 @@ void removeSet(const std::string& path, int project) {
 
 }  // namespace
 
+std::string objectPath(const char* base, int limit) {
+  char buffer[SEMAPHORE_PATH_LIMIT + 1];
+  (void)CIPCUtils::createIPCName(base, nullptr, limit, buffer);
+  return buffer;
+}
+
 NameFiles nameFiles() {
-  return {path(OVERFLOW_NAME, SEMAPHORE_LIMIT), path(EMPTY_NAME, SEMAPHORE_LIMIT),
-          path(REQUEST_MEMORY_NAME, SEGMENT_LIMIT), path(REPLY_BASE, SEGMENT_LIMIT)};
+  return {objectPath(OVERFLOW_NAME, SEMAPHORE_PATH_LIMIT),
+          objectPath(EMPTY_NAME, SEMAPHORE_PATH_LIMIT),
+          objectPath(REQUEST_MEMORY_NAME, SEGMENT_PATH_LIMIT),
+          objectPath(REPLY_BASE, SEGMENT_PATH_LIMIT)};
 }
 
 bool makeNameFiles(const NameFiles& files, std::string* why) {
-  if (mkdir(DIRECTORY, 0755) != 0 && errno != EEXIST) {
-    *why = std::string("cannot make the directory ") + DIRECTORY + " (" + std::strerror(errno) +
-           "): make it and give it to the engine's user";
+  if (mkdir(NAME_DIRECTORY, 0755) != 0 && errno != EEXIST) {
+    *why = std::string("cannot make the directory ") + NAME_DIRECTORY + " (" +
+           std::strerror(errno) + "): make it and give it to the engine's user";
     return false;
   }
   for (const std::string* file : {&files.overflow, &files.empty, &files.requests, &files.replies}) {
@@ -96,21 +91,21 @@ bool PrefixLock::acquire(const std::string& path) {
 
 int liveEngine(const std::string& path) {
   constexpr int CREATOR = 1;
-  const key_t key = ftok(path.c_str(), CkesSharedMemory::IPC_SEM_ID);
+  const key_t key = ftok(path.c_str(), SET_PROJECT);
   const int set = key != -1 ? semget(key, 2, 0) : -1;
   if (set == -1 || semctl(set, CREATOR, GETVAL) < 2) return 0;
   return semctl(set, CREATOR, GETPID);
 }
 
 int openSemaphoreSet(const std::string& path) {
-  const key_t key = ftok(path.c_str(), SEMAPHORE_PROJECT);
+  const key_t key = ftok(path.c_str(), SET_PROJECT);
   return key != -1 ? semget(key, 0, 0) : -1;
 }
 
 void removeLeftovers(const std::string& path) {
-  removeSet(path, CkesSharedMemory::IPC_SEM_ID);
-  removeSet(path, REPLY_SET_PROJECT);
-  const key_t key = ftok(path.c_str(), CkesSharedMemory::IPC_MEM_ID);
+  removeSet(path, SET_PROJECT);
+  removeSet(path, WAKE_SET_PROJECT);
+  const key_t key = ftok(path.c_str(), SEGMENT_PROJECT);
   // Size 0 finds a segment of any size, so that the new one has exactly the capacity asked for.
   if (key != -1) (void)getAndRemoveSharedMemory(key, 0);
 }

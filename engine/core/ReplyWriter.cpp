@@ -13,20 +13,12 @@
 #include "core/NameFiles.h"
 #include "ipc/CIPCUtils.h"
 #include "ipc/RequestQueueLayout.h"
+#include "platform/semaphoreset.h"
 #include "platform/sharedword.h"
 
 namespace armengine {
 
 namespace {
-
-constexpr int SET_PROJECT = 3;
-constexpr int SET_PATH_LIMIT = 123;
-
-union SemArgument {
-  int val;
-  semid_ds* buf;
-  unsigned short* array;
-};
 
 uint64_t keyOf(const TIPCIdentifier& id) {
   return uint64_t{static_cast<uint32_t>(id.processId)} << 32 | id.threadId;
@@ -65,15 +57,13 @@ bool ReplyWriter::isInitialized() const {
 }
 
 bool ReplyWriter::createSet() {
-  char path[SET_PATH_LIMIT + 1];
-  (void)CIPCUtils::createIPCName(REPLY_BASE, nullptr, SET_PATH_LIMIT, path);
-  const key_t key = ftok(path, SET_PROJECT);
+  const key_t key = ftok(objectPath(REPLY_BASE, WAKE_SET_PATH_LIMIT).c_str(), WAKE_SET_PROJECT);
   if (key == -1) return false;
   set_ = semget(key, capacity_ + 2, 0666 | IPC_CREAT | IPC_EXCL);
   if (set_ == -1) return false;
   std::vector<unsigned short> zeros(capacity_ + 2U, 0);
   zeros[REPLY_SET_INITIALIZED] = 1;
-  SemArgument argument = {};
+  TSemArgument argument = {};
   argument.array = zeros.data();
   return semctl(set_, 0, SETALL, argument) >= 0;
 }
@@ -373,7 +363,7 @@ void ReplyWriter::keepList(TIPCHeadItem& record, std::vector<bool>* linked) {
 }
 
 void ReplyWriter::setSemaphore(unsigned short semaphore, int value) {
-  SemArgument argument = {};
+  TSemArgument argument = {};
   argument.val = value;
   (void)semctl(set_, semaphore, SETVAL, argument);
 }

@@ -44,7 +44,7 @@ std::string joined(const std::vector<std::string>& parts) {
 
 std::vector<std::string> filesInDirectory() {
   std::vector<std::string> names;
-  DIR* directory = opendir(NAME_DIRECTORY);
+  DIR* directory = opendir(armengine::NAME_DIRECTORY);
   if (directory == nullptr) return names;
   while (const dirent* entry = readdir(directory)) names.emplace_back(entry->d_name);
   (void)closedir(directory);
@@ -97,8 +97,8 @@ Finding checkNameFiles(const Picture& picture) {
 
 Finding checkDirectory() {
   struct stat status = {};
-  const std::string directory = NAME_DIRECTORY;
-  if (stat(NAME_DIRECTORY, &status) != 0) {
+  const std::string directory = armengine::NAME_DIRECTORY;
+  if (stat(armengine::NAME_DIRECTORY, &status) != 0) {
     return {Level::problem,
             "the directory " + directory + " cannot be reached (" + std::strerror(errno) + ")",
             errno == ENOENT ? "start an engine as root, or make it and give it to the engine's user"
@@ -237,7 +237,7 @@ Findings checkKeys(const Picture& picture) {
   std::map<key_t, std::string> known;
   for (const std::string& file : filesInDirectory()) {
     if (file.compare(0, 9, "controls_") != 0) continue;
-    const std::string path = std::string(NAME_DIRECTORY) + "/" + file;
+    const std::string path = std::string(armengine::NAME_DIRECTORY) + "/" + file;
     const key_t key = ftok(path.c_str(), 1);
     if (key == -1) continue;
     const auto [place, is_new] = known.emplace(key, path);

@@ -20,6 +20,7 @@
 #include "armstat/Processes.h"
 #include "common/Text.h"
 #include "core/EngineQueues.h"
+#include "core/NameFiles.h"
 #include "platform/semaphoreset.h"
 
 namespace armstat {
@@ -39,9 +40,10 @@ Findings checkUser(const User& user, const Picture& picture) {
              "run an engine beside it"}};
   }
   if (user.same_key == false) {
-    return {{Level::problem,
-             nameOf(user) + " sees another " + NAME_DIRECTORY + " and so makes other keys",
-             std::string("mount this ") + NAME_DIRECTORY + " into its container"}};
+    return {
+        {Level::problem,
+         nameOf(user) + " sees another " + armengine::NAME_DIRECTORY + " and so makes other keys",
+         std::string("mount this ") + armengine::NAME_DIRECTORY + " into its container"}};
   }
   if (user.prefix_known && user.prefix != picture.prefix) {
     return {{Level::note,

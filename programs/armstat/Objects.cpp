@@ -9,7 +9,6 @@
 #include <cstdlib>
 
 #include "core/NameFiles.h"
-#include "ipc/CIPCUtils.h"
 #include "ipc/ReplyQueueLayout.h"
 #include "platform/semaphoreset.h"
 
@@ -17,25 +16,13 @@ namespace armstat {
 
 namespace {
 
+using armengine::SEGMENT_PROJECT;
+using armengine::SET_PROJECT;
+
 constexpr const char* PREFIX_VARIABLE = "ARM_AGENT_PREFIX";
-
-constexpr int SET_PROJECT = 1;
-constexpr int SEGMENT_PROJECT = 2;
-constexpr int WAKE_SET_PROJECT = 3;
-
-// Paths are cut at a length of their own for each kind of object.
-constexpr int SEMAPHORE_LIMIT = 128;
-constexpr int SEGMENT_LIMIT = 125;
-constexpr int WAKE_SET_LIMIT = 123;
 
 constexpr unsigned LOCK_SET_SIZE = 2;
 constexpr unsigned COUNTING_SET_SIZE = 3;
-
-std::string pathOf(const char* base, int limit) {
-  char buffer[SEMAPHORE_LIMIT + 1];
-  (void)CIPCUtils::createIPCName(base, nullptr, limit, buffer);
-  return buffer;
-}
 
 /// True when the object has a key, false when its name file is missing or cannot be reached.
 bool makeKey(ObjectBase* object) {
@@ -45,10 +32,10 @@ bool makeKey(ObjectBase* object) {
   return object->has_name;
 }
 
-Segment findSegment(const char* what, const char* base) {
+Segment findSegment(const char* what, const std::string& path) {
   Segment segment;
   segment.what = what;
-  segment.path = pathOf(base, SEGMENT_LIMIT);
+  segment.path = path;
   segment.project = SEGMENT_PROJECT;
   if (!makeKey(&segment)) return segment;
   segment.id = shmget(segment.key, 0, 0);
@@ -146,20 +133,18 @@ std::string prefixInWords() {
 }
 
 Objects findObjects() {
-  const std::string request_path = pathOf(armengine::REQUEST_MEMORY_NAME, SEGMENT_LIMIT);
-  const std::string reply_path = pathOf(armengine::REPLY_BASE, SEGMENT_LIMIT);
+  const armengine::NameFiles files = armengine::nameFiles();
   Objects objects;
-  objects.requests = findSegment("request segment", armengine::REQUEST_MEMORY_NAME);
-  objects.request_lock = findSet("request lock", request_path, SET_PROJECT, LOCK_SET_SIZE);
-  objects.empty = findSet("request arrivals (_emp)", pathOf(armengine::EMPTY_NAME, SEMAPHORE_LIMIT),
-                          SET_PROJECT, COUNTING_SET_SIZE);
-  objects.overflow =
-      findSet("request room (_ovr)", pathOf(armengine::OVERFLOW_NAME, SEMAPHORE_LIMIT), SET_PROJECT,
-              COUNTING_SET_SIZE);
-  objects.replies = findSegment("reply segment", armengine::REPLY_BASE);
-  objects.reply_lock = findSet("reply lock", reply_path, SET_PROJECT, LOCK_SET_SIZE);
-  objects.wake = findSet("reply wake-ups", pathOf(armengine::REPLY_BASE, WAKE_SET_LIMIT),
-                         WAKE_SET_PROJECT, REPLY_SET_FIRST_HEAD);
+  objects.requests = findSegment("request segment", files.requests);
+  objects.request_lock = findSet("request lock", files.requests, SET_PROJECT, LOCK_SET_SIZE);
+  objects.empty = findSet("request arrivals (_emp)", files.empty, SET_PROJECT, COUNTING_SET_SIZE);
+  objects.overflow = findSet("request room (_ovr)", files.overflow, SET_PROJECT, COUNTING_SET_SIZE);
+  objects.replies = findSegment("reply segment", files.replies);
+  objects.reply_lock = findSet("reply lock", files.replies, SET_PROJECT, LOCK_SET_SIZE);
+  objects.wake =
+      findSet("reply wake-ups",
+              armengine::objectPath(armengine::REPLY_BASE, armengine::WAKE_SET_PATH_LIMIT),
+              armengine::WAKE_SET_PROJECT, REPLY_SET_FIRST_HEAD);
   return objects;
 }
 

@@ -9,9 +9,6 @@
 
 namespace armstat {
 
-/// The directory of the name files.
-inline constexpr const char* NAME_DIRECTORY = "/var/kelp";
-
 /// What identifies a System V object, and how far looking it up has come.
 struct ObjectBase {
   std::string what;       ///< its role, for people

@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "armstat/Objects.h"
+#include "core/NameFiles.h"
 
 namespace armstat {
 
@@ -55,7 +56,7 @@ User describe(pid_t process, const std::string& own_namespace) {
   user.name = processName(process);
   const std::string space = linkOf(inProc(process, "ns/ipc"));
   user.other_ipc = !space.empty() && space != own_namespace;
-  const std::string file = std::string(NAME_DIRECTORY);
+  const std::string file = std::string(armengine::NAME_DIRECTORY);
   const key_t own = ftok(file.c_str(), 1);
   const key_t other = ftok(inProc(process, "root" + file).c_str(), 1);
   if (own != -1 && other != -1) user.same_key = own == other;
