@@ -61,6 +61,19 @@ found() {
 }
 [ "$(found "$work/i386")" = "$(found "$work/amd64")" ] || die "the programs found different things"
 
+# Traces are written a little later than programs are answered: waits until no more come.
+await_traces() {
+    looks=0
+    before=
+    while [ "$looks" -lt 50 ]; do
+        size=$(wc -c <"$traces")
+        [ "$size" -gt 0 ] && [ "$size" = "$before" ] && break
+        before=$size
+        looks=$((looks + 1))
+        sleep 0.1
+    done
+}
+
 # The trace that has ended last: that of a whole walk.
 last_trace() {
     sed -n 's/.*"traceId":"\([0-9a-f]*\)".*/\1/p' "$traces" | tail -n 1
@@ -76,6 +89,7 @@ where_to_look() {
 }
 
 if [ -n "$keep" ]; then
+    await_traces
     echo
     echo "the engine stays until Ctrl-C; look at:"
     where_to_look
