@@ -42,6 +42,8 @@ class ProcessWatch {
     last_noted_ = process;
     if (known_.count(process) == 0) watchNew(process, now);
   }
+  /// Whether takeDeparted has any.
+  bool anyDeparted() const { return any_departed_; }
   /// The processes that have ended since the last call.  The request road.
   std::vector<Departed> takeDeparted();
   /// Looks again at one that was taken, for what came from its number later: its last requests, if

@@ -6,7 +6,6 @@
 
 #include <chrono>
 #include <cstring>
-#include <thread>
 
 #include "armext.h"
 #include "process.h"
@@ -293,8 +292,8 @@ TEST(DispatcherWatch, InstanceStartedWhileItsDeadProcessWasLookedAtIsEndedAtTheN
   const int32_t application = dispatcher.answer(init).result;
   kill(child, SIGKILL);
   armtest::exitCodeOf(child);
-  // Long enough for it to be found; its last requests are read after that.
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  // Its last requests are read after it has been found.
+  EXPECT_TRUE(armtest::waitUntil([&watch] { return watch.anyDeparted(); }));
   TArmMessage start = message(ARM_MSG_START);
   start.sender_id.processId = child;
   start.messages.start.tran_id = registry.addClass(application, "order", "");
