@@ -3,13 +3,12 @@
 #include <charconv>
 #include <cmath>
 
-#include "registry/Utf8.h"
+#include "text/Hex.h"
+#include "text/Utf8.h"
 
 namespace armengine {
 
 namespace {
-
-constexpr const char* DIGITS = "0123456789abcdef";
 
 template <typename T>
 void appendNumber(std::string* text, T value) {
@@ -66,8 +65,7 @@ void JsonWriter::escape(char byte) {
     default:
       const auto code = static_cast<uint8_t>(byte);
       text_ += "\\u00";
-      text_ += DIGITS[code >> 4];
-      text_ += DIGITS[code & 0x0F];
+      armtext::appendHex(&text_, &code, 1);
   }
 }
 
@@ -80,7 +78,7 @@ JsonWriter& JsonWriter::text(std::string_view value) {
     text_.append(value.data(), plain);
     value.remove_prefix(plain);
     if (value.empty()) break;
-    const std::size_t length = characterLength(value);
+    const std::size_t length = armtext::characterLength(value);
     if (length > 1) {
       text_.append(value.data(), length);
     } else if (length == 1) {
@@ -97,10 +95,7 @@ JsonWriter& JsonWriter::text(std::string_view value) {
 JsonWriter& JsonWriter::hex(const uint8_t* bytes, std::size_t count) {
   separate();
   text_ += '"';
-  for (std::size_t i = 0; i < count; ++i) {
-    text_ += DIGITS[bytes[i] >> 4];
-    text_ += DIGITS[bytes[i] & 0x0F];
-  }
+  armtext::appendHex(&text_, bytes, count);
   text_ += '"';
   return *this;
 }

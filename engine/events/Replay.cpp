@@ -8,6 +8,7 @@
 
 #include "events/EventLines.h"
 #include "registry/Dispatcher.h"
+#include "text/Hex.h"
 
 namespace armengine {
 
@@ -33,7 +34,7 @@ int32_t number(const Json& line, const char* key) {
 }
 
 std::string bytes(const Json& line, const char* key) {
-  const auto decoded = bytesOfHex(line.value(key, std::string()));
+  const auto decoded = armtext::bytesOfHex(line.value(key, std::string()));
   if (!decoded) throw std::invalid_argument(key);
   return *decoded;
 }

@@ -5,7 +5,8 @@
 #include "arm/TArmMessage.h"
 #include "events/EventLines.h"
 #include "events/Finished.h"
-#include "registry/Utf8.h"
+#include "text/Hex.h"
+#include "text/Utf8.h"
 
 namespace armengine {
 
@@ -87,11 +88,12 @@ bool readMetrics(const Event& event, const Payload& payload,
 void appendData(JsonWriter* json, std::string_view data) {
   while (!data.empty() && data.back() == '\0') data.remove_suffix(1);
   if (data.empty()) return;
-  if (data.find('\0') == std::string_view::npos && validUtf8(data) == data) {
+  if (data.find('\0') == std::string_view::npos && armtext::validUtf8(data) == data) {
     appendTextAttribute(json, "arm.data", data);
   } else {
-    appendTextAttribute(json, "arm.data_hex",
-                        hexText(reinterpret_cast<const uint8_t*>(data.data()), data.size()));
+    appendTextAttribute(
+        json, "arm.data_hex",
+        armtext::hexText(reinterpret_cast<const uint8_t*>(data.data()), data.size()));
   }
 }
 

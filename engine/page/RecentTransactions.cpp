@@ -5,7 +5,7 @@
 #include "arm/TArmMessage.h"
 #include "events/Finished.h"
 #include "registry/Time.h"
-#include "registry/Utf8.h"
+#include "text/Utf8.h"
 
 namespace armengine {
 
@@ -45,7 +45,8 @@ std::string shortened(std::string_view text, std::size_t most) {
   if (text.size() <= most) return std::string(text);
   std::size_t length = 0;
   for (;;) {
-    const std::size_t next = std::max<std::size_t>(characterLength(text.substr(length)), 1);
+    const std::size_t next =
+        std::max<std::size_t>(armtext::characterLength(text.substr(length)), 1);
     if (length + next > most - ELLIPSIS.size()) break;
     length += next;
   }

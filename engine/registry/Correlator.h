@@ -3,8 +3,6 @@
 #include <array>
 #include <cstdint>
 #include <optional>
-#include <string>
-#include <string_view>
 
 #include "arm/TArmReplyMessage.h"
 
@@ -51,11 +49,5 @@ CorrelatorBytes encodeCorrelator(const Correlator& correlator);
 /// Reads a correlator that an application has passed on.  Nothing when it is of another format, cut
 /// or damaged: that is no error, its transaction exists but is not known here.
 std::optional<Correlator> decodeCorrelator(const CorrelatorBytes& bytes);
-
-/// The text form, for environment variables and files: lower-case hexadecimal.
-std::string hexText(const uint8_t* bytes, std::size_t count);
-
-/// Bytes of a text of hexadecimal digits of either case; nothing when it is not one.
-std::optional<std::string> bytesOfHex(std::string_view text);
 
 }  // namespace armengine

@@ -7,7 +7,7 @@
 #include <limits>
 
 #include "arm.h"
-#include "registry/Utf8.h"
+#include "text/Utf8.h"
 
 namespace armengine {
 
@@ -67,8 +67,8 @@ int32_t Registry::addApplication(std::string_view name, std::string_view user, i
   }
   const auto info = std::make_shared<ApplicationInfo>();
   info->id = newId();
-  info->name = validUtf8(name);
-  info->user = validUtf8(user);
+  info->name = armtext::validUtf8(name);
+  info->user = armtext::validUtf8(user);
   if (info->name != name) info->raw = name;
   Application& application = applications_[info->id];
   application.info = info;
@@ -135,8 +135,8 @@ int32_t Registry::newClass(Application* application, std::string_view name, std:
   const auto info = std::make_shared<ClassInfo>();
   info->id = newId();
   info->application = application->info;
-  info->name = validUtf8(name);
-  info->detail = validUtf8(detail);
+  info->name = armtext::validUtf8(name);
+  info->detail = armtext::validUtf8(detail);
   if (info->name != name) info->raw = name;
   if (block.size() >= ARM_FORMAT101_SIZE) {
     uint8_t bytes[ARM_FORMAT101_SIZE];

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <numeric>
 
+#include "text/Columns.h"
+
 namespace armengine {
 
 namespace {
@@ -13,16 +15,6 @@ constexpr std::size_t NAME_LIMIT = 40;
 constexpr std::size_t TEXT_COLUMNS = 2;
 
 using Cells = std::vector<std::string>;
-
-bool continuesCharacter(char byte) {
-  return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
-}
-
-/// Length in characters, so that UTF-8 names do not bend the columns.
-std::size_t width(const std::string& utf8) {
-  const auto continuing = std::count_if(utf8.begin(), utf8.end(), continuesCharacter);
-  return utf8.size() - static_cast<std::size_t>(continuing);
-}
 
 std::string withDecimals(double value, const char* unit) {
   char text[32];
@@ -39,33 +31,9 @@ std::string inMinutes(uint64_t seconds) {
   return text;
 }
 
-std::vector<std::size_t> columnWidths(const std::vector<Cells>& rows) {
-  std::vector<std::size_t> widths;
-  for (const Cells& row : rows) {
-    widths.resize(std::max(widths.size(), row.size()), 0);
-    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], width(row[i]));
-  }
-  return widths;
-}
-
-/// Names to the left of their columns, figures to the right.
-std::string layOut(const std::vector<Cells>& rows) {
-  const std::vector<std::size_t> widths = columnWidths(rows);
-  std::string table;
-  for (const Cells& row : rows) {
-    for (std::size_t i = 0; i < row.size(); ++i) {
-      const std::string padding(widths[i] - width(row[i]), ' ');
-      if (i > 0) table += "  ";
-      table += i < TEXT_COLUMNS ? row[i] + padding : padding + row[i];
-    }
-    table += '\n';
-  }
-  return table;
-}
-
 Cells rowOf(const ClassStatistics& of, bool with_unknown) {
-  Cells row = {readableName(of.application, NAME_LIMIT),
-               readableName(of.name, NAME_LIMIT),
+  Cells row = {armtext::printable(of.application, NAME_LIMIT),
+               armtext::printable(of.name, NAME_LIMIT),
                std::to_string(of.count()),
                std::to_string(of.good.get()),
                std::to_string(of.failed.get()),
@@ -84,13 +52,16 @@ std::string makeTable(const std::vector<std::shared_ptr<ClassStatistics>>& all) 
   Cells heading = {"application", "transaction class", "count", "good", "failed", "aborted"};
   if (with_unknown) heading.emplace_back("unknown");
   heading.insert(heading.end(), {"p50", "p95", "p99", "max"});
-  std::vector<Cells> rows = {heading};
-  for (const auto& of : all) rows.push_back(rowOf(*of, with_unknown));
-  return layOut(rows);
+  // Names to the left of their columns, figures to the right.
+  armtext::Table table(std::string(TEXT_COLUMNS, 'l') +
+                       std::string(heading.size() - TEXT_COLUMNS, 'r'));
+  table.add(heading);
+  for (const auto& of : all) table.add(rowOf(*of, with_unknown));
+  return table.text();
 }
 
 std::string lineOf(const TreeNode& node) {
-  const std::string name = readableName(node.statistics->name, NAME_LIMIT);
+  const std::string name = armtext::printable(node.statistics->name, NAME_LIMIT);
   if (!node.outcome) return name + "  open";
   return name + "  " + readableTime(node.duration) + "  " + nameOf(*node.outcome);
 }
@@ -124,20 +95,6 @@ std::string readableTime(uint64_t nanoseconds) {
   return std::to_string((nanoseconds + 500) / 1000) + " us";
 }
 
-std::string readableName(const std::string& utf8, std::size_t limit) {
-  std::string name = utf8;
-  for (char& byte : name) {
-    const auto code = static_cast<unsigned char>(byte);
-    if (code < 0x20 || code == 0x7F) byte = '?';
-  }
-  if (width(name) <= limit) return name;
-  std::size_t end = 0;
-  for (std::size_t characters = 0; end < name.size(); ++end) {
-    if (!continuesCharacter(name[end]) && ++characters > limit - 3) break;
-  }
-  return name.substr(0, end) + "...";
-}
-
 std::string makeReport(const Registry& registry) {
   const auto all = registry.statistics();
   if (all.empty()) return "no transaction class was registered\n";
@@ -151,7 +108,8 @@ std::string makeReport(const Registry& registry) {
   if (abandoned > 0) report += "abandoned: " + std::to_string(abandoned) + "\n";
   if (const auto* tree = registry.largestTree(); tree != nullptr) {
     report += "\nthe parent with most children, and its first ones:\n" +
-              readableName(tree->statistics->application, NAME_LIMIT) + ": " + lineOf(*tree) + '\n';
+              armtext::printable(tree->statistics->application, NAME_LIMIT) + ": " + lineOf(*tree) +
+              '\n';
     drawChildren(*tree, "", &report);
   }
   return report;

@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "armext.h"
-#include "registry/Utf8.h"
+#include "text/Utf8.h"
 
 namespace armengine {
 
@@ -23,7 +23,7 @@ bool fits(int32_t type, std::size_t slot) {
 
 std::string nameOf(const arm_metric_description_t& description, std::size_t slot) {
   const std::string name =
-      validUtf8({description.name, strnlen(description.name, sizeof description.name)});
+      armtext::validUtf8({description.name, strnlen(description.name, sizeof description.name)});
   return name.empty() ? "metric" + std::to_string(slot + 1) : name;
 }
 

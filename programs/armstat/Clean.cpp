@@ -9,7 +9,7 @@
 
 #include "armstat/Picture.h"
 #include "armstat/Processes.h"
-#include "common/Text.h"
+#include "common/Words.h"
 
 namespace armstat {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
-#include "common/Text.h"
+#include "text/Columns.h"
 
 namespace armstat {
 
@@ -67,9 +67,9 @@ Diagnosis diagnose() {
 std::string asText(const Diagnosis& diagnosis) {
   std::string text;
   for (const Finding& one : diagnosis.findings) {
-    text += markOf(one.level) + armtools::printable(one.text, LINE_COLUMNS) + "\n";
+    text += markOf(one.level) + armtext::printable(one.text, LINE_COLUMNS) + "\n";
     if (!one.advice.empty()) {
-      text += "         -> " + armtools::printable(one.advice, LINE_COLUMNS) + "\n";
+      text += "         -> " + armtext::printable(one.advice, LINE_COLUMNS) + "\n";
     }
   }
   return text;

@@ -13,7 +13,7 @@
 
 #include "armstat/Doctor.h"
 #include "armstat/Processes.h"
-#include "common/Text.h"
+#include "common/Words.h"
 #include "core/EngineQueues.h"
 #include "core/NameFiles.h"
 

@@ -18,7 +18,7 @@
 #include "arm/TArmReplyMessage.h"
 #include "armstat/Doctor.h"
 #include "armstat/Processes.h"
-#include "common/Text.h"
+#include "common/Words.h"
 #include "core/EngineQueues.h"
 #include "core/NameFiles.h"
 #include "platform/semaphoreset.h"

@@ -5,7 +5,8 @@
 
 #include "armstat/Processes.h"
 #include "armstat/Show.h"
-#include "common/Text.h"
+#include "common/Words.h"
+#include "text/Columns.h"
 
 namespace armstat {
 
@@ -27,14 +28,13 @@ std::string permissions(unsigned mode) {
 
 std::string userName(uid_t user) {
   const passwd* entry = getpwuid(user);
-  return entry != nullptr ? armtools::printable(entry->pw_name, NAME_COLUMNS)
-                          : std::to_string(user);
+  return entry != nullptr ? armtext::printable(entry->pw_name, NAME_COLUMNS) : std::to_string(user);
 }
 
 std::string processText(pid_t process, const std::string& name) {
   if (process <= 0) return "unknown";
   const std::string number = std::to_string(process);
-  return name.empty() ? number : number + " " + armtools::printable(name, NAME_COLUMNS);
+  return name.empty() ? number : number + " " + armtext::printable(name, NAME_COLUMNS);
 }
 
 std::string orDash(const std::optional<unsigned>& number) {
@@ -128,7 +128,7 @@ std::string sizeOf(const ObjectBase& object, const Objects& objects) {
 }
 
 std::string objectTable(const Picture& picture) {
-  armtools::Table table("llrrlll");
+  armtext::Table table("llrrlll");
   table.add({"object", "key", "id", "size", "owner", "mode", "content"});
   for (const ObjectBase* object : picture.objects.all()) {
     const bool known = object->exists();
@@ -143,7 +143,7 @@ std::string objectTable(const Picture& picture) {
 
 std::string requesterTable(const Picture& picture) {
   if (picture.requesters.empty()) return "";
-  armtools::Table table("rlrrrlllll");
+  armtext::Table table("rlrrrlllll");
   table.add(
       {"record", "status", "replies", "raised", "waiters", "process", "lives", "thread", "lives"});
   for (const Requester& one : picture.requesters) {

@@ -13,8 +13,8 @@
 #include "armstat/Picture.h"
 #include "armstat/Show.h"
 #include "common/Program.h"
-#include "common/Text.h"
 #include "core/EngineQueues.h"
+#include "text/Columns.h"
 
 namespace {
 
@@ -132,7 +132,7 @@ void declare(CLI::App* app, Options* options, CLI::Option** prefix) {
 }  // namespace
 
 int main(int count, char** arguments) {
-  armtools::useLocale();
+  armtext::useLocale();
   CLI::App app("Looks into the shared objects of an engine from outside, without asking it.",
                "armstat");
   Options options;

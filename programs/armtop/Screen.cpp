@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "common/Text.h"
+#include "text/Columns.h"
 
 namespace armtop {
 
@@ -67,9 +67,9 @@ class Terminal {
 void paint(int line, const std::string& text, attr_t attributes = A_NORMAL) {
   (void)attr_set(attributes, 0, nullptr);
   const auto width = static_cast<std::size_t>(std::max(COLS, 4));
-  (void)mvaddstr(line, 0, armtools::printable(text, width).c_str());
+  (void)mvaddstr(line, 0, armtext::printable(text, width).c_str());
   if ((attributes & A_REVERSE) != 0) {
-    for (std::size_t at = armtools::columnsOf(text); at < width; ++at) (void)addch(' ');
+    for (std::size_t at = armtext::columnsOf(text); at < width; ++at) (void)addch(' ');
   }
   (void)attr_set(A_NORMAL, 0, nullptr);
 }

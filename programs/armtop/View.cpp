@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <limits>
 
-#include "common/Text.h"
+#include "text/Columns.h"
 
 namespace armtop {
 
@@ -119,8 +119,8 @@ std::vector<std::string> headingCells(const Order* order) {
 }
 
 std::vector<std::string> cells(const Row& row, std::size_t name_columns) {
-  return {armtools::printable(row.name.first, name_columns),
-          armtools::printable(row.name.second, name_columns),
+  return {armtext::printable(row.name.first, name_columns),
+          armtext::printable(row.name.second, name_columns),
           whole(row.count),
           readableNumber(row.rate),
           percent(row.errors),
@@ -132,7 +132,7 @@ std::vector<std::string> cells(const Row& row, std::size_t name_columns) {
 
 std::vector<std::string> tableLines(const std::vector<Row>& rows, const Order* order,
                                     std::size_t name_columns) {
-  armtools::Table table("llrrrrrrr");
+  armtext::Table table("llrrrrrrr");
   table.add(headingCells(order));
   for (const Row& row : rows) table.add(cells(row, name_columns));
   const std::string text = table.text();
@@ -147,7 +147,7 @@ std::vector<std::string> tableLines(const std::vector<Row>& rows, const Order* o
 
 std::string engineLine(const Figures& figures) {
   std::string line =
-      "engine " + (figures.version.empty() ? "?" : armtools::printable(figures.version, 16));
+      "engine " + (figures.version.empty() ? "?" : armtext::printable(figures.version, 16));
   if (figures.requests) {
     line += "  requests " + ofCapacity(*figures.requests, figures.request_capacity);
   }

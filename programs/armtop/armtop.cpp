@@ -11,7 +11,7 @@
 #include "armtop/Screen.h"
 #include "armtop/View.h"
 #include "common/Program.h"
-#include "common/Text.h"
+#include "text/Columns.h"
 
 namespace {
 
@@ -122,7 +122,7 @@ void declare(CLI::App* app, Options* options) {
 }  // namespace
 
 int main(int count, char** arguments) {
-  armtools::useLocale();
+  armtext::useLocale();
   CLI::App app("A live table of the transaction classes that an engine measures.", "armtop");
   Options options;
   declare(&app, &options);

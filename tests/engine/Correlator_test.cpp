@@ -71,22 +71,6 @@ TEST(Correlator, ChildrenOfOneThatIsNotTracedAreIgnored) {
   EXPECT_FALSE(decodeCorrelator(bytes)->traced);
 }
 
-TEST(Correlator, TextFormIsLowerCaseHexadecimal) {
-  const CorrelatorBytes bytes = encodeCorrelator(sample());
-  const std::string text = armengine::hexText(bytes.data(), bytes.size());
-  EXPECT_EQ(336U, text.size());
-  EXPECT_EQ("00a8c18041524d43", text.substr(0, 16));
-  EXPECT_EQ(std::string(bytes.begin(), bytes.end()), armengine::bytesOfHex(text));
-}
-
-TEST(Correlator, TextThatIsNotHexadecimalIsRefused) {
-  EXPECT_EQ("\xAB\xCD", armengine::bytesOfHex("aBCd"));
-  EXPECT_EQ("", armengine::bytesOfHex(""));
-  for (const char* text : {"a", "abc", "0g", " 0", "0x", "-1"}) {
-    EXPECT_FALSE(armengine::bytesOfHex(text)) << text;
-  }
-}
-
 TEST(Correlator, Is168BytesAndSaysSo) {
   const CorrelatorBytes bytes = encodeCorrelator(sample());
   EXPECT_EQ(168U, bytes.size());

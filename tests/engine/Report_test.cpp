@@ -5,7 +5,6 @@
 namespace {
 
 using armengine::makeReport;
-using armengine::readableName;
 using armengine::readableTime;
 using armengine::Registry;
 using armengine::Started;
@@ -30,14 +29,19 @@ TEST(Report, TimesAreInReadableUnits) {
   EXPECT_EQ("4 min 07 s", readableTime(247900000000));
 }
 
-TEST(Report, ControlCharactersOfNamesAreNotPrinted) {
-  EXPECT_EQ("a?[31mb?c", readableName("a\x1B[31mb\nc", 40));
+TEST(Report, NamesCannotCommandATerminal) {
+  Registry registry(1);
+  const int32_t shop = registry.addApplication("a\x1B[31mb\nc");
+  registry.addClass(shop, "x\xC2\x9Bz", "");
+  EXPECT_NE(std::string::npos, makeReport(registry).find("\na?[31mb?c    x?z  "));
 }
 
 TEST(Report, LongNamesAreCutBetweenCharacters) {
-  EXPECT_EQ("abcdef", readableName("abcdef", 6));
-  EXPECT_EQ("abc...", readableName("abcdefg", 6));
-  EXPECT_EQ("\xC3\xA4\xC3\xB6\xC3\xBC...", readableName("\xC3\xA4\xC3\xB6\xC3\xBC\xC3\x9F!!!", 6));
+  Registry registry(1);
+  std::string name;
+  for (int i = 0; i < 41; ++i) name += "\xC3\xA4";
+  registry.addClass(registry.addApplication("shop"), name, "");
+  EXPECT_NE(std::string::npos, makeReport(registry).find(" " + name.substr(0, 37 * 2) + "...  "));
 }
 
 TEST(Report, EmptyRegistryHasNoTable) {

@@ -11,7 +11,7 @@
 #include "armtop/Metrics.h"
 #include "armtop/Poller.h"
 #include "armtop/View.h"
-#include "common/Text.h"
+#include "text/Columns.h"
 
 namespace {
 
@@ -279,7 +279,7 @@ TEST(TopView, NumbersHaveTwoOrThreeFigures) {
 }
 
 TEST(TopView, NamesCannotHarmTheTerminal) {
-  armtools::useLocale();
+  armtext::useLocale();
   const auto lines =
       armtop::tableLines({row("evil\x1b[2J\n", std::string(4000, 'x'), 1)}, nullptr, 20);
   ASSERT_EQ(2U, lines.size());

@@ -1,12 +1,15 @@
-#include "common/Text.h"
+#include "text/Columns.h"
 
 #include <wchar.h>
 
 #include <algorithm>
 #include <clocale>
 #include <cstdint>
+#include <string_view>
 
-namespace armtools {
+#include "text/Utf8.h"
+
+namespace armtext {
 
 namespace {
 
@@ -19,31 +22,22 @@ struct Character {
   bool printable = false;
 };
 
-/// Bytes of the UTF-8 character that begins with this byte, 0 when none does.
-std::size_t lengthBy(unsigned char first) {
-  if (first < 0x80) return 1;
-  if (first >= 0xC2 && first < 0xE0) return 2;
-  if (first >= 0xE0 && first < 0xF0) return 3;
-  return first >= 0xF0 && first < 0xF5 ? 4 : 0;
-}
-
-bool isScalar(uint32_t code, std::size_t bytes) {
-  constexpr uint32_t SMALLEST[] = {0, 0, 0x80, 0x800, 0x10000};
-  return code >= SMALLEST[bytes] && code <= 0x10FFFF && (code < 0xD800 || code > 0xDFFF);
-}
-
-Character characterAt(const std::string& utf8, std::size_t at) {
-  Character one;
-  const auto first = static_cast<unsigned char>(utf8[at]);
-  const std::size_t bytes = lengthBy(first);
-  if (bytes == 0 || at + bytes > utf8.size()) return one;
-  uint32_t code = bytes == 1 ? first : first & (0x7FU >> bytes);
-  for (std::size_t i = 1; i < bytes; ++i) {
-    const auto next = static_cast<unsigned char>(utf8[at + i]);
-    if ((next & 0xC0) != 0x80) return one;
-    code = code << 6 | (next & 0x3F);
+/// The number of a well-formed character.
+uint32_t codeOf(std::string_view character) {
+  const auto first = static_cast<unsigned char>(character[0]);
+  if (character.size() == 1) return first;
+  uint32_t code = first & (0x7FU >> character.size());
+  for (const char next : character.substr(1)) {
+    code = code << 6 | (static_cast<unsigned char>(next) & 0x3FU);
   }
-  if (!isScalar(code, bytes)) return one;
+  return code;
+}
+
+Character characterAt(std::string_view utf8, std::size_t at) {
+  Character one;
+  const std::size_t bytes = characterLength(utf8.substr(at));
+  if (bytes == 0) return one;
+  const uint32_t code = codeOf(utf8.substr(at, bytes));
   one.bytes = bytes;
   const bool control = code < 0x20 || (code >= 0x7F && code < 0xA0);
   // A locale without such characters knows no width of them.
@@ -93,11 +87,6 @@ std::string printable(const std::string& utf8, std::size_t limit) {
   return text;
 }
 
-std::string counted(unsigned long number, const std::string& singular) {
-  const bool hisses = !singular.empty() && singular.back() == 's';
-  return std::to_string(number) + " " + singular + (number == 1 ? "" : hisses ? "es" : "s");
-}
-
 std::string Table::text(const std::string& indent) const {
   std::vector<std::size_t> widths(align_.size(), 0);
   for (const auto& row : rows_) {
@@ -119,4 +108,4 @@ std::string Table::text(const std::string& indent) const {
   return text;
 }
 
-}  // namespace armtools
+}  // namespace armtext

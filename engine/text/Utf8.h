@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-namespace armengine {
+namespace armtext {
 
 /// Length of the well-formed UTF-8 character at the beginning of a text, 0 when there is none.
 std::size_t characterLength(std::string_view text);
@@ -12,4 +12,4 @@ std::size_t characterLength(std::string_view text);
 /// a program calls its transactions.
 std::string validUtf8(std::string_view text);
 
-}  // namespace armengine
+}  // namespace armtext

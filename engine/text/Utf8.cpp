@@ -1,8 +1,8 @@
-#include "registry/Utf8.h"
+#include "text/Utf8.h"
 
 #include <cstdint>
 
-namespace armengine {
+namespace armtext {
 
 namespace {
 
@@ -44,4 +44,4 @@ std::string validUtf8(std::string_view text) {
   return valid;
 }
 
-}  // namespace armengine
+}  // namespace armtext

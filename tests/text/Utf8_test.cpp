@@ -1,11 +1,11 @@
-#include "registry/Utf8.h"
+#include "text/Utf8.h"
 
 #include <gtest/gtest.h>
 
 namespace {
 
-using armengine::characterLength;
-using armengine::validUtf8;
+using armtext::characterLength;
+using armtext::validUtf8;
 
 TEST(Utf8, WellFormedTextStaysAsItIs) {
   const std::string text = "a\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80\x7F\x01";

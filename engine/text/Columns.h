@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-namespace armtools {
+namespace armtext {
 
 /// Takes over the user's locale, by which the width of characters is known.  Call it first.
 void useLocale();
@@ -15,9 +15,6 @@ std::size_t columnsOf(const std::string& utf8);
 /// A text for a terminal: control characters and broken UTF-8, which any program may have put there,
 /// become '?', and what passes the limit (in columns, at least 4) is cut to end in "...".
 std::string printable(const std::string& utf8, std::size_t limit);
-
-/// "1 user", "2 users".
-std::string counted(unsigned long number, const std::string& singular);
 
 /// A table with two blanks between its columns.  The first row is the heading.
 class Table {
@@ -35,4 +32,4 @@ class Table {
   std::vector<std::vector<std::string>> rows_;
 };
 
-}  // namespace armtools
+}  // namespace armtext
