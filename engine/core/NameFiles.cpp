@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "ipc/CIPCUtils.h"
+#include "platform/CkesSharedMemory.h"
 #include "platform/namefile.h"
 
 namespace armengine {

@@ -7,7 +7,7 @@
 
 #include "events/EventLines.h"
 #include "events/OutputFile.h"
-#include "registry/Dispatcher.h"
+#include "registry/Time.h"
 
 namespace armengine {
 

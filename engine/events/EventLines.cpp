@@ -5,6 +5,7 @@
 
 #include "arm/TArmMessage.h"
 #include "events/JsonWriter.h"
+#include "registry/Time.h"
 
 namespace armengine {
 
@@ -151,8 +152,8 @@ const char* nameOfEvent(int32_t type) {
 std::string timeText(uint64_t nanoseconds) {
   char text[40];
   (void)std::snprintf(text, sizeof text, "%llu.%09llu",
-                      static_cast<unsigned long long>(nanoseconds / 1'000'000'000),
-                      static_cast<unsigned long long>(nanoseconds % 1'000'000'000));
+                      static_cast<unsigned long long>(nanoseconds / SECOND),
+                      static_cast<unsigned long long>(nanoseconds % SECOND));
   return text;
 }
 

@@ -8,6 +8,7 @@
 
 #include "events/EventLines.h"
 #include "registry/Dispatcher.h"
+#include "registry/Time.h"
 #include "text/Hex.h"
 
 namespace armengine {
@@ -21,12 +22,12 @@ uint64_t timeOf(const Json& line) {
   const std::string text = line.at("time").get<std::string>();
   const std::size_t point = text.find('.');
   if (point == std::string::npos || text.size() != point + 10) throw std::invalid_argument("time");
-  return std::stoull(text.substr(0, point)) * 1'000'000'000 + std::stoull(text.substr(point + 1));
+  return std::stoull(text.substr(0, point)) * SECOND + std::stoull(text.substr(point + 1));
 }
 
 TArmTimeStamp stampOf(const Json& line) {
   const uint64_t time = timeOf(line);
-  return {static_cast<uint32_t>(time / 1'000'000'000), static_cast<uint32_t>(time % 1'000'000'000)};
+  return {static_cast<uint32_t>(time / SECOND), static_cast<uint32_t>(time % SECOND)};
 }
 
 int32_t number(const Json& line, const char* key) {

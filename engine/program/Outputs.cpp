@@ -1,7 +1,7 @@
 #include "program/Outputs.h"
 
 #include "program/Log.h"
-#include "registry/Dispatcher.h"
+#include "registry/Time.h"
 
 namespace armengine {
 

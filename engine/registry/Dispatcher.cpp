@@ -1,7 +1,6 @@
 #include "registry/Dispatcher.h"
 
 #include <cstring>
-#include <ctime>
 #include <limits>
 #include <string>
 #include <string_view>
@@ -82,12 +81,6 @@ std::size_t sizeOfUpdate(const TArmUpdateBody& body) {
 }
 
 }  // namespace
-
-uint64_t wallTime() {
-  timespec now = {};
-  (void)clock_gettime(CLOCK_REALTIME, &now);
-  return static_cast<uint64_t>(now.tv_sec) * SECOND + static_cast<uint64_t>(now.tv_nsec);
-}
 
 TArmReplyMessage Dispatcher::apply(const TArmMessage& request) {
   const TArmMessageBody& body = request.messages;

@@ -72,7 +72,4 @@ class Dispatcher {
   const uint8_t* payload_ = nullptr;
 };
 
-/// Nanoseconds since the epoch.
-uint64_t wallTime();
-
 }  // namespace armengine

@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <string>
 
 #include "registry/Time.h"
@@ -45,12 +44,6 @@ bool procIsOurs() {
 }
 
 }  // namespace
-
-uint64_t bootTime() {
-  timespec now = {};
-  (void)clock_gettime(CLOCK_BOOTTIME, &now);
-  return static_cast<uint64_t>(now.tv_sec) * SECOND + static_cast<uint64_t>(now.tv_nsec);
-}
 
 std::optional<uint64_t> startOfProcess(int32_t process) {
   static const bool ours = procIsOurs();

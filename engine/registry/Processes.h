@@ -13,9 +13,6 @@
 
 namespace armengine {
 
-/// Nanoseconds since the machine was started.
-uint64_t bootTime();
-
 /// When a process was started, as bootTime and rounded down to the kernel's tick; nothing when it
 /// has ended or cannot be seen.
 std::optional<uint64_t> startOfProcess(int32_t process);

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <numeric>
 
+#include "registry/Time.h"
 #include "text/Columns.h"
 
 namespace armengine {
@@ -81,13 +82,13 @@ void drawChildren(const TreeNode& parent, const std::string& indent, std::string
 }  // namespace
 
 std::string readableTime(uint64_t nanoseconds) {
-  constexpr uint64_t MINUTE = 60'000'000'000;
+  constexpr uint64_t MINUTE = 60 * SECOND;
   struct Unit {
     const char* name;
     double nanoseconds;
   };
   constexpr std::array<Unit, 2> LARGE_UNITS = {{{"s", 1e9}, {"ms", 1e6}}};
-  if (nanoseconds >= MINUTE) return inMinutes(nanoseconds / 1'000'000'000);
+  if (nanoseconds >= MINUTE) return inMinutes(nanoseconds / SECOND);
   for (const Unit& unit : LARGE_UNITS) {
     const double value = static_cast<double>(nanoseconds) / unit.nanoseconds;
     if (value >= 0.9995) return withDecimals(value, unit.name);

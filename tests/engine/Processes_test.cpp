@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "process.h"
+#include "registry/Time.h"
 
 namespace {
 
