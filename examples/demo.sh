@@ -44,6 +44,9 @@ if [ -n "${ARM_DEMO_LISTEN-}" ]; then
     read -r listening <&3 || die "the engine does not listen"
     url=${listening#armengine: listening on }
 fi
+cat <&3 >"$work/report" &
+reader=$!
+exec 3<&-
 echo "$ready"
 
 echo "reading every file below $directory: a 32-bit and a 64-bit program at once, 2 workers each"
@@ -88,24 +91,35 @@ where_to_look() {
     echo "  traces   $traces"
 }
 
+# A signal ends a wait, not the engine.
+await_engine() {
+    while :; do
+        wait "$engine"
+        engine_status=$?
+        [ "$engine_status" -gt 128 ] && kill -0 "$engine" 2>/dev/null || return
+    done
+}
+
 if [ -n "$keep" ]; then
     await_traces
+    # Here and not after the wait, which may begin when the key has been pressed.
+    trap 'echo; kill "$engine" 2>/dev/null' INT TERM
     echo
     echo "the engine stays until Ctrl-C; look at:"
     where_to_look
-    trap 'echo' INT TERM
-    wait "$engine"
+    await_engine
     # The report follows, however often the key is pressed.
     trap '' INT TERM
+else
+    kill "$engine" 2>/dev/null
+    await_engine
 fi
+engine=
 
 echo "stopping the engine, which saw:"
 echo
-kill "$engine" 2>/dev/null
-cat <&3
-wait "$engine"
-engine_status=$?
-engine=
+wait "$reader"
+cat "$work/report"
 [ "$engine_status" -eq 0 ] || die "the engine failed"
 
 echo
