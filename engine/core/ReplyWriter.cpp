@@ -1,16 +1,15 @@
 #include "core/ReplyWriter.h"
 
-#include <signal.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "core/NameFiles.h"
+#include "core/ProcessStat.h"
 #include "ipc/CIPCUtils.h"
 #include "ipc/RequestQueueLayout.h"
 #include "platform/semaphoreset.h"
@@ -30,10 +29,6 @@ unsigned long segmentSize(uint16_t requesters) {
 }
 
 }  // namespace
-
-bool isAlive(const TIPCIdentifier& requester) {
-  return requester.processId > 0 && (kill(requester.processId, 0) == 0 || errno == EPERM);
-}
 
 ReplyWriter::ReplyWriter(uint16_t requesters)
     : capacity_(requesters), memory_(REPLY_BASE, segmentSize(requesters), true) {
@@ -267,7 +262,7 @@ unsigned ReplyWriter::releaseDeparted() {
   bool alive = false;
   return releaseAll([&](const TIPCHeadItem& record) {
     const TIPCIdentifier owner = {loadShared(record.process_id), 0};
-    if (owner.processId != last.processId) alive = isAlive(owner);
+    if (owner.processId != last.processId) alive = processExists(owner.processId);
     last = owner;
     return !alive && semctl(set_, loadShared(record.semaphore), GETNCNT) <= 0;
   });

@@ -22,9 +22,6 @@ enum class Delivery {
   failed    ///< the queue could not be locked, or holds impossible values
 };
 
-/// Whether a requester's process lives, as far as can be seen.
-bool isAlive(const TIPCIdentifier& requester);
-
 /// A reply on its way, for those that are put together.
 struct Outgoing {
   TIPCIdentifier to;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "core/ProcessStat.h"
 #include "ipc/CIPCUtils.h"
 
 namespace armengine {
@@ -67,7 +68,9 @@ void Service::forgetUndelivered(const TIPCIdentifier& to) {
 }
 
 void Service::deliverAgain() {
-  const auto over = [this](Undelivered& one) { return deliver(one) || !isAlive(one.to); };
+  const auto over = [this](Undelivered& one) {
+    return deliver(one) || !processExists(one.to.processId);
+  };
   undelivered_.erase(std::remove_if(undelivered_.begin(), undelivered_.end(), over),
                      undelivered_.end());
 }

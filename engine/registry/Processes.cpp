@@ -1,14 +1,10 @@
 #include "registry/Processes.h"
 
-#include <fcntl.h>
-#include <signal.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <string>
 
+#include "core/ProcessStat.h"
 #include "registry/Time.h"
 
 namespace armengine {
@@ -17,24 +13,6 @@ namespace {
 
 /// A process that could never be seen may be one of another container.
 constexpr uint64_t PATIENCE_WITH_UNSEEN = 60 * SECOND;
-
-/// What of /proc/PID/stat follows the process's name, which may hold anything.
-std::string readStat(int32_t process) {
-  char path[32];
-  (void)std::snprintf(path, sizeof path, "/proc/%d/stat", process);
-  const int file = open(path, O_RDONLY | O_CLOEXEC);
-  if (file < 0) return {};
-  char text[1024];
-  const ssize_t length = read(file, text, sizeof text);
-  (void)close(file);
-  const std::string all(text, length > 0 ? static_cast<std::size_t>(length) : 0);
-  const std::size_t name_end = all.rfind(')');
-  return name_end == std::string::npos ? std::string() : all.substr(name_end + 1);
-}
-
-bool isVisible(int32_t process) {
-  return process > 0 && (kill(process, 0) == 0 || errno == EPERM);
-}
 
 /// Whether /proc shows the process numbers that requests carry.
 bool procIsOurs() {
@@ -48,21 +26,11 @@ bool procIsOurs() {
 std::optional<uint64_t> startOfProcess(int32_t process) {
   static const bool ours = procIsOurs();
   if (process <= 0) return std::nullopt;
-  if (!ours) {
-    return isVisible(process) ? std::optional<uint64_t>(0) : std::nullopt;
-  }
-  // Fields from the third on: 3 state, 20 threads, 22 start in ticks.
-  const std::string stat = readStat(process);
-  char state = 0;
-  long threads = 0;
-  unsigned long long ticks = 0;
-  constexpr const char* FIELDS =
-      " %c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*u %*u %*d %*d %*d %*d %ld %*d %llu";
-  if (std::sscanf(stat.c_str(), FIELDS, &state, &threads, &ticks) != 3) return std::nullopt;
-  // A zombie with other threads is a living process whose first thread has ended.
-  if ((state == 'Z' && threads <= 1) || state == 'X') return std::nullopt;
+  if (!ours) return processExists(process) ? std::optional<uint64_t>(0) : std::nullopt;
+  const auto stat = processStat(process);
+  if (!stat || stat->ended) return std::nullopt;
   static const auto ticks_per_second = static_cast<uint64_t>(sysconf(_SC_CLK_TCK));
-  return ticks * (SECOND / ticks_per_second);
+  return stat->start_ticks * (SECOND / ticks_per_second);
 }
 
 ProcessWatch::ProcessWatch(std::chrono::milliseconds between_looks)
@@ -79,7 +47,7 @@ ProcessWatch::~ProcessWatch() {
 
 void ProcessWatch::watchNew(int32_t process, uint64_t now) {
   // It lives, waiting for its answer: one that cannot be seen now is in another container.
-  watch(process, {now, isVisible(process), std::nullopt});
+  watch(process, {now, processExists(process), std::nullopt});
 }
 
 void ProcessWatch::lookAgain(const Departed& departed) {

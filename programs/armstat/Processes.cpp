@@ -2,18 +2,17 @@
 
 #include <dirent.h>
 #include <elf.h>
-#include <signal.h>
 #include <sys/ipc.h>
 #include <unistd.h>
 
 #include <cctype>
-#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 
 #include "armstat/Objects.h"
 #include "core/NameFiles.h"
+#include "core/ProcessStat.h"
 
 namespace armstat {
 
@@ -75,8 +74,9 @@ User describe(pid_t process, const std::string& own_namespace) {
 }  // namespace
 
 bool processLives(pid_t process) {
-  if (process <= 0 || (kill(process, 0) != 0 && errno != EPERM)) return false;
-  return processState(process) != 'Z';
+  if (!armengine::processExists(process)) return false;
+  const auto stat = armengine::processStat(process);
+  return !stat || !stat->ended;
 }
 
 std::string processName(pid_t process) {
@@ -86,9 +86,8 @@ std::string processName(pid_t process) {
 }
 
 char processState(pid_t process) {
-  const std::string stat = contentOf(inProc(process, "stat")).value_or("");
-  const std::size_t name_end = stat.rfind(") ");
-  return name_end != std::string::npos && name_end + 2 < stat.size() ? stat[name_end + 2] : '?';
+  const auto stat = armengine::processStat(process);
+  return stat ? stat->state : '?';
 }
 
 std::optional<bool> threadLives(pid_t process, uint32_t thread) {

@@ -1,9 +1,7 @@
 #include "registry/Processes.h"
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <signal.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -50,28 +48,8 @@ TEST(Processes, ZombieAndUnknownNumbersHaveNoStart) {
 }
 
 TEST(Processes, ProcessWhoseFirstThreadHasEndedLives) {
-  const pid_t child = forkChild([] {
-    pthread_t thread;
-    pthread_create(
-        &thread, nullptr,
-        [](void*) -> void* {
-          for (;;) pause();
-        },
-        nullptr);
-    return static_cast<int>(syscall(SYS_exit, 0));
-  });
+  const pid_t child = armtest::forkWithoutFirstThread();
   siginfo_t info = {};
-  // Its state is that of a zombie as soon as it has ended.
-  EXPECT_TRUE(waitUntil([child] {
-    const std::string path = "/proc/" + std::to_string(child) + "/stat";
-    char text[512] = {};
-    std::FILE* file = std::fopen(path.c_str(), "r");
-    if (file == nullptr) return false;
-    const bool zombie = std::fgets(text, sizeof text, file) != nullptr &&
-                        std::string(text).find(") Z ") != std::string::npos;
-    (void)std::fclose(file);
-    return zombie;
-  }));
   EXPECT_EQ(0, waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT | WNOHANG));
   EXPECT_EQ(0, info.si_pid);
   EXPECT_TRUE(startOfProcess(child));

@@ -1,14 +1,19 @@
 #pragma once
 
+#include <pthread.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <string>
 #include <utility>
 
 #include "watchdog.h"
@@ -57,6 +62,29 @@ bool waitUntil(Condition&& condition) {
     nanosleep(&pause, nullptr);
   }
   return true;
+}
+
+/// A process whose first thread has ended while another one goes on: /proc shows the state of a
+/// zombie.  To be killed and waited for.
+inline pid_t forkWithoutFirstThread() {
+  const pid_t child = forkChild([] {
+    pthread_t thread;
+    pthread_create(
+        &thread, nullptr,
+        [](void*) -> void* {
+          for (;;) pause();
+        },
+        nullptr);
+    return static_cast<int>(syscall(SYS_exit, 0));
+  });
+  const std::string path = "/proc/" + std::to_string(child) + "/stat";
+  const bool ended = waitUntil([&path] {
+    std::string stat;
+    std::getline(std::ifstream(path), stat);
+    return stat.find(") Z ") != std::string::npos;
+  });
+  if (!ended) std::fputs("the first thread has not ended\n", stderr);
+  return ended ? child : -1;
 }
 
 }  // namespace armtest
