@@ -30,6 +30,8 @@ class Server {
       const std::lock_guard<std::mutex> guard(mutex_);
       response.status = status;
       response.set_content(page_, "text/plain; version=0.0.4");
+      if (!next_.empty()) page_.swap(next_);
+      next_.clear();
     });
     port_ = server_.bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_.listen_after_bind(); });
@@ -43,6 +45,11 @@ class Server {
     const std::lock_guard<std::mutex> guard(mutex_);
     page_ = page;
   }
+  /// Shows a page from the second request on.
+  void showAfterOneLook(const std::string& page) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    next_ = page;
+  }
   void stop() {
     if (!thread_.joinable()) return;
     EXPECT_TRUE(waitUntil([this] { return server_.is_running(); }));
@@ -55,6 +62,7 @@ class Server {
   int port_;
   std::mutex mutex_;
   std::string page_;
+  std::string next_;
   std::thread thread_;
 };
 
@@ -116,13 +124,8 @@ TEST(Armtop, WithoutATerminalItPrintsOnce) {
 
 TEST(Armtop, OnceOverAWindowCountsWhatHappensMeanwhile) {
   Server server(classPage("shop", "order", 100, 0));
-  std::thread later([&server] {
-    const timespec pause = {0, 100000000};
-    nanosleep(&pause, nullptr);
-    server.show(classPage("shop", "order", 140, 10));
-  });
+  server.showAfterOneLook(classPage("shop", "order", 140, 10));
   const Ran ran = armtop("--once --window 1" + server.option());
-  later.join();
   const auto words = wordsOfLine(ran.out, {"shop"});
   ASSERT_GE(words.size(), 6U) << ran.out;
   EXPECT_EQ("40", words[2]);
