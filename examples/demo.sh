@@ -102,7 +102,7 @@ await_engine() {
 
 if [ -n "$keep" ]; then
     await_traces
-    # Here and not after the wait, which may begin when the key has been pressed.
+    # The key ends the engine and not the wait, which may begin after it has been pressed.
     trap 'echo; kill "$engine" 2>/dev/null' INT TERM
     echo
     echo "the engine stays until Ctrl-C; look at:"

@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "text/Hex.h"
+
 namespace {
 
 using armengine::Correlator;
@@ -69,6 +71,14 @@ TEST(Correlator, ChildrenOfOneThatIsNotTracedAreIgnored) {
   EXPECT_EQ(1, bytes[109]);
   EXPECT_EQ(0, bytes[3]);
   EXPECT_FALSE(decodeCorrelator(bytes)->traced);
+}
+
+TEST(Correlator, TextFormBeginsWithLengthFormatFlagsAndMagic) {
+  const CorrelatorBytes bytes = encodeCorrelator(sample());
+  const std::string text = armtext::hexText(bytes.data(), bytes.size());
+  EXPECT_EQ(336U, text.size());
+  EXPECT_EQ("00a8c18041524d43", text.substr(0, 16));
+  EXPECT_EQ(std::string(bytes.begin(), bytes.end()), armtext::bytesOfHex(text));
 }
 
 TEST(Correlator, Is168BytesAndSaysSo) {

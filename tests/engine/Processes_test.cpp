@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "core/ProcessStat.h"
 #include "process.h"
 #include "registry/Time.h"
 
@@ -49,6 +50,10 @@ TEST(Processes, ZombieAndUnknownNumbersHaveNoStart) {
 
 TEST(Processes, ProcessWhoseFirstThreadHasEndedLives) {
   const pid_t child = armtest::forkWithoutFirstThread();
+  const auto stat = armengine::processStat(child);
+  ASSERT_TRUE(stat);
+  EXPECT_EQ('Z', stat->state);
+  EXPECT_FALSE(stat->ended);
   siginfo_t info = {};
   EXPECT_EQ(0, waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT | WNOHANG));
   EXPECT_EQ(0, info.si_pid);

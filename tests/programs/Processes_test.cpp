@@ -25,6 +25,7 @@ TEST(Processes, OneThatWaitsForItsParentLivesNoMore) {
 
 TEST(Processes, OneWhoseFirstThreadHasEndedLives) {
   const pid_t child = armtest::forkWithoutFirstThread();
+  EXPECT_EQ('Z', processState(child));
   EXPECT_TRUE(processLives(child));
   kill(child, SIGKILL);
   armtest::exitCodeOf(child);

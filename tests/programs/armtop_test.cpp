@@ -7,6 +7,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "process.h"
@@ -30,8 +31,7 @@ class Server {
       const std::lock_guard<std::mutex> guard(mutex_);
       response.status = status;
       response.set_content(page_, "text/plain; version=0.0.4");
-      if (!next_.empty()) page_.swap(next_);
-      next_.clear();
+      if (!next_.empty()) page_ = std::exchange(next_, "");
     });
     port_ = server_.bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_.listen_after_bind(); });
