@@ -15,10 +15,6 @@ namespace bench {
 
 namespace {
 
-int setOf(const std::string& path, int project) {
-  return semget(ftok(path.c_str(), project), 0, 0);
-}
-
 bool operate(int set, sembuf* operations, std::size_t count) {
   while (semop(set, operations, count) != 0) {
     if (errno != EINTR) return false;
@@ -40,8 +36,9 @@ Road::Road(const Habits& habits)
     : habits_(habits),
       request_memory_(armengine::REQUEST_MEMORY_NAME, false),
       reply_memory_(armengine::REPLY_BASE, false),
-      empty_set_(setOf(armengine::nameFiles().empty, armengine::SET_PROJECT)),
-      wake_set_(setOf(armengine::nameFiles().replies, armengine::WAKE_SET_PROJECT)),
+      empty_set_(armengine::openSemaphoreSet(armengine::nameFiles().empty, armengine::SET_PROJECT)),
+      wake_set_(
+          armengine::openSemaphoreSet(armengine::nameFiles().replies, armengine::WAKE_SET_PROJECT)),
       taken_(habits.batch) {
   if (!isInitialized()) return;
   auto* request_start = static_cast<uint8_t*>(request_memory_.GetAddress());

@@ -26,9 +26,7 @@ bool sameFile(int file, const std::string& path) {
 }
 
 void removeSet(const std::string& path, int project) {
-  const key_t key = ftok(path.c_str(), project);
-  if (key == -1) return;
-  const int set = semget(key, 0, 0);
+  const int set = openSemaphoreSet(path, project);
   if (set != -1) (void)semctl(set, 0, IPC_RMID);
 }
 
@@ -92,14 +90,13 @@ bool PrefixLock::acquire(const std::string& path) {
 
 int liveEngine(const std::string& path) {
   constexpr int CREATOR = 1;
-  const key_t key = ftok(path.c_str(), SET_PROJECT);
-  const int set = key != -1 ? semget(key, 2, 0) : -1;
+  const int set = openSemaphoreSet(path, SET_PROJECT);
   if (set == -1 || semctl(set, CREATOR, GETVAL) < 2) return 0;
   return semctl(set, CREATOR, GETPID);
 }
 
-int openSemaphoreSet(const std::string& path) {
-  const key_t key = ftok(path.c_str(), SET_PROJECT);
+int openSemaphoreSet(const std::string& path, int project) {
+  const key_t key = ftok(path.c_str(), project);
   return key != -1 ? semget(key, 0, 0) : -1;
 }
 

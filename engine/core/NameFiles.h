@@ -65,8 +65,8 @@ class PrefixLock {
 /// The process of an engine that serves the path's request segment, 0 when none lives.
 int liveEngine(const std::string& path);
 
-/// The set of a named semaphore, -1 when there is none.
-int openSemaphoreSet(const std::string& path);
+/// The semaphore set at a path, -1 when there is none.
+int openSemaphoreSet(const std::string& path, int project);
 
 /// Removes the segment and the semaphore sets that a dead engine has left behind at a path.
 void removeLeftovers(const std::string& path);

@@ -33,7 +33,7 @@ RequestReader::RequestReader(uint16_t capacity)
           sizeof(TRequestQueueHeader) + capacity * static_cast<unsigned long>(sizeof(TArmMessage)),
           true) {
   if (!overflow_.IsInitialized() || !empty_.IsInitialized() || !memory_.IsInitialized()) return;
-  empty_set_ = openSemaphoreSet(nameFiles().empty);
+  empty_set_ = openSemaphoreSet(nameFiles().empty, SET_PROJECT);
   if (empty_set_ == -1) return;
   auto* start = static_cast<uint8_t*>(memory_.GetAddress());
   header_ = reinterpret_cast<TRequestQueueHeader*>(start);

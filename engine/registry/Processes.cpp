@@ -25,7 +25,6 @@ bool procIsOurs() {
 
 std::optional<uint64_t> startOfProcess(int32_t process) {
   static const bool ours = procIsOurs();
-  if (process <= 0) return std::nullopt;
   if (!ours) return processExists(process) ? std::optional<uint64_t>(0) : std::nullopt;
   const auto stat = processStat(process);
   if (!stat || stat->ended) return std::nullopt;

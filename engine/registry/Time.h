@@ -8,7 +8,8 @@ namespace armengine {
 /// A second in nanoseconds, in which the engine counts all times.
 constexpr uint64_t SECOND = 1'000'000'000;
 
-inline uint64_t timeOf(clockid_t clock) {
+/// What a clock shows.
+inline uint64_t readClock(clockid_t clock) {
   timespec now = {};
   (void)clock_gettime(clock, &now);
   return static_cast<uint64_t>(now.tv_sec) * SECOND + static_cast<uint64_t>(now.tv_nsec);
@@ -16,12 +17,12 @@ inline uint64_t timeOf(clockid_t clock) {
 
 /// Since the machine was started.
 inline uint64_t bootTime() {
-  return timeOf(CLOCK_BOOTTIME);
+  return readClock(CLOCK_BOOTTIME);
 }
 
 /// Since the epoch.
 inline uint64_t wallTime() {
-  return timeOf(CLOCK_REALTIME);
+  return readClock(CLOCK_REALTIME);
 }
 
 }  // namespace armengine

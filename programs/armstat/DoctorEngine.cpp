@@ -238,7 +238,7 @@ Findings checkKeys(const Picture& picture) {
   for (const std::string& file : filesInDirectory()) {
     if (file.compare(0, 9, "controls_") != 0) continue;
     const std::string path = std::string(armengine::NAME_DIRECTORY) + "/" + file;
-    const key_t key = ftok(path.c_str(), 1);
+    const key_t key = ftok(path.c_str(), armengine::SET_PROJECT);
     if (key == -1) continue;
     const auto [place, is_new] = known.emplace(key, path);
     if (is_new) continue;

@@ -55,9 +55,9 @@ User describe(pid_t process, const std::string& own_namespace) {
   user.name = processName(process);
   const std::string space = linkOf(inProc(process, "ns/ipc"));
   user.other_ipc = !space.empty() && space != own_namespace;
-  const std::string file = std::string(armengine::NAME_DIRECTORY);
-  const key_t own = ftok(file.c_str(), 1);
-  const key_t other = ftok(inProc(process, "root" + file).c_str(), 1);
+  const std::string file = armengine::NAME_DIRECTORY;
+  const key_t own = ftok(file.c_str(), armengine::SET_PROJECT);
+  const key_t other = ftok(inProc(process, "root" + file).c_str(), armengine::SET_PROJECT);
   if (own != -1 && other != -1) user.same_key = own == other;
   const auto environment = contentOf(inProc(process, "environ"));
   user.prefix_known = environment.has_value();
