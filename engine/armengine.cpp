@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "events/Replay.h"
+#include "program/LockWatch.h"
 #include "program/Log.h"
 #include "program/Options.h"
 #include "program/Outputs.h"
@@ -84,6 +85,7 @@ bool serve(const armengine::CommandLine& line, armengine::EngineQueues& queues,
   armengine::Dispatcher dispatcher(registry, &outputs.events(), &watch);
   armengine::Service service(queues, dispatcher);
   const SignalWaiter waiter(queues.requests(), outputs);
+  const armengine::LockWatch locks(queues);
   outputs.show(&queues);
   announce(line, queues, outputs.url());
   const bool interrupted = service.run();

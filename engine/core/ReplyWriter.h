@@ -77,6 +77,8 @@ class ReplyWriter {
   /// end of their process, and claim another one when they call again.  Returns the records freed.
   unsigned reclaimIdle();
 
+  /// The semaphore set whose semaphore 0 is the segment's lock.
+  int lockSet() const { return memory_.GetSetId(); }
   /// Items that hold a reply now.
   unsigned usedItems() const;
   /// Head records that belong to a requester now.

@@ -51,6 +51,8 @@ class RequestReader {
   /// Ends the current or the next wait of take.
   void interrupt();
 
+  /// The semaphore set whose semaphore 0 is the segment's lock.
+  int lockSet() const { return memory_.GetSetId(); }
   /// Requests in the queue now.
   unsigned depth() const;
   uint16_t capacity() const { return capacity_; }

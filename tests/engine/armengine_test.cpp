@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/sem.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "armext.h"
@@ -325,6 +327,50 @@ TEST(ArmEngine, StopFromOutsideEndsItWithASentence) {
   expectNothingLeft();
   EXPECT_EQ("armengine: the queues were stopped or removed from outside\n",
             runShell("cat " + errors).out);
+}
+
+// Semaphore 0 of a segment's set (project 1) is its lock.
+class LockHolder {
+ public:
+  explicit LockHolder(const std::string& queue)
+      : set_(armtest::setAt(controlPath(queue), 1)), process_(forkChild([this] {
+          sembuf take[] = {{0, 0, 0}, {0, 1, SEM_UNDO}};
+          if (semop(set_, take, 2) != 0) return 1;
+          return raise(SIGSTOP);
+        })) {
+    EXPECT_TRUE(waitUntil([this] { return armtest::semaphoreValue(set_, 0) == 1; }));
+  }
+  ~LockHolder() {
+    kill(process_, SIGKILL);
+    (void)armtest::exitCodeOf(process_);
+  }
+  pid_t process() const { return process_; }
+
+ private:
+  int set_;
+  pid_t process_;
+};
+
+TEST(ArmEngine, StoppedProgramThatHoldsALockIsNamedAndItsEndIsTold) {
+  const std::string errors = "/tmp/engine-errors";
+  const auto told = [&errors](const std::string& words) {
+    return waitUntil([&] { return linesWith(runShell("cat " + errors).out, words) == 1; });
+  };
+  for (const auto& [object, queue] :
+       {std::pair("ae.kelp_mem", "request queue"), std::pair("ea.kelp", "reply queue")}) {
+    ASSERT_NE(nullptr, freopen(errors.c_str(), "w", stderr));
+    EngineProcess engine;
+    const auto lock = "the lock of the " + std::string(queue);
+    {
+      const LockHolder holder(object);
+      EXPECT_TRUE(told("every call waits: " + lock + " has been held for a second by process " +
+                       std::to_string(holder.process())));
+      EXPECT_TRUE(told("which is stopped; let it go on (kill -CONT) or end it"));
+    }
+    EXPECT_TRUE(told(lock + " is free again"));
+    EXPECT_TRUE(registered());
+    EXPECT_EQ(0, engine.end(SIGTERM));
+  }
 }
 
 TEST(ArmEngine, ReaderOfItsOutputThatGoesAwayDoesNotStopIt) {

@@ -30,7 +30,7 @@ debian_changelog() {
             finish_item()
             if (date != "") printf "\n -- %s  %s\n\n", maintainer, date
         }
-        /^## / {
+        /^## [0-9]/ {
             finish_section()
             command = "LC_ALL=C date -u -R -d " substr($3, 2, length($3) - 2)
             command | getline date
