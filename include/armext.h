@@ -92,8 +92,9 @@ arm_int32_t arm_associateMetricData(arm_int32_t tran_handle, const void* buffer,
 const char* arm_getCorrelatorKey(void);
 
 /**
- * Names the code set of the strings that the registration calls convert; null means the default
- * code set of the process's locale.  Takes effect only before the first conversion.
+ * Names the code set of the strings that the registration calls convert; null means ICU's default
+ * one: that of the process's locale, or UTF-8 where ICU was built so, as Debian's is.  Takes effect
+ * only before the first conversion.
  *
  * Returns 0; -3 when the converter's data directory could not be put into the environment; -1003
  * when the code set is unknown (no converter is open then); -3004 when a converter is already open
