@@ -157,7 +157,8 @@ void writeXMLMsg(int file, const char* text, int kind, const char* stamp, uint32
   if (kind == CONTINUATION) return;
   writeString(file, VXMLPart1);
   char millis[48];
-  (void)std::snprintf(millis, sizeof millis, "%13.0f", seconds * 1000.0 + milliseconds);
+  // What a double would be printed as, without touching the host's floating-point unit.
+  (void)std::snprintf(millis, sizeof millis, "%13llu", seconds * 1000ULL + milliseconds);
   writeString(file, millis);
   writeString(file, VXMLPart2);
   writeString(file, stamp);

@@ -73,11 +73,11 @@ class CIPCSimpleQueue {
   bool open(const char* name);
   bool openSegment(const char* name);
   void closeAll();
-  bool ringIsDamaged() const;
   TRingPosition position() const;
-  void setPosition(TRingPosition position);
-  void placeAtTail(const T& record, std::size_t used);
-  void placeAtHead(const T& record, std::size_t used);
+  bool isDamaged(TRingPosition ring) const;
+  long place(const T& record, std::size_t used, bool front);
+  TRingPosition placeAtTail(TRingPosition ring, const T& record, std::size_t used);
+  TRingPosition placeAtHead(TRingPosition ring, const T& record, std::size_t used);
   void copyToSlot(uint16_t slot, const T& record, std::size_t used);
   void wakeOrDrain();
   long wakeAll();
@@ -212,14 +212,9 @@ long CIPCSimpleQueue<T>::PrivatePut(const T& message, std::size_t used, bool fro
     result = CkesErrorManager::Record(ERR_STATE, PRIVATE_PUT);
   } else if ((result = CheckOverflow(VOverflowWait)) != 0) {
     (void)CkesErrorManager::AddFunction(PRIVATE_PUT);
-  } else if (ringIsDamaged()) {
-    result = CkesErrorManager::Record(ERR_DAMAGED, PRIVATE_PUT);
+  } else if ((result = place(message, used, front)) != 0) {
+    (void)CkesErrorManager::Record(result, PRIVATE_PUT);
   } else {
-    if (front) {
-      placeAtHead(message, used);
-    } else {
-      placeAtTail(message, used);
-    }
     wakeOrDrain();
   }
   const long unlocked = VSharedMemory->Unlock();
@@ -228,46 +223,49 @@ long CIPCSimpleQueue<T>::PrivatePut(const T& message, std::size_t used, bool fro
   return unlocked;
 }
 
-/// Every process of the machine may write to the segment: nothing in it is used as an index unseen.
-template <typename T>
-bool CIPCSimpleQueue<T>::ringIsDamaged() const {
-  return count() >= VCapacity || loadShared(VHeader->head) >= VCapacity ||
-         loadShared(VHeader->tail) >= VCapacity;
-}
-
-template <typename T>
-void CIPCSimpleQueue<T>::copyToSlot(uint16_t slot, const T& message, std::size_t used) {
-  if (slot >= VCapacity) return;
-  uint8_t* target = VSlots + static_cast<std::size_t>(slot) * sizeof(T);
-  std::memcpy(target, &message, used);
-  std::memset(target + used, 0, sizeof(T) - used);
-}
-
 template <typename T>
 TRingPosition CIPCSimpleQueue<T>::position() const {
   return {loadShared(VHeader->count), loadShared(VHeader->head), loadShared(VHeader->tail),
           loadShared(VHeader->padding)};
 }
 
-/// One store: a writer that is killed leaves a record that counts, or none.  A tail that has moved
-/// without the count would make the next writer's record one that nobody reads.
+/// Every process of the machine may write to the segment: nothing in it is used as an index unseen.
 template <typename T>
-void CIPCSimpleQueue<T>::setPosition(TRingPosition position) {
-  __atomic_store(reinterpret_cast<TRingPosition*>(VHeader), &position, __ATOMIC_RELEASE);
+bool CIPCSimpleQueue<T>::isDamaged(TRingPosition ring) const {
+  return ring.count >= VCapacity || ring.head >= VCapacity || ring.tail >= VCapacity;
+}
+
+/// Copies the record into its slot and moves the position.  One store: a writer that is killed leaves a
+/// record that counts, or none.  A tail that has moved without the count would make the next writer's
+/// record one that nobody reads.
+template <typename T>
+long CIPCSimpleQueue<T>::place(const T& message, std::size_t used, bool front) {
+  const TRingPosition ring = position();
+  if (isDamaged(ring)) return ERR_DAMAGED;
+  const TRingPosition next =
+      front ? placeAtHead(ring, message, used) : placeAtTail(ring, message, used);
+  return storeOnce(*reinterpret_cast<TRingPosition*>(VHeader), ring, next) ? 0 : ERR_DAMAGED;
 }
 
 template <typename T>
-void CIPCSimpleQueue<T>::placeAtTail(const T& message, std::size_t used) {
-  TRingPosition ring = position();
+void CIPCSimpleQueue<T>::copyToSlot(uint16_t slot, const T& message, std::size_t used) {
+  uint8_t* target = VSlots + static_cast<std::size_t>(slot) * sizeof(T);
+  std::memcpy(target, &message, used);
+  std::memset(target + used, 0, sizeof(T) - used);
+}
+
+template <typename T>
+TRingPosition CIPCSimpleQueue<T>::placeAtTail(TRingPosition ring, const T& message,
+                                              std::size_t used) {
   copyToSlot(ring.tail, message, used);
   ring.tail = static_cast<uint16_t>((ring.tail + 1U) % VCapacity);
   ++ring.count;
-  setPosition(ring);
+  return ring;
 }
 
 template <typename T>
-void CIPCSimpleQueue<T>::placeAtHead(const T& message, std::size_t used) {
-  TRingPosition ring = position();
+TRingPosition CIPCSimpleQueue<T>::placeAtHead(TRingPosition ring, const T& message,
+                                              std::size_t used) {
   if (ring.count == 0) {
     ring.tail = static_cast<uint16_t>((ring.tail + 1U) % VCapacity);
   } else {
@@ -275,7 +273,7 @@ void CIPCSimpleQueue<T>::placeAtHead(const T& message, std::size_t used) {
   }
   copyToSlot(ring.head, message, used);
   ++ring.count;
-  setPosition(ring);
+  return ring;
 }
 
 /// After a put: wakes the reader of a queue that was empty; else drains the overflow semaphore of
