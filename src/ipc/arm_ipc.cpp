@@ -199,11 +199,12 @@ long IPCGetFromEngine(TArmReplyMessage& reply) {
   return IPCGetFromEngine(reply, GetIpcIdentifier());
 }
 
-long IPCGetFromEngine(TArmReplyMessage& reply, _TIPCIdentifier id, int engine) {
+long IPCGetFromEngine(TArmReplyMessage& reply, _TIPCIdentifier id, int engine, bool* closed) {
   passEntryGate();
   CSharedQueue<TReplyQueue>* queue = enter(InQueueMutex, InQueueCount, InQueue);
   long result = NO_ENGINE;
   const bool fits = queue != nullptr && (engine == ANY_ENGINE || engine == queue->Engine());
+  if (closed != nullptr) *closed = !fits;
   if (fits && queue->CreatorAlive()) {
     result = queue->Get(id, reply) == 0 ? 0 : QUEUE_FAILED;
   }

@@ -59,8 +59,10 @@ bool IPCIsOpenTo(int engine);
 /// Waits, without a time limit, for the next reply addressed to the calling thread, or to id.  0,
 /// -2 (no queue, its creator is dead, or the connection has been opened to another engine than the one
 /// given) or -9.
+///   closed  set when there is no queue, or only one of another engine; may be null
 long IPCGetFromEngine(TArmReplyMessage& reply);
-long IPCGetFromEngine(TArmReplyMessage& reply, _TIPCIdentifier id, int engine = ANY_ENGINE);
+long IPCGetFromEngine(TArmReplyMessage& reply, _TIPCIdentifier id, int engine = ANY_ENGINE,
+                      bool* closed = nullptr);
 
 /// True when the request queue is open, its creator alive and its version word 50300.
 bool IsEngineAlive();

@@ -820,4 +820,67 @@ TEST_F(Connection, WaitThatFindsOnlyTheReplyQueueDeadGivesUp) {
   EXPECT_EQ(-2, callOnce());
 }
 
+// ---- dead between a post and its wait -----------------------------------------------------------
+
+class DeadEngine : public Connection {
+ protected:
+  DeadEngine() {
+    EXPECT_EQ(0, CheckEngineStatus());
+    hooks::onUsleep = [this](useconds_t) { ++naps; };
+  }
+
+  /// The engine dies when the next call has posted its request and is about to wait.
+  void dieBeforeTheNextWait() {
+    hooks::onLock = [this](CkesMutex* mutex) {
+      if (mutex == &IsClosingMutex) ++gates;
+      if (mutex != &InQueueMutex) return;
+      requests->creatorDies();
+      replies->creatorDies();
+    };
+    hooks::onSemop = [this](int, const sembuf*, size_t) {
+      ++semops;
+      return hooks::kRunIt;
+    };
+    hooks::onSemctl = [this](int, int, int command) {
+      if (command == GETVAL) ++looks;
+      return 0;
+    };
+  }
+
+  int gates = 0;
+  int semops = 0;
+  int looks = 0;
+  std::atomic<int> naps{0};
+};
+
+TEST_F(DeadEngine, EndsTheCallWithMinus2AndNoSecondLook) {
+  dieBeforeTheNextWait();
+  EXPECT_EQ(-2, callOnce());
+  EXPECT_EQ(3, gates) << "the status check, the post and the wait";
+  EXPECT_EQ(5, semops) << "the ring's lock and the wake-up";
+  EXPECT_EQ(4, looks) << "each of the three looks once, the wake-up too";
+  EXPECT_EQ(1, requests->count());
+  EXPECT_NE(nullptr, OutQueue) << "the next call's status check closes";
+  EXPECT_TRUE(IPCInitialized);
+}
+
+TEST_F(DeadEngine, WritesNothingIntoTheTraceOfASilentCall) {
+  const TraceLog log;
+  dieBeforeTheNextWait();
+  EXPECT_EQ(-2, arm_completeTransactionInstance(5, 0, 0));
+  EXPECT_EQ(Lines{}, statusLines(log));
+}
+
+TEST_F(DeadEngine, DoesNotMakeTheCallWaitForOtherThreads) {
+  std::future<Bytes> got = startGet();
+  dieBeforeTheNextWait();
+  EXPECT_EQ(-2, callOnce());
+  EXPECT_EQ(0, naps);
+  hooks::onLock = nullptr;
+  hooks::onSemop = nullptr;
+  hooks::onSemctl = nullptr;
+  replies->reply(0, replyRecord(82));
+  EXPECT_EQ(replyRecord(82), got.get());
+}
+
 }  // namespace
