@@ -75,11 +75,11 @@ class CIPCSimpleQueue {
   void closeAll();
   TRingPosition position() const;
   bool isDamaged(TRingPosition ring) const;
-  long place(const T& record, std::size_t used, bool front);
+  bool place(const T& record, std::size_t used, bool front);
   TRingPosition placeAtTail(TRingPosition ring, const T& record, std::size_t used);
   TRingPosition placeAtHead(TRingPosition ring, const T& record, std::size_t used);
   void copyToSlot(uint16_t slot, const T& record, std::size_t used);
-  void wakeOrDrain();
+  void wakeOrDrain(uint16_t now);
   long wakeAll();
   static long postTimes(CkesSemaphore* semaphore, uint32_t times);
   uint32_t state() const { return loadShared(VHeader->state); }
@@ -212,10 +212,8 @@ long CIPCSimpleQueue<T>::PrivatePut(const T& message, std::size_t used, bool fro
     result = CkesErrorManager::Record(ERR_STATE, PRIVATE_PUT);
   } else if ((result = CheckOverflow(VOverflowWait)) != 0) {
     (void)CkesErrorManager::AddFunction(PRIVATE_PUT);
-  } else if ((result = place(message, used, front)) != 0) {
-    (void)CkesErrorManager::Record(result, PRIVATE_PUT);
-  } else {
-    wakeOrDrain();
+  } else if (!place(message, used, front)) {
+    result = CkesErrorManager::Record(ERR_DAMAGED, PRIVATE_PUT);
   }
   const long unlocked = VSharedMemory->Unlock();
   if (unlocked == 0) return result;
@@ -235,16 +233,19 @@ bool CIPCSimpleQueue<T>::isDamaged(TRingPosition ring) const {
   return ring.count >= VCapacity || ring.head >= VCapacity || ring.tail >= VCapacity;
 }
 
-/// Copies the record into its slot and moves the position.  One store: a writer that is killed leaves a
+/// Copies the record into its slot, moves the position and wakes whom that concerns; false when the
+/// segment holds what cannot be.  One store: a writer that is killed leaves a
 /// record that counts, or none.  A tail that has moved without the count would make the next writer's
 /// record one that nobody reads.
 template <typename T>
-long CIPCSimpleQueue<T>::place(const T& message, std::size_t used, bool front) {
+bool CIPCSimpleQueue<T>::place(const T& message, std::size_t used, bool front) {
   const TRingPosition ring = position();
-  if (isDamaged(ring)) return ERR_DAMAGED;
+  if (isDamaged(ring)) return false;
   const TRingPosition next =
       front ? placeAtHead(ring, message, used) : placeAtTail(ring, message, used);
-  return storeOnce(*reinterpret_cast<TRingPosition*>(VHeader), ring, next) ? 0 : ERR_DAMAGED;
+  if (!storeOnce(*reinterpret_cast<TRingPosition*>(VHeader), next)) return false;
+  wakeOrDrain(next.count);
+  return true;
 }
 
 template <typename T>
@@ -279,8 +280,7 @@ TRingPosition CIPCSimpleQueue<T>::placeAtHead(TRingPosition ring, const T& messa
 /// After a put: wakes the reader of a queue that was empty; else drains the overflow semaphore of
 /// one that is full now, so that the next writer that has to wait really blocks.
 template <typename T>
-void CIPCSimpleQueue<T>::wakeOrDrain() {
-  const uint16_t now = count();
+void CIPCSimpleQueue<T>::wakeOrDrain(uint16_t now) {
   if (now == 1) {
     (void)VEmptySem->Post(1);
   } else if (now == VCapacity) {

@@ -19,30 +19,46 @@ void storeShared(T& word, T value) {
   __atomic_store_n(&word, value, __ATOMIC_RELAXED);
 }
 
-/// Replaces eight aligned bytes of shared memory with one store, whatever stands there; seen is what
-/// was read there last.  False, with nothing stored, when others keep changing them.
+#if !defined(__LP64__)
+
+using TSharedHalf [[gnu::may_alias]] = uint32_t;
+using TSharedWhole [[gnu::may_alias]] = uint64_t;
+
+/// What stands in eight bytes, read in halves.
+inline uint64_t seenIn(const void* target) {
+  const auto* halves = static_cast<const TSharedHalf*>(target);
+  return __atomic_load_n(&halves[0], __ATOMIC_RELAXED) |
+         uint64_t{__atomic_load_n(&halves[1], __ATOMIC_RELAXED)} << 32;
+}
+
+/// Replaces what others keep changing; false when they do not let up.
+[[nodiscard, gnu::noinline, gnu::cold]] inline bool storeAmongOthers(void* target, uint64_t value) {
+  for (int attempts = 100; attempts > 0; --attempts) {
+    const uint64_t seen = seenIn(target);
+    if (__sync_bool_compare_and_swap(static_cast<TSharedWhole*>(target), seen, value)) return true;
+  }
+  return false;
+}
+
+#endif
+
+/// Replaces eight aligned bytes of shared memory with one store.  False, with nothing stored, when
+/// others keep changing them.
 ///
 /// Only the general registers take part: a host may have traps on and an exception pending in its
 /// floating-point unit, or leave no room there.
 template <typename T>
-[[nodiscard]] bool storeOnce(T& target, [[maybe_unused]] T seen, T value) {
+[[nodiscard]] bool storeOnce(T& target, T value) {
   static_assert(sizeof(T) == 8 && alignof(T) == 8);
 #if defined(__LP64__)
   __atomic_store(&target, &value, __ATOMIC_RELEASE);
   return true;
 #else
-  using TWords [[gnu::may_alias]] = uint64_t;
-  uint64_t expected = 0;
   uint64_t wanted = 0;
-  std::memcpy(&expected, &seen, sizeof expected);
   std::memcpy(&wanted, &value, sizeof wanted);
-  for (int attempts = 100; attempts > 0; --attempts) {
-    // gcc calls a library for the __atomic form when it is kept from the floating-point unit.
-    const uint64_t found =
-        __sync_val_compare_and_swap(reinterpret_cast<TWords*>(&target), expected, wanted);
-    if (found == expected) return true;
-    expected = found;
-  }
-  return false;
+  void* start = &target;
+  // gcc calls a library for the __atomic form when it is kept from the floating-point unit.
+  return __sync_bool_compare_and_swap(static_cast<TSharedWhole*>(start), seenIn(start), wanted) ||
+         storeAmongOthers(start, wanted);
 #endif
 }

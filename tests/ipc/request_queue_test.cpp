@@ -884,16 +884,4 @@ TEST_F(RequestQueuePut, AnyHeaderLeavesTheMemoryBehindTheRingAlone) {
   }
 }
 
-// ---- the one store ------------------------------------------------------------------------------
-
-TEST(RingPosition, IsStoredWhateverStandsThereByNow) {
-  TRingPosition shared = {1, 2, 3, 4};
-  const TRingPosition seen = {1, 2, 2, 4};
-  EXPECT_TRUE(storeOnce(shared, seen, TRingPosition{5, 6, 7, 8}));
-  EXPECT_EQ(5, shared.count);
-  EXPECT_EQ(6, shared.head);
-  EXPECT_EQ(7, shared.tail);
-  EXPECT_EQ(8, shared.padding);
-}
-
 }  // namespace
