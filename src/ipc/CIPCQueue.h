@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <new>
@@ -90,7 +91,7 @@ class CIPCQueue {
   long sleepOn(TIPCHeadItem& head, bool* left);
   long cancelled(TIPCHeadItem& head);
   long take(TIPCHeadItem& head, bool byIndex, T& reply);
-  TItem* itemAt(uint32_t offset);
+  uint8_t* itemAt(uint32_t offset);
   bool implWaitOn(unsigned short semaphore);
   bool implRaise(unsigned short semaphore, int by);
   int implWaiters(unsigned short semaphore) const;
@@ -115,7 +116,6 @@ class CIPCQueue {
   CkesSharedMemory* VSharedMemory;
   TReplyQueueHeader* VHeader;
   TIPCHeadItem* VHeads;
-  uint8_t* VItems;
   int VSemaphores;
 };
 
@@ -127,7 +127,6 @@ CIPCQueue<T>::CIPCQueue(const char* name, bool remove)
       VSharedMemory(nullptr),
       VHeader(nullptr),
       VHeads(nullptr),
-      VItems(nullptr),
       VSemaphores(-1) {
   if (VDebugRun) {
     traceFormat("%s ENTER, name[%s] remove[%d]\n", CONSTRUCTOR, name, static_cast<int>(remove));
@@ -169,7 +168,6 @@ void CIPCQueue<T>::attachFields() {
   VCapacity = replyQueueCapacity(VSharedMemory->GetSize(), sizeof(T));
   VHeader = reinterpret_cast<TReplyQueueHeader*>(start);
   VHeads = reinterpret_cast<TIPCHeadItem*>(start + sizeof(TReplyQueueHeader));
-  VItems = start + sizeof(TReplyQueueHeader) + VCapacity * sizeof(TIPCHeadItem);
 }
 
 /// Gives a queue up that is not running.
@@ -189,7 +187,6 @@ void CIPCQueue<T>::dropSegment() {
   VSharedMemory = nullptr;
   VHeader = nullptr;
   VHeads = nullptr;
-  VItems = nullptr;
 }
 
 template <typename T>
@@ -285,11 +282,14 @@ long CIPCQueue<T>::cancelled(TIPCHeadItem& head) {
 template <typename T>
 long CIPCQueue<T>::take(TIPCHeadItem& head, bool byIndex, T& reply) {
   const uint32_t offset = loadShared(head.first_reply);
-  TItem* item = itemAt(offset);
+  uint8_t* item = itemAt(offset);
   if (item == nullptr) return ERR_DAMAGED;
-  std::memcpy(&reply, &item->record, sizeof(T));
-  storeShared(head.first_reply, loadShared(item->next));
-  storeShared(item->next, loadShared(VHeader->free_list));
+  std::memcpy(&reply, item, sizeof(T));
+  uint32_t next = 0;
+  const uint32_t free = loadShared(VHeader->free_list);
+  std::memcpy(&next, item + offsetof(TItem, next), sizeof next);
+  std::memcpy(item + offsetof(TItem, next), &free, sizeof free);
+  storeShared(head.first_reply, next);
   storeShared(VHeader->free_list, offset);
   const auto used = static_cast<uint16_t>(loadShared(VHeader->used_items) - 1U);
   storeShared(VHeader->used_items, used);
@@ -305,14 +305,15 @@ long CIPCQueue<T>::take(TIPCHeadItem& head, bool byIndex, T& reply) {
   return result;
 }
 
-/// The item at an offset, null when no item begins there.
+/// The item at an offset, null when it would not lie in the segment, behind the header.  Where items
+/// begin is the engine's affair: its layout may be smaller than the segment, which it may have found.
 template <typename T>
-typename CIPCQueue<T>::TItem* CIPCQueue<T>::itemAt(uint32_t offset) {
-  const auto first =
-      static_cast<uint32_t>(sizeof(TReplyQueueHeader) + VCapacity * sizeof(TIPCHeadItem));
-  if (offset < first || (offset - first) % sizeof(TItem) != 0) return nullptr;
-  if ((offset - first) / sizeof(TItem) >= VCapacity) return nullptr;
-  return reinterpret_cast<TItem*>(VItems + (offset - first));
+uint8_t* CIPCQueue<T>::itemAt(uint32_t offset) {
+  const unsigned long size = VSharedMemory->GetSize();
+  if (offset < sizeof(TReplyQueueHeader) || offset > size || size - offset < sizeof(TItem)) {
+    return nullptr;
+  }
+  return static_cast<uint8_t*>(VSharedMemory->GetAddress()) + offset;
 }
 
 template <typename T>

@@ -828,11 +828,10 @@ TEST_F(ReplyQueueGet, ByIndexDoesNotAskForSleepers) {
 
 // ---- hostile values -----------------------------------------------------------------------------
 
-TEST_F(ReplyQueueGet, OffsetsThatAreNoItemsAreRefused) {
+TEST_F(ReplyQueueGet, OffsetsOfItemsThatAreNotBehindTheHeaderAndInTheSegmentAreRefused) {
   claimForMe();
-  const uint32_t first = 12 + 3 * 16;
-  const uint32_t end = first + 3 * 532;
-  for (const uint32_t offset : {1U, 12U, first - 1, first + 1, first + 528, end - 1, end, end + 532,
+  const uint32_t end = 12 + 3 * 16 + 3 * 532;
+  for (const uint32_t offset : {1U, 11U, end - 531, end - 4, end - 1, end, end + 1, end + 532,
                                 0x7FFFFFFFU, 0x80000000U, 0xFFFFFFFFU, 0xFFFFFFFFU - 531}) {
     replies.setFirstReply(0, offset);
     replies.setUsedItems(1);
@@ -853,6 +852,27 @@ TEST_F(ReplyQueueGet, LastItemIsOne) {
   replies.setFirstReply(0, 12 + 3 * 16 + 2 * 532);
   replies.waits.setValue(2, 1);
   EXPECT_EQ(0, get(kMe, -1).result);
+}
+
+TEST_F(ReplyQueueGet, ItemsLieWhereTheEngineHasPutThem) {
+  claimForMe();
+  uint32_t free = replies.freeList();
+  for (const uint32_t offset : {12U + 16, 12U + 3 * 16 + 1, 12U + 3 * 16 + 2 * 532 - 3}) {
+    std::memcpy(replies.memory.at(offset), replyRecord(7, 1, 5).data(), 528);
+    const uint32_t next = offset + 1;
+    std::memcpy(replies.memory.at(offset + 528), &next, 4);
+    replies.setFirstReply(0, offset);
+    replies.setUsedItems(1);
+    replies.waits.setValue(2, 1);
+    const Outcome got = get(kMe, -1);
+    EXPECT_EQ(0, got.result) << offset;
+    EXPECT_EQ(replyRecord(7, 1, 5), got.reply) << offset;
+    EXPECT_EQ(next, replies.firstReply(0)) << offset;
+    EXPECT_EQ(offset, replies.freeList());
+    EXPECT_EQ(0, std::memcmp(&free, replies.memory.at(offset + 528), 4)) << offset;
+    EXPECT_EQ(0, replies.usedItems());
+    free = offset;
+  }
 }
 
 TEST_F(ReplyQueueGet, FreeListIsCarriedAlongUnseen) {

@@ -1,0 +1,37 @@
+// Engines that use a segment again which is larger than what they lay out in it.
+
+#include "CallTest.h"
+#include "RawQueues.h"
+
+namespace armtest {
+namespace {
+
+TEST(ReusedSegment, RepliesOfALayoutThatIsSmallerThanItsSegmentAreTaken) {
+  for (const size_t spare : {1U, 16U, 532U, 547U, 548U, 549U, 5U * 548U, 65536U}) {
+    raw::RequestQueue requests(8);
+    raw::ReplyQueue replies(3, spare);
+    const raw::Engine engine(requests, replies, raw::replyRecord(77));
+    for (const PostingCall& one : postingCalls()) EXPECT_EQ(77, one.call()) << one.name << spare;
+    EXPECT_EQ(0, replies.usedItems());
+    EXPECT_EQ(1, replies.headsInUse());
+    EXPECT_EQ(postingCalls().size(), engine.taken().size());
+  }
+}
+
+TEST(ReusedSegment, RepliesReachEachThreadOfALayoutThatIsSmallerThanItsSegment) {
+  raw::RequestQueue requests(8);
+  raw::ReplyQueue replies(3, 5 * 548);
+  const raw::Engine engine(requests, replies, raw::replyRecord(78));
+  const auto callTwentyTimes = [] {
+    int32_t sum = 0;
+    for (int i = 0; i < 20; ++i) sum += arm_start(5, 0, nullptr, 0);
+    return sum;
+  };
+  CallInThread other(callTwentyTimes);
+  EXPECT_EQ(20 * 78, callTwentyTimes());
+  EXPECT_EQ(20 * 78, other.result());
+  EXPECT_EQ(2, replies.headsInUse());
+}
+
+}  // namespace
+}  // namespace armtest
