@@ -184,6 +184,10 @@ std::unique_ptr<EngineProcess> Bench::startSecond() const {
   return std::make_unique<EngineProcess>(settings_.engine, settings_.prefix, settings_.verbose);
 }
 
+std::unique_ptr<TracedEngine> Bench::startTraced() const {
+  return std::make_unique<TracedEngine>(settings_.engine, settings_.prefix, settings_.verbose);
+}
+
 // ---- calls --------------------------------------------------------------------------------------
 
 std::optional<wire::Reply> Bench::call(const wire::Request& request) {

@@ -12,6 +12,7 @@
 
 #include "EngineProcess.h"
 #include "Queues.h"
+#include "TracedEngine.h"
 
 namespace armcontract {
 
@@ -88,6 +89,8 @@ class Bench {
   void kill();
   /// Starts another one beside what the last one has left; throws Broken when it does not serve.
   void startAgain();
+  /// Starts another one, to be looked at while it starts.
+  std::unique_ptr<TracedEngine> startTraced() const;
   /// Starts a second engine beside the one that runs.
   std::unique_ptr<EngineProcess> startSecond() const;
 

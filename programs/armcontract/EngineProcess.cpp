@@ -21,19 +21,13 @@ void redirectOutput(bool verbose) {
 
 }  // namespace
 
-EngineProcess::EngineProcess(const std::vector<std::string>& command,
-                             const std::optional<std::string>& prefix, bool verbose)
-    : process_(-1) {
-  std::vector<std::string> copies = command;
-  std::vector<char*> arguments;
-  for (std::string& argument : copies) arguments.push_back(argument.data());
-  arguments.push_back(nullptr);
-  (void)std::fflush(nullptr);
-  const pid_t parent = getpid();
-  process_ = fork();
-  if (process_ != 0) return;
+void becomeEngine(pid_t parent, std::vector<std::string> command,
+                  const std::optional<std::string>& prefix, bool verbose) {
   (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) _exit(EXIT_FAILURE);
+  std::vector<char*> arguments;
+  for (std::string& argument : command) arguments.push_back(argument.data());
+  arguments.push_back(nullptr);
   if (prefix) {
     (void)setenv("ARM_AGENT_PREFIX", prefix->c_str(), 1);
   } else {
@@ -42,6 +36,15 @@ EngineProcess::EngineProcess(const std::vector<std::string>& command,
   redirectOutput(verbose);
   (void)execvp(arguments[0], arguments.data());
   _exit(127);
+}
+
+EngineProcess::EngineProcess(const std::vector<std::string>& command,
+                             const std::optional<std::string>& prefix, bool verbose)
+    : process_(-1) {
+  (void)std::fflush(nullptr);
+  const pid_t parent = getpid();
+  process_ = fork();
+  if (process_ == 0) becomeEngine(parent, command, prefix, verbose);
 }
 
 EngineProcess::~EngineProcess() {

@@ -10,11 +10,15 @@
 
 namespace armcontract {
 
+/// Makes the calling process, which `parent` has just forked, an engine: it gets the prefix in
+/// ARM_AGENT_PREFIX; its output goes nowhere, or with verbose to standard error.
+[[noreturn]] void becomeEngine(pid_t parent, std::vector<std::string> command,
+                               const std::optional<std::string>& prefix, bool verbose);
+
 /// An engine that this program starts, in the foreground, and ends.
 class EngineProcess {
  public:
-  /// Starts the command.  It gets the prefix in ARM_AGENT_PREFIX; its output goes nowhere, or with
-  /// verbose to this program's standard error.
+  /// Starts the command, see becomeEngine.
   EngineProcess(const std::vector<std::string>& command, const std::optional<std::string>& prefix,
                 bool verbose);
   /// Kills it when it still runs.

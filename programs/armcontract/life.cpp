@@ -128,6 +128,27 @@ void checkDeath(Bench& bench) {
   needFallen(bench, bench.replies(), "the reply queue's");
 }
 
+/// From the moment in which a lock set of the next engine is there, programs connect: what they find
+/// ready then must not be what the last one has left.
+void checkStartOrder(Bench& bench) {
+  const int dead = bench.requests().memory.id();
+  bench.kill();
+  if (!comesTrue(bench.patience(), [&bench] { return !bench.isServed(); })) {
+    throw Unchecked("the dead one seems to live");
+  }
+  const auto engine = bench.startTraced();
+  bool misleads = false;
+  const bool begun = engine->runUntil(10 * bench.patience(), [&bench, &misleads, dead] {
+    if (!bench.isServed()) return false;
+    const auto memory = Segment::find(bench.names().requests);
+    misleads = memory && memory->id() == dead && memory->u32(wire::RING_READY) != 0 &&
+               memory->u32(wire::RING_STATE) == 0;
+    return true;
+  });
+  if (!begun) throw Unchecked("the next engine makes no lock set");
+  need(!misleads, "the dead one's segment is there, and ready, beside the new lock set");
+}
+
 void checkNewSets(Bench& bench) {
   const int request_lock = bench.requests().lock_set.id();
   const int reply_lock = bench.replies().lock_set.id();
@@ -186,6 +207,9 @@ std::vector<Clause> lifeClauses() {
        Engine::spent, checkRemoval},
       {"death", "Semaphore 1 of the lock sets falls below 2 when the engine dies.", 2,
        Engine::spent, checkDeath},
+      {"start-order",
+       "The next engine makes no lock set while the segment of a dead one is still ready.", 7,
+       Engine::spent, checkStartOrder},
       {"new-sets", "The next engine makes new lock sets.", 7, Engine::spent, checkNewSets},
       {"overflow-kept", "The next engine uses the semaphore _ovr of a dead one on.", 8,
        Engine::spent, checkOverflowKept},

@@ -211,6 +211,7 @@ TEST(Armcontract, FaultsOfLifeAndDeathAreFound) {
                      {"stop-wakes", {"stop-removes"}},
                      {"stop-removes"},
                      {"death"},
+                     {"start-order"},
                      {"new-sets"},
                      {"overflow-kept"},
                      {"release"},

@@ -77,21 +77,6 @@ void removeSegment(const std::string& path) {
   if (segment) (void)shmctl(segment->id(), IPC_RMID, nullptr);
 }
 
-void removeWhatIsLeft(const Names& names) {
-  for (const std::string& path : {names.empty, names.replies}) {
-    removeSet(path, wire::LOCK_PROJECT);
-  }
-  // overflow-kept: a writer may be emptying it at this moment.
-  if (faulty("overflow-kept")) removeSet(names.overflow, wire::LOCK_PROJECT);
-  // new-sets: the lock set of a dead engine is used on.
-  if (!faulty("new-sets")) removeSet(names.requests, wire::LOCK_PROJECT);
-  // release: so is the wake-up set, on which others may wait.
-  if (!faulty("release")) removeSet(names.replies, wire::WAKE_PROJECT);
-  // clean-start: so is the ring, with what is in there.
-  if (!faulty("clean-start")) removeSegment(names.requests);
-  removeSegment(names.replies);
-}
-
 key_t keyOf(const std::string& path, int project) {
   const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
   if (file < 0) die(path.c_str());
@@ -129,6 +114,32 @@ void makeLockSet(const std::string& path) {
   if (semop(set, raise, rest != 0 ? 2 : 1) != 0) die("semop");
 }
 
+void setReady(const std::string& path, uint32_t ready) {
+  auto segment = Segment::find(path);
+  if (segment) segment->put32(wire::RING_READY, ready);
+}
+
+void removeWhatIsLeft(const Names& names) {
+  for (const std::string& path : {names.empty, names.replies}) {
+    removeSet(path, wire::LOCK_PROJECT);
+  }
+  // overflow-kept: a writer may be emptying it at this moment.
+  if (faulty("overflow-kept")) removeSet(names.overflow, wire::LOCK_PROJECT);
+  // new-sets: the lock set of a dead engine is used on.
+  if (!faulty("new-sets")) removeSet(names.requests, wire::LOCK_PROJECT);
+  // release: so is the wake-up set, on which others may wait.
+  if (!faulty("release")) removeSet(names.replies, wire::WAKE_PROJECT);
+  // start-order: the new set is made before the old ring is out of the way.
+  if (faulty("start-order")) makeLockSet(names.requests);
+  // clean-start: the ring is used on, with what is in there.
+  if (faulty("clean-start")) {
+    setReady(names.requests, 0);
+  } else {
+    removeSegment(names.requests);
+  }
+  removeSegment(names.replies);
+}
+
 void makeSegment(const std::string& path, size_t size) {
   const int id = shmget(keyOf(path, wire::SEGMENT_PROJECT), size, IPC_CREAT | 0666);
   if (id < 0) die("shmget");
@@ -155,7 +166,7 @@ void makeObjects(const Names& names, unsigned requests, unsigned requesters) {
       makeSet(names.replies, wire::WAKE_PROJECT, count + (faulty("wake-up-set") ? 1 : 0),
               faulty("permissions") ? 0600 : 0666);
   setValue(wake, wire::WAKE_INITIALIZED, 1);
-  makeLockSet(names.requests);
+  if (!faulty("start-order")) makeLockSet(names.requests);
   makeLockSet(names.replies);
 }
 
