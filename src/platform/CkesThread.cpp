@@ -69,8 +69,9 @@ long CkesThread::GetPriority(TThreadPriority*) {
 
 long CkesThread::Join() {
   static constexpr const char* where = "CkesThread::Join()";
-  if (GetState() == THREAD_FINISHED) return 0;
-  if (!createdOrRunning(GetState())) return CkesErrorManager::Record(ERR_STATE, where);
+  const TThreadState state = GetState();  // once: the body may end at any time
+  if (state == THREAD_FINISHED) return 0;
+  if (!createdOrRunning(state)) return CkesErrorManager::Record(ERR_STATE, where);
   return CkesErrorManager::Record(implJoin(), where);
 }
 
