@@ -64,17 +64,17 @@ void copyText(char* field, std::size_t fieldSize, const char* text) {
   std::memcpy(field, text, strnlen(text, fieldSize - 1));
 }
 
-/// Empties a field to its last byte, so that nothing of a failed conversion is sent.
+/// Empties a field, or its rest, to its last byte.
 void clearText(char* field, std::size_t fieldSize) {
   std::memset(field, 0, fieldSize);
 }
 
-/// Converts a string into a record field that has been cleared.  A failed conversion empties the
-/// field; output that fills it loses its last byte to the terminator.
+/// Converts a string into a record field.  A failed conversion empties the field; output that fills it
+/// loses its last byte to the terminator, and nothing stays behind a zero character that was converted.
 int32_t convertText(char* field, std::size_t fieldSize, UChar* work, const char* text) {
   const int32_t error = ConvertStrUTF8(text, static_cast<long>(fieldSize), work, field);
-  if (error != 0) clearText(field, fieldSize);
-  field[fieldSize - 1] = '\0';
+  const std::size_t length = error == 0 ? strnlen(field, fieldSize - 1) : 0;
+  clearText(field + length, fieldSize - length);
   return error;
 }
 

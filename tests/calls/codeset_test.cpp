@@ -221,6 +221,29 @@ TEST_F(Codeset, NameThatIsTooLongInUtf8IsSentEmptyToo) {
   expectSameBytes(expected, engine.last());
 }
 
+// UTF-7 writes a zero character without a zero byte.
+TEST_F(Codeset, NothingIsSentBehindAConvertedZeroCharacter) {
+  ASSERT_EQ(0, SetExpectedCodeset("UTF-7"));
+  EXPECT_EQ(101, arm_init("A+AAA-BCD", "E+AAA-FGH", 0, nullptr, 0));
+  Bytes expected = blankRecord(1);
+  putText(expected, 12, "A");
+  putText(expected, 140, "E");
+  expectSameBytes(expected, engine.last());
+  EXPECT_EQ(102, arm_getid(5, "I+AAA-JKL", "M+AAA-NOP", 0, nullptr, 0));
+  expected = blankRecord(2);
+  putWord(expected, 12, 5);
+  putText(expected, 16, "I");
+  putText(expected, 3636, "M");
+  expectSameBytes(expected, engine.last());
+}
+
+TEST_F(Codeset, NothingIsSentBehindAConvertedZeroCharacterOfAFieldThatIsFull) {
+  ASSERT_EQ(0, SetExpectedCodeset("UTF-7"));
+  const std::string full = "+AAA-" + std::string(122, 'x');
+  EXPECT_EQ(101, arm_init(full.c_str(), full.c_str(), 0, nullptr, 0));
+  expectSameBytes(blankRecord(1), engine.last());
+}
+
 TEST_F(Codeset, ConverterWorksAfterAFailedConversion) {
   expectCodesetOfFailures();
   EXPECT_EQ(-1003, arm_init("name", kFailing, 0, nullptr, 0));

@@ -69,6 +69,16 @@ TEST_F(LoginName, IsConvertedWhateverTheConvertArgument) {
   EXPECT_EQ("\xE9", textAt(engine.last(), 12, 128));
 }
 
+TEST_F(LoginName, NothingIsSentBehindItsConvertedZeroCharacter) {
+  writePasswd("A+AAA-BCD");
+  ASSERT_EQ(0, SetExpectedCodeset("UTF-7"));
+  EXPECT_EQ(101, w_ArmInit(0, "a", "*", 0, nullptr, 0));
+  Bytes expected = blankRecord(1);
+  putText(expected, 12, "a");
+  putText(expected, 140, "A");
+  expectSameBytes(expected, engine.last());
+}
+
 TEST_F(LoginName, OfAnUnknownUserIsTheEmptyUserAndNothingIsConverted) {
   writePasswd(nullptr);
   char star[] = "*";
