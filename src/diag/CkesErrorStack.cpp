@@ -46,6 +46,7 @@ int CkesErrorStack::GetStackSize() const {
 
 void CkesErrorStack::GetStackDump(char* buffer, int size) {
   const char* entry = GetFirstFunction();
+  // Deliberate: without room there is no first byte to empty.
   if (buffer == nullptr || size < 1) return;
   buffer[0] = '\0';
   std::size_t length = 0;

@@ -26,10 +26,10 @@ const char* findKey(const char* text) {
   return found;
 }
 
-void copyBounded(char* dst, const char* source, int len) {
-  if (len < 1) return;
-  dst[0] = '\0';
-  appendBounded(dst, source, static_cast<unsigned long>(len));
+/// Copies what fits, pads with zeros, and sets the last byte to zero in any case.
+void copyBounded(char* dst, const char* source, std::size_t len) {
+  std::strncpy(dst, source, len);
+  dst[len - 1] = '\0';
 }
 
 }  // namespace
@@ -38,15 +38,14 @@ char* getLogFileSpec(char* dst, unsigned int len) {
   if (len == 0) return dst;
   char directory[WORKING_SIZE];
   findCommonLogDir(directory, WORKING_SIZE);
-  dst[0] = '\0';
-  appendBounded(dst, directory, len);
+  copyBounded(dst, directory, len);
   appendBounded(dst, DEFAULT_LOG_FILE_NAME, len);
   return dst;
 }
 
 void findCommonLogDir(char* dst, int len) {
   if (getLogPropertiesCommonLogDir(LOG_PROPS_FS, dst, len) == 1) return;
-  copyBounded(dst, DEFAULT_LOGFILE_DIR, len);
+  if (len > 0) copyBounded(dst, DEFAULT_LOGFILE_DIR, static_cast<std::size_t>(len));
 }
 
 int getLogPropertiesCommonLogDir(const char* path, char* dst, int len) {
@@ -70,7 +69,8 @@ int parseLogProps(char* text, unsigned int, char* dst, int len) {
   // The key's characters and one separator, whatever that is; a key that ends the text has neither
   // a separator nor a value.
   const char* separator = key + KEY_LENGTH;
-  copyBounded(dst, *separator == '\0' ? separator : separator + 1, len);
+  if (len < 1) return 1;
+  copyBounded(dst, *separator == '\0' ? separator : separator + 1, static_cast<std::size_t>(len));
   clipLine(dst);
   trimString(dst);
   return 1;

@@ -54,6 +54,7 @@ long CkesThread::Start() {
   static constexpr const char* where = "CkesThread::Start()";
   if (GetState() != THREAD_CREATED) return CkesErrorManager::Record(ERR_STATE, where);
   VState.store(THREAD_RUNNING, std::memory_order_relaxed);
+  // Deliberate: recorded anew, so that the trail names the thread's operation and not its event's.
   return CkesErrorManager::Record(VStartEvent.Signal(), where);
 }
 

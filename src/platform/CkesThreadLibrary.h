@@ -9,8 +9,9 @@ class CkesThread;
 ///
 /// Results are 0 or a negative code.  Every operation except Initialize, IsInitialized,
 /// GetThreadName and SetThreadName first initializes the library when that has not happened yet,
-/// and returns -102 when it fails.  Any thread may call any operation; the first initialization is
-/// not guarded against two threads at once (it happens while the library is loaded).
+/// and returns -102 when it fails (SameThreadIDs compares all the same).  Any thread may call any
+/// operation; the first initialization is not guarded against two threads at once (it happens while
+/// the library is loaded).
 class CkesThreadLibrary {
  public:
   static constexpr long ERR_ALREADY_INITIALIZED = -101;
@@ -41,7 +42,7 @@ class CkesThreadLibrary {
   static long GetCurrentThreadName(char* out);
   /// Stores the calling thread's pthread_self() through id.
   static long GetCurrentThreadID(unsigned long* id);
-  /// True when the two identifiers are equal.
+  /// True when the two identifiers are equal, whether the library could be initialized or not.
   static bool SameThreadIDs(unsigned long a, unsigned long b);
   /// Yields the processor.
   static long GiveWay();

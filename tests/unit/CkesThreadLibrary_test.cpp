@@ -114,6 +114,19 @@ TEST(CkesThreadLibrary, GiveWayInitializesFirst) {
   EXPECT_EQ(0, asFirst(CkesThreadLibrary::GiveWay));
 }
 
+TEST(CkesThreadLibrary, SameThreadIDsInitializesFirst) {
+  EXPECT_TRUE(CkesThreadLibrary::SameThreadIDs(7, 7));
+  EXPECT_TRUE(CkesThreadLibrary::IsInitialized());
+  EXPECT_STREQ("Main Thread", CkesThreadLibrary::GetThreadName());
+}
+
+TEST(CkesThreadLibrary, SameThreadIDsComparesAlsoWhenInitializationFails) {
+  calls::pthread_key_create.fail(EAGAIN, 0);
+  EXPECT_FALSE(CkesThreadLibrary::SameThreadIDs(7, 8));
+  EXPECT_TRUE(CkesThreadLibrary::SameThreadIDs(7, 7));
+  EXPECT_TRUE(CkesThreadLibrary::IsInitialized());
+}
+
 TEST(CkesThreadLibrary, SetKeyValueInitializesFirst) {
   unsigned int key = 0;
   ASSERT_EQ(0, pthread_key_create(&key, nullptr));

@@ -222,6 +222,19 @@ TEST(CkesThread, StartReturnsTheResultOfItsEventAndCountsAsStartedAllTheSame) {
   thread.awaitEnd();
 }
 
+TEST(CkesThread, FailingStartIsRecordedUnderItsOwnNameAlone) {
+  BodyThread thread(nothing);
+  calls::pthread_cond_broadcast.replace([](pthread_cond_t* condition) {
+    (void)calls::pthread_cond_broadcast.real(condition);
+    return EINVAL;
+  });
+  EXPECT_EQ(-134, thread.Start());
+  char trail[100] = "";
+  EXPECT_EQ(0, CkesErrorManager::GetStackDump(trail, sizeof trail));
+  EXPECT_STREQ("CkesThread::Start()\n", trail);
+  thread.awaitEnd();
+}
+
 TEST(CkesThread, IDIsThePosixThreadOfTheBody) {
   unsigned long inBody = 0;
   BodyThread thread([&] { inBody = pthread_self(); });

@@ -273,4 +273,73 @@ TEST(ParseLogProps, NoRoomForTheValueIsLeftAlone) {
   EXPECT_EQ('\0', byte);
 }
 
+// ---- the whole of the caller's buffer -----------------------------------------------------------
+
+using Bytes = std::string;
+
+/// What a function leaves in a buffer of 'x', all its bytes.
+template <typename Fill>
+Bytes allBytes(int len, Fill fill) {
+  Bytes buffer(static_cast<size_t>(len) + 1, 'x');
+  fill(buffer.data(), len);
+  EXPECT_EQ('x', buffer.back());
+  buffer.pop_back();
+  return buffer;
+}
+
+Bytes padded(const std::string& text, size_t size) {
+  return text + Bytes(size - text.size(), '\0');
+}
+
+TEST(LogBuffers, PathIsPaddedWithZeros) {
+  const auto fill = [](char* dst, int len) {
+    (void)getLogFileSpec(dst, static_cast<unsigned int>(len));
+  };
+  EXPECT_EQ(padded("/var/orv/kestra/common/QDN/logs/trace-armdebug.log", 300), allBytes(300, fill));
+  EXPECT_EQ(padded("/var/orv/kestra/common/QDN/logs/trace-armdebug.lo", 50), allBytes(50, fill));
+  EXPECT_EQ(padded("/var/orv/kestra", 16), allBytes(16, fill));
+}
+
+TEST(LogBuffers, DefaultDirectoryIsPaddedWithZeros) {
+  EXPECT_EQ(padded("/var/orv/kestra/common/QDN/logs/", 100), allBytes(100, findCommonLogDir));
+  EXPECT_EQ(padded("/var/orv", 9), allBytes(9, findCommonLogDir));
+}
+
+TEST(LogBuffers, DirectoryOfTheFileIsPaddedWithZeros) {
+  writeContent(kPropertiesFile, "kestra_common_dir=/opt/common");
+  EXPECT_EQ(padded("/opt/common/QDN/logs/", 100), allBytes(100, findCommonLogDir));
+  EXPECT_EQ(padded("/opt/common/QDN", 16), allBytes(16, findCommonLogDir));
+}
+
+TEST(LogBuffers, LastByteBehindAFoundDirectoryIsZeroWhateverFollowsTheKey) {
+  writeContent("/tmp/properties", "kestra_common_dir=/a\n" + std::string(5000, 'y'));
+  const Bytes bytes = allBytes(100, [](char* dst, int len) {
+    EXPECT_EQ(1, getLogPropertiesCommonLogDir("/tmp/properties", dst, len));
+  });
+  EXPECT_STREQ("/a/QDN/logs/", bytes.c_str());
+  EXPECT_EQ('\0', bytes.back());
+}
+
+TEST(LogBuffers, ValueIsPaddedWithZeros) {
+  std::string text = "kestra_common_dir=/a";
+  EXPECT_EQ(padded("/a", 100), allBytes(100, [&](char* dst, int len) {
+              EXPECT_EQ(1, parseLogProps(text.data(), 20, dst, len));
+            }));
+}
+
+TEST(LogBuffers, LastByteBehindAValueIsZeroWhateverFollowsIt) {
+  std::string text = "kestra_common_dir=/a\n" + std::string(5000, 'y');
+  const Bytes bytes = allBytes(
+      100, [&](char* dst, int len) { EXPECT_EQ(1, parseLogProps(text.data(), 5021, dst, len)); });
+  EXPECT_STREQ("/a", bytes.c_str());
+  EXPECT_EQ('\0', bytes.back());
+}
+
+TEST(LogBuffers, BufferIsLeftAloneWithoutADirectory) {
+  writeContent("/tmp/properties", "other=/a\n");
+  EXPECT_EQ(Bytes(100, 'x'), allBytes(100, [](char* dst, int len) {
+              EXPECT_EQ(0, getLogPropertiesCommonLogDir("/tmp/properties", dst, len));
+            }));
+}
+
 }  // namespace
