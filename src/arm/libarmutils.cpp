@@ -69,8 +69,9 @@ void clearText(char* field, std::size_t fieldSize) {
   std::memset(field, 0, fieldSize);
 }
 
-/// Converts a string into a record field.  A failed conversion empties the field; output that fills it
-/// loses its last byte to the terminator, and nothing stays behind a zero character that was converted.
+/// Converts a string into a record field.  A failed conversion empties the field; output that fills
+/// it loses its last byte to the terminator, and nothing stays behind a zero character that was
+/// converted.
 int32_t convertText(char* field, std::size_t fieldSize, UChar* work, const char* text) {
   const int32_t error = ConvertStrUTF8(text, static_cast<long>(fieldSize), work, field);
   const std::size_t length = error == 0 ? strnlen(field, fieldSize - 1) : 0;

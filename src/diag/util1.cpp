@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -12,9 +13,10 @@ namespace {
 constexpr const char* EOL_CHARS = "\r\n";
 constexpr const char* _TRIM_CHARS = " =\t\r\n";
 
+CPatience VPatience(LEASE_MILLISECONDS);
+
 bool readWhole(const char* path, char* buffer, unsigned int size) {
-  // A pipe that has taken the file's place since it was examined does not block the host.
-  const int file = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  const int file = openPatiently(path, O_RDONLY | O_NOCTTY | O_CLOEXEC, 0, VPatience);
   if (file < 0) return false;
   const ssize_t count = read(file, buffer, size);
   (void)close(file);
@@ -22,6 +24,16 @@ bool readWhole(const char* path, char* buffer, unsigned int size) {
 }
 
 }  // namespace
+
+int openPatiently(const char* path, int flags, mode_t mode, CPatience& patience) {
+  int file = -1;
+  (void)patience.Until([&] {
+    // Never blocks: a lease is waited for here, and a pipe in the file's place not at all.
+    file = open(path, flags | O_NONBLOCK, mode);
+    return file >= 0 || errno != EWOULDBLOCK;
+  });
+  return file;
+}
 
 int fileExists(const char* path, unsigned int* size) {
   struct stat info = {};

@@ -1,6 +1,18 @@
 #pragma once
 
-// Small helpers for files and texts of the log location.  No state; any thread.
+#include <sys/types.h>
+
+#include "diag/CPatience.h"
+
+// Small helpers for files and texts of the log location.  Any thread.
+
+/// How long a file is waited for on which another process holds a lease: longer than the 45 seconds
+/// after which the kernel takes a lease away, unless it was told otherwise.
+inline constexpr long LEASE_MILLISECONDS = 60000;
+
+/// Opens a file as open does with O_NONBLOCK, but waits, with the patience given, for other
+/// processes to give their leases on it back.
+int openPatiently(const char* path, int flags, mode_t mode, CPatience& patience);
 
 /// 1 when the path can be examined, its size in bytes stored through size when that is not null;
 /// else 0.

@@ -2,8 +2,9 @@
 
 // Where the trace file lies: the log directory that a key of the common properties file names, or a
 // fixed default.  No state; every call reads the file anew.  Any thread.  Lengths are capacities in
-// bytes, the terminating zero included; a result that does not fit is cut to one byte less.  Whoever
-// fills a buffer sets its last byte to zero, wherever the text ends; without room nothing is written.
+// bytes, the terminating zero included; a result that does not fit is cut to one byte less.
+// Whoever fills a buffer sets its last byte to zero, wherever the text ends; without room nothing
+// is written.
 
 /// The full path of the trace file; returns dst.
 char* getLogFileSpec(char* dst, unsigned int len);

@@ -11,6 +11,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "diag/CPatience.h"
+#include "diag/slowtrace.h"
+#include "diag/util1.h"
 #include "diag/util2.h"
 #include "platform/kelptime2.h"
 
@@ -45,42 +48,58 @@ constexpr const char VXMLPart4[] =
 constexpr const char VXMLPart5[] = "</Thread>\n <Process>";
 constexpr const char VXMLPart6[] = "</Process>\n</Trace>\n";
 
-/// Keeps a file-size limit from killing the host: the signal that the kernel sends with a refused write
-/// is held back, and dropped unless it was there before.
-class CFileSizeSignal {
+/// Keeps writing from killing or stopping the host.  The signal that the kernel sends with a write
+/// beyond a file-size limit is held back, and dropped unless it was there before; with the one that
+/// stops background jobs held back, a terminal takes their output.
+class CWriteSignals {
  public:
-  CFileSizeSignal() {
-    (void)sigemptyset(&VSignal);
-    (void)sigaddset(&VSignal, SIGXFSZ);
+  CWriteSignals() {
     sigset_t pending;
     (void)sigpending(&pending);
     VWasPending = sigismember(&pending, SIGXFSZ) == 1;
-    (void)pthread_sigmask(SIG_BLOCK, &VSignal, &VMask);
+    (void)sigemptyset(&VSignals);
+    (void)sigaddset(&VSignals, SIGXFSZ);
+    (void)sigaddset(&VSignals, SIGTTOU);
+    (void)pthread_sigmask(SIG_BLOCK, &VSignals, &VMask);
+    (void)sigdelset(&VSignals, SIGTTOU);
   }
-  ~CFileSizeSignal() {
+  ~CWriteSignals() {
     const timespec now = {0, 0};
-    if (!VWasPending) (void)sigtimedwait(&VSignal, nullptr, &now);
+    if (!VWasPending) (void)sigtimedwait(&VSignals, nullptr, &now);
     (void)pthread_sigmask(SIG_SETMASK, &VMask, nullptr);
   }
-  CFileSizeSignal(const CFileSizeSignal&) = delete;
-  CFileSizeSignal& operator=(const CFileSizeSignal&) = delete;
+  CWriteSignals(const CWriteSignals&) = delete;
+  CWriteSignals& operator=(const CWriteSignals&) = delete;
 
  private:
-  sigset_t VSignal;
+  sigset_t VSignals;
   sigset_t VMask;
   bool VWasPending;
 };
 
-// Whatever somebody has put in the trace file's place: writing to a pipe that nobody reads does not block
-// the host, and a terminal does not become its controlling one.
+CPatience VLeasePatience(LEASE_MILLISECONDS);
+
+// Whatever somebody has put in the trace file's place: nothing waits without a limit, and a terminal
+// does not become the host's controlling one.
 int openTraceFile() {
-  constexpr int FLAGS = O_RDWR | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-  const int file = open(VLogFileSpec, FLAGS, S_IRUSR | S_IWUSR);
+  constexpr int FLAGS = O_RDWR | O_CREAT | O_APPEND | O_NOCTTY | O_CLOEXEC;
+  const int file = openPatiently(VLogFileSpec, FLAGS, S_IRUSR | S_IWUSR, VLeasePatience);
   if (file < 0 && !VTriedFileOnce.exchange(true)) {
     (void)std::printf("Failed to open trace file [%s], make sure that subdirectory exists\n",
                       VLogFileSpec);
   }
   return file;
+}
+
+/// Kept apart, as is the next: their stack is given back before a record is written.
+__attribute__((noinline)) bool isRegular(int file) {
+  struct stat info = {};
+  return fstat(file, &info) != 0 || S_ISREG(info.st_mode);
+}
+
+__attribute__((noinline)) bool beginSlowRecordIn(int file) {
+  struct stat info = {};
+  return fstat(file, &info) == 0 && beginSlowRecord(info);
 }
 
 }  // namespace
@@ -94,6 +113,7 @@ unsigned long getTid() {
 }
 
 void writeString(int file, const char* text) {
+  if (file == GATHERED_FILE) return gatherText(text);
   if (write(file, text, std::strlen(text)) < 0) return;  // a lost trace is never the host's problem
 }
 
@@ -172,17 +192,9 @@ void writeXMLMsg(int file, const char* text, int kind, const char* stamp, uint32
   writeString(file, VXMLPart6);
 }
 
-void wcDebug(const char* text) {
-  wcDebugWorker(text, NEW_RECORD);
-}
-
-void wcDebugln(const char* text) {
-  wcDebug(text);
-  wcDebugWorker("\n", CONTINUATION);
-}
-
-void wcDebugWorker(const char* text, int kind) {
-  if (text == nullptr) return;
+/// False when the file's reader, or another thread's record, has cost this one.
+static bool writeTrace(const char* text, int kind) {
+  if (text == nullptr) return true;
   char stamp[TRACE_STAMP_SIZE] = "";
   uint32_t seconds = 0;
   uint32_t milliseconds = 0;
@@ -191,15 +203,34 @@ void wcDebugWorker(const char* text, int kind) {
     getLocalTime(xml ? 0 : 1, stamp, xml ? &seconds : nullptr, xml ? &milliseconds : nullptr);
   }
   prepare();
-  const CFileSizeSignal fileSizeSignal;
+  const CWriteSignals signals;
   const int file = openTraceFile();
-  if (file < 0) return;
-  if (VLogFormat == FORMAT_XML) {
-    writeXMLMsg(file, text, kind, stamp, seconds, milliseconds);
-  } else {
-    writeBasicMsg(file, text, kind, stamp);
+  if (file < 0) return true;
+  const bool regular = isRegular(file);
+  bool written = regular || beginSlowRecordIn(file);
+  if (written) {
+    const int target = regular ? file : GATHERED_FILE;
+    if (VLogFormat == FORMAT_XML) {
+      writeXMLMsg(target, text, kind, stamp, seconds, milliseconds);
+    } else {
+      writeBasicMsg(target, text, kind, stamp);
+    }
+    if (!regular) written = endSlowRecord(file, kind == CONTINUATION);
   }
   (void)close(file);
+  return written;
+}
+
+void wcDebug(const char* text) {
+  (void)writeTrace(text, NEW_RECORD);
+}
+
+void wcDebugln(const char* text) {
+  if (writeTrace(text, NEW_RECORD)) (void)writeTrace("\n", CONTINUATION);
+}
+
+void wcDebugWorker(const char* text, int kind) {
+  (void)writeTrace(text, kind);
 }
 
 void wcDebugSetLogFormat(int format) {

@@ -6,7 +6,8 @@
 // appends it to the trace file, as a plain line (the basic format) or as a small XML document.
 // Callers decide whether to trace at all; the writer writes what it is given, never changes a
 // result and ignores its own failures.  Any thread, no lock: each record is several appending
-// writes, so records of different threads may interleave between them.
+// writes, so records of different threads may interleave between them.  Where the file is a pipe, a
+// terminal or another device, each record is handed out whole or not at all, see slowtrace.h.
 
 /// Writes text as a new record.
 void wcDebug(const char* text);
@@ -45,7 +46,7 @@ unsigned long getPid();
 /// The calling thread's pthread identifier.
 unsigned long getTid();
 
-/// Writes a text with a single write, whose result is ignored.
+/// Writes a text with a single write, whose result is ignored.  GATHERED_FILE takes texts too.
 void writeString(int file, const char* text);
 /// Writes a record of the basic format.
 void writeBasicMsg(int file, const char* text, int kind, const char* stamp);

@@ -11,6 +11,8 @@
 #define TIMEDWAIT "__pthread_cond_timedwait64"
 #define TIME "__time64"
 #define GETTIMEOFDAY "__gettimeofday64"
+#define CLOCK_GETTIME "__clock_gettime64"
+#define NANOSLEEP "__nanosleep64"
 #define OPEN "open64"
 #define NOTHROW_NEW "_ZnwjRKSt9nothrow_t"
 #else
@@ -19,6 +21,8 @@
 #define TIMEDWAIT "pthread_cond_timedwait"
 #define TIME "time"
 #define GETTIMEOFDAY "gettimeofday"
+#define CLOCK_GETTIME "clock_gettime"
+#define NANOSLEEP "nanosleep"
 #define OPEN "open"
 #define NOTHROW_NEW "_ZnwmRKSt9nothrow_t"
 #endif
@@ -82,6 +86,8 @@ REPLACEABLE(sched_yield, "sched_yield", int, (), ())
 
 REPLACEABLE(time, TIME, std::time_t, (std::time_t * out), (out))
 REPLACEABLE(gettimeofday, GETTIMEOFDAY, int, (timeval * out, void* zone), (out, zone))
+REPLACEABLE(clock_gettime, CLOCK_GETTIME, int, (clockid_t clock, timespec* out), (clock, out))
+REPLACEABLE(nanosleep, NANOSLEEP, int, (const timespec* time, timespec* rest), (time, rest))
 REPLACEABLE(gethostname, "gethostname", int, (char* out, size_t size), (out, size))
 REPLACEABLE(getpid, "getpid", pid_t, (), ())
 REPLACEABLE(write, "write", ssize_t, (int file, const void* bytes, size_t count),

@@ -108,6 +108,8 @@ extern Call<int()> sched_yield;
 
 extern Call<std::time_t(std::time_t*)> time;
 extern Call<int(timeval*, void*)> gettimeofday;
+extern Call<int(clockid_t, timespec*)> clock_gettime;
+extern Call<int(const timespec*, timespec*)> nanosleep;
 extern Call<int(char*, size_t)> gethostname;
 extern Call<pid_t()> getpid;
 extern Call<int(const char*, int, mode_t)> open;

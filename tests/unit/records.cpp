@@ -4,9 +4,12 @@
 #include <unistd.h>
 
 #include <cctype>
+#include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 
+#include "calls.h"
 #include "diag/CkesErrorManager.h"
 #include "diag/libarmdebug.h"
 #include "diag/wcdebug.h"
@@ -52,6 +55,38 @@ std::vector<std::string> traceTexts() {
     texts.back() += line.substr(header);
   }
   return texts;
+}
+
+void fixStamp() {
+  setenv("TZ", "UTC", 1);
+  calls::gettimeofday.replace([](timeval* now, void*) {
+    now->tv_sec = 1709802302;
+    now->tv_usec = 45917;
+    return 0;
+  });
+  calls::gethostname.replace([](char* name, size_t) {
+    std::strcpy(name, "host");
+    return 0;
+  });
+  calls::getpid.fail(1234, 0);
+  calls::pthread_self.fail(1024, 0);
+}
+
+std::string xmlRecord(const std::string& text) {
+  return "<Trace>\n"
+         " <Time Millis=\"1709802302045\">2024-03-07 09:05:02.045</Time>\n"
+         " <Server Format=\"IP\">host</Server>\n"
+         " <ProductId>QDN</ProductId>\n"
+         " <Component>ARM</Component>\n"
+         " <ProductInstance>5.3</ProductInstance>\n"
+         " <LogText><![CDATA[" +
+         text +
+         "]]></LogText>\n"
+         " <LogAttribs><Key>organization</Key><Value>ORV</Value></LogAttribs>\n"
+         " <Source FileName=\"None\" Method=\"None\"/>\n"
+         " <Thread>1024</Thread>\n"
+         " <Process>1234</Process>\n"
+         "</Trace>\n";
 }
 
 bool exists(const std::string& path) {

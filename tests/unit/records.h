@@ -13,6 +13,12 @@ void startTracing();
 /// The texts of the records in the trace file, which must be in the basic format.
 std::vector<std::string> traceTexts();
 
+/// Fixes everything that a record of the trace carries: 2024-03-07 09:05:02.045917 UTC on "host" in
+/// process 1234, thread 1024.
+void fixStamp();
+/// The XML record of a text, with the fixed stamp.
+std::string xmlRecord(const std::string& text);
+
 /// The trace file of a process without a properties file.
 inline constexpr const char kTraceFile[] = "/var/orv/kestra/common/QDN/logs/trace-armdebug.log";
 /// The properties file that names the log directory.

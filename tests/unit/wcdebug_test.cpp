@@ -24,43 +24,8 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-/// Fixes everything that a record carries: 2024-03-07 09:05:02.045917 UTC on "host" in process
-/// 1234, thread 1024.
-void fixStamp() {
-  setenv("TZ", "UTC", 1);
-  calls::gettimeofday.replace([](timeval* now, void*) {
-    now->tv_sec = 1709802302;
-    now->tv_usec = 45917;
-    return 0;
-  });
-  calls::gethostname.replace([](char* name, size_t) {
-    std::strcpy(name, "host");
-    return 0;
-  });
-  calls::getpid.fail(1234, 0);
-  calls::pthread_self.fail(1024, 0);
-}
-
 std::string trace() {
   return contentOf(kTraceFile);
-}
-
-/// The XML record of a text, with the fixed stamp.
-std::string xmlRecord(const std::string& text) {
-  return "<Trace>\n"
-         " <Time Millis=\"1709802302045\">2024-03-07 09:05:02.045</Time>\n"
-         " <Server Format=\"IP\">host</Server>\n"
-         " <ProductId>QDN</ProductId>\n"
-         " <Component>ARM</Component>\n"
-         " <ProductInstance>5.3</ProductInstance>\n"
-         " <LogText><![CDATA[" +
-         text +
-         "]]></LogText>\n"
-         " <LogAttribs><Key>organization</Key><Value>ORV</Value></LogAttribs>\n"
-         " <Source FileName=\"None\" Method=\"None\"/>\n"
-         " <Thread>1024</Thread>\n"
-         " <Process>1234</Process>\n"
-         "</Trace>\n";
 }
 
 /// The number of times that the trace file's lines contain a text.
