@@ -6,16 +6,7 @@
 #include "diag/wcdebug.h"
 
 std::atomic<int> VDebugRun{0};
-
-namespace {
-
-constexpr const char* ARMDEBUG_RUN_ENV_VAR = "ARMDEBUG";
-constexpr const char* ARMDEBUG_FORMAT_ENV_VAR = "ARMDEBUGFORMAT";
-constexpr const char* ARMDEBUG_FORMAT_BASIC = "basic";
-
 std::atomic<bool> VCheckedForDebugRun{false};
-
-}  // namespace
 
 void checkDebug() {
   if (VCheckedForDebugRun) return;

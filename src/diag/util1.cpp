@@ -10,9 +10,6 @@
 
 namespace {
 
-constexpr const char* EOL_CHARS = "\r\n";
-constexpr const char* _TRIM_CHARS = " =\t\r\n";
-
 CPatience VPatience(LEASE_MILLISECONDS);
 
 bool readWhole(const char* path, char* buffer, unsigned int size) {

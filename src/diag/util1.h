@@ -6,6 +6,11 @@
 
 // Small helpers for files and texts of the log location.  Any thread.
 
+/// What ends a line.
+inline constexpr char EOL_CHARS[] = "\r\n";
+/// What is trimmed from the ends of a value.
+inline constexpr char _TRIM_CHARS[] = " =\t\r\n";
+
 /// How long a file is waited for on which another process holds a lease: longer than the 45 seconds
 /// after which the kernel takes a lease away, unless it was told otherwise.
 inline constexpr long LEASE_MILLISECONDS = 60000;

@@ -7,11 +7,6 @@
 
 namespace {
 
-constexpr const char* LOG_PROPS_FS = "/etc/orv/kestra/common/cfg/log.properties";
-constexpr const char COMMON_LOGDIR_KEY[] = "kestra_common_dir";
-constexpr const char* LOGDIR_TRAILER = "QDN/logs/";
-constexpr const char* DEFAULT_LOGFILE_DIR = "/var/orv/kestra/common/QDN/logs/";
-constexpr const char* DEFAULT_LOG_FILE_NAME = "trace-armdebug.log";
 constexpr int WORKING_SIZE = 4096;
 constexpr std::size_t KEY_LENGTH = sizeof COMMON_LOGDIR_KEY - 1;
 

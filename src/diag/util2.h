@@ -6,6 +6,16 @@
 // Whoever fills a buffer sets its last byte to zero, wherever the text ends; without room nothing
 // is written.
 
+/// The properties file, and the key in it that names the common directory.
+inline constexpr char LOG_PROPS_FS[] = "/etc/orv/kestra/common/cfg/log.properties";
+inline constexpr char COMMON_LOGDIR_KEY[] = "kestra_common_dir";
+/// The log directory below the common one.
+inline constexpr char LOGDIR_TRAILER[] = "QDN/logs/";
+/// The log directory when the properties name none.
+inline constexpr char DEFAULT_LOGFILE_DIR[] = "/var/orv/kestra/common/QDN/logs/";
+/// The trace file in it.
+inline constexpr char DEFAULT_LOG_FILE_NAME[] = "trace-armdebug.log";
+
 /// The full path of the trace file; returns dst.
 char* getLogFileSpec(char* dst, unsigned int len);
 

@@ -24,29 +24,29 @@ constexpr int FORMAT_XML = 1;
 constexpr int NEW_RECORD = 1;
 constexpr int CONTINUATION = 0;
 
-constexpr std::size_t SPEC_SIZE = 4096;
-constexpr std::size_t HOST_SIZE = 256;
+constexpr char XML_BEFORE_HOST[] = "</Time>\n <Server Format=\"IP\">";
+constexpr char XML_AFTER_HOST[] =
+    "</Server>\n <ProductId>QDN</ProductId>\n <Component>ARM</Component>\n"
+    " <ProductInstance>5.3</ProductInstance>\n <LogText><![CDATA[";
+
+}  // namespace
 
 std::atomic<int> VLogFormat{FORMAT_XML};
 std::atomic<bool> VTriedFileOnce{false};
-pthread_once_t VInitialized = PTHREAD_ONCE_INIT;
-char VLogFileSpec[SPEC_SIZE];
-char VHostName[HOST_SIZE];
+std::atomic<bool> wcdebug::VInitialized{false};
+char VLogFileSpec[TRACE_SPEC_SIZE];
+char VHostName[TRACE_HOST_SIZE];
 
-// The fixed text of an XML record, in its order; the host name is the only part that is not
-// constant.
-constexpr const char VXMLPart1[] = "<Trace>\n <Time Millis=\"";
-constexpr const char VXMLPart2[] = "\">";
-constexpr const char XML_BEFORE_HOST[] = "</Time>\n <Server Format=\"IP\">";
-constexpr const char XML_AFTER_HOST[] =
-    "</Server>\n <ProductId>QDN</ProductId>\n <Component>ARM</Component>\n"
-    " <ProductInstance>5.3</ProductInstance>\n <LogText><![CDATA[";
-char VXMLPart3[sizeof XML_BEFORE_HOST + HOST_SIZE + sizeof XML_AFTER_HOST];
-constexpr const char VXMLPart4[] =
+const char VXMLPart1[] = "<Trace>\n <Time Millis=\"";
+const char VXMLPart2[] = "\">";
+char VXMLPart3[sizeof XML_BEFORE_HOST + TRACE_HOST_SIZE + sizeof XML_AFTER_HOST];
+const char VXMLPart4[] =
     "]]></LogText>\n <LogAttribs><Key>organization</Key><Value>ORV</Value></LogAttribs>\n"
     " <Source FileName=\"None\" Method=\"None\"/>\n <Thread>";
-constexpr const char VXMLPart5[] = "</Thread>\n <Process>";
-constexpr const char VXMLPart6[] = "</Process>\n</Trace>\n";
+const char VXMLPart5[] = "</Thread>\n <Process>";
+const char VXMLPart6[] = "</Process>\n</Trace>\n";
+
+namespace {
 
 /// Keeps writing from killing or stopping the host.  The signal that the kernel sends with a write
 /// beyond a file-size limit is held back, and dropped unless it was there before; with the one that
@@ -79,8 +79,8 @@ class CWriteSignals {
 
 CPatience VLeasePatience(LEASE_MILLISECONDS);
 
-// Whatever somebody has put in the trace file's place: nothing waits without a limit, and a terminal
-// does not become the host's controlling one.
+// Whatever somebody has put in the trace file's place: nothing waits without a limit, and a
+// terminal does not become the host's controlling one.
 int openTraceFile() {
   constexpr int FLAGS = O_RDWR | O_CREAT | O_APPEND | O_NOCTTY | O_CLOEXEC;
   const int file = openPatiently(VLogFileSpec, FLAGS, S_IRUSR | S_IWUSR, VLeasePatience);
@@ -126,7 +126,7 @@ static void writeId(int file, unsigned long number) {
 
 void prepXMLFormat() {
   if (gethostname(VHostName, sizeof VHostName) != 0) VHostName[0] = '\0';
-  VHostName[HOST_SIZE - 1] = '\0';
+  VHostName[TRACE_HOST_SIZE - 1] = '\0';
   (void)std::snprintf(VXMLPart3, sizeof VXMLPart3, "%s%s%s", XML_BEFORE_HOST, VHostName,
                       XML_AFTER_HOST);
 }
@@ -136,8 +136,14 @@ void doInit() {
   prepXMLFormat();
 }
 
+static void prepareOnce() {
+  doInit();
+  wcdebug::VInitialized = true;
+}
+
 static void prepare() {
-  (void)pthread_once(&VInitialized, doInit);
+  static pthread_once_t once = PTHREAD_ONCE_INIT;
+  (void)pthread_once(&once, prepareOnce);
 }
 
 void getLocalTime(int subMilliseconds, char* buffer, uint32_t* seconds, uint32_t* milliseconds) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 // The trace writer.  It stamps a finished text with the local time, the process and the thread, and
@@ -31,15 +32,39 @@ char* wcDebugGetLogFileSpec(char* dst, unsigned int len);
 
 /// Size of a time stamp's buffer.
 inline constexpr unsigned TRACE_STAMP_SIZE = 100;
+/// Sizes of the file's path and of the host's name.
+inline constexpr unsigned TRACE_SPEC_SIZE = 4096;
+inline constexpr unsigned TRACE_HOST_SIZE = 256;
+
+/// The format of records: 0 basic, 1 XML.
+extern std::atomic<int> VLogFormat;
+/// True once a failure to open the file has been reported.
+extern std::atomic<bool> VTriedFileOnce;
+namespace wcdebug {
+/// True once the one-time preparation is done, which settles what follows.
+extern std::atomic<bool> VInitialized;
+}  // namespace wcdebug
+/// The file's path.
+extern char VLogFileSpec[TRACE_SPEC_SIZE];
+/// The host's name, empty when it has none.
+extern char VHostName[TRACE_HOST_SIZE];
+/// The fixed text of an XML record, in its order.  The third holds the host's name and is built by
+/// the preparation.
+extern const char VXMLPart1[];
+extern const char VXMLPart2[];
+extern char VXMLPart3[];
+extern const char VXMLPart4[];
+extern const char VXMLPart5[];
+extern const char VXMLPart6[];
 
 /// The one-time preparation: the file's path and the XML pieces.
 void doInit();
 /// Builds the XML pieces, which hold the host name.
 void prepXMLFormat();
 
-/// The current local time as text in buffer (TRACE_STAMP_SIZE bytes), with microseconds and nanoseconds
-/// when subMilliseconds is not 0.  Stores the epoch seconds unless seconds is null, and the
-/// milliseconds only together with them.
+/// The current local time as text in buffer (TRACE_STAMP_SIZE bytes), with microseconds and
+/// nanoseconds when subMilliseconds is not 0.  Stores the epoch seconds unless seconds is null, and
+/// the milliseconds only together with them.
 void getLocalTime(int subMilliseconds, char* buffer, uint32_t* seconds, uint32_t* milliseconds);
 /// The process id.
 unsigned long getPid();

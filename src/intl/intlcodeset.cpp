@@ -14,15 +14,14 @@
 #include "diag/traceformat.h"
 #include "platform/CCallScope.h"
 
+UConverter* VCodesetConverter = nullptr;
+char* env_ICU_DATA = nullptr;
+
 namespace {
 
 constexpr const char ICU_DATA_VARIABLE[] = "ICU_DATA";
 constexpr const char ICU_DATA_DIRECTORY[] = "/var/orv/kestra/common/QDN/icudata";
 constexpr const char* BACKUP_CODESET = "US-ASCII";
-
-UConverter* VCodesetConverter = nullptr;
-/// Never freed: the environment keeps pointing at it.
-char* env_ICU_DATA = nullptr;
 
 int32_t putICUDataIntoEnvironment() {
   if (env_ICU_DATA != nullptr) return 0;

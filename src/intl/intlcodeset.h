@@ -7,6 +7,14 @@
 // The process's one converter from the expected code set to UTF-8.  The exported calls
 // SetExpectedCodeset and GetExpectedCodeset are declared in armext.h.
 
+struct UConverter;
+
+/// The converter, null until it is opened.  Guarded by VCodesetMutex.
+extern UConverter* VCodesetConverter;
+/// The setting of ICU_DATA, null until it is made.  Never freed: the environment keeps pointing at
+/// it. Guarded by VCodesetMutex.
+extern char* env_ICU_DATA;
+
 /// The ICU data directory could not be put into the environment.
 inline constexpr int32_t INTL_ERR_ENVIRONMENT = -3;
 /// No converter could be opened, or a conversion failed.

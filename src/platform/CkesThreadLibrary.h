@@ -4,6 +4,9 @@
 
 class CkesThread;
 
+/// The value of a key that has not been made: no key of the process has it.
+inline constexpr unsigned int NO_THREAD_KEY = ~0U;
+
 /// The process-wide part of the threading layer: one-time initialization, thread-local keys, the
 /// calling thread's name and identifier.  Static members only.
 ///
@@ -20,6 +23,11 @@ class CkesThreadLibrary {
   static constexpr long ERR_KEY_INVALID = -104;
   static constexpr long ERR_KEY_SET = -105;
   static constexpr long ERR_NO_NAME = -114;
+
+  /// True once Initialize has been called.
+  static std::atomic<bool> VInitialized;
+  /// The key of the thread names.
+  static unsigned int VTNameKey;
 
   /// Makes the key of the thread names, names the calling thread "Main Thread" and initializes the
   /// error manager.  -101 when already initialized, else the code of the step that failed; the
@@ -60,10 +68,4 @@ class CkesThreadLibrary {
   static long implGetCurrentThreadID(unsigned long* id);
   static long implGiveWay();
   static bool ready();
-
-  static std::atomic<bool> VInitialized;
-  static unsigned int VTNameKey;
 };
-
-/// The value of a key that has not been made: no key of the process has it.
-inline constexpr unsigned int NO_THREAD_KEY = ~0U;

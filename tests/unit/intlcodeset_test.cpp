@@ -452,4 +452,14 @@ TEST(CodesetTrace, WithoutADebugRunNothingIsTraced) {
   EXPECT_FALSE(exists(kTraceFile));
 }
 
+TEST(ExpectedCodeset, ConverterAndItsSettingAreMadeByTheFirstChoice) {
+  EXPECT_EQ(nullptr, VCodesetConverter);
+  EXPECT_EQ(nullptr, env_ICU_DATA);
+  EXPECT_EQ(0, SetExpectedCodeset("ISO-8859-1"));
+  EXPECT_NE(nullptr, VCodesetConverter);
+  EXPECT_STREQ("ICU_DATA=/var/orv/kestra/common/QDN/icudata", env_ICU_DATA);
+  FreeIntlICUConverter();
+  EXPECT_EQ(nullptr, VCodesetConverter);
+}
+
 }  // namespace
