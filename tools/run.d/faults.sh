@@ -2,6 +2,9 @@
 
 KILL_PRESETS="i386 amd64"
 SOAK_CALLS=1000000
+# Of each width, shared by the parts that tests/differential/CMakeLists.txt declares.
+DIFFERENTIAL_SCRIPTS=10000
+DIFFERENTIAL_PARTS=4
 
 build_fault_tests() {
     need_packages $BUILD_PACKAGES
@@ -48,6 +51,13 @@ verify_kills() {
     build_fault_tests
     ARM_KILL_EVERY=1 count_tests kills \
         '^test_(kill_|ipc_killed_writer\.)|^test_ipc_connection\..*BetweenPost|^test_proc\..*(Blocked|SeeingTheDead)'
+}
+
+# The scripts of './run test' and many more.
+verify_differential() {
+    build_fault_tests
+    ARM_DIFFERENTIAL_SCRIPTS=$((DIFFERENTIAL_SCRIPTS / DIFFERENTIAL_PARTS)) \
+        count_tests differential '^differential\.ScriptsAreLikeTheContract'
 }
 
 verify_soak() {

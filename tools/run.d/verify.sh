@@ -137,6 +137,7 @@ verify() {
     mkdir -p build/logs
     check "fuzzers, $VERIFY_FUZZ_SECONDS seconds each" timed fuzz "$VERIFY_FUZZ_SECONDS"
     check "protocol model" timed verify_model
+    check "random scripts, library and model" timed verify_differential
     check "killed clients and engines" timed verify_kills
     check "soak, $SOAK_CALLS calls" timed verify_soak
     check "hostile memory, forks, loading, signals, stacks, limits" timed verify_faults
