@@ -16,7 +16,7 @@ struct Host {
 };
 
 void fillHost(Host& host);
-/// The block holds its own bytes, or the correlator of a marked reply; the pattern is untouched.
+/// The block holds its own bytes, or them and a correlator; the pattern is untouched.
 bool hostIsWhole(const Host& host);
 
 /// Makes one of the posting calls, or arm_start with the host's block.

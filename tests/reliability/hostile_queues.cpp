@@ -123,6 +123,13 @@ void HostileQueues::addWord(std::vector<Target>& all, std::string name, raw::Seg
   all.push_back({std::move(name), set, std::move(values)});
 }
 
+void HostileQueues::addLink(std::vector<Target>& all, std::string name, size_t offset,
+                            std::vector<uint32_t> values) {
+  const size_t before = all.size();
+  addWord(all, std::move(name), replies_, offset, 4, std::move(values));
+  if (all.size() > before) all.back().isLink = true;
+}
+
 void HostileQueues::addSemaphores(std::vector<Target>& all, const char* name, raw::Set& set,
                                   int count) {
   for (int number = 0; number < count; ++number) {
@@ -153,7 +160,8 @@ std::vector<Target> HostileQueues::targets() {
                      itemOffset(layout_.replies - 1), itemOffset(layout_.replies)});
   addWord(all, "used items", replies_, 0, 2, number);
   addWord(all, "heads in use", replies_, 2, 2, number);
-  addWord(all, "free list", replies_, 4, 4, link);
+  // It becomes the link of an item that is given back.
+  addLink(all, "free list", 4, link);
   addWord(all, "reply state", replies_, 8, 4, kWord);
   for (size_t i = 0; i < layout_.replies; ++i) {
     const size_t head = 12 + 16 * i;
@@ -162,8 +170,8 @@ std::vector<Target> HostileQueues::targets() {
     addWord(all, name + "semaphore", replies_, head + 2, 2, around(kShort, {layout_.replies + 2}));
     addWord(all, name + "process", replies_, head + 4, 4, kWord);
     addWord(all, name + "thread", replies_, head + 8, 4, kWord);
-    addWord(all, name + "first reply", replies_, head + 12, 4, link);
-    addWord(all, "link " + std::to_string(i), replies_, itemOffset(i) + 528, 4, link);
+    addLink(all, name + "first reply", head + 12, link);
+    addLink(all, "link " + std::to_string(i), itemOffset(i) + 528, link);
   }
   const char* const names[] = {"request lock", "reply lock", "_emp", "_ovr", "wake-up"};
   for (size_t i = 0; i < sets_.size(); ++i) {

@@ -36,6 +36,8 @@ struct Target {
   std::string name;
   std::function<void(uint32_t)> set;
   std::vector<uint32_t> values;
+  /// Says where an item lies: what stands there is a reply then, whatever it is.
+  bool isLink = false;
 };
 
 class HostileQueues {
@@ -66,6 +68,8 @@ class HostileQueues {
   raw::Set* addSet(const std::string& path, int project, int semaphores);
   void layRequests();
   void layReplies();
+  void addLink(std::vector<Target>& all, std::string name, size_t offset,
+               std::vector<uint32_t> values);
   void addSemaphores(std::vector<Target>& all, const char* name, raw::Set& set, int count);
   void addWord(std::vector<Target>& all, std::string name, raw::Segment& memory, size_t offset,
                size_t width, std::vector<uint32_t> values);
