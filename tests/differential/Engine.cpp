@@ -207,6 +207,7 @@ bool Engine::take(TakenRecord& record) {
 
 void Engine::fill(uint16_t count) {
   const size_t capacity = (layout_.requestSize - kSlots) / kRecordSize;
+  const bool locked = lock(kRequestLock);
   while (ringCount() < count && ringCount() < capacity) {
     uint16_t& tail = half(kRequests, 4);
     uint8_t* slot = memory_[kRequests] + kSlots + kRecordSize * tail;
@@ -215,6 +216,7 @@ void Engine::fill(uint16_t count) {
     tail = static_cast<uint16_t>((tail + 1U) % capacity);
     ++half(kRequests, 0);
   }
+  if (locked) unlock(kRequestLock);
 }
 
 // ---- the reply queue ----------------------------------------------------------------------------

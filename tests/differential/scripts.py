@@ -21,6 +21,10 @@ TRACE_NAME = "trace-armdebug.log"
 UNREADABLE = object()
 
 
+class OutsideMemory(Exception):
+    """More is read than the script has given."""
+
+
 class Memory:
     """The caller's memory of one call: up to three areas, each null, unreadable, or bytes."""
 
@@ -35,7 +39,8 @@ class Memory:
         return self.areas[area] is None and not self.unreadable[area]
 
     def read(self, area, count):
-        assert len(self.areas[area]) >= count, "the script gives too little memory"
+        if self.areas[area] is None or len(self.areas[area]) < count:
+            raise OutsideMemory
         return bytes(self.areas[area][:count])
 
     def word(self, area, offset):
@@ -196,7 +201,7 @@ class Script:
 INTEGERS = (0, 1, 2, 5, 100, 256, 344, 1024, 4096, 4097, -1, -2, -2147483648, 2147483646,
             contract.NEVER_MEASURED, 65536, 0x7FFF, 128)
 SIZES = (0, 1, 4, 255, 256, 256, 257, 344, 1024, -1, -256, 2147483647, -2147483648)
-RESULTS = (0, 1, 7, 101, 4711, -1, -2, -8, -9, -1003, -2147483648, contract.NEVER_MEASURED)
+RESULTS = (0, 1, 7, 101, 4711, -5, -1003, -77777, -2147483648, contract.NEVER_MEASURED)
 NAME_LENGTHS = (0, 1, 2, 7, 63, 126, 127, 127, 128, 129, 200)
 CLASS_LENGTHS = (0, 1, 9, 100, 127, 128, 1206, 1207, 1810, 3618, 3619, 3619, 3620, 3700)
 ENVIRONMENT_VALUES = {
@@ -359,7 +364,7 @@ class Maker:
             (self.start_engine, self.stop, self.kill, self.words, self.heal, self.lives,
              self.remove, self.hide_name, self.show_name, self.fill, self.occupy, self.stale,
              self.directory, self.environment, self.overflow),
-            (4, 3, 5, 10, 8, 4, 3, 3, 3, 8, 3, 8, 1, 2, 3))[0]()
+            (4, 3, 5, 10, 8, 4, 4, 5, 3, 8, 3, 8, 1, 2, 3))[0]()
 
     def remedy(self):
         """Calls that fail again and again tell little."""
@@ -385,6 +390,8 @@ class Maker:
             (1, 8, 1), (1, 8, 2), (1, 8, 3), (0, 12, 5), (0, 16, 6), (0, 24, 77)))
         self.add(SET_WORD, segment, offset, value)
         self.harmed = True
+        if self.chance(0.4):
+            self.make_reopen()
 
     def heal(self):
         for segment, offset, value in ((0, 8, 0), (1, 8, 0), (0, 24, 1)):
@@ -412,17 +419,18 @@ class Maker:
             one = self.r.choice(sets if self.filled else sets + (contract.OVERFLOW,))
             self.removed.add(one)
             self.add(REMOVE_SET, one)
-        self.make_reopen()
+        if self.chance(0.6):
+            self.make_reopen()
 
     def hide_name(self):
-        self.add(HIDE_NAME, self.r.randrange(5))
+        self.add(HIDE_NAME, self.one_of(0, 1, 2, 3, 4, 4, 4))
         self.harmed = True
-        self.make_reopen()
+        if self.chance(0.6):
+            self.make_reopen()
 
     def make_reopen(self):
         """An open connection needs neither names nor most objects any more."""
-        if self.chance(0.6):
-            self.add(SET_WORD, 0, 20, 50299)
+        self.add(SET_WORD, 0, 20, 50299)
 
     def show_name(self):
         self.add(SHOW_NAME, self.r.randrange(5))
@@ -496,6 +504,10 @@ class Maker:
     def integer(self):
         return self.r.choice(INTEGERS) if self.chance(0.45) else self.r.randint(1, 2000000000)
 
+    def handle(self):
+        ends = (0, -1, contract.NEVER_MEASURED)
+        return self.r.choice(ends) if self.chance(0.15) else self.integer()
+
     def size(self):
         return self.r.choice(SIZES)
 
@@ -538,30 +550,30 @@ class Maker:
             convert = self.one_of(0, 1, 2)
             memory = Memory(self.text(CLASS_LENGTHS), self.text(NAME_LENGTHS),
                             self.block((101, 101, 101), 4))
-            return [self.integer(), self.integer(), self.size(), convert], memory
+            return [self.handle(), self.integer(), self.size(), convert], memory
         if name == "arm_start":
-            return ([self.integer(), self.integer(), self.size()],
+            return ([self.handle(), self.integer(), self.size()],
                     Memory(self.block((1, 1, 1), 256)))
         if name == "arm_update":
-            return ([self.integer(), self.integer(), self.size()],
+            return ([self.handle(), self.integer(), self.size()],
                     Memory(self.block((1, 1, 2, 2), 4)))
         if name == "arm_stop":
             size = self.size()
             block = self.block((1, 1), 256)
             if size <= 0 and self.chance(0.3):
                 block = UNREADABLE
-            return [self.integer(), self.integer(), self.integer(), size], Memory(block)
+            return [self.handle(), self.integer(), self.integer(), size], Memory(block)
         if name == "arm_end":
-            return [self.integer(), self.integer(), self.size()], Memory(self.unused())
+            return [self.handle(), self.integer(), self.size()], Memory(self.unused())
         if name.endswith("Report"):
-            return ([self.integer(), self.integer(), self.size(), self.one_of(0, 1, -1, 256)] +
+            return ([self.handle(), self.integer(), self.size(), self.one_of(0, 1, -1, 256)] +
                     [self.integer() for _ in range(3)], Memory(self.block((1, 1, 1), 256)))
         if name.startswith("arm_complete"):
-            return [self.integer() for _ in range(3)], Memory()
+            return [self.handle(), self.integer(), self.integer()], Memory()
         if name == "arm_associateMetricData":
             length = self.one_of(0, 1, 2, 8, 255, 4095, 4096, 4096, 4097, -1, 2147483647)
             data = self.r.randbytes(length) if 0 < length <= 4096 else UNREADABLE
-            return [self.integer(), length], Memory(None if self.chance(0.1) else data)
+            return [self.handle(), length], Memory(None if self.chance(0.1) else data)
         if name == "SetExpectedCodeset":
             return [], self.any_codeset()
         return [], Memory()
