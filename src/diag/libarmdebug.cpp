@@ -19,11 +19,11 @@ void checkDebug() {
 }
 
 bool checkForDebugRun() {
-  return std::getenv(ARMDEBUG_RUN_ENV_VAR) != nullptr;
+  return secure_getenv(ARMDEBUG_RUN_ENV_VAR) != nullptr;
 }
 
 void checkForDebugFormat() {
-  const char* format = std::getenv(ARMDEBUG_FORMAT_ENV_VAR);
+  const char* format = secure_getenv(ARMDEBUG_FORMAT_ENV_VAR);
   if (format == nullptr) return;
   wcDebugSetLogFormat(std::strcmp(format, ARMDEBUG_FORMAT_BASIC) == 0 ? 0 : 1);
 }

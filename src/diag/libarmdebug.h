@@ -14,6 +14,9 @@ inline constexpr char ARMDEBUG_RUN_ENV_VAR[] = "ARMDEBUG";
 inline constexpr char ARMDEBUG_FORMAT_ENV_VAR[] = "ARMDEBUGFORMAT";
 inline constexpr char ARMDEBUG_FORMAT_BASIC[] = "basic";
 
+// The variables of a program with raised privileges (set-user-id, capabilities of its file) are its
+// caller's, and count as absent.
+
 /// Examines the environment if that has not happened yet; when it asks for tracing, chooses the
 /// format and writes the first record, "Debug run found in caller's environment.".
 void checkDebug();
