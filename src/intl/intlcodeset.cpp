@@ -13,6 +13,7 @@
 #include "diag/libarmdebug.h"
 #include "diag/traceformat.h"
 #include "platform/CCallScope.h"
+#include "platform/environment.h"
 
 UConverter* VCodesetConverter = nullptr;
 char* env_ICU_DATA = nullptr;
@@ -30,7 +31,7 @@ int32_t putICUDataIntoEnvironment() {
   if (env_ICU_DATA == nullptr) return INTL_ERR_ENVIRONMENT;
   (void)std::snprintf(env_ICU_DATA, size, "%s=%s", ICU_DATA_VARIABLE, ICU_DATA_DIRECTORY);
   // Deliberate: after a failure the pointer stays, so it is not tried again.
-  return putenv(env_ICU_DATA) == 0 ? 0 : INTL_ERR_ENVIRONMENT;
+  return putIntoEnvironment(env_ICU_DATA) ? 0 : INTL_ERR_ENVIRONMENT;
 }
 
 void openRequested(const char* codeset) {

@@ -41,6 +41,9 @@ set_target_properties(test_load PROPERTIES ENABLE_EXPORTS ON)
 arm_test(NAME test_signals LABELS reliability TIMEOUT 120 CHECK_IPC LIBS arm arm_call_test ipc_raw
   SOURCES signals_test.cpp)
 
+arm_test(NAME test_environment LABELS reliability TIMEOUT 120 LIBS arm arm_call_test
+  SOURCES environment_test.cpp)
+
 # The sanitizers have frames and a malloc of their own.
 if(NOT ARM_SANITIZE)
   arm_test(NAME test_stack LABELS reliability TIMEOUT 120 CHECK_IPC DEPENDS scripted_engine

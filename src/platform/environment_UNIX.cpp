@@ -1,0 +1,74 @@
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "platform/environment.h"
+
+namespace {
+
+constexpr int ATTEMPTS = 8;
+
+/// The list that was published: still reachable when the host has replaced it, so that no search for
+/// leaks finds it.
+char** kept = nullptr;
+
+bool hasEntry(char* const* list, const char* setting) {
+  const std::size_t name = std::strcspn(setting, "=") + 1;
+  for (; list != nullptr && *list != nullptr; ++list) {
+    if (std::strncmp(*list, setting, name) == 0) return true;
+  }
+  return false;
+}
+
+std::size_t lengthOf(char* const* list) {
+  std::size_t length = 0;
+  while (list != nullptr && list[length] != nullptr) ++length;
+  return length;
+}
+
+/// A copy with one entry more; null without memory.
+char** longer(char* const* list, std::size_t length, char* setting) {
+  auto* copy = static_cast<char**>(std::malloc((length + 2) * sizeof(char*)));
+  if (copy == nullptr) return nullptr;
+  if (length > 0) std::memcpy(copy, list, length * sizeof(char*));
+  copy[length] = setting;
+  copy[length + 1] = nullptr;
+  return copy;
+}
+
+bool publish(char** before, char** after) {
+  return __atomic_compare_exchange_n(&environ, &before, after, false, __ATOMIC_ACQ_REL,
+                                     __ATOMIC_RELAXED);
+}
+
+/// Whether a list has been changed since it was copied; only while the copy is the environment, since
+/// the list may be gone when it is not.
+bool changedMeanwhile(char* const* list, std::size_t length, char* const* copy) {
+  if (list == nullptr || __atomic_load_n(&environ, __ATOMIC_ACQUIRE) != copy) return false;
+  return std::memcmp(list, copy, length * sizeof(char*)) != 0 || list[length] != nullptr;
+}
+
+}  // namespace
+
+bool putIntoEnvironment(char* setting) {
+  for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
+    char** const before = __atomic_load_n(&environ, __ATOMIC_ACQUIRE);
+    if (hasEntry(before, setting)) break;
+    const std::size_t length = lengthOf(before);
+    char** const after = longer(before, length, setting);
+    if (after == nullptr) return false;
+    if (!publish(before, after)) {
+      std::free(after);
+      continue;
+    }
+    kept = after;
+    // Finds its entry and only stores a pointer; and waits, at the C library's own lock, for a setenv that
+    // may still be changing the list from before.
+    const bool put = putenv(setting) == 0;
+    if (put && !changedMeanwhile(before, length, after)) return true;
+    (void)publish(after, before);
+    if (!put) return false;
+  }
+  return putenv(setting) == 0;
+}
