@@ -1,19 +1,6 @@
 #pragma once
 
-#include <atomic>
-
-/// True once the handlers are registered.
-extern std::atomic<bool> VForksGuarded;
-
-/// Registers the handlers; any thread, any number of times.
-void registerForkHandlers();
-
-/// Sees to it, once per process, that a child forked at any moment can use the library: whatever the
-/// parent's other threads were doing in it, no mutex stays locked in the child and no conversion is
-/// half done.  Called before the first lock of every road into the library, not at load.
-///
-/// Not covered: what the host's own threads do in the C library meanwhile, and children made without
-/// fork handlers (vfork, posix_spawn, a bare clone), which may only execute another program.
-inline void guardForks() {
-  if (!VForksGuarded.load(std::memory_order_acquire)) registerForkHandlers();
-}
+/// Registers the library's fork handlers (platform/forkgate.h).  Called while the library is
+/// loaded: what the host registers later then runs, before a fork and after it, while the library
+/// is fit for use.
+bool guardForks();

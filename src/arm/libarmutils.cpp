@@ -22,6 +22,8 @@ std::atomic<bool> IPCInitialized{false};
 
 namespace {
 
+[[maybe_unused]] const bool VForksGuarded = guardForks();
+
 constexpr int ENGINE_USABLE = 0;
 constexpr int ENGINE_UNREACHABLE = -2;
 
@@ -203,7 +205,6 @@ int32_t endApplication(int32_t applId) {
 }  // namespace
 
 int CheckEngineStatus() {
-  guardForks();
   (void)VInitMutex.Lock();
   if (!IPCInitialized) IPCInitialized = InitializeIPC();
   (void)VInitMutex.Unlock();
@@ -220,7 +221,6 @@ bool isMTPAppName(const char* name) {
 ARM_EXPORT arm_int32_t w_ArmInit(unsigned char convert, const char* appl_name,
                                  const char* appl_user_id, arm_int32_t flags, void*, arm_int32_t) {
   const CCallScope scope;
-  guardForks();
   checkDebug();
   if (VDebugRun) wcDebug("libarm:arm_init ENTER\n");
   return endOfCall("arm_init EXIT",

@@ -7,13 +7,13 @@
 #include <cstdlib>
 
 #include "arm/export.h"
-#include "arm/forkguard.h"
 #include "arm/libarmutils.h"
 #include "armext.h"
 #include "diag/libarmdebug.h"
 #include "diag/traceformat.h"
 #include "platform/CCallScope.h"
 #include "platform/environment.h"
+#include "platform/forkgate.h"
 
 UConverter* VCodesetConverter = nullptr;
 char* env_ICU_DATA = nullptr;
@@ -58,9 +58,20 @@ void openBackup() {
   }
 }
 
+/// Opens a converter when no fork is under way: ICU takes locks that a child could never take
+/// again.
+int32_t openLocked(const char* codeset) {
+  if (VCodesetConverter != nullptr) return INTL_ERR_ALREADY_OPEN;
+  if (!VConverterGate.Enter(VCodesetMutex)) return INTL_ERR_CONVERSION;
+  // The mutex may have been given back meanwhile, and another thread have opened one.
+  const int32_t result = intlGetICUConverter(codeset);
+  VConverterGate.Leave();
+  return result;
+}
+
 int32_t convertLocked(const char* source, long capacity, UChar* work, char* target) {
   if (VCodesetConverter == nullptr) {
-    const int32_t opened = intlGetICUConverter(nullptr);
+    const int32_t opened = openLocked(nullptr);
     if (VCodesetConverter == nullptr) return opened;
   }
   const auto size = static_cast<int32_t>(capacity);
@@ -104,7 +115,6 @@ int32_t intlGetICUConverter(const char* codeset) {
 }
 
 int32_t ConvertStrUTF8(const char* source, long capacity, UChar* work, char* target) {
-  guardForks();
   (void)VCodesetMutex.Lock();
   const int32_t result = convertLocked(source, capacity, work, target);
   (void)VCodesetMutex.Unlock();
@@ -119,16 +129,14 @@ void FreeIntlICUConverter() {
 
 ARM_EXPORT arm_int32_t SetExpectedCodeset(const char* codeset) {
   const CCallScope scope;
-  guardForks();
   (void)VCodesetMutex.Lock();
-  const int32_t result = intlGetICUConverter(codeset);
+  const int32_t result = openLocked(codeset);
   (void)VCodesetMutex.Unlock();
   return result;
 }
 
 ARM_EXPORT const char* GetExpectedCodeset() {
   const CCallScope scope;
-  guardForks();
   (void)VCodesetMutex.Lock();
   const char* name = nullptr;
   if (VCodesetConverter != nullptr) {

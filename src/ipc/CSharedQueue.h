@@ -16,7 +16,16 @@ class CSharedQueue final : public Queue {
 
   /// Ends a use; the last one deletes the queue.
   void Release() {
-    if (VUses.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+    if (endUse()) delete this;
+  }
+  /// Ends the use that the calling thread keeps a pointer for, which is cleared before the queue
+  /// may go: a child that a signal handler forks finds nothing deleted there.
+  void Release(CSharedQueue*& own) {
+    const bool last = endUse();
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    own = nullptr;
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    if (last) delete this;
   }
 
   /// The engine that the connection was opened to when it opened this queue.  Set before the queue is
@@ -24,11 +33,13 @@ class CSharedQueue final : public Queue {
   void SetEngine(int engine) { VEngine = engine; }
   int Engine() const { return VEngine; }
 
-  /// In a forked child: the users were threads of the parent; only the connection's use remains.
-  void KeepOneUse() { VUses.store(1, std::memory_order_relaxed); }
+  /// In a forked child: the uses of the parent's other threads are gone.
+  void KeepUses(long uses) { VUses.store(uses, std::memory_order_relaxed); }
 
  private:
   ~CSharedQueue() = default;
+
+  bool endUse() { return VUses.fetch_sub(1, std::memory_order_acq_rel) == 1; }
 
   std::atomic<long> VUses{1};
   int VEngine = -1;

@@ -32,40 +32,46 @@ constexpr useconds_t CLOSE_POLL_MICROSECONDS = 1000;
 constexpr int CLOSE_POLLS = 4000;
 
 void passEntryGate() {
-  (void)IsClosingMutex.Lock();
-  (void)IsClosingMutex.Unlock();
+  (void)IsClosingMutex.Pass();
 }
 
 void addTo(std::atomic<int32_t>& count, int32_t by) {
   count.fetch_add(by, std::memory_order_relaxed);
 }
 
+/// The queue that the calling thread is using, null when it uses none.  Set before the use begins:
+/// a child that a signal handler forks in between keeps a queue for too long, and loses none.
+template <typename Queue>
+__attribute__((tls_model("initial-exec"))) thread_local CSharedQueue<Queue>* ownUse = nullptr;
+
 /// Counts a user in and gives it the queue, null while the connection is closed.
 template <typename Queue>
 CSharedQueue<Queue>* enter(CkesMutex& mutex, std::atomic<int32_t>& count,
                            CSharedQueue<Queue>* const& queue) {
   (void)mutex.Lock();
-  addTo(count, 1);
   CSharedQueue<Queue>* used = __atomic_load_n(&queue, __ATOMIC_ACQUIRE);
+  ownUse<Queue> = used;
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+  addTo(count, 1);
   if (used != nullptr) used->Acquire();
   (void)mutex.Unlock();
   return used;
 }
 
-/// Ends a use of a queue.  When the mutex that orders the uses is gone, the process is ending, and the
-/// queue is left to that.
+/// Ends the connection's use of a queue.  When the mutex that orders the uses is gone, the process
+/// is ending, and the queue is left to that.
 template <typename Queue>
 void endUse(const CkesMutex& mutex, CSharedQueue<Queue>* used) {
   if (used != nullptr && mutex.IsInitialized()) used->Release();
 }
 
-/// Changes the count and ends the use of the queue.
+/// Changes the count and ends the thread's use of the queue.
 template <typename Queue>
 void leave(CkesMutex& mutex, std::atomic<int32_t>& count, int32_t by, CSharedQueue<Queue>* used) {
   (void)mutex.Lock();
   addTo(count, by);
   (void)mutex.Unlock();
-  endUse(mutex, used);
+  if (used != nullptr && mutex.IsInitialized()) used->Release(ownUse<Queue>);
 }
 
 /// What keeps a request queue from being used, null when nothing does.
@@ -149,6 +155,16 @@ bool engineIsUsable(const TRequestQueue* queue) {
                 version, static_cast<unsigned long>(ARM_QUEUE_VERSION));
   }
   return false;
+}
+
+/// What remains of a queue's uses in a forked child: the connection's, and that of a call which a
+/// signal handler has interrupted to fork.
+template <typename Queue>
+void keepOwnUse(std::atomic<int32_t>& count, CSharedQueue<Queue>* queue) {
+  CSharedQueue<Queue>* own = ownUse<Queue>;
+  count = own != nullptr ? 1 : 0;
+  if (own != nullptr) own->KeepUses(1);
+  if (queue != nullptr) queue->KeepUses(queue == own ? 2 : 1);
 }
 
 }  // namespace
@@ -239,8 +255,6 @@ void CloseIPC() {
 
 void renewIPCInForkedChild() {
   for (CkesMutex* mutex : {&OutQueueMutex, &InQueueMutex, &IsClosingMutex}) mutex->RenewAfterFork();
-  OutQueueCount = 0;
-  InQueueCount = 0;
-  if (OutQueue != nullptr) OutQueue->KeepOneUse();
-  if (InQueue != nullptr) InQueue->KeepOneUse();
+  keepOwnUse(OutQueueCount, OutQueue);
+  keepOwnUse(InQueueCount, InQueue);
 }

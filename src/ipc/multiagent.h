@@ -1,8 +1,8 @@
 #pragma once
 
 // The suffix that tells several engines on one machine apart: the value of the environment variable
-// ARM_AGENT_PREFIX, read at each use.  Programs with raised privileges have none: their callers choose no
-// engine for them.
+// ARM_AGENT_PREFIX, read at each use.  Programs with raised privileges have none: their callers
+// choose no engine for them.
 
 /// 1 when the variable is set, the empty value included, else 0.
 int isMultiAgent();

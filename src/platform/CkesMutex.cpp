@@ -25,6 +25,12 @@ long CkesMutex::Unlock() {
   return IsInitialized() ? 0 : CkesErrorManager::Record(ERR_NOT_INITIALIZED, "CkesMutex::Unlock()");
 }
 
+long CkesMutex::Pass() {
+  const long result = IsInitialized() ? implPass() : ERR_NOT_INITIALIZED;
+  const bool unlocking = result == ERR_UNLOCK;
+  return CkesErrorManager::Record(result, unlocking ? "CkesMutex::Unlock()" : "CkesMutex::Lock()");
+}
+
 long CkesMutex::TryLock() {
   return CkesErrorManager::Record(IsInitialized() ? implTryLock() : ERR_NOT_INITIALIZED,
                                   "CkesMutex::TryLock()");

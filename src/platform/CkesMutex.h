@@ -34,6 +34,8 @@ class CkesMutex {
   /// not hold the mutex is tolerated: it returns 0 and leaves the mutex, and whoever holds it,
   /// alone.
   long Unlock();
+  /// Waits for the mutex and releases it at once; results as of Lock and Unlock.
+  long Pass();
   /// Takes the mutex without waiting; -120, -124 when it is held, -122 on any other failure.
   long TryLock();
 
@@ -50,6 +52,7 @@ class CkesMutex {
   void implDestroy();
   long implLock();
   long implUnlock();
+  long implPass();
   long implTryLock();
   // A wait on a condition variable gives the mutex up and takes it again by itself.
   void noteReleased() { VHolder.store(nullptr, std::memory_order_relaxed); }

@@ -9,8 +9,8 @@ namespace {
 
 constexpr int ATTEMPTS = 8;
 
-/// The list that was published: still reachable when the host has replaced it, so that no search for
-/// leaks finds it.
+/// The list that was published: still reachable when the host has replaced it, so that no search
+/// for leaks finds it.
 char** kept = nullptr;
 
 bool hasEntry(char* const* list, const char* setting) {
@@ -42,8 +42,8 @@ bool publish(char** before, char** after) {
                                      __ATOMIC_RELAXED);
 }
 
-/// Whether a list has been changed since it was copied; only while the copy is the environment, since
-/// the list may be gone when it is not.
+/// Whether a list has been changed since it was copied; only while the copy is the environment,
+/// since the list may be gone when it is not.
 bool changedMeanwhile(char* const* list, std::size_t length, char* const* copy) {
   if (list == nullptr || __atomic_load_n(&environ, __ATOMIC_ACQUIRE) != copy) return false;
   return std::memcmp(list, copy, length * sizeof(char*)) != 0 || list[length] != nullptr;
@@ -63,8 +63,8 @@ bool putIntoEnvironment(char* setting) {
       continue;
     }
     kept = after;
-    // Finds its entry and only stores a pointer; and waits, at the C library's own lock, for a setenv that
-    // may still be changing the list from before.
+    // Finds its entry and only stores a pointer; and waits, at the C library's own lock, for a
+    // setenv that may still be changing the list from before.
     const bool put = putenv(setting) == 0;
     if (put && !changedMeanwhile(before, length, after)) return true;
     (void)publish(after, before);

@@ -17,16 +17,11 @@ struct HrtTime {
 /// process.
 void KelpBestGetCurrentTime(uint32_t* seconds, uint32_t* nanoseconds);
 
-/// Held around the conversion, so that no fork comes while one is under way: the child would find the
-/// system's time-zone lock taken for ever.  For the fork handlers: false when the calling thread holds
-/// it already (a signal handler that forks).
-bool lockLocalTime();
-/// Ends what a successful lockLocalTime began.
-void unlockLocalTime();
-/// In a forked child: makes the lock free.  The child cannot unlock it, since the mutex knows its
-/// holder by the parent's thread.
+/// In a forked child: makes the conversion's mutex free.
 void renewLocalTimeInForkedChild();
 
 /// Converts a time stamp into local calendar time (TZ of the process) and splits the nanoseconds by
-/// truncating division.  Any thread; the host's own localtime result is left alone.
+/// truncating division.  Any thread; the host's own localtime result is left alone.  The calendar
+/// stays zero where the zone cannot be asked for: in a signal handler that has interrupted a
+/// conversion, and in a child forked during one.
 void ConvertToHRT(uint32_t seconds, uint32_t nanoseconds, HrtTime* out);

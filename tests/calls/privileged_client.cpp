@@ -1,5 +1,5 @@
-// A program that other users may start with privileges of its own: registers an application, and exits
-// with what the call returned.
+// A program that other users may start with privileges of its own: registers an application, and
+// exits with what the call returned.
 
 #include "armext.h"
 

@@ -1,6 +1,6 @@
-// The environment of whoever starts a program with raised privileges (set-user-id, capabilities of its
-// file): the kernel marks such a program in its auxiliary vector, and so does this test, which needs no
-// privileges for that.
+// The environment of whoever starts a program with raised privileges (set-user-id, capabilities of
+// its file): the kernel marks such a program in its auxiliary vector, and so does this test, which
+// needs no privileges for that.
 
 #include <elf.h>
 #include <sys/ptrace.h>

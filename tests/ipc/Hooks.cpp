@@ -52,6 +52,8 @@ long __real__ZN9CkesMutex4LockEv(CkesMutex* mutex);
 long __wrap__ZN9CkesMutex4LockEv(CkesMutex* mutex);
 long __real__ZN9CkesMutex6UnlockEv(CkesMutex* mutex);
 long __wrap__ZN9CkesMutex6UnlockEv(CkesMutex* mutex);
+long __real__ZN9CkesMutex4PassEv(CkesMutex* mutex);
+long __wrap__ZN9CkesMutex4PassEv(CkesMutex* mutex);
 
 // semctl is called by another name where time has 64 bits and long has not.
 #if defined(__LP64__)
@@ -98,6 +100,14 @@ long __wrap__ZN9CkesMutex4LockEv(CkesMutex* mutex) {
 long __wrap__ZN9CkesMutex6UnlockEv(CkesMutex* mutex) {
   if (isSet(hooks::onUnlock)) hooks::onUnlock(mutex);
   return __real__ZN9CkesMutex6UnlockEv(mutex);
+}
+
+// Both in one.
+long __wrap__ZN9CkesMutex4PassEv(CkesMutex* mutex) {
+  if (isSet(hooks::onLock)) hooks::onLock(mutex);
+  const long result = __real__ZN9CkesMutex4PassEv(mutex);
+  if (isSet(hooks::onUnlock)) hooks::onUnlock(mutex);
+  return result;
 }
 
 }  // extern "C"

@@ -22,7 +22,7 @@ extern std::function<int(int set, const sembuf* operations, size_t count)> onSem
 extern std::function<int(int set, int number, int command)> onSemctl;
 /// Called in place of each usleep; nothing sleeps then.
 extern std::function<void(useconds_t)> onUsleep;
-/// Called before each CkesMutex::Lock and CkesMutex::Unlock.
+/// Called before each CkesMutex::Lock and CkesMutex::Unlock; before and after each CkesMutex::Pass.
 extern std::function<void(CkesMutex*)> onLock;
 extern std::function<void(CkesMutex*)> onUnlock;
 /// Called before each allocation that may fail: true makes it fail.

@@ -1,5 +1,5 @@
-// Hosts whose other threads read the environment all the time, while the library puts its own variable
-// there: nothing is taken from under them.
+// Hosts whose other threads read the environment all the time, while the library puts its own
+// variable there: nothing is taken from under them.
 
 #include <malloc.h>
 #include <unistd.h>
@@ -28,7 +28,8 @@ std::string nameOf(int number) {
   return "HOST_" + std::to_string(number);
 }
 
-/// Threads that look up the last variables of a long list, with the C library and with its localtime.
+/// Threads that look up the last variables of a long list, with the C library and with its
+/// localtime.
 class Readers {
  public:
   Readers() {
@@ -69,8 +70,8 @@ class Readers {
   std::atomic<int> wrong_{0};
 };
 
-/// Fills the list to the end of its memory, and what memory is free behind it: a list that the C library
-/// makes longer must move.
+/// Fills the list to the end of its memory, and what memory is free behind it: a list that the C
+/// library makes longer must move.
 void leaveNoRoomForAnotherVariable() {
   size_t entries = kVariables;
   while (environ[entries] != nullptr) ++entries;

@@ -17,15 +17,25 @@ target_include_directories(fork_client PRIVATE ${PROJECT_SOURCE_DIR}/tests/calls
 arm_test(NAME test_fork LABELS reliability TIMEOUT 120 CHECK_IPC DEPENDS fork_client scripted_engine
   LIBS arm arm_call_test SOURCES fork_test.cpp fork_calls.cpp)
 
-# The same program linked with the library and opening it.
+# The same programs linked with the library and opening it.
 foreach(kind linked opened)
+  arm_test_program(NAME fork_handlers_${kind} SOURCES fork_handlers_client.cpp fork_calls.cpp
+    LIBS $<$<STREQUAL:${kind},linked>:arm> ${CMAKE_DL_LIBS})
+  target_include_directories(fork_handlers_${kind} PRIVATE
+    ${PROJECT_SOURCE_DIR}/tests/calls ${PROJECT_SOURCE_DIR}/include)
   arm_test_program(NAME load_exit_${kind} SOURCES load_exit_client.cpp fork_calls.cpp
     LIBS $<$<STREQUAL:${kind},linked>:arm> ${CMAKE_DL_LIBS})
   target_include_directories(load_exit_${kind} PRIVATE
     ${PROJECT_SOURCE_DIR}/tests/calls ${PROJECT_SOURCE_DIR}/include)
 endforeach()
+target_compile_definitions(fork_handlers_opened PRIVATE
+  FORK_HANDLERS_LIBRARY="${PROJECT_BINARY_DIR}/lib/libarm.so")
 target_compile_definitions(load_exit_opened PRIVATE
   LOAD_EXIT_LIBRARY="${PROJECT_BINARY_DIR}/lib/libarm.so")
+
+arm_test(NAME test_fork_handlers LABELS reliability TIMEOUT 120 CHECK_IPC
+  DEPENDS arm fork_handlers_linked fork_handlers_opened scripted_engine
+  LIBS arm_call_test SOURCES fork_handlers_test.cpp)
 
 arm_test_program(NAME load_copies_client SOURCES load_copies_client.cpp fork_calls.cpp
   LIBS ${CMAKE_DL_LIBS})
@@ -44,8 +54,10 @@ arm_test(NAME test_signals LABELS reliability TIMEOUT 120 CHECK_IPC LIBS arm arm
 arm_test(NAME test_environment LABELS reliability TIMEOUT 120 LIBS arm arm_call_test
   SOURCES environment_test.cpp)
 
-# The sanitizers have frames and a malloc of their own.
+# The sanitizers have frames and a malloc of their own, and do not fork in signal handlers.
 if(NOT ARM_SANITIZE)
+  arm_test(NAME test_fork_signal LABELS reliability TIMEOUT 120 CHECK_IPC DEPENDS scripted_engine
+    LIBS arm arm_call_test SOURCES fork_signal_test.cpp fork_calls.cpp)
   arm_test(NAME test_stack LABELS reliability TIMEOUT 120 CHECK_IPC DEPENDS scripted_engine
     LIBS arm arm_call_test SOURCES stack_test.cpp)
 endif()

@@ -69,6 +69,38 @@ TEST(CkesMutex, TryLockOfAMutexHeldByAnotherThreadGivesMinus124AndRecordsIt) {
   EXPECT_EQ("-124 CkesMutex::TryLock()", lastError());
 }
 
+TEST(CkesMutex, PassWaitsForTheHolderAndLeavesTheMutexFree) {
+  CkesMutex mutex;
+  EXPECT_EQ(0, mutex.Pass());
+  EXPECT_EQ(0, tryLockElsewhere(mutex));
+  calls::pthread_mutex_lock.watch();
+  std::atomic<bool> passed{false};
+  ASSERT_EQ(0, mutex.Lock());
+  std::thread passing([&] {
+    EXPECT_EQ(0, mutex.Pass());
+    passed = true;
+  });
+  EXPECT_TRUE(armtest::waitUntil([] { return calls::pthread_mutex_lock.count() > 1; }));
+  EXPECT_FALSE(passed);
+  EXPECT_EQ(0, mutex.Unlock());
+  passing.join();
+  EXPECT_EQ(0, tryLockElsewhere(mutex));
+}
+
+TEST(CkesMutex, FailuresOfPassAreThoseOfLockAndUnlock) {
+  CkesMutex mutex;
+  calls::pthread_mutex_lock.fail(EINVAL, 0, 0, 1);
+  EXPECT_EQ(-122, mutex.Pass());
+  EXPECT_EQ("-122 CkesMutex::Lock()", lastError());
+  calls::pthread_mutex_unlock.fail(EINVAL, 0, 0, 1);
+  EXPECT_EQ(-123, mutex.Pass());
+  EXPECT_EQ("-123 CkesMutex::Unlock()", lastError());
+  calls::pthread_mutex_init.fail(EINVAL, 0, 0, 1);
+  CkesMutex notInitialized;
+  EXPECT_EQ(-120, notInitialized.Pass());
+  EXPECT_EQ("-120 CkesMutex::Lock()", lastError());
+}
+
 TEST(CkesMutex, IsNotReentrant) {
   CkesMutex mutex;
   EXPECT_EQ(0, mutex.Lock());

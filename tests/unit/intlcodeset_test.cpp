@@ -273,6 +273,39 @@ TEST(CodesetConversion, SeveralThreadsShareTheConverter) {
   second.join();
 }
 
+// ---- forks --------------------------------------------------------------------------------------
+
+TEST(CodesetForks, ChildOfAProcessThatIsOpeningAConverterGetsMinus1003) {
+  std::atomic<bool> opening{false};
+  std::atomic<bool> forked{false};
+  calls::openConverter.replace([&](const char* name, UErrorCode* status) {
+    opening = true;
+    EXPECT_TRUE(armtest::waitUntil([&] { return forked.load(); }));
+    return calls::openConverter.real(name, status);
+  });
+  std::thread converting([] { EXPECT_EQ("abc", Conversion("abc").terminated()); });
+  EXPECT_TRUE(armtest::waitUntil([&] { return opening.load(); }));
+  const pid_t child = armtest::forkChild([] {
+    int wrong = Conversion("abc").result == -1003 ? 0 : 1;
+    wrong += SetExpectedCodeset("ISO-8859-1") == -1003 ? 0 : 2;
+    wrong += GetExpectedCodeset() == nullptr ? 0 : 4;
+    return wrong;
+  });
+  forked = true;
+  converting.join();
+  EXPECT_EQ(0, armtest::exitCodeOf(child));
+}
+
+TEST(CodesetForks, ChildOfAProcessThatIsConvertingConverts) {
+  EXPECT_EQ(0, SetExpectedCodeset("ISO-8859-1"));
+  ASSERT_EQ(0, VCodesetMutex.Lock());
+  std::thread([] {
+    EXPECT_EQ(0, armtest::exitCodeOf(armtest::forkChild(
+                     [] { return Conversion("caf\xe9").terminated() == "caf\xc3\xa9" ? 0 : 1; })));
+  }).join();
+  EXPECT_EQ(0, VCodesetMutex.Unlock());
+}
+
 // ---- the environment ----------------------------------------------------------------------------
 
 TEST(IcuData, IsSetAtTheFirstOpen) {
