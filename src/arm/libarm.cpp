@@ -40,7 +40,7 @@ int32_t startTransaction(int32_t tranId, void* data, int32_t dataSize) {
   TArmStartBody& body = message.messages.start;
   body.time = currentTime();
   body.tran_id = tranId;
-  // Deliberate: the caller's flags are dropped; the field stays 0.
+  // Deliberate (dropped-flags): the caller's flags are dropped; the field stays 0.
   body.data_size = blockHasFormat(data, ARM_DATA_FORMAT_1) ? dataSize : 0;
   copyBlock(body.data, sizeof body.data, data, body.data_size);
   if (VDebugRun) traceFormat("  tran_id[%ld]\n", static_cast<long>(tranId));
@@ -78,7 +78,7 @@ int32_t stopTransaction(int32_t startHandle, int32_t status, int32_t flags, cons
     if (VDebugRun) wcDebug("  Passed IGNOREID\n");
     return 0;
   }
-  // Deliberate: 0 is accepted here, unlike in update.
+  // Deliberate (stop-zero): 0 is accepted here, unlike in update.
   if (startHandle < 0) {
     if (VDebugRun) traceError("Invalid start_handle");
     return ARM_RESULT_REJECTED;
@@ -90,7 +90,7 @@ int32_t stopTransaction(int32_t startHandle, int32_t status, int32_t flags, cons
   body.start_handle = startHandle;
   body.comp_status = status;
   body.flags = flags;
-  // Deliberate: a block of any format is sent.
+  // Deliberate (stop-block): a block of any format is sent.
   body.data_size = data != nullptr ? dataSize : 0;
   copyBlock(body.data, sizeof body.data, data, body.data_size);
   if (VDebugRun) traceFormat("  start_handle[%ld]\n", static_cast<long>(startHandle));
@@ -166,7 +166,7 @@ ARM_EXPORT arm_int32_t arm_stop(arm_int32_t start_handle, arm_int32_t tran_statu
   const CCallScope scope;
   if (VDebugRun) wcDebug("libarm:arm_stop ENTER\n");
   const int32_t result = stopTransaction(start_handle, tran_status, flags, data, data_size);
-  // sic: no blank before the bracket, unlike in arm_start.
+  // sic (exit-blank): no blank before the bracket, unlike in arm_start.
   if (VDebugRun) traceFormat("libarm:arm_stop EXIT[%ld]\n", static_cast<long>(result));
   return result;
 }

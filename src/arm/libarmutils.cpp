@@ -81,7 +81,7 @@ int32_t convertText(char* field, std::size_t fieldSize, UChar* work, const char*
   return error;
 }
 
-/// Puts the application's strings into the record as they are, or converted.  Deliberate: only the
+/// Puts the application's strings into the record as they are, or converted.  Deliberate (second-decides): only the
 /// user's conversion decides; with a good user, a name that cannot be converted is sent empty.
 int32_t fillInitNames(TArmInitBody& body, bool convert, const char* name, const char* user) {
   if (!convert) {
@@ -124,7 +124,7 @@ __attribute__((noinline)) int32_t sendInit(bool convert, const char* name, const
   if (std::strcmp(body.appl_user_id, "*") == 0) {
     error = fillLoginName(body);
     if (error != 0) {
-      // Deliberate: the user string in use until now is emptied, and that is the caller's own when
+      // Deliberate (emptied-star): the user string in use until now is emptied, and that is the caller's own when
       // nothing was converted.
       if (!convert) (void)clearCallerByte(user);
       return refused(error, "UTF-8 conversion failed");
@@ -199,7 +199,7 @@ int32_t endApplication(int32_t applId) {
   beginMessage(message, ARM_MSG_END);
   message.messages.end.appl_id = applId;
   if (VDebugRun) traceFormat("  appl_id[%ld]\n", static_cast<long>(applId));
-  return exchangeForStatus(message, TTrace::lines, "IPCGetFrmEngine failed");  // sic
+  return exchangeForStatus(message, TTrace::lines, "IPCGetFrmEngine failed");  // sic (frm)
 }
 
 }  // namespace
@@ -209,7 +209,7 @@ int CheckEngineStatus() {
   if (!IPCInitialized) IPCInitialized = InitializeIPC();
   (void)VInitMutex.Unlock();
   if (!IPCInitialized) return unreachable("CheckEngineStatus, InitializeIPC failed\n");
-  // Deliberate: from here on without the mutex; the connection's own locks protect the queues.
+  // Deliberate (unguarded-status): from here on without the mutex; the connection's own locks protect the queues.
   return IsEngineAlive() ? ENGINE_USABLE : reconnect();
 }
 
@@ -250,6 +250,6 @@ ARM_EXPORT arm_int32_t arm_getid(arm_int32_t appl_id, const char* tran_name,
 ARM_EXPORT arm_int32_t arm_end(arm_int32_t appl_id, arm_int32_t, void*, arm_int32_t) {
   const CCallScope scope;
   if (VDebugRun) wcDebug("libarm:arm_end ENTER\n");
-  // sic: a blank before the bracket, unlike in the other registration calls.
+  // sic (exit-blank): a blank before the bracket, unlike in the other registration calls.
   return endOfCall("arm_end EXIT ", endApplication(appl_id));
 }

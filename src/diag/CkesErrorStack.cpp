@@ -32,7 +32,7 @@ const char* CkesErrorStack::GetNextFunction() {
     VCursor = VFirst;
     return nullptr;
   }
-  // Deliberate: the cursor itself is not reduced to the ring, so on a wrapped trail it never meets
+  // Deliberate (endless-cursor): the cursor itself is not reduced to the ring, so on a wrapped trail it never meets
   // the newest entry again.  Only its overflow after two thousand million steps is kept from
   // happening.
   VCursor = VCursor < CURSOR_LIMIT ? VCursor + 1 : VCursor + 1 - SIZE;
@@ -40,13 +40,13 @@ const char* CkesErrorStack::GetNextFunction() {
 }
 
 int CkesErrorStack::GetStackSize() const {
-  // Deliberate: a trail of one entry counts 51; a full ring counts 50.
+  // Deliberate (single-is-51): a trail of one entry counts 51; a full ring counts 50.
   return VLast > VFirst ? VLast - VFirst + 1 : VLast - VFirst + 51;
 }
 
 void CkesErrorStack::GetStackDump(char* buffer, int size) {
   const char* entry = GetFirstFunction();
-  // Deliberate: without room there is no first byte to empty.
+  // Deliberate (no-room-dump): without room there is no first byte to empty.
   if (buffer == nullptr || size < 1) return;
   buffer[0] = '\0';
   std::size_t length = 0;

@@ -24,6 +24,7 @@ constexpr int FORMAT_XML = 1;
 constexpr int NEW_RECORD = 1;
 constexpr int CONTINUATION = 0;
 
+// sic (host-as-ip): the element holds the host's name.
 constexpr char XML_BEFORE_HOST[] = "</Time>\n <Server Format=\"IP\">";
 constexpr char XML_AFTER_HOST[] =
     "</Server>\n <ProductId>QDN</ProductId>\n <Component>ARM</Component>\n"
@@ -189,7 +190,7 @@ void writeXMLMsg(int file, const char* text, int kind, const char* stamp, uint32
   writeString(file, VXMLPart2);
   writeString(file, stamp);
   writeString(file, VXMLPart3);
-  // Deliberate: no escaping; a text with "]]>" in it ends the section early.
+  // Deliberate (not-escaped): no escaping; a text with "]]>" in it ends the section early.
   writeString(file, text);
   writeString(file, VXMLPart4);
   writeId(file, getTid());
@@ -210,6 +211,7 @@ static bool writeTrace(const char* text, int kind) {
   }
   prepare();
   const CWriteSignals signals;
+  // Deliberate (each-write): opened and closed each time.
   const int file = openTraceFile();
   if (file < 0) return true;
   const bool regular = isRegular(file);

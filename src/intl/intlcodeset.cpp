@@ -30,7 +30,8 @@ int32_t putICUDataIntoEnvironment() {
   env_ICU_DATA = static_cast<char*>(std::malloc(size));
   if (env_ICU_DATA == nullptr) return INTL_ERR_ENVIRONMENT;
   (void)std::snprintf(env_ICU_DATA, size, "%s=%s", ICU_DATA_VARIABLE, ICU_DATA_DIRECTORY);
-  // Deliberate: after a failure the pointer stays, so it is not tried again.
+  // Deliberate (tried-once): after a failure the pointer stays, so it is not tried again.
+  // Deliberate (replaced-icu-data): what the application has set there is replaced.
   return putIntoEnvironment(env_ICU_DATA) ? 0 : INTL_ERR_ENVIRONMENT;
 }
 
@@ -84,7 +85,7 @@ int32_t convertLocked(const char* source, long capacity, UChar* work, char* targ
                      static_cast<int>(status));
   }
   if (U_SUCCESS(status)) return 0;
-  // Deliberate: a failed first step comes here too and is traced twice, once under each name.
+  // Deliberate (traced-twice): a failed first step comes here too and is traced twice, once under each name.
   if (VDebugRun) {
     traceFormatShort("ConvertStrUTF8()->w_strToUTF8() ICU ERROR Code [%i] \n",
                      static_cast<int>(status));

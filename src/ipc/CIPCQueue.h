@@ -239,7 +239,7 @@ long CIPCQueue<T>::headForGet(_TIPCIdentifier id, long index, TIPCHeadItem** hea
 template <typename T>
 long CIPCQueue<T>::waitAndTake(TIPCHeadItem& head, bool byIndex, T& reply, bool* left) {
   if (loadShared(head.first_reply) == 0 && state() != QUEUE_STATE_RUNNING) return ERR_STATE;
-  // A thread always waits once, even with a reply linked: the engine raises the semaphore once per
+  // Deliberate (waits-once): a thread always waits once, even with a reply linked: the engine raises the semaphore once per
   // reply, so its count matches the list.
   do {
     if (!byIndex) storeShared(head.status, HEAD_WAITING);
@@ -266,7 +266,7 @@ long CIPCQueue<T>::sleepOn(TIPCHeadItem& head, bool* left) {
   }
   if (result == 0) return 0;
   (void)CkesErrorManager::Record(result, PRIVATE_GET);
-  // Deliberate: unlocked on every such path, locked again or not.  Engines live with an unlock of
+  // Deliberate (unlock-unlocked): unlocked on every such path, locked again or not.  Engines live with an unlock of
   // theirs that fails, and re-create their sets after a stop.
   (void)VSharedMemory->Unlock();
   *left = true;
@@ -349,7 +349,7 @@ TIPCHeadItem* CIPCQueue<T>::findOwned(_TIPCIdentifier id) {
   return nullptr;
 }
 
-/// The first free record.  The counter is trusted: when it says that a record is free and none is,
+/// The first free record.  Deliberate (trusted-counter): the counter is trusted; when it says that a record is free and none is,
 /// the scan stops at the last one, which is claimed without being counted.
 template <typename T>
 TIPCHeadItem* CIPCQueue<T>::claimFree() {

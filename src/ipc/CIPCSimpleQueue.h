@@ -87,7 +87,7 @@ class CIPCSimpleQueue {
 
   static constexpr const char* PUT = "CIPCSimpleQueue<T>::Put()";
   static constexpr const char* PRIVATE_PUT = "CIPCSimpleQueue<T>::PrivatePut()";
-  /// Deliberate: the name of the other queue's class.  Readers of error trails know it so.
+  /// Deliberate (other-queues-name): the name of the other queue's class.  Readers of error trails know it so.
   static constexpr const char* CHECK_OVERFLOW = "CIPCQueue::CheckOverflow()";
   static constexpr const char* SET_STATE = "CIPCSimpleQueue<T>::SetState()";
   static constexpr const char* CLEANUP = "CIPCSimpleQueue<T>::Cleanup()";
@@ -156,7 +156,7 @@ bool CIPCSimpleQueue<T>::open(const char* name) {
     traceText("CIPCSimpleQueue Failed on replaced semaphores\n");
     return false;
   }
-  // Written by every opener, without the lock and before the state is looked at.
+  // Deliberate (version-first): written by every opener, without the lock and before the state is looked at.
   storeShared(VHeader->arm_version, ARM_QUEUE_VERSION);
   if (state() != QUEUE_STATE_RUNNING) {
     traceText("CIPCSimpleQueue VQueueState is bad\n");
@@ -170,7 +170,7 @@ bool CIPCSimpleQueue<T>::openSegment(const char* name) {
   VSharedMemory = new (std::nothrow) CkesSharedMemory(name, false);
   if (VSharedMemory == nullptr) return false;
   const long result = VSharedMemory->GetInitResult();
-  // Deliberate: a dead creator does not keep the queue from opening; it shows in CreatorAlive.
+  // Deliberate (dead-creator-opens): a dead creator does not keep the queue from opening; it shows in CreatorAlive.
   if (result != 0 && result != CkesSharedMemory::ERR_CREATOR_GONE) return false;
   if (VSharedMemory->GetSize() < sizeof(TRequestQueueHeader)) return false;
   auto* start = static_cast<uint8_t*>(VSharedMemory->GetAddress());
@@ -284,7 +284,7 @@ void CIPCSimpleQueue<T>::wakeOrDrain(uint16_t now) {
   if (now == 1) {
     (void)VEmptySem->Post(1);
   } else if (now == VCapacity) {
-    // Deliberate: only "nothing left" ends this; any other result repeats it.
+    // Deliberate (endless-drain): only "nothing left" ends this; any other result repeats it.
     while (VOverflowSem->TryWait() != CkesSemaphore::ERR_WOULD_BLOCK) {
     }
   }
@@ -296,7 +296,7 @@ long CIPCSimpleQueue<T>::CheckOverflow(bool wait) {
   long result = 0;
   bool waited = false;
   bool unlocked = false;
-  // The second and later tests of the count, and the counting of a further pass, are made without
+  // Deliberate (unlocked-count): the second and later tests of the count, and the counting of a further pass, are made without
   // the lock.
   while (count() == VCapacity) {
     if (!wait) {
@@ -332,7 +332,7 @@ long CIPCSimpleQueue<T>::CheckOverflow(bool wait) {
       (void)CkesErrorManager::Record(result, CHECK_OVERFLOW);
     }
   }
-  // Deliberate: lowered once, however many passes were made; every further pass leaves it one too
+  // Deliberate (lowered-once): lowered once, however many passes were made; every further pass leaves it one too
   // high.
   if (waited) storeShared(VHeader->overflow_waiters, loadShared(VHeader->overflow_waiters) - 1U);
   return result;

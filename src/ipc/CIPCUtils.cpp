@@ -5,7 +5,6 @@
 
 namespace {
 
-constexpr const char* POST_MULTI_DELIMETER = ".";  // sic
 constexpr int AGENT_NAME_SIZE = 4096;
 
 /// Kept apart for its buffer, which only processes with a prefix need on their stacks.

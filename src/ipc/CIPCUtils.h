@@ -2,6 +2,9 @@
 
 #include "ipc/TIPCIdentifier.h"
 
+/// What stands between a path and the agent's name.
+inline constexpr char POST_MULTI_DELIMETER[] = ".";  // sic (delimeter)
+
 /// Names and identifiers of the engine channel.  Static members only, no state; any thread.
 class CIPCUtils {
  public:

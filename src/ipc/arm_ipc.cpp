@@ -79,7 +79,7 @@ const char* requestQueueFailure(const TRequestQueue* queue) {
   if (queue == nullptr) return "InitializeIPC, OutQueue is NULL\n";
   if (!queue->IsInitialized()) return "InitializeIPC, OutQueue is not Initialized\n";
   if (!queue->CreatorAlive()) return "InitializeIPC, OutQueue Creator is not alive\n";
-  // Deliberate: a queue that is only not ready has no line of its own.
+  // Deliberate (not-ready): a queue that is only not ready has no line of its own.
   return queue->IsReadyForIO() ? nullptr : "";
 }
 
@@ -126,7 +126,7 @@ void giveUpReplyQueue() {
   traceText("InitializeIPC, Failed to create InQueue\n");
   CloseIPC();
   copyEngineID();
-  // Deliberate: unlocked a second time.  CkesMutex tolerates it.
+  // Deliberate (second-unlock): unlocked a second time.  CkesMutex tolerates it.
   unlockQueues();
 }
 
@@ -232,7 +232,7 @@ bool IsEngineAlive() {
   passEntryGate();
   CSharedQueue<TRequestQueue>* queue = enter(OutQueueMutex, OutQueueCount, OutQueue);
   const bool alive = engineIsUsable(queue);
-  // Deliberate: the count goes up, not down, on the way out.  CloseIPC therefore never sees the
+  // Deliberate (count-goes-up): the count goes up, not down, on the way out.  CloseIPC therefore never sees the
   // request queue idle again.
   leave(OutQueueMutex, OutQueueCount, +1, queue);
   return alive;

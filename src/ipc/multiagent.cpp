@@ -3,10 +3,6 @@
 #include <cstdlib>
 #include <cstring>
 
-namespace {
-constexpr const char* MULTI_AGENT_ENV_VAR = "ARM_AGENT_PREFIX";
-}
-
 int isMultiAgent() {
   return secure_getenv(MULTI_AGENT_ENV_VAR) != nullptr ? 1 : 0;
 }

@@ -4,6 +4,9 @@
 // ARM_AGENT_PREFIX, read at each use.  Programs with raised privileges have none: their callers
 // choose no engine for them.
 
+/// The variable.
+inline constexpr char MULTI_AGENT_ENV_VAR[] = "ARM_AGENT_PREFIX";
+
 /// 1 when the variable is set, the empty value included, else 0.
 int isMultiAgent();
 

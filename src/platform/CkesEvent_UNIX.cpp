@@ -20,7 +20,7 @@ bool CkesEvent::consumeSignal() {
 
 long CkesEvent::implWait() {
   if (consumeSignal()) return 0;
-  // Deliberate: no loop and no second look at the state; any wake-up ends the wait.
+  // Deliberate (any-wake-up): no loop and no second look at the state; any wake-up ends the wait.
   VMutex.noteReleased();
   const int result = pthread_cond_wait(&VCondition, &VMutex.VMutex);
   VMutex.noteTaken();
@@ -30,7 +30,7 @@ long CkesEvent::implWait() {
 long CkesEvent::implWait(long milliseconds) {
   if (consumeSignal()) return 0;
   timespec deadline = {};
-  // Deliberate: whole seconds only, so the wait may end up to one second early.
+  // Deliberate (whole-seconds): whole seconds only, so the wait may end up to one second early.
   deadline.tv_sec = std::time(nullptr) + milliseconds / 1000;
   deadline.tv_nsec = (milliseconds % 1000) * 1000000L;
   VMutex.noteReleased();
@@ -54,7 +54,7 @@ long CkesEvent::wake() {
 
 long CkesEvent::implSignal() {
   const long result = wake();
-  // Deliberate: an automatic event does not latch; a signal that nobody waits for is lost.
+  // Deliberate (no-latch): an automatic event does not latch; a signal that nobody waits for is lost.
   VSignalled = VMode != EVENT_AUTO_RESET;
   return result;
 }

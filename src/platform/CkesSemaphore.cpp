@@ -5,6 +5,7 @@
 
 namespace {
 
+// Deliberate (path-limits): segments have 125, wake-up sets 123.
 constexpr int PATH_LIMIT = 128;
 constexpr int PATH_BUFFER = 132;
 /// One below the kernel's largest semaphore value.
@@ -34,6 +35,7 @@ CkesSemaphore::CkesSemaphore(char* name)
 CkesSemaphore::CkesSemaphore(long initial, long maximum)
     : VInitialized(false), VNamed(false), VMaximum(maximum), VOwner(false), semid(-1) {
   if (!countsAccepted(initial, maximum)) return;
+  // Deliberate (unnamed): creation begins with the name file, so this always fails.
   VInitialized = implCreate(nullptr, initial, maximum);
 }
 

@@ -67,13 +67,14 @@ bool CkesSemaphore::implOpen(char* path) {
 }
 
 long CkesSemaphore::implWait(long) {
+  // Deliberate (no-time-limit): the argument is ignored.
   sembuf take = {COUNT, -1, 0};
   return semopThroughSignals(semid, &take, 1) == 0 ? 0 : ERR_WAIT;
 }
 
 long CkesSemaphore::implTryWait() {
   sembuf take = {COUNT, -1, IPC_NOWAIT};
-  // Deliberate: an interrupting signal is a failure here, not a reason to repeat.
+  // Deliberate (try-once): an interrupting signal is a failure here, not a reason to repeat.
   if (semop(semid, &take, 1) == 0) return 0;
   return errno == EAGAIN ? ERR_WOULD_BLOCK : ERR_WAIT;
 }

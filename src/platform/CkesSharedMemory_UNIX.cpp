@@ -48,6 +48,7 @@ long CkesSharedMemory::implOpen(const char* path) {
   const key_t memoryKey = ftok(path, IPC_MEM_ID);
   if (memoryKey == -1) {
     if (VDebugRun) {
+      // sic (two-blanks): behind the second dash.
       traceFormatln("%s - ERROR -  ftok(name, IPC_MEM_ID) failed where name = %s, errno = %d", OPEN,
                     path, errno);
     }
@@ -210,7 +211,7 @@ bool CkesSharedMemory::createSegment(const char* path, unsigned long size) {
     }
     return false;
   }
-  // Deliberate: without IPC_EXCL, although the text below names it; a segment that is large enough
+  // Deliberate (no-ipc-excl): without IPC_EXCL, although the text below names it; a segment that is large enough
   // is reused.
   VMemory = shmget(key, size, ACCESS | IPC_CREAT);
   if (VMemory == -1) {
@@ -266,7 +267,7 @@ long CkesSharedMemory::implLock() {
 
 long CkesSharedMemory::implUnlock() {
   lockGivenUp(VAddress);
-  // Deliberate: never blocks and is never repeated; a lock that is free fails at once.
+  // Deliberate (unlock-once): never blocks and is never repeated; a lock that is free fails at once.
   sembuf unlock = {LOCK, -1, IPC_NOWAIT | SEM_UNDO};
   return semop(VSemaphore, &unlock, 1) < 0 ? ERR_UNLOCK : 0;
 }

@@ -21,7 +21,7 @@ CkesThread::CkesThread()
 
 CkesThread::CkesThread(const char* name)
     : VThread(0), VState(THREAD_INVALID), VStartEvent(EVENT_MANUAL_RESET, false), VName{} {
-  // Deliberate: a thread that could not be created stays without its name, unlike an unnamed one.
+  // Deliberate (nameless-thread): a thread that could not be created stays without its name, unlike an unnamed one.
   if (create()) std::strncpy(VName, name, NAME_SIZE - 1);
 }
 
@@ -54,7 +54,7 @@ long CkesThread::Start() {
   static constexpr const char* where = "CkesThread::Start()";
   if (GetState() != THREAD_CREATED) return CkesErrorManager::Record(ERR_STATE, where);
   VState.store(THREAD_RUNNING, std::memory_order_relaxed);
-  // Deliberate: recorded anew, so that the trail names the thread's operation and not its event's.
+  // Deliberate (start-renamed): recorded anew, so that the trail names the thread's operation and not its event's.
   return CkesErrorManager::Record(VStartEvent.Signal(), where);
 }
 
@@ -71,6 +71,7 @@ long CkesThread::GetPriority(TThreadPriority*) {
 long CkesThread::Join() {
   static constexpr const char* where = "CkesThread::Join()";
   const TThreadState state = GetState();  // once: the body may end at any time
+  // Deliberate (join-finished): the system is not asked.
   if (state == THREAD_FINISHED) return 0;
   if (!createdOrRunning(state)) return CkesErrorManager::Record(ERR_STATE, where);
   return CkesErrorManager::Record(implJoin(), where);

@@ -78,7 +78,7 @@ long CkesThreadLibrary::GetCurrentThreadID(unsigned long* id) {
 }
 
 bool CkesThreadLibrary::SameThreadIDs(unsigned long a, unsigned long b) {
-  // Deliberate: a yes or no has no room for -102; it still tells whether they are equal.
+  // Deliberate (same-ids): a yes or no has no room for -102; it still tells whether they are equal.
   (void)ready();
   return a == b;
 }

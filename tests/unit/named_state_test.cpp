@@ -9,6 +9,8 @@
 #include "diag/util1.h"
 #include "diag/util2.h"
 #include "diag/wcdebug.h"
+#include "ipc/CIPCUtils.h"
+#include "ipc/multiagent.h"
 #include "platform/CkesSharedMemory.h"
 #include "platform/CkesThreadLibrary.h"
 #include "records.h"
@@ -92,6 +94,11 @@ TEST(NamedState, ThreadLibraryIsInitializedWithTheKeyOfTheNames) {
   void* name = nullptr;
   EXPECT_EQ(0, CkesThreadLibrary::GetKeyValue(CkesThreadLibrary::VTNameKey, &name));
   EXPECT_STREQ("Main Thread", static_cast<const char*>(name));
+}
+
+TEST(NamedState, AgentsNameHasItsVariableAndItsDelimiter) {
+  EXPECT_STREQ("ARM_AGENT_PREFIX", MULTI_AGENT_ENV_VAR);
+  EXPECT_STREQ(".", POST_MULTI_DELIMETER);
 }
 
 TEST(NamedState, KeysOfASegmentHaveTheirProjects) {
