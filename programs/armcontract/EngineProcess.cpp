@@ -26,6 +26,7 @@ void becomeEngine(pid_t parent, std::vector<std::string> command,
   (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) _exit(EXIT_FAILURE);
   std::vector<char*> arguments;
+  arguments.reserve(command.size() + 1);
   for (std::string& argument : command) arguments.push_back(argument.data());
   arguments.push_back(nullptr);
   if (prefix) {

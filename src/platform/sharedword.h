@@ -49,7 +49,8 @@ inline uint64_t seenIn(const void* target) {
 /// floating-point unit, or leave no room there.
 template <typename T>
 [[nodiscard]] bool storeOnce(T& target, T value) {
-  static_assert(sizeof(T) == 8 && alignof(T) == 8);
+  static_assert(sizeof(T) == 8);
+  static_assert(alignof(T) == 8);
 #if defined(__LP64__)
   __atomic_store(&target, &value, __ATOMIC_RELEASE);
   return true;
