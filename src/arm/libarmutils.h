@@ -25,5 +25,5 @@ inline constexpr unsigned LOGIN_NAME_BUFFER = 1024;
 
 /// Looks up the login name of the process's real user.  Copies it into buffer, which offers
 /// LOGIN_NAME_BUFFER bytes, stores its length through size and returns true; false, with nothing
-/// stored, when there is no such user or the name is longer.
+/// stored, when there is no such user, the name is longer, or memory is short.
 bool GetUserName(char* buffer, unsigned long* size);

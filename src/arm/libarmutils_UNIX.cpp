@@ -22,6 +22,17 @@ int lookUp(uid_t user, char* entry, std::size_t size, const char** name) {
   return 0;
 }
 
+/// Whether there is memory for a look-up.  The C library ends the process when it finds none for its
+/// own list of sources, which it reads at the first look-up.
+bool hasRoomForLookUp() {
+  constexpr std::size_t ROOM = 64 * 1024;
+  char* room = new (std::nothrow) char[ROOM];
+  // A pair of new and delete may be left out unless the memory is used.
+  __asm__ volatile("" : : "r"(room) : "memory");
+  delete[] room;
+  return room != nullptr;
+}
+
 bool copyName(const char* name, char* buffer, unsigned long* size) {
   const std::size_t length = std::strlen(name);
   if (length >= LOGIN_NAME_BUFFER) return false;
@@ -37,6 +48,7 @@ bool GetUserName(char* buffer, unsigned long* size) {
   constexpr std::size_t LARGEST = 1024 * 1024;
   int error = ERANGE;
   bool copied = false;
+  if (!hasRoomForLookUp()) return false;
   for (std::size_t room = FIRST; error == ERANGE && room <= LARGEST; room *= 4) {
     char* entry = new (std::nothrow) char[room];
     if (entry == nullptr) return false;

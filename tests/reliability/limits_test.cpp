@@ -299,6 +299,31 @@ TEST_F(Limits, OfTheAddressSpaceFailRegistrationsUntilThereIsRoom) {
   });
 }
 
+/// All memory is used up but one block.
+void leaveOneBlock(size_t size) {
+  void* block = malloc(size);
+  limitAddressSpace(addressSpaceInUse());
+  useUpFreeMemory();
+  free(block);
+}
+
+TEST_F(Limits, OfTheAddressSpaceGiveAnEmptyUserForTheLoginName) {
+  ASSERT_TRUE(engine.start());
+  ASSERT_EQ(0, SetExpectedCodeset("UTF-8"));
+  ASSERT_EQ(101, w_ArmInit(0, "application", "user", 0, nullptr, 0));
+  unsigned rounds = 0;
+  for (size_t size = 1040; size < 16384 && !HasFailure(); size += 256) {
+    EXPECT_EQ(0, exitCodeOf(forkChild([size] {
+                leaveOneBlock(size);
+                return w_ArmInit(0, "application", "*", 0, nullptr, 0) == 101 ? 0 : 1;
+              })))
+        << size;
+    EXPECT_EQ("", textAt(engine.last(), 140, 128)) << size;
+    ++rounds;
+  }
+  counted("login names looked up without memory", rounds);
+}
+
 #endif
 
 void leaveDescriptors(rlim_t count) {
