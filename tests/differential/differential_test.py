@@ -468,7 +468,7 @@ class Run:
                 else:
                     at += size
             size //= 2
-        return script, difference
+        return difference, script
 
 
 # ---- cases --------------------------------------------------------------------------------------
@@ -483,9 +483,9 @@ def no_script_differs(run, first, count):
     # What was sent ahead of the last one is left unread.
     run.player.start_again()
     for script, difference in bad:
-        script, difference = run.shorten(script, difference)
-        print("seed %d tells a difference:\n  %s\nshortest script:\n%s\n" %
-              (script.seed, difference, script))
+        print("seed %d tells a difference:\n  %s" % (script.seed, difference))
+    if bad:
+        print("the shortest script of seed %d: %s\n%s" % (bad[0][0].seed, *run.shorten(*bad[0])))
     print("counted: random scripts played like the model: %d" % run.alike)
     print("counted: random scripts' calls: %d" % calls)
     return not bad
