@@ -198,6 +198,17 @@ Findings checkAccess(const Picture& picture) {
   return findings;
 }
 
+const char* adviceFor(Oddity::Kind kind) {
+  switch (kind) {
+    case Oddity::Kind::damage:
+      return "look again with armstat --consistent; if it stays, restart the engine";
+    case Oddity::Kind::version:
+      return "every program writes it anew when it connects; find out who writes something else "
+             "there";
+  }
+  return "";
+}
+
 }  // namespace
 
 std::vector<std::optional<std::string>> prefixesInDirectory() {
@@ -291,13 +302,8 @@ Findings checkEngine(const Picture& picture) {
 
 Findings checkQueues(const Picture& picture) {
   Findings findings;
-  for (const std::string& oddity : picture.oddities) {
-    const bool version = oddity.find("version word") != std::string::npos;
-    findings.push_back({Level::warning, oddity,
-                        version ? "every program writes it anew when it connects; find out who "
-                                  "writes something else there"
-                                : "look again with armstat --consistent; if it stays, restart the "
-                                  "engine"});
+  for (const Oddity& oddity : picture.oddities) {
+    findings.push_back({Level::warning, oddity.text, adviceFor(oddity.kind)});
   }
   for (const ObjectBase* object : picture.objects.all()) {
     if (!picture.objects.any() || object->exists() || !object->has_name) continue;

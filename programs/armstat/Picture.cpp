@@ -1,6 +1,7 @@
 #include "armstat/Picture.h"
 
 #include <cerrno>
+#include <utility>
 
 #include "armstat/Processes.h"
 
@@ -59,48 +60,53 @@ std::string amount(unsigned number, const char* of) {
   return std::to_string(number) + " " + of;
 }
 
-void findRequestOddities(const RequestQueue& queue, std::vector<std::string>* oddities) {
+void addDamage(std::vector<Oddity>* oddities, std::string text) {
+  oddities->push_back({Oddity::Kind::damage, std::move(text)});
+}
+
+void findRequestOddities(const RequestQueue& queue, std::vector<Oddity>* oddities) {
   if (queue.copy == Copy::none) return;
   const TRequestQueueHeader& header = queue.header;
   const unsigned capacity = queue.capacity;
   if (capacity == 0) {
-    oddities->push_back("the request segment has no room for a request");
+    addDamage(oddities, "the request segment has no room for a request");
   } else if (header.count > capacity || header.head >= capacity || header.tail >= capacity) {
-    oddities->push_back("the request ring's count or slot numbers lie outside its " +
-                        amount(capacity, "slots"));
+    addDamage(oddities, "the request ring's count or slot numbers lie outside its " +
+                            amount(capacity, "slots"));
   } else if ((header.head + unsigned{header.count}) % capacity != header.tail) {
-    oddities->push_back("the request ring's count does not fit its head and tail");
+    addDamage(oddities, "the request ring's count does not fit its head and tail");
   }
   if (header.arm_version != VERSION) {
-    oddities->push_back("the version word is " + std::to_string(header.arm_version) + ", not " +
-                        std::to_string(VERSION));
+    oddities->push_back({Oddity::Kind::version, "the version word is " +
+                                                    std::to_string(header.arm_version) + ", not " +
+                                                    std::to_string(VERSION)});
   }
 }
 
-void findReplyOddities(const Picture& picture, std::vector<std::string>* oddities) {
+void findReplyOddities(const Picture& picture, std::vector<Oddity>* oddities) {
   const ReplyQueue& queue = picture.replies;
   if (queue.copy == Copy::none) return;
-  if (queue.capacity == 0) oddities->push_back("the reply segment has no room for a requester");
+  if (queue.capacity == 0) addDamage(oddities, "the reply segment has no room for a requester");
   unsigned pending = 0;
   for (const Requester& one : picture.requesters) {
     pending += one.pending.length;
     const std::string record = "head record " + std::to_string(one.index);
-    if (!one.pending.sound) oddities->push_back(record + ": its list of replies is damaged");
+    if (!one.pending.sound) addDamage(oddities, record + ": its list of replies is damaged");
     if (one.record.semaphore < REPLY_SET_FIRST_HEAD ||
         one.record.semaphore >= queue.capacity + REPLY_SET_FIRST_HEAD) {
-      oddities->push_back(record + ": it has the impossible semaphore " +
-                          std::to_string(one.record.semaphore));
+      addDamage(oddities, record + ": it has the impossible semaphore " +
+                              std::to_string(one.record.semaphore));
     }
   }
-  if (!picture.free_items.sound) oddities->push_back("the list of free items is damaged");
+  if (!picture.free_items.sound) addDamage(oddities, "the list of free items is damaged");
   if (queue.header.used_items != pending) {
-    oddities->push_back("the reply queue counts " + amount(queue.header.used_items, "replies") +
-                        ", its lists hold " + std::to_string(pending));
+    addDamage(oddities, "the reply queue counts " + amount(queue.header.used_items, "replies") +
+                            ", its lists hold " + std::to_string(pending));
   }
   if (queue.header.heads_in_use != picture.requesters.size()) {
-    oddities->push_back("the reply queue counts " +
-                        amount(queue.header.heads_in_use, "requesters") + ", its records name " +
-                        std::to_string(picture.requesters.size()));
+    addDamage(oddities, "the reply queue counts " +
+                            amount(queue.header.heads_in_use, "requesters") +
+                            ", its records name " + std::to_string(picture.requesters.size()));
   }
 }
 

@@ -39,6 +39,16 @@ struct Requester {
   std::optional<bool> thread_lives;  ///< none where it cannot be told
 };
 
+/// What cannot be in sound queues.
+struct Oddity {
+  enum class Kind {
+    damage,   ///< indexes, lists, counts or sizes that do not fit each other
+    version,  ///< another version than the library's
+  };
+  Kind kind = Kind::damage;
+  std::string text;  ///< one sentence
+};
+
 /// All that armstat sees of one prefix at one time.
 struct Picture {
   std::optional<std::string> prefix;
@@ -48,7 +58,7 @@ struct Picture {
   std::vector<Requester> requesters;
   Chain free_items;
   Engine engine;
-  std::vector<std::string> oddities;  ///< what cannot be in sound queues; empty when they are torn
+  std::vector<Oddity> oddities;  ///< none when the copies are torn
 };
 
 Picture takePicture(Manner manner);

@@ -117,6 +117,8 @@ Json replyQueue(const Picture& picture) {
 }  // namespace
 
 std::string asJson(const Picture& picture, bool pretty) {
+  Json oddities = Json::array();
+  for (const Oddity& oddity : picture.oddities) oddities.push_back(oddity.text);
   Json json = {{"prefix", orNull(picture.prefix)},
                {"engine",
                 {{"state", nameOf(picture.engine.state)},
@@ -124,7 +126,7 @@ std::string asJson(const Picture& picture, bool pretty) {
                  {"name", picture.engine.name}}},
                {"request_queue", requestQueue(picture)},
                {"reply_queue", replyQueue(picture)},
-               {"oddities", picture.oddities}};
+               {"oddities", oddities}};
   // Names and paths are bytes of other people: what is no UTF-8 is replaced.
   return json.dump(pretty ? 2 : -1, ' ', false, Json::error_handler_t::replace);
 }

@@ -163,7 +163,7 @@ std::string requesterTable(const Picture& picture) {
 std::string asText(const Picture& picture) {
   std::string text =
       engineLine(picture) + requestLines(picture.requests, picture.objects) + replyLines(picture);
-  for (const std::string& oddity : picture.oddities) text += "odd       " + oddity + "\n";
+  for (const Oddity& oddity : picture.oddities) text += "odd       " + oddity.text + "\n";
   return text + "\n" + objectTable(picture) + requesterTable(picture);
 }
 

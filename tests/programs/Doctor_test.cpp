@@ -113,6 +113,25 @@ TEST(Doctor, ProcessesThatMayNotBeLookedAtAreNoted) {
   EXPECT_EQ("2 processes may not be looked at", findings[1].text);
 }
 
+// ---- what cannot be ------------------------------------------------------------------------------
+
+TEST(Doctor, AdviceOnWhatIsOddGoesByItsKindWhateverItsSentenceSays) {
+  using Kind = armstat::Oddity::Kind;
+  armstat::Picture picture;
+  picture.oddities = {{Kind::version, "something else stands there"},
+                      {Kind::damage, "the list at the version word is damaged"}};
+  const armstat::Findings findings = armstat::checkQueues(picture);
+  ASSERT_EQ(2U, findings.size());
+  EXPECT_EQ(Level::warning, findings[0].level);
+  EXPECT_EQ("something else stands there", findings[0].text);
+  EXPECT_EQ(
+      "every program writes it anew when it connects; find out who writes something else there",
+      findings[0].advice);
+  EXPECT_EQ(Level::warning, findings[1].level);
+  EXPECT_EQ("look again with armstat --consistent; if it stays, restart the engine",
+            findings[1].advice);
+}
+
 // ---- the login manager ---------------------------------------------------------------------------
 
 class LoginManager : public testing::Test {
