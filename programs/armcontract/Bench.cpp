@@ -1,4 +1,4 @@
-#include "Bench.h"
+#include "armcontract/Bench.h"
 
 #include <pthread.h>
 #include <signal.h>
@@ -9,7 +9,7 @@ namespace armcontract {
 
 namespace {
 
-constexpr size_t SMALL_STACK = 128 * 1024;
+constexpr std::size_t SMALL_STACK = 128 * 1024;
 /// How long an engine is given for a second reply to the same request, or another slip.
 constexpr Duration SETTLING{20};
 /// An application that no engine has: ids are given from below.
@@ -59,15 +59,15 @@ Requesters makeRequesters(unsigned count) {
 
 wire::Request makeRequest(int32_t type, Identity from) {
   wire::Request request = {};
-  request.put32(0, static_cast<int32_t>(from.process));
-  request.put32(4, static_cast<int32_t>(from.thread));
-  request.put32(8, type);
+  request.put32(wire::SENDER_PROCESS, static_cast<int32_t>(from.process));
+  request.put32(wire::SENDER_THREAD, static_cast<int32_t>(from.thread));
+  request.put32(wire::TYPE, type);
   return request;
 }
 
 wire::Request makePing(Identity from) {
   wire::Request request = makeRequest(wire::END, from);
-  request.put32(12, STRANGE_ID);
+  request.put32(wire::ID, STRANGE_ID);
   return request;
 }
 
@@ -98,7 +98,7 @@ Bench::~Bench() {
 
 bool Bench::isServed() const {
   const auto set = SemaphoreSet::find(names_.requests, wire::LOCK_PROJECT);
-  return set && set->value(wire::CREATOR) > 1;
+  return set && set->value(wire::CREATOR) >= wire::CREATOR_LIVES;
 }
 
 bool Bench::prepare(std::string* why) {
@@ -146,7 +146,7 @@ bool Bench::waitedEnough() {
   }
   const auto channel = Channel::open(names_, patience(), &not_serving_);
   if (!channel) return false;
-  const bool serves = channel->requests.isReady() && channel->replies.state() == 0;
+  const bool serves = channel->requests.isReady() && channel->replies.state() == wire::RUNNING;
   not_serving_ = serves ? "" : "the engine does not become ready";
   return serves;
 }
@@ -192,8 +192,8 @@ std::unique_ptr<TracedEngine> Bench::startTraced() const {
 
 std::optional<wire::Reply> Bench::call(const wire::Request& request) {
   post(request);
-  const Identity who = {static_cast<uint32_t>(request.word(0)),
-                        static_cast<uint32_t>(request.word(4))};
+  const Identity who = {static_cast<uint32_t>(request.word(wire::SENDER_PROCESS)),
+                        static_cast<uint32_t>(request.word(wire::SENDER_THREAD))};
   const ReplyQueue::Taken taken = take(who);
   if (taken.end == ReplyQueue::End::no_head) throw Unchecked("no head record is to be had");
   if (taken.end != ReplyQueue::End::reply) return {};
@@ -203,7 +203,8 @@ std::optional<wire::Reply> Bench::call(const wire::Request& request) {
 wire::Reply Bench::callOrSkip(const wire::Request& request) {
   const auto reply = call(request);
   if (!reply) {
-    throw Unchecked("a request of type " + std::to_string(request.word(8)) + " is not answered");
+    throw Unchecked("a request of type " + std::to_string(request.word(wire::TYPE)) +
+                    " is not answered");
   }
   return *reply;
 }

@@ -10,11 +10,14 @@
 #include <thread>
 #include <vector>
 
-#include "EngineProcess.h"
-#include "Queues.h"
-#include "TracedEngine.h"
+#include "armcontract/EngineProcess.h"
+#include "armcontract/Queues.h"
+#include "armcontract/TracedEngine.h"
 
 namespace armcontract {
+
+/// More threads than this are not asked of the machine.
+inline constexpr unsigned MOST_REQUESTERS = 1024;
 
 /// What the program was asked to do.
 struct Settings {

@@ -1,4 +1,4 @@
-#include "Clauses.h"
+#include "armcontract/Clauses.h"
 
 namespace armcontract {
 

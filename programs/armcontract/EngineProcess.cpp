@@ -1,4 +1,4 @@
-#include "EngineProcess.h"
+#include "armcontract/EngineProcess.h"
 
 #include <fcntl.h>
 #include <signal.h>

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "Objects.h"
+#include "armcontract/Objects.h"
 
 namespace armcontract {
 

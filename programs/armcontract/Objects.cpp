@@ -1,4 +1,4 @@
-#include "Objects.h"
+#include "armcontract/Objects.h"
 
 #include <sys/ipc.h>
 #include <sys/sem.h>
@@ -9,7 +9,7 @@
 #include <ctime>
 #include <utility>
 
-#include "Wire.h"
+#include "armcontract/Wire.h"
 
 namespace armcontract {
 
@@ -20,11 +20,6 @@ union SemArgument {
   semid_ds* buf;
   unsigned short* array;
 };
-
-// Where paths are cut, section 1.
-constexpr size_t SEMAPHORE_PATH = 127;
-constexpr size_t SEGMENT_PATH = 124;
-constexpr size_t LARGEST_PREFIX = 4095;
 
 bool statOf(int id, semid_ds* status) {
   SemArgument argument = {};
@@ -39,7 +34,7 @@ timespec until(Clock::time_point end) {
   return {static_cast<time_t>(count / SECOND), static_cast<long>(count % SECOND)};
 }
 
-Waited operate(int set, sembuf* operations, size_t count, Duration limit) {
+Waited operate(int set, sembuf* operations, std::size_t count, Duration limit) {
   const auto end = Clock::now() + limit;
   for (;;) {
     const timespec time = until(end);
@@ -52,13 +47,12 @@ Waited operate(int set, sembuf* operations, size_t count, Duration limit) {
 }  // namespace
 
 Names Names::of(const std::optional<std::string>& prefix) {
-  const std::string suffix = prefix ? "." + prefix->substr(0, LARGEST_PREFIX) : "";
-  const std::string requests = "/var/kelp/controls_ae.kelp";
-  const std::string replies = "/var/kelp/controls_ea.kelp";
-  return {(requests + "_ovr" + suffix).substr(0, SEMAPHORE_PATH),
-          (requests + "_emp" + suffix).substr(0, SEMAPHORE_PATH),
-          (requests + "_mem" + suffix).substr(0, SEGMENT_PATH),
-          (replies + suffix).substr(0, SEGMENT_PATH)};
+  const std::string suffix = prefix ? "." + prefix->substr(0, wire::LARGEST_PREFIX) : "";
+  const std::string requests = wire::REQUEST_FILES;
+  return {(requests + wire::OVERFLOW_ENDING + suffix).substr(0, wire::SEMAPHORE_PATH),
+          (requests + wire::EMPTY_ENDING + suffix).substr(0, wire::SEMAPHORE_PATH),
+          (requests + wire::MEMORY_ENDING + suffix).substr(0, wire::SEGMENT_PATH),
+          (wire::REPLY_FILE + suffix).substr(0, wire::SEGMENT_PATH)};
 }
 
 // ---- semaphores ---------------------------------------------------------------------------------

@@ -13,6 +13,7 @@ namespace armcontract {
 
 using Clock = std::chrono::steady_clock;
 using Duration = std::chrono::milliseconds;
+inline constexpr Duration FOR_EVER{3'600'000};
 
 /// The name files of one prefix.
 struct Names {
@@ -64,32 +65,32 @@ class Segment {
   ~Segment();
 
   int id() const { return id_; }
-  size_t size() const { return size_; }
+  std::size_t size() const { return size_; }
   unsigned mode() const { return mode_; }
 
-  uint8_t u8(size_t offset) const { return load<uint8_t>(offset); }
-  uint16_t u16(size_t offset) const { return load<uint16_t>(offset); }
-  uint32_t u32(size_t offset) const { return load<uint32_t>(offset); }
-  void put8(size_t offset, uint8_t value) { store(offset, value); }
-  void put16(size_t offset, uint16_t value) { store(offset, value); }
-  void put32(size_t offset, uint32_t value) { store(offset, value); }
-  uint8_t* at(size_t offset) { return start_ + offset; }
+  uint8_t u8(std::size_t offset) const { return load<uint8_t>(offset); }
+  uint16_t u16(std::size_t offset) const { return load<uint16_t>(offset); }
+  uint32_t u32(std::size_t offset) const { return load<uint32_t>(offset); }
+  void put8(std::size_t offset, uint8_t value) { store(offset, value); }
+  void put16(std::size_t offset, uint16_t value) { store(offset, value); }
+  void put32(std::size_t offset, uint32_t value) { store(offset, value); }
+  uint8_t* at(std::size_t offset) { return start_ + offset; }
 
  private:
-  Segment(int id, uint8_t* start, size_t size, unsigned mode)
+  Segment(int id, uint8_t* start, std::size_t size, unsigned mode)
       : id_(id), start_(start), size_(size), mode_(mode) {}
   template <typename T>
-  T load(size_t offset) const {
+  T load(std::size_t offset) const {
     return __atomic_load_n(reinterpret_cast<const T*>(start_ + offset), __ATOMIC_SEQ_CST);
   }
   template <typename T>
-  void store(size_t offset, T value) {
+  void store(std::size_t offset, T value) {
     __atomic_store_n(reinterpret_cast<T*>(start_ + offset), value, __ATOMIC_SEQ_CST);
   }
 
   int id_;
   uint8_t* start_;
-  size_t size_;
+  std::size_t size_;
   unsigned mode_;
 };
 

@@ -1,4 +1,4 @@
-#include "Options.h"
+#include "armcontract/Options.h"
 
 #include <charconv>
 #include <cstdlib>
@@ -66,7 +66,7 @@ CommandLine parseCommandLine(int count, char* const* arguments) {
       if (i + 1 == count) line.error = "the engine's command is missing after --";
       break;
     }
-    const size_t equals = argument.find('=');
+    const std::size_t equals = argument.find('=');
     const std::string_view option = argument.substr(0, equals);
     if (equals == std::string_view::npos && applyFlag(argument, &line)) continue;
     if (!takesValue(option)) {

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "Bench.h"
+#include "armcontract/Bench.h"
 
 namespace armcontract {
 

@@ -1,4 +1,4 @@
-#include "Queues.h"
+#include "armcontract/Queues.h"
 
 #include <algorithm>
 #include <cstring>
@@ -8,20 +8,22 @@ namespace armcontract {
 // ---- request queue ------------------------------------------------------------------------------
 
 unsigned RequestQueue::capacity() const {
-  const size_t size = memory.size();
+  const std::size_t size = memory.size();
   return size < wire::RING_SLOTS
              ? 0
              : static_cast<uint16_t>((size - wire::RING_SLOTS) / wire::REQUEST_SIZE);
 }
 
 bool RequestQueue::isReady() const {
-  return memory.u32(wire::RING_STATE) == 0 && creatorLives() && memory.u32(wire::RING_READY) != 0;
+  return memory.u32(wire::RING_STATE) == wire::RUNNING && creatorLives() &&
+         memory.u32(wire::RING_READY) != 0;
 }
 
 void RequestQueue::put(const std::vector<wire::Request>& requests) {
   const Guard guard(*this);
   for (const wire::Request& request : requests) {
-    if (memory.u32(wire::RING_STATE) != 0) throw Unchecked("the request queue has stopped");
+    if (memory.u32(wire::RING_STATE) != wire::RUNNING)
+      throw Unchecked("the request queue has stopped");
     if (count() >= capacity()) throw Unchecked("the request queue stays full");
     if (tail() >= capacity()) throw Unchecked("the ring's tail points outside the ring");
     std::memcpy(memory.at(wire::RING_SLOTS + tail() * wire::REQUEST_SIZE), request.data(),
@@ -43,7 +45,7 @@ void RequestQueue::wake() const {
 // ---- reply queue --------------------------------------------------------------------------------
 
 unsigned ReplyQueue::capacity() const {
-  const size_t size = memory.size();
+  const std::size_t size = memory.size();
   return size < wire::REPLY_RECORDS ? 0
                                     : static_cast<uint16_t>((size - wire::REPLY_RECORDS) /
                                                             (wire::HEAD_SIZE + wire::ITEM_SIZE));
@@ -58,7 +60,7 @@ bool ReplyQueue::isOf(unsigned head, Identity who) const {
 }
 
 bool ReplyQueue::isItem(uint32_t offset) const {
-  const size_t begin = itemAt(0);
+  const std::size_t begin = itemAt(0);
   return offset >= begin && (offset - begin) % wire::ITEM_SIZE == 0 &&
          (offset - begin) / wire::ITEM_SIZE < capacity();
 }
@@ -122,7 +124,7 @@ unsigned ReplyQueue::linkedItems() const {
 std::string ReplyQueue::walk(uint32_t first, const char* list, std::vector<bool>* seen) const {
   for (uint32_t item = first; item != 0; item = next(item)) {
     if (!isItem(item)) return std::string(list) + " leads to offset " + std::to_string(item);
-    const size_t index = (item - itemAt(0)) / wire::ITEM_SIZE;
+    const std::size_t index = (item - itemAt(0)) / wire::ITEM_SIZE;
     if ((*seen)[index]) return "item " + std::to_string(index) + " is in two places";
     (*seen)[index] = true;
   }
@@ -177,7 +179,7 @@ wire::Reply ReplyQueue::unlink(unsigned head) {
 
 /// What a woken reader finds, under the lock; nothing when it waits again.
 std::optional<ReplyQueue::Taken> ReplyQueue::look(unsigned head) {
-  if (first(head) == 0 && state() != 0) return Taken{End::stopped, {}};
+  if (first(head) == 0 && state() != wire::RUNNING) return Taken{End::stopped, {}};
   if (status(head) == wire::CANCELLED) {
     setStatus(head, wire::IDLE);
     return Taken{End::cancelled, {}};
@@ -195,13 +197,13 @@ ReplyQueue::Taken ReplyQueue::take(Identity who, Duration limit) {
       const auto found = headFor(who);
       if (!found) return {End::no_head, {}};
       head = *found;
-      if (first(head) == 0 && state() != 0) return {End::stopped, {}};
+      if (first(head) == 0 && state() != wire::RUNNING) return {End::stopped, {}};
       setStatus(head, wire::WAITING);
     }
     const auto left = std::chrono::duration_cast<Duration>(end - Clock::now());
     const Waited waited = wake.lower(semaphore(head), std::max(left, Duration(0)));
     if (waited == Waited::gone) return {End::gone, {}};
-    if (state() == 2) return {End::stopped, {}};
+    if (state() == wire::STOPPED) return {End::stopped, {}};
     const Guard guard(*this);
     if (waited == Waited::timed_out) {
       if (isOf(head, who)) setStatus(head, wire::IDLE);

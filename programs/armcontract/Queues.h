@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "Objects.h"
-#include "Wire.h"
+#include "armcontract/Objects.h"
+#include "armcontract/Wire.h"
 
 namespace armcontract {
 
@@ -54,7 +54,7 @@ class LockedSegment {
   };
 
   /// Whether the creator lives, as programs see it.
-  bool creatorLives() const { return lock_set.value(wire::CREATOR) > 1; }
+  bool creatorLives() const { return lock_set.value(wire::CREATOR) >= wire::CREATOR_LIVES; }
 
   Segment memory;
   SemaphoreSet lock_set;
@@ -98,7 +98,7 @@ class ReplyQueue : public LockedSegment {
   uint32_t freeList() const { return memory.u32(wire::REPLY_FREE); }
   uint32_t state() const { return memory.u32(wire::REPLY_STATE); }
 
-  static size_t headAt(unsigned head) { return wire::REPLY_RECORDS + wire::HEAD_SIZE * head; }
+  static std::size_t headAt(unsigned head) { return wire::REPLY_RECORDS + wire::HEAD_SIZE * head; }
   uint8_t status(unsigned head) const { return memory.u8(headAt(head) + wire::HEAD_STATUS); }
   uint16_t semaphore(unsigned head) const {
     return memory.u16(headAt(head) + wire::HEAD_SEMAPHORE);
@@ -111,7 +111,7 @@ class ReplyQueue : public LockedSegment {
     memory.put8(headAt(head) + wire::HEAD_STATUS, status);
   }
 
-  size_t itemAt(unsigned item) const {
+  std::size_t itemAt(unsigned item) const {
     return wire::REPLY_RECORDS + wire::HEAD_SIZE * capacity() + wire::ITEM_SIZE * item;
   }
   bool isItem(uint32_t offset) const;

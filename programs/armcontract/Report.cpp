@@ -1,4 +1,4 @@
-#include "Report.h"
+#include "armcontract/Report.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "Clauses.h"
+#include "armcontract/Clauses.h"
 
 namespace armcontract {
 

@@ -5,9 +5,10 @@
 #include <string>
 #include <vector>
 
-#include "Clauses.h"
-#include "Options.h"
-#include "Report.h"
+#include "armcontract/Clauses.h"
+#include "armcontract/Options.h"
+#include "armcontract/Report.h"
+#include "common/Program.h"
 
 namespace {
 
@@ -19,8 +20,7 @@ using armcontract::Verdict;
 constexpr int BAD_INPUT = 2;
 
 int complain(const std::string& sentence, int status) {
-  (void)std::fprintf(stderr, "armcontract: %s\n", sentence.c_str());
-  return status;
+  return armtools::complain("armcontract", sentence, status);
 }
 
 void print(const std::string& text) {

@@ -22,7 +22,7 @@
 #include <utility>
 #include <vector>
 
-#include "Queues.h"
+#include "armcontract/Queues.h"
 
 namespace {
 

@@ -8,16 +8,14 @@
 
 #include <string>
 
-#include "Clauses.h"
+#include "armcontract/Clauses.h"
 
 namespace armcontract {
 
 namespace {
 
-constexpr unsigned MOST_REQUESTERS = 1024;
 /// What an engine is given to notice that a client has died, in patiences.
 constexpr int TO_NOTICE = 2;
-constexpr Duration FOR_EVER{3'600'000};
 
 // ---- linked replies -----------------------------------------------------------------------------
 

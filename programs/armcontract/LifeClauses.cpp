@@ -7,7 +7,7 @@
 #include <string>
 #include <thread>
 
-#include "Clauses.h"
+#include "armcontract/Clauses.h"
 
 namespace armcontract {
 
@@ -49,7 +49,6 @@ class Waiter {
 
  private:
   void wait() {
-    constexpr Duration FOR_EVER{3'600'000};
     try {
       (void)replies_.take(requester_.identity(), FOR_EVER);
     } catch (const std::exception&) {
@@ -83,8 +82,8 @@ void stop(Bench& bench) {
 void checkStates(Bench& bench) {
   const RequestQueue& requests = bench.requests();
   stop(bench);
-  need(requests.memory.u32(wire::RING_STATE) == 2, "the request queue's is not");
-  need(bench.replies().state() == 2, "the reply queue's is not");
+  need(requests.memory.u32(wire::RING_STATE) == wire::STOPPED, "the request queue's is not");
+  need(bench.replies().state() == wire::STOPPED, "the reply queue's is not");
 }
 
 void checkStopWakes(Bench& bench) {
@@ -118,7 +117,7 @@ void checkRemoval(Bench& bench) {
 void needFallen(Bench& bench, const LockedSegment& queue, const char* which) {
   const auto creator = [&queue] { return queue.lock_set.value(wire::CREATOR); };
   // A set that is gone says the same.
-  const bool fallen = comesTrue(bench.patience(), [&] { return creator() < 2; });
+  const bool fallen = comesTrue(bench.patience(), [&] { return creator() < wire::CREATOR_LIVES; });
   need(fallen, std::string(which) + " stays " + std::to_string(creator()));
 }
 

@@ -3,42 +3,42 @@
 #include <algorithm>
 #include <string>
 
-#include "Clauses.h"
+#include "armcontract/Clauses.h"
 
 namespace armcontract {
 
 namespace {
 
-/// More threads than this are not asked of the machine.
-constexpr unsigned MOST_REQUESTERS = 1024;
 constexpr unsigned LONGEST_ROUND = 8192;
+/// Seconds since the epoch.
+constexpr int32_t SOME_TIME = 1'700'000'000;
 
 // ---- records ------------------------------------------------------------------------------------
 
 wire::Request makeInit(Identity from, const char* name) {
   wire::Request request = makeRequest(wire::INIT, from);
-  request.putText(12, name);
-  request.putText(140, "nobody");
+  request.putText(wire::INIT_NAME, name);
+  request.putText(wire::INIT_USER, "nobody");
   return request;
 }
 
 wire::Request makeGetid(Identity from, int32_t application, const char* name) {
   wire::Request request = makeRequest(wire::GETID, from);
-  request.put32(12, application);
-  request.putText(16, name);
+  request.put32(wire::ID, application);
+  request.putText(wire::GETID_NAME, name);
   return request;
 }
 
 /// A start; flags are those of the block's first flag byte, 0 for no block at all.
 wire::Request makeStart(Identity from, int32_t tran_class, uint8_t flags) {
   wire::Request request = makeRequest(wire::START, from);
-  request.put32(12, tran_class);
+  request.put32(wire::ID, tran_class);
   if (flags != 0) {
-    request.put32(20, 1);
-    request[24] = flags;
-    request.put32(276, 256);
+    request.put32(wire::START_BLOCK + wire::BLOCK_FORMAT, wire::FORMAT);
+    request[wire::START_BLOCK + wire::BLOCK_FLAGS] = flags;
+    request.put32(wire::START_BLOCK_SIZE, wire::BLOCK_SIZE);
   }
-  request.put32(280, 1'700'000'000);
+  request.put32(wire::START_TIME, SOME_TIME);
   return request;
 }
 
@@ -47,10 +47,10 @@ wire::Request makeOfType(int32_t type, Identity from) {
   if (type == wire::INIT) return makeInit(from, "armcontract");
   if (type == wire::GETID) return makeGetid(from, 1, "check");
   wire::Request request = type == wire::START ? makeStart(from, 1, 0) : makeRequest(type, from);
-  request.put32(12, 1);
+  request.put32(wire::ID, 1);
   if (type == wire::METRIC_DATA) {
-    request.put32(16, 5);
-    request.putText(20, "bytes");
+    request.put32(wire::METRIC_LENGTH, 5);
+    request.putText(wire::METRIC_BYTES, "bytes");
   }
   return type == wire::END ? makePing(from) : request;
 }
@@ -100,7 +100,7 @@ struct Registered {
 };
 
 int32_t resultOf(Bench& bench, const wire::Request& request) {
-  return bench.callOrSkip(request).word(0);
+  return bench.callOrSkip(request).word(wire::RESULT);
 }
 
 Registered registerClass(Bench& bench, Identity who) {
@@ -127,7 +127,7 @@ void checkEqualClasses(Bench& bench) {
   const Identity who = requester.identity();
   const Registered ids = registerClass(bench, who);
   wire::Request again = makeGetid(who, ids.application, "check");
-  again.putText(3636, "another detail");
+  again.putText(wire::GETID_DETAIL, "another detail");
   const int32_t same = resultOf(bench, again);
   need(same == ids.tran_class,
        "the same class has got " + std::to_string(ids.tran_class) + " and " + std::to_string(same));
@@ -184,7 +184,8 @@ void checkWithoutCorrelator(Bench& bench) {
 
 void needStrangersChild(Bench& bench, Identity who, int32_t tran_class, uint8_t pattern) {
   wire::Request request = makeStart(who, tran_class, wire::HAS_PARENT | wire::WANTS_CORRELATOR);
-  std::fill_n(request.begin() + 20 + 88, wire::CORRELATOR_SIZE, pattern);
+  std::fill_n(request.begin() + wire::START_BLOCK + wire::BLOCK_CORRELATOR, wire::CORRELATOR_SIZE,
+              pattern);
   needId(resultOf(bench, request), "the child's handle");
 }
 

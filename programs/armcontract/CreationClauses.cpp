@@ -5,13 +5,11 @@
 #include <set>
 #include <string>
 
-#include "Clauses.h"
+#include "armcontract/Clauses.h"
 
 namespace armcontract {
 
 namespace {
-
-constexpr unsigned EVERYBODY = 0666;
 
 void checkKeys(Bench& bench) {
   for (const std::string& name : bench.names().all()) {
@@ -22,12 +20,12 @@ void checkKeys(Bench& bench) {
 }
 
 void checkRequestSize(Bench& bench) {
-  const size_t size = bench.requests().memory.size();
+  const std::size_t size = bench.requests().memory.size();
   need(size >= wire::RING_SLOTS + wire::REQUEST_SIZE, "it has " + std::to_string(size) + " bytes");
 }
 
 void checkReplySize(Bench& bench) {
-  const size_t size = bench.replies().memory.size();
+  const std::size_t size = bench.replies().memory.size();
   need(size >= wire::REPLY_RECORDS + wire::HEAD_SIZE + wire::ITEM_SIZE,
        "it has " + std::to_string(size) + " bytes");
 }
@@ -38,14 +36,14 @@ void needCount(const SemaphoreSet& set, int expected, const char* which) {
 }
 
 void checkLockSets(Bench& bench) {
-  needCount(bench.requests().lock_set, 2, "the request queue's");
-  needCount(bench.replies().lock_set, 2, "the reply queue's");
+  needCount(bench.requests().lock_set, wire::LOCK_SET_SIZE, "the request queue's");
+  needCount(bench.replies().lock_set, wire::LOCK_SET_SIZE, "the reply queue's");
 }
 
 void needCounting(const SemaphoreSet& set, const char* which) {
-  needCount(set, 3, which);
+  needCount(set, wire::COUNTING_SET_SIZE, which);
   const int maximum = set.value(wire::MAXIMUM);
-  need(maximum >= 1 && maximum <= 32766,
+  need(maximum >= 1 && maximum <= wire::LARGEST_MAXIMUM,
        std::string(which) + " has a maximum of " + std::to_string(maximum));
 }
 
@@ -56,13 +54,14 @@ void checkCountingSemaphores(Bench& bench) {
 
 void checkWakeUpSet(Bench& bench) {
   const ReplyQueue& replies = bench.replies();
-  needCount(replies.wake, static_cast<int>(replies.capacity()) + 2, "it");
+  needCount(replies.wake, static_cast<int>(replies.capacity()) + wire::WAKE_FIRST_HEAD, "it");
   const int value = replies.wake.value(wire::WAKE_INITIALIZED);
   need(value == 1, "semaphore 0 is " + std::to_string(value));
 }
 
 void needMode(unsigned mode, const std::string& which) {
-  need((mode & EVERYBODY) == EVERYBODY, which + " cannot be read and written by everybody");
+  need((mode & wire::EVERYBODY) == wire::EVERYBODY,
+       which + " cannot be read and written by everybody");
 }
 
 void checkPermissions(Bench& bench) {
@@ -79,7 +78,7 @@ void checkPermissions(Bench& bench) {
 
 void needCreator(const LockedSegment& queue, const char* which) {
   const int value = queue.lock_set.value(wire::CREATOR);
-  need(value == 2, std::string(which) + " has " + std::to_string(value));
+  need(value == wire::CREATOR_LIVES, std::string(which) + " has " + std::to_string(value));
 }
 
 void checkCreator(Bench& bench) {
@@ -89,8 +88,9 @@ void checkCreator(Bench& bench) {
 
 void checkRunning(Bench& bench) {
   const RequestQueue& requests = bench.requests();
-  need(requests.memory.u32(wire::RING_STATE) == 0, "the request queue's state is not 0");
-  need(bench.replies().state() == 0, "the reply queue's state is not 0");
+  need(requests.memory.u32(wire::RING_STATE) == wire::RUNNING,
+       "the request queue's state is not 0");
+  need(bench.replies().state() == wire::RUNNING, "the reply queue's state is not 0");
   need(requests.memory.u32(wire::RING_READY) != 0, "the ready word is 0");
 }
 

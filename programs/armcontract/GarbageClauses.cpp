@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <string>
 
-#include "Clauses.h"
+#include "armcontract/Clauses.h"
 
 namespace armcontract {
 
@@ -11,6 +11,7 @@ namespace {
 
 constexpr uint32_t BAD_OFFSET = 0x7FFFFFF1;
 constexpr uint16_t BAD_INDEX = 0xFFFF;
+constexpr uint8_t BAD_STATUS = 200;
 
 /// Posts a request that may be lost, and gives the engine time to stumble.
 void provoke(Bench& bench, Identity who) {
@@ -28,12 +29,12 @@ void restore(T bad, T good, T now, const std::function<void(T)>& put) {
   if (now == bad) put(good);
 }
 
-void checkRing(Bench& bench) {
+void checkBadRing(Bench& bench) {
   RequestQueue& requests = bench.requests();
   Segment& memory = requests.memory;
   {
     const RequestQueue::Guard guard(requests);
-    for (const size_t offset : {wire::RING_COUNT, wire::RING_HEAD, wire::RING_TAIL}) {
+    for (const std::size_t offset : {wire::RING_COUNT, wire::RING_HEAD, wire::RING_TAIL}) {
       memory.put16(offset, BAD_INDEX);
     }
   }
@@ -41,7 +42,7 @@ void checkRing(Bench& bench) {
   bench.settle();
   {
     const RequestQueue::Guard guard(requests);
-    for (const size_t offset : {wire::RING_COUNT, wire::RING_HEAD, wire::RING_TAIL}) {
+    for (const std::size_t offset : {wire::RING_COUNT, wire::RING_HEAD, wire::RING_TAIL}) {
       restore<uint16_t>(BAD_INDEX, 0, memory.u16(offset),
                         [&](uint16_t value) { memory.put16(offset, value); });
     }
@@ -50,7 +51,7 @@ void checkRing(Bench& bench) {
 }
 
 /// Spoils a word of the reply queue for the time of a request.
-void spoilWord(Bench& bench, size_t offset, uint32_t bad) {
+void spoilWord(Bench& bench, std::size_t offset, uint32_t bad) {
   const Requester requester;
   ReplyQueue& replies = bench.replies();
   uint32_t good = 0;
@@ -73,7 +74,8 @@ void checkFreeList(Bench& bench) {
 void checkList(Bench& bench) {
   const Requester requester;
   ReplyQueue& replies = bench.replies();
-  const size_t first = ReplyQueue::headAt(bench.headFor(requester.identity())) + wire::HEAD_FIRST;
+  const std::size_t first =
+      ReplyQueue::headAt(bench.headFor(requester.identity())) + wire::HEAD_FIRST;
   {
     const ReplyQueue::Guard guard(replies);
     replies.memory.put32(first, BAD_OFFSET);
@@ -110,11 +112,11 @@ void checkHead(Bench& bench) {
   ReplyQueue& replies = bench.replies();
   const unsigned head = bench.headFor(requester.identity());
   const uint16_t good = replies.semaphore(head);
-  const size_t number = ReplyQueue::headAt(head) + wire::HEAD_SEMAPHORE;
+  const std::size_t number = ReplyQueue::headAt(head) + wire::HEAD_SEMAPHORE;
   {
     const ReplyQueue::Guard guard(replies);
     replies.memory.put16(number, BAD_INDEX);
-    replies.setStatus(head, 200);
+    replies.setStatus(head, BAD_STATUS);
   }
   provoke(bench, requester.identity());
   {
@@ -144,7 +146,7 @@ void checkRecords(Bench& bench) {
     for (const uint8_t pattern : {uint8_t{0xFF}, uint8_t{0x7F}, uint8_t{0x80}}) {
       const Requester requester;
       wire::Request request = makeRequest(type, requester.identity());
-      std::fill(request.begin() + 12, request.end(), pattern);
+      std::fill(request.begin() + wire::BODY, request.end(), pattern);
       need(bench.call(request).has_value(), "a request of type " + std::to_string(type) +
                                                 " filled with " + std::to_string(pattern) +
                                                 " is not answered");
@@ -158,7 +160,8 @@ std::vector<Clause> garbageClauses() {
   return {
       {"bad-records", "A request with impossible texts and sizes is answered too.", 8, Engine::own,
        checkRecords},
-      {"bad-ring", "Impossible ring indexes do not stop the engine.", 8, Engine::spent, checkRing},
+      {"bad-ring", "Impossible ring indexes do not stop the engine.", 8, Engine::spent,
+       checkBadRing},
       {"bad-free-list", "An impossible free list does not stop the engine.", 8, Engine::spent,
        checkFreeList},
       {"bad-list", "An impossible list of replies does not stop the engine.", 8, Engine::spent,
