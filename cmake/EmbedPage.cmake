@@ -1,7 +1,9 @@
 # Writes a C++ file that holds the files of the engine's page.
 #
 #   cmake -DOUTPUT=file.cpp -DDIRECTORY=directory -P EmbedPage.cmake PATH:MEDIA-TYPE...
-#     PATH is a file of the directory; index.html becomes "/". The text depends on nothing but the files.
+#     PATH is a file of the directory; index.html becomes "/".  Of programs, comment lines and
+#     indentation are left out, and every line keeps its number.  The text depends on nothing but
+#     the files.
 
 set(arrays "")
 set(table "")
@@ -13,7 +15,13 @@ foreach(i RANGE ${last})
   endif()
   set(name ${CMAKE_MATCH_1})
   set(media_type ${CMAKE_MATCH_2})
-  file(READ ${DIRECTORY}/${name} bytes HEX)
+  file(READ ${DIRECTORY}/${name} text)
+  if(name MATCHES "\\.js$")
+    string(REGEX REPLACE "\n +" "\n" text "\n${text}")
+    string(REGEX REPLACE "\n//[^\n]*" "\n" text "${text}")
+    string(SUBSTRING "${text}" 1 -1 text)
+  endif()
+  string(HEX "${text}" bytes)
   string(LENGTH "${bytes}" digits)
   math(EXPR size "${digits} / 2")
   string(REGEX REPLACE "(..)" "'\\\\x\\1'," bytes "${bytes}")

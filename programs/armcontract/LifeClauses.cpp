@@ -141,7 +141,7 @@ void checkStartOrder(Bench& bench) {
     if (!bench.isServed()) return false;
     const auto memory = Segment::find(bench.names().requests);
     misleads = memory && memory->id() == dead && memory->u32(wire::RING_READY) != 0 &&
-               memory->u32(wire::RING_STATE) == 0;
+               memory->u32(wire::RING_STATE) == wire::RUNNING;
     return true;
   });
   if (!begun) throw Unchecked("the next engine makes no lock set");

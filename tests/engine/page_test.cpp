@@ -4,7 +4,12 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
 
 #include "armext.h"
 #include "outputs.h"
@@ -247,22 +252,65 @@ TEST_F(PageData, AbandonedInstancesAreSeenOnceTheirProcessHasEnded) {
   EXPECT_EQ(0, engine.end(SIGTERM));
 }
 
+const std::filesystem::path PAGE_SOURCES = ARM_SOURCE_DIR "/engine/page";
+
+/// The names of all sources of the page that are served.
+std::vector<std::string> pageFiles() {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(PAGE_SOURCES)) {
+    const std::string ending = entry.path().extension();
+    if (ending == ".html" || ending == ".css" || ending == ".js" || ending == ".svg") {
+      names.push_back(entry.path().filename());
+    }
+  }
+  return names;
+}
+
+std::string addressOf(const std::string& name) {
+  return name == "index.html" ? "/" : "/" + name;
+}
+
+/// A module as it is served: every line at its number, without indentation and comments.
+std::string withoutComments(const std::string& module) {
+  std::istringstream lines(module);
+  std::string text;
+  for (std::string line; std::getline(lines, line);) {
+    line.erase(0, std::min(line.find_first_not_of(' '), line.size()));
+    text += (line.compare(0, 2, "//") == 0 ? "" : line) + "\n";
+  }
+  return text;
+}
+
 TEST_F(PageData, FilesOfThePageAreThoseOfTheSources) {
-  for (const auto& [path, name] :
-       {std::pair("/", "index.html"), std::pair("/page.css", "page.css"),
-        std::pair("/page.js", "page.js"), std::pair("/icon.svg", "icon.svg")}) {
-    const std::string source =
-        armtest::fileContent(ARM_SOURCE_DIR "/engine/page/" + std::string(name));
+  const std::vector<std::string> names = pageFiles();
+  EXPECT_EQ(16U, names.size());
+  for (const std::string& name : names) {
+    const std::string source = armtest::fileContent(PAGE_SOURCES / name);
+    const std::string path = addressOf(name);
+    const bool module = name.substr(name.find('.')) == ".js";
     EXPECT_FALSE(source.empty());
-    EXPECT_EQ(source, httpGet(engine.port(), path)) << path;
+    EXPECT_EQ(module ? withoutComments(source) : source, httpGet(engine.port(), path)) << path;
     const std::string head = httpHead(engine.port(), path);
     EXPECT_NE(std::string::npos, head.find("Content-Security-Policy: default-src 'none'; "));
     EXPECT_EQ(std::string::npos, head.find("unsafe"));
+    EXPECT_EQ(module, head.find("Content-Type: text/javascript;") != std::string::npos) << path;
     const std::size_t address = source.find("://");
     EXPECT_TRUE(address == std::string::npos || source.find(SVG) == address - 4)
         << path << " asks somebody else";
     EXPECT_EQ(std::string::npos, source.find("innerHTML")) << path;
   }
+  EXPECT_EQ(0, engine.end(SIGTERM));
+}
+
+TEST_F(PageData, PageAsksForAllItsFilesAtOnceAndTheyAreSmall) {
+  const std::string page = httpGet(engine.port(), "/");
+  std::size_t bytes = 0;
+  for (const std::string& name : pageFiles()) {
+    bytes += httpGet(engine.port(), addressOf(name)).size();
+    if (name == "index.html") continue;
+    EXPECT_NE(std::string::npos, page.find("=\"/" + name + "\"")) << name;
+  }
+  EXPECT_LE(bytes, 56700U);
   EXPECT_EQ(0, engine.end(SIGTERM));
 }
 

@@ -56,6 +56,13 @@ lint() {
         xargs -P "$JOBS" -n 2 clang-tidy --quiet -p build/amd64-clang 2>build/logs/lint.log
 }
 
+# The engine's page: what it does by eslint, what it says and how it looks by the length of lines.
+lint_page() {
+    "$TOOLS/eslint/node_modules/.bin/eslint" --max-warnings 0 engine/page tests/page tests/engine \
+        eslint.config.mjs || return 1
+    ! LC_ALL=C.UTF-8 grep -nE '.{101}' engine/page/*.css engine/page/*.html
+}
+
 # Steps that fill what the tests leave of the processors: one after the other in the background, each
 # with its output and its status in a file.
 in_background() { # STEP...
@@ -112,7 +119,9 @@ test_widths() { # [CTEST-ARGUMENT...]
 # The trees of both widths are tested while the others are built.
 test_all() {
     need_packages $CLANG_PACKAGES $LINT_PACKAGES $FUZZ_PACKAGES $MODEL_PACKAGES
+    need_eslint
     check "source format" format_check
+    check "lint of the page" lint_page
     for preset in $ALL_PRESETS; do
         need_preset "$preset"
     done
