@@ -7,9 +7,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "core/NameFiles.h"
 #include "ipc/CIPCUtils.h"
 #include "platform/sharedword.h"
+#include "system/NameFiles.h"
 
 namespace bench {
 

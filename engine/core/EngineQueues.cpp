@@ -19,7 +19,7 @@ std::string prefixOf(const EngineOptions& options) {
 }
 
 bool checkPrefix(const std::string& prefix, std::string* why) {
-  if (prefix.size() <= LONGEST_PREFIX && prefix.find('/') == std::string::npos) return true;
+  if (isPrefix(prefix)) return true;
   return refuse(
       why, "a prefix has at most " + std::to_string(LONGEST_PREFIX) + " characters and no '/'");
 }

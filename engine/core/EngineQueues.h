@@ -6,9 +6,10 @@
 #include <optional>
 #include <string>
 
-#include "core/NameFiles.h"
 #include "core/ReplyWriter.h"
 #include "core/RequestReader.h"
+#include "system/Limits.h"
+#include "system/NameFiles.h"
 
 namespace armengine {
 
@@ -16,16 +17,10 @@ namespace armengine {
 struct EngineOptions {
   /// Value of ARM_AGENT_PREFIX for this engine; without one the environment's holds.
   std::optional<std::string> prefix;
-  uint16_t requests = 1024;    ///< slots of the request queue, at least 1
-  uint16_t requesters = 1024;  ///< head records and items of the reply queue, 1 to 31998
-  bool ready = true;           ///< whether openers find the request queue ready for I/O
+  uint16_t requests = USUAL_REQUESTS;      ///< slots of the request queue, at least 1
+  uint16_t requesters = USUAL_REQUESTERS;  ///< head records and items of the reply queue
+  bool ready = true;                       ///< whether openers find the request queue ready for I/O
 };
-
-/// Longest prefix: with a longer one the paths would be cut, each at a place of its own.
-inline constexpr std::size_t LONGEST_PREFIX = 93;
-
-/// Largest number of requesters: a semaphore set holds 32000 semaphores on an ordinary kernel.
-inline constexpr unsigned LARGEST_REQUESTERS = 31998;
 
 /// Both queues of one engine, from creation to removal.
 class EngineQueues {

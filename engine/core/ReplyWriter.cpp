@@ -8,12 +8,12 @@
 #include <string>
 #include <vector>
 
-#include "core/NameFiles.h"
-#include "core/ProcessStat.h"
 #include "ipc/CIPCUtils.h"
 #include "ipc/RequestQueueLayout.h"
 #include "platform/semaphoreset.h"
 #include "platform/sharedword.h"
+#include "system/NameFiles.h"
+#include "system/ProcessStat.h"
 
 namespace armengine {
 

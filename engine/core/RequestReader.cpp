@@ -9,8 +9,8 @@
 #include <ctime>
 #include <string>
 
-#include "core/NameFiles.h"
 #include "platform/sharedword.h"
+#include "system/NameFiles.h"
 
 namespace armengine {
 

@@ -5,6 +5,8 @@
 
 #include <thread>
 
+#include "text/HostPort.h"
+
 namespace armengine {
 
 namespace {
@@ -30,12 +32,6 @@ bool isLoopback(const std::string& address) {
   return address == "::1" || address.rfind("127.", 0) == 0 || address == "localhost";
 }
 
-/// Of "name:port" or "[address]:port".
-std::string hostName(const std::string& field) {
-  if (!field.empty() && field.front() == '[') return field.substr(1, field.find(']') - 1);
-  return field.substr(0, field.find(':'));
-}
-
 }  // namespace
 
 struct HttpServer::Parts {
@@ -56,7 +52,7 @@ HttpServer::HttpServer() : parts_(std::make_unique<Parts>()) {
   // it were its own.
   server.set_pre_routing_handler(
       [parts = parts_.get()](const httplib::Request& request, httplib::Response& response) {
-        const std::string host = hostName(request.get_header_value("Host"));
+        const std::string host = armtext::hostOf(request.get_header_value("Host"));
         if (!parts->loopback || host.empty() || host == "localhost" || isAddress(host)) {
           return httplib::Server::HandlerResponse::Unhandled;
         }
@@ -99,15 +95,13 @@ bool HttpServer::bind(const std::string& address, int port, std::string* why) {
   httplib::Server& server = parts_->server;
   const int bound = port != 0 ? (server.bind_to_port(address.c_str(), port) ? port : -1)
                               : server.bind_to_any_port(address.c_str());
-  const bool six = address.find(':') != std::string::npos;
-  const std::string host = six ? "[" + address + "]" : address;
   if (bound < 0) {
-    *why = "cannot listen on " + host + ":" + std::to_string(port) +
+    *why = "cannot listen on " + armtext::HostPort{address, port}.text() +
            ": the port is in use, or the address is not this machine's";
     return false;
   }
   parts_->loopback = isLoopback(address);
-  url_ = "http://" + host + ":" + std::to_string(bound) + "/";
+  url_ = "http://" + armtext::HostPort{address, bound}.text() + "/";
   return true;
 }
 

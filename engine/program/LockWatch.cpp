@@ -5,9 +5,9 @@
 
 #include <fstream>
 
-#include "core/ProcessStat.h"
 #include "platform/semaphoreset.h"
 #include "program/Log.h"
+#include "system/ProcessStat.h"
 #include "text/Columns.h"
 
 namespace armengine {

@@ -11,6 +11,8 @@
 #include <string_view>
 #include <vector>
 
+#include "text/HostPort.h"
+
 namespace armengine {
 
 namespace {
@@ -44,26 +46,21 @@ bool isReal(const std::string& text, double* value) {
 }
 
 std::string prefixOf(const std::string& text) {
-  if (text.size() > LONGEST_PREFIX || text.find('/') != std::string::npos) {
+  if (!isPrefix(text)) {
     throw BadValue("--prefix needs a name of at most " + std::to_string(LONGEST_PREFIX) +
                    " characters without '/'");
   }
   return text;
 }
 
-/// "9464", "127.0.0.1:9464", "[::1]:9464" or "name:9464".
 void readListen(const std::string& text, OutputOptions* outputs) {
-  const std::size_t colon = text.rfind(':');
-  const bool only_port = colon == std::string::npos;
-  std::string address = only_port ? "127.0.0.1" : text.substr(0, colon);
-  const std::string port = only_port ? text : text.substr(colon + 1);
-  const bool bracketed = address.size() > 2 && address.front() == '[' && address.back() == ']';
-  if (bracketed) address = address.substr(1, address.size() - 2);
-  if (address.empty() || (!bracketed && address.find(':') != std::string::npos)) {
-    throw BadValue("--listen needs ADDRESS:PORT or PORT, not '" + text + "'");
+  const auto address = armtext::parseHostPort(text);
+  if (!address) {
+    throw BadValue("--listen needs ADDRESS:PORT or PORT, with a port from 0 to 65535, not '" +
+                   text + "'");
   }
-  outputs->listen_address = address;
-  outputs->listen_port = static_cast<int>(wholeNumber("--listen's port", port, 0, 65535));
+  outputs->listen_address = address->host;
+  outputs->listen_port = address->port;
 }
 
 double sampleOf(const std::string& text) {

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "core/ProcessStat.h"
 #include "ipc/CIPCUtils.h"
+#include "system/ProcessStat.h"
 
 namespace armengine {
 

@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "core/ProcessStat.h"
 #include "registry/Time.h"
+#include "system/ProcessStat.h"
 
 namespace armengine {
 

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "armstat/Objects.h"
-#include "core/NameFiles.h"
+#include "system/NameFiles.h"
 
 namespace armstat {
 

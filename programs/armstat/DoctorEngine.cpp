@@ -14,8 +14,8 @@
 #include "armstat/Doctor.h"
 #include "armstat/Processes.h"
 #include "common/Words.h"
-#include "core/EngineQueues.h"
-#include "core/NameFiles.h"
+#include "system/Limits.h"
+#include "system/NameFiles.h"
 
 namespace armstat {
 

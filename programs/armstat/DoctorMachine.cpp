@@ -19,9 +19,9 @@
 #include "armstat/Doctor.h"
 #include "armstat/Processes.h"
 #include "common/Words.h"
-#include "core/EngineQueues.h"
-#include "core/NameFiles.h"
 #include "platform/semaphoreset.h"
+#include "system/Limits.h"
+#include "system/NameFiles.h"
 
 namespace armstat {
 
@@ -134,14 +134,15 @@ struct Need {
 };
 
 Need usualNeed() {
-  const armengine::EngineOptions usual;
   Need need;
-  need.set_size = usual.requesters + 2UL;
+  need.set_size = armengine::USUAL_REQUESTERS + 2UL;
   need.semaphores = need.set_size + 2 * 2 + 2 * 3;
-  const unsigned long requests = sizeof(TRequestQueueHeader) + usual.requests * sizeof(TArmMessage);
+  const unsigned long requests =
+      sizeof(TRequestQueueHeader) + armengine::USUAL_REQUESTS * sizeof(TArmMessage);
   const unsigned long replies =
       sizeof(TReplyQueueHeader) +
-      usual.requesters * (sizeof(TIPCHeadItem) + sizeof(TIPCReplyItem<TArmReplyMessage>));
+      armengine::USUAL_REQUESTERS *
+          (sizeof(TIPCHeadItem) + sizeof(TIPCReplyItem<TArmReplyMessage>));
   need.segment_size = std::max(requests, replies);
   need.bytes = requests + replies;
   return need;

@@ -8,9 +8,9 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "core/NameFiles.h"
 #include "ipc/ReplyQueueLayout.h"
 #include "platform/semaphoreset.h"
+#include "system/NameFiles.h"
 
 namespace armstat {
 

@@ -11,8 +11,8 @@
 #include <sstream>
 
 #include "armstat/Objects.h"
-#include "core/NameFiles.h"
-#include "core/ProcessStat.h"
+#include "system/NameFiles.h"
+#include "system/ProcessStat.h"
 
 namespace armstat {
 

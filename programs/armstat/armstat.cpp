@@ -13,7 +13,7 @@
 #include "armstat/Picture.h"
 #include "armstat/Show.h"
 #include "common/Program.h"
-#include "core/EngineQueues.h"
+#include "system/Limits.h"
 #include "text/Columns.h"
 
 namespace {
@@ -92,8 +92,7 @@ int clean(const Options& options) {
 }
 
 std::string checkPrefix(const std::string& prefix) {
-  if (prefix.size() <= armengine::LONGEST_PREFIX && prefix.find('/') == std::string::npos)
-    return "";
+  if (armengine::isPrefix(prefix)) return "";
   return "needs a name of at most " + std::to_string(armengine::LONGEST_PREFIX) +
          " characters without '/'";
 }

@@ -2,8 +2,6 @@
 
 #include <httplib.h>
 
-#include <charconv>
-
 namespace armtop {
 
 namespace {
@@ -27,33 +25,16 @@ std::string reasonFor(httplib::Error error) {
 
 }  // namespace
 
-std::string Address::text() const {
-  const bool brackets = host.find(':') != std::string::npos;
-  return (brackets ? "[" + host + "]" : host) + ":" + std::to_string(port);
-}
-
-std::optional<Address> parseAddress(std::string text) {
+std::optional<armtext::HostPort> parseAddress(std::string text) {
   const std::string scheme = "http://";
   if (text.rfind(scheme, 0) == 0) text.erase(0, scheme.size());
   if (!text.empty() && text.back() == '/') text.pop_back();
-  const std::size_t colon = text.rfind(':');
-  std::string host = colon != std::string::npos ? text.substr(0, colon) : "127.0.0.1";
-  const std::string port = colon != std::string::npos ? text.substr(colon + 1) : text;
-  if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
-    host = host.substr(1, host.size() - 2);
-  } else if (host.find(':') != std::string::npos) {
-    return std::nullopt;
-  }
-  Address address = {host, 0};
-  const char* end = port.data() + port.size();
-  const auto [stop, error] = std::from_chars(port.data(), end, address.port);
-  const bool good = error == std::errc() && stop == end && address.port > 0 &&
-                    address.port <= UINT16_MAX && !host.empty() &&
-                    host.find_first_of("/ \t") == std::string::npos;
-  return good ? std::optional<Address>(address) : std::nullopt;
+  auto address = armtext::parseHostPort(text);
+  if (address && address->port == 0) address.reset();
+  return address;
 }
 
-std::optional<Figures> ask(const Address& address, std::string* why) {
+std::optional<Figures> ask(const armtext::HostPort& address, std::string* why) {
   httplib::Client client(address.host, address.port);
   client.set_connection_timeout(PATIENCE_SECONDS);
   client.set_read_timeout(PATIENCE_SECONDS);
@@ -77,7 +58,7 @@ std::optional<Figures> ask(const Address& address, std::string* why) {
   return figures;
 }
 
-Poller::Poller(Address address, std::chrono::duration<double> interval,
+Poller::Poller(armtext::HostPort address, std::chrono::duration<double> interval,
                std::chrono::duration<double> window)
     : address_(std::move(address)),
       window_(window),

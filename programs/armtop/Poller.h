@@ -8,23 +8,16 @@
 #include <thread>
 
 #include "armtop/Figures.h"
+#include "text/HostPort.h"
 
 namespace armtop {
 
-/// Where an engine listens.
-struct Address {
-  std::string host;
-  int port = 0;
-
-  std::string text() const;
-};
-
 /// Reads "HOST:PORT", "[HOST]:PORT", "PORT" or such with "http://" before it; none when the text is
 /// anything else.
-std::optional<Address> parseAddress(std::string text);
+std::optional<armtext::HostPort> parseAddress(std::string text);
 
 /// Asks an engine once.  None, with one sentence in why, when that does not succeed.
-std::optional<Figures> ask(const Address& address, std::string* why);
+std::optional<Figures> ask(const armtext::HostPort& address, std::string* why);
 
 /// Asks an engine time and again, on a thread of its own.
 class Poller {
@@ -37,7 +30,7 @@ class Poller {
     unsigned long answers = 0;
   };
 
-  Poller(Address address, std::chrono::duration<double> interval,
+  Poller(armtext::HostPort address, std::chrono::duration<double> interval,
          std::chrono::duration<double> window);
   ~Poller();
   Poller(const Poller&) = delete;
@@ -51,7 +44,7 @@ class Poller {
   void work();
   void keep(std::optional<Figures> answer, const std::string& why);
 
-  const Address address_;
+  const armtext::HostPort address_;
   const std::chrono::duration<double> window_;
   std::mutex mutex_;
   std::condition_variable changed_;

@@ -12,6 +12,7 @@
 #include "armtop/View.h"
 #include "common/Program.h"
 #include "text/Columns.h"
+#include "text/HostPort.h"
 
 namespace {
 
@@ -60,7 +61,7 @@ std::string tableText(const Options& options, const armtop::Figures* before,
 }
 
 /// One table as plain text: since the engine's start, or of a window that is waited for.
-int printOnce(const Options& options, const armtop::Address& address) {
+int printOnce(const Options& options, const armtext::HostPort& address) {
   std::string why;
   auto now = armtop::ask(address, &why);
   std::optional<armtop::Figures> before;
@@ -73,7 +74,7 @@ int printOnce(const Options& options, const armtop::Address& address) {
   return print(tableText(options, before ? &*before : nullptr, *now)) ? GOOD : NOT_WRITTEN;
 }
 
-int runLive(const Options& options, const armtop::Address& address) {
+int runLive(const Options& options, const armtext::HostPort& address) {
   armtop::Poller poller(address, std::chrono::duration<double>(options.interval),
                         std::chrono::duration<double>(options.window));
   std::string why;
@@ -136,7 +137,7 @@ int main(int count, char** arguments) {
                               BAD_INPUT);
   }
   options.window_given = app.count("--window") > 0;
-  const armtop::Address address = *armtop::parseAddress(options.engine);
+  const armtext::HostPort address = *armtop::parseAddress(options.engine);
   const bool plain = options.once || isatty(STDOUT_FILENO) == 0;
   return plain ? printOnce(options, address) : runLive(options, address);
 }

@@ -5,9 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "core/ProcessStat.h"
 #include "process.h"
 #include "registry/Time.h"
+#include "system/ProcessStat.h"
 
 namespace {
 

@@ -48,7 +48,7 @@ sources() { # DIR... : the C and C++ files below the directories that exist
 }
 
 format_check() {
-    sources include src engine programs examples tests bench fuzz | xargs clang-format --dry-run -Werror
+    sources include src shared engine programs examples tests bench fuzz | xargs clang-format --dry-run -Werror
 }
 
 lint() {

@@ -1,4 +1,4 @@
-#include "core/NameFiles.h"
+#include "system/NameFiles.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

@@ -1,4 +1,4 @@
-#include "core/ProcessStat.h"
+#include "system/ProcessStat.h"
 
 #include <fcntl.h>
 #include <signal.h>
