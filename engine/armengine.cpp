@@ -10,13 +10,13 @@
 #include <string>
 #include <thread>
 
-#include "events/Replay.h"
+#include "dispatch/Replay.h"
 #include "program/LockWatch.h"
 #include "program/Log.h"
 #include "program/Options.h"
 #include "program/Outputs.h"
 #include "program/Service.h"
-#include "registry/Report.h"
+#include "report/Report.h"
 
 namespace {
 
@@ -111,9 +111,12 @@ int run(const armengine::CommandLine& line) {
   const bool interrupted = serve(line, *queues, registry, *outputs);
   // Programs go on at once; what the outputs still have takes its time.
   queues.reset();
+  const auto recent = outputs->finish();
   outputs.reset();
   std::FILE* words = wordsOf(line);
-  if (line.report) (void)std::fputs(armengine::makeReport(registry).c_str(), words);
+  if (line.outputs.report) {
+    (void)std::fputs(armengine::makeReport(registry, *recent).c_str(), words);
+  }
   if (!interrupted) return complain("the queues were stopped or removed from outside", REFUSED);
   return std::fflush(words) == 0 ? 0 : complain("the report could not be written", REFUSED);
 }
@@ -138,7 +141,7 @@ int replay(const armengine::CommandLine& line) {
   const armengine::Replayed replayed = armengine::replayEvents(lines, line.registry);
   if (replayed.registry == nullptr)
     return complain("there are no events in " + line.replay, REFUSED);
-  (void)std::fputs(armengine::makeReport(*replayed.registry).c_str(), stdout);
+  (void)std::fputs(armengine::makeReport(*replayed.registry, *replayed.recent).c_str(), stdout);
   complainOfGaps(replayed);
   return std::fflush(stdout) == 0 ? 0 : complain("the report could not be written", REFUSED);
 }

@@ -95,7 +95,7 @@ bool RequestReader::tryTake(TArmMessage& message) {
 }
 
 /// What a reader that holds the lock finds.
-Taken RequestReader::look() {
+Taken RequestReader::peek() {
   if (loadShared(header_->state) != QUEUE_STATE_RUNNING) return Taken::stopped;
   if (interrupted_.exchange(false)) return Taken::interrupted;
   return loadShared(header_->count) > 0 ? Taken::request : Taken::nothing;
@@ -105,7 +105,7 @@ Taken RequestReader::look() {
 Taken RequestReader::waitForRequest(std::chrono::steady_clock::time_point end) {
   for (;;) {
     repairRing();
-    const Taken found = look();
+    const Taken found = peek();
     const auto left = end - std::chrono::steady_clock::now();
     if (found != Taken::nothing || left <= left.zero()) return found;
     storeShared(header_->empty_waiters, loadShared(header_->empty_waiters) + 1U);

@@ -60,7 +60,7 @@ class RequestReader {
   unsigned long repairs() const { return repairs_; }
 
  private:
-  Taken look();
+  Taken peek();
   Taken waitForRequest(std::chrono::steady_clock::time_point end);
   bool waitForWriter(std::chrono::nanoseconds limit) const;
   void takeLocked(TArmMessage& message);

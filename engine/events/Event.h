@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "registry/Infos.h"
+#include "registry/Answer.h"
 
 namespace armengine {
 
@@ -15,7 +15,7 @@ enum EventType : int32_t {
   EVENT_EXPIRED = 103     ///< the statistics of a class that nobody uses any more
 };
 
-/// One applied request, or something that the engine did by itself.  What has no fixed size, the
+/// One request that was applied, or something that the engine did by itself.  What has no fixed size, the
 /// data block or bytes of the request, travels beside it as the payload.
 struct Event {
   uint64_t number = 0;  ///< counts all events of an engine from 1; a gap is what was dropped
@@ -27,9 +27,8 @@ struct Event {
   int32_t result = 0;  ///< the answer
   std::array<int32_t, 3> values = {};  ///< completion status and flags, or the value words
   int32_t data_size = 0;               ///< of the request's block, as its program gave it
-  bool trace_asked = false;
   uint32_t payload_size = 0;
-  Applied applied;
+  Subject subject;
 };
 
 using Payload = std::vector<uint8_t>;

@@ -5,9 +5,9 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/Time.h"
 #include "events/EventLines.h"
 #include "events/OutputFile.h"
-#include "registry/Time.h"
 
 namespace armengine {
 
@@ -40,7 +40,7 @@ EventFile::~EventFile() {
   if (file_ != STDOUT_FILENO) (void)close(file_);
 }
 
-void EventFile::take(const Event& event, const Payload& payload) {
+void EventFile::consume(const Event& event, const Payload& payload) {
   if (reopen_.exchange(false)) openAgain();
   if (!begun_) appendFirstLine(&text_, engine_, wallTime());
   begun_ = true;
@@ -49,7 +49,7 @@ void EventFile::take(const Event& event, const Payload& payload) {
   if (text_.size() >= FULL) write();
 }
 
-void EventFile::rest() {
+void EventFile::flush() {
   if (reopen_.exchange(false)) openAgain();
   write();
 }

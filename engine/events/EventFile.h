@@ -4,13 +4,13 @@
 #include <memory>
 #include <string>
 
-#include "events/EventOutlet.h"
-#include "registry/Figure.h"
+#include "base/Counter.h"
+#include "events/EventConsumer.h"
 
 namespace armengine {
 
 /// Writes events as lines to a file, or to standard output.
-class EventFile : public EventTaker {
+class EventFile : public EventConsumer {
  public:
   /// Opens a file and appends to it; "-" is standard output.  Null, with a sentence in why, when
   /// that fails.
@@ -18,8 +18,8 @@ class EventFile : public EventTaker {
                                          std::string* why);
   ~EventFile() override;
 
-  void take(const Event& event, const Payload& payload) override;
-  void rest() override;
+  void consume(const Event& event, const Payload& payload) override;
+  void flush() override;
 
   /// Makes the writing thread open the path again: somebody has moved the file away.  Any thread.
   void reopen() { reopen_ = true; }
@@ -37,7 +37,7 @@ class EventFile : public EventTaker {
   std::string text_;  ///< lines that are to be written
   uint64_t lines_ = 0;
   bool begun_ = false;  ///< the first line has been made
-  Figure lost_;
+  Counter lost_;
   std::atomic<bool> reopen_{false};
 };
 

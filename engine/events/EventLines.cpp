@@ -4,8 +4,9 @@
 #include <cstdio>
 
 #include "arm/TArmMessage.h"
+#include "base/MessageNames.h"
+#include "base/Time.h"
 #include "events/JsonWriter.h"
-#include "registry/Time.h"
 
 namespace armengine {
 
@@ -35,7 +36,7 @@ void appendBlock(JsonWriter* json, const Event& event, const Payload& payload) {
 }
 
 void appendTrace(JsonWriter* json, const Event& event) {
-  const TraceContext& context = event.applied.context;
+  const TraceContext& context = event.subject.context;
   appendId(json, "trace", context.trace_id);
   appendId(json, "span", context.span_id);
   appendId(json, "parent", context.parent_id);
@@ -44,12 +45,12 @@ void appendTrace(JsonWriter* json, const Event& event) {
 
 void appendOutcome(JsonWriter* json, const Event& event) {
   if (event.result < 0) return;
-  json->key("outcome").text(nameOf(event.applied.outcome));
-  json->key("duration_ns").number(event.applied.duration);
+  json->key("outcome").text(nameOf(event.subject.outcome));
+  json->key("duration_ns").number(event.subject.duration);
 }
 
 void appendInit(JsonWriter* json, const Event& event) {
-  if (const auto& application = event.applied.application; application != nullptr) {
+  if (const auto& application = event.subject.application; application != nullptr) {
     appendName(json, "application", application->name, "application_bytes", application->raw);
     json->key("user").text(application->user);
   }
@@ -58,7 +59,7 @@ void appendInit(JsonWriter* json, const Event& event) {
 
 void appendGetid(JsonWriter* json, const Event& event) {
   json->key("id").number(event.id);
-  if (const auto& of = event.applied.tran_class; of != nullptr) {
+  if (const auto& of = event.subject.tran_class; of != nullptr) {
     appendName(json, "transaction", of->name, "transaction_bytes", of->raw);
     json->key("detail").text(of->detail);
   }
@@ -72,14 +73,14 @@ void appendValues(JsonWriter* json, const Event& event) {
 }
 
 void appendClass(JsonWriter* json, const Event& event) {
-  if (event.applied.tran_class != nullptr) {
-    json->key("class").number(event.applied.tran_class->id);
+  if (event.subject.tran_class != nullptr) {
+    json->key("class").number(event.subject.tran_class->id);
   }
 }
 
 void appendExpired(JsonWriter* json, const Event& event) {
-  json->key("application").text(event.applied.application->name);
-  json->key("transaction").text(event.applied.tran_class->name);
+  json->key("application").text(event.subject.application->name);
+  json->key("transaction").text(event.subject.tran_class->name);
 }
 
 void appendBody(JsonWriter* json, const Event& event) {
@@ -103,7 +104,7 @@ void appendBody(JsonWriter* json, const Event& event) {
       appendValues(json, event);
       return appendClass(json, event);
     case EVENT_ABANDONED:
-      json->key("id").number(event.id).key("duration_ns").number(event.applied.duration);
+      json->key("id").number(event.id).key("duration_ns").number(event.subject.duration);
       return appendClass(json, event);
     case EVENT_EXPIRED:
       return appendExpired(json, event);
@@ -116,28 +117,6 @@ void appendBody(JsonWriter* json, const Event& event) {
 
 const char* nameOfEvent(int32_t type) {
   switch (type) {
-    case ARM_MSG_INIT:
-      return "init";
-    case ARM_MSG_GETID:
-      return "getid";
-    case ARM_MSG_START:
-      return "start";
-    case ARM_MSG_UPDATE:
-      return "update";
-    case ARM_MSG_STOP:
-      return "stop";
-    case ARM_MSG_END:
-      return "end";
-    case ARM_MSG_COMPLETE_TRANS:
-      return "complete";
-    case ARM_MSG_TRANS_REPORT:
-      return "report";
-    case ARM_MSG_TRANS_INSTANCE_REPORT:
-      return "instance_report";
-    case ARM_MSG_COMPLETE_TRANS_INSTANCE:
-      return "instance_complete";
-    case ARM_MSG_ASSOCIATE_METRIC_DATA:
-      return "metric_data";
     case EVENT_ABANDONED:
       return "abandoned";
     case EVENT_FORGOTTEN:
@@ -145,7 +124,7 @@ const char* nameOfEvent(int32_t type) {
     case EVENT_EXPIRED:
       return "expired";
     default:
-      return "unknown";
+      return nameOfMessage(type);
   }
 }
 
@@ -168,9 +147,7 @@ void appendFirstLine(std::string* text, uint64_t engine, uint64_t time) {
 void appendEventLine(std::string* text, const Event& event, const Payload& payload) {
   JsonWriter json(text);
   json.openObject().key("n").number(event.number).key("event").text(nameOfEvent(event.type));
-  if (std::string_view(nameOfEvent(event.type)) == "unknown") {
-    json.key("type").number(event.type);
-  }
+  if (nameOfEvent(event.type) == UNKNOWN_MESSAGE) json.key("type").number(event.type);
   json.key("time").text(timeText(event.time));
   if (event.type < EVENT_ABANDONED) {
     json.key("process").number(event.process).key("thread").number(event.thread);

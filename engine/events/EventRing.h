@@ -4,8 +4,8 @@
 #include <cstddef>
 #include <vector>
 
+#include "base/Counter.h"
 #include "events/Event.h"
-#include "registry/Figure.h"
 
 namespace armengine {
 
@@ -39,7 +39,7 @@ class EventRing {
   std::size_t bytes_pushed_ = 0;
   std::size_t popped_seen_ = 0;
   std::size_t bytes_popped_seen_ = 0;
-  Figure dropped_;
+  Counter dropped_;
   alignas(CACHE_LINE) std::atomic<std::size_t> popped_{0};
   std::atomic<std::size_t> bytes_popped_{0};
 };

@@ -11,15 +11,15 @@ bool isReport(const Event& event) {
 }
 
 bool endsInstance(const Event& event) {
-  if (event.result < 0 || event.applied.tran_class == nullptr) return false;
+  if (event.result < 0 || event.subject.tran_class == nullptr) return false;
   // What names a class is a report of a whole instance, or changes nothing and has no handle.
-  if (isReport(event)) return event.id != event.applied.handle;
+  if (isReport(event)) return event.id != event.subject.handle;
   switch (event.type) {
     case ARM_MSG_STOP:
     case ARM_MSG_COMPLETE_TRANS:
     case ARM_MSG_COMPLETE_TRANS_INSTANCE:
     case EVENT_ABANDONED:
-      return event.applied.handle != 0;
+      return event.subject.handle != 0;
     default:
       return false;
   }
@@ -27,8 +27,8 @@ bool endsInstance(const Event& event) {
 
 uint64_t startOf(const Event& event) {
   // A report comes when all is over.
-  return isReport(event) ? event.time - std::min(event.applied.duration, event.time)
-                         : event.applied.start;
+  return isReport(event) ? event.time - std::min(event.subject.duration, event.time)
+                         : event.subject.start;
 }
 
 }  // namespace armengine

@@ -9,6 +9,8 @@
 #include <set>
 #include <utility>
 
+#include "base/MessageNames.h"
+
 namespace armengine {
 
 namespace {
@@ -58,8 +60,10 @@ void add(MetricFamily* family, Labels labels, double value) {
   family->metric.push_back(std::move(metric));
 }
 
-void add(MetricFamily* family, Labels labels, const Figure& figure) {
-  add(family, std::move(labels), static_cast<double>(figure.get()));
+template <typename Number>
+auto add(MetricFamily* family, Labels labels, const Number& number)
+    -> decltype(number.get(), void()) {
+  add(family, std::move(labels), static_cast<double>(number.get()));
 }
 
 Labels labelsOf(const ClassStatistics& entry) {
@@ -135,74 +139,66 @@ void addUserMetrics(Page* page, const Entries& entries, bool counters) {
   }
 }
 
-void addRequests(Page* page, const EngineFigures& figures) {
-  constexpr std::pair<std::size_t, const char*> TYPES[] = {{1, "init"},
-                                                           {2, "getid"},
-                                                           {3, "start"},
-                                                           {4, "update"},
-                                                           {5, "stop"},
-                                                           {6, "end"},
-                                                           {15, "complete"},
-                                                           {16, "report"},
-                                                           {17, "instance_report"},
-                                                           {18, "instance_complete"},
-                                                           {19, "metric_data"},
-                                                           {0, "unknown"}};
+void addRequests(Page* page, const EngineCounters& counters) {
   MetricFamily& requests =
       page->counters("arm_engine_requests_total", "Requests that were answered, by type.");
-  for (const auto& [type, name] : TYPES) add(&requests, {{"type", name}}, figures.requests[type]);
+  for (int32_t type = 1; type < MESSAGE_TYPES; ++type) {
+    if (!isMessageType(type)) continue;
+    add(&requests, {{"type", nameOfMessage(type)}}, counters.requestsOf(type));
+  }
+  add(&requests, {{"type", UNKNOWN_MESSAGE}}, counters.requestsOf(0));
   MetricFamily& refused = page->counters("arm_engine_requests_refused_total",
                                          "Requests that were answered with a negative status.");
-  add(&refused, {{"reason", "unknown_application"}}, figures.unknown_applications);
-  add(&refused, {{"reason", "unknown_class"}}, figures.unknown_classes);
-  add(&refused, {{"reason", "unknown_handle"}}, figures.unknown_handles);
-  add(&refused, {{"reason", "unknown_type"}}, figures.unknown_messages);
-  add(&refused, {{"reason", "bad_length"}}, figures.bad_lengths);
-  add(&refused, {{"reason", "too_many_open"}}, figures.instances_over_limit);
+  add(&refused, {{"reason", "unknown_application"}}, counters.unknown_applications);
+  add(&refused, {{"reason", "unknown_class"}}, counters.unknown_classes);
+  add(&refused, {{"reason", "unknown_handle"}}, counters.unknown_handles);
+  add(&refused, {{"reason", "unknown_type"}}, counters.unknown_messages);
+  add(&refused, {{"reason", "bad_length"}}, counters.bad_lengths);
+  add(&refused, {{"reason", "too_many_open"}}, counters.instances_over_limit);
 }
 
-void addOddities(Page* page, const EngineFigures& figures) {
+void addOddities(Page* page, const EngineCounters& counters) {
   MetricFamily& limits = page->counters("arm_engine_over_limit_total",
                                         "What went to \"other\", or was left out, for a limit.");
-  add(&limits, {{"kind", "applications"}}, figures.applications_over_limit);
-  add(&limits, {{"kind", "classes"}}, figures.classes_over_limit);
-  add(&limits, {{"kind", "instances"}}, figures.instances_over_limit);
-  add(&limits, {{"kind", "user_metrics"}}, figures.metrics_over_limit);
+  add(&limits, {{"kind", "applications"}}, counters.applications_over_limit);
+  add(&limits, {{"kind", "classes"}}, counters.classes_over_limit);
+  add(&limits, {{"kind", "instances"}}, counters.instances_over_limit);
+  add(&limits, {{"kind", "user_metrics"}}, counters.metrics_over_limit);
   add(&page->counters("arm_engine_clock_steps_total",
                       "Transactions that seemed to end before they began."),
-      {}, figures.clocks_stepped_back);
+      {}, counters.clocks_stepped_back);
   add(&page->counters("arm_engine_unknown_parents_total",
                       "Correlators that could not be read; each started a new trace."),
-      {}, figures.parents_not_known);
+      {}, counters.parents_not_known);
   add(&page->counters("arm_engine_departed_processes_total", "Measured processes that have ended."),
-      {}, figures.departed_processes);
+      {}, counters.departed_processes);
   add(&page->counters("arm_engine_expired_classes_total",
                       "Classes whose figures were forgotten because nobody used them."),
-      {}, figures.expired_classes);
+      {}, counters.expired_classes);
 }
 
 void addQueues(Page* page, const QueueView& view) {
-  const auto figures = view.look();
-  if (!figures) return;
+  const auto gauges = view.read();
+  if (!gauges) return;
   MetricFamily& length =
       page->gauges("arm_engine_queue_length", "Records that are in a queue now.");
-  add(&length, {{"queue", "requests"}}, figures->requests);
-  add(&length, {{"queue", "replies"}}, figures->replies);
+  add(&length, {{"queue", "requests"}}, gauges->requests);
+  add(&length, {{"queue", "replies"}}, gauges->replies);
   MetricFamily& capacity = page->gauges("arm_engine_queue_capacity", "Records that a queue holds.");
-  add(&capacity, {{"queue", "requests"}}, figures->request_capacity);
-  add(&capacity, {{"queue", "replies"}}, figures->reply_capacity);
+  add(&capacity, {{"queue", "requests"}}, gauges->request_capacity);
+  add(&capacity, {{"queue", "replies"}}, gauges->reply_capacity);
   add(&page->gauges("arm_engine_requesters", "Threads that have a place in the reply queue."), {},
-      figures->requesters);
+      gauges->requesters);
 }
 
 void addOutputs(Page* page, const EngineView& view) {
   MetricFamily& drops =
       page->counters("arm_engine_dropped_total", "What an output has lost, by reason.");
-  for (const OutputFigure& one : view.drops) {
+  for (const OutputCounter& one : view.drops) {
     add(&drops, {{"output", one.output}, {"reason", one.name}}, static_cast<double>(one.value()));
   }
   MetricFamily& sent = page->counters("arm_engine_sent_total", "What an output has handed on.");
-  for (const OutputFigure& one : view.sent) {
+  for (const OutputCounter& one : view.sent) {
     add(&sent, {{"output", one.output}, {"what", one.name}}, static_cast<double>(one.value()));
   }
 }
@@ -211,15 +207,15 @@ void addOutputs(Page* page, const EngineView& view) {
 
 std::string prometheusText(const EngineView& view) {
   const Entries entries = view.registry.statistics();
-  const EngineFigures& figures = view.registry.figures();
+  const EngineCounters& counters = view.registry.counters();
   Page page;
   addOutcomes(&page, entries);
   addCounts(&page, entries);
   addDurations(&page, entries);
   addUserMetrics(&page, entries, true);
   addUserMetrics(&page, entries, false);
-  addRequests(&page, figures);
-  addOddities(&page, figures);
+  addRequests(&page, counters);
+  addOddities(&page, counters);
   addQueues(&page, view.queues);
   addOutputs(&page, view);
   add(&page.gauges("arm_engine_build_info", "1, with the version of the engine."),

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "metrics/EngineView.h"
+#include "view/EngineView.h"
 
 namespace armengine {
 

@@ -23,16 +23,16 @@ OtlpFile::OtlpFile(std::string path, const OtlpSettings& settings, int file)
     : path_(std::move(path)), settings_(settings), file_(file) {}
 
 OtlpFile::~OtlpFile() {
-  OtlpFile::rest();
+  OtlpFile::flush();
   (void)close(file_);
 }
 
-void OtlpFile::take(const Span& span) {
+void OtlpFile::consume(const Span& span) {
   spans_.push_back(span);
-  if (spans_.size() >= settings_.batch) rest();
+  if (spans_.size() >= settings_.batch) flush();
 }
 
-void OtlpFile::rest() {
+void OtlpFile::flush() {
   if (reopen_.exchange(false)) {
     const int file = openForAppending(path_);
     if (file >= 0) {

@@ -5,22 +5,22 @@
 #include <string>
 #include <vector>
 
+#include "base/Counter.h"
 #include "otlp/OtlpSettings.h"
 #include "otlp/Span.h"
-#include "registry/Figure.h"
 
 namespace armengine {
 
 /// Writes spans to a file, one export request a line.
-class OtlpFile : public SpanTaker {
+class OtlpFile : public SpanExporter {
  public:
   /// Opens a file and appends to it.  Null, with a sentence in why, when that fails.
   static std::unique_ptr<OtlpFile> open(const std::string& path, const OtlpSettings& settings,
                                         std::string* why);
   ~OtlpFile() override;
 
-  void take(const Span& span) override;
-  void rest() override;
+  void consume(const Span& span) override;
+  void flush() override;
 
   /// Makes the writing thread open the path again: somebody has moved the file away.  Any thread.
   void reopen() { reopen_ = true; }
@@ -35,8 +35,8 @@ class OtlpFile : public SpanTaker {
   const OtlpSettings settings_;
   int file_;
   std::vector<Span> spans_;
-  Figure lost_;
-  Figure written_;
+  Counter lost_;
+  Counter written_;
   std::atomic<bool> reopen_{false};
 };
 

@@ -105,7 +105,7 @@ OtlpSender::~OtlpSender() {
   thread_.join();
 }
 
-void OtlpSender::take(const Span& span) {
+void OtlpSender::consume(const Span& span) {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (waiting_.size() >= settings_.most_waiting || waiting_bytes_ >= MOST_WAITING_BYTES) {
     without_room_.add();

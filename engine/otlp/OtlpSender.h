@@ -8,21 +8,21 @@
 #include <thread>
 #include <vector>
 
+#include "base/Counter.h"
 #include "otlp/OtlpSettings.h"
 #include "otlp/Span.h"
-#include "registry/Figure.h"
 
 namespace armengine {
 
 /// Sends spans to an OpenTelemetry receiver by HTTP, on a thread of its own.  When the receiver is
 /// away, the sender tries again, and a bounded number of spans waits.
-class OtlpSender : public SpanTaker {
+class OtlpSender : public SpanExporter {
  public:
   explicit OtlpSender(const OtlpSettings& settings);
   /// Sends what waits, for five seconds at most.
   ~OtlpSender() override;
 
-  void take(const Span& span) override;
+  void consume(const Span& span) override;
 
   uint64_t sent() const { return sent_.get(); }
   uint64_t requests() const { return requests_.get(); }
@@ -52,12 +52,12 @@ class OtlpSender : public SpanTaker {
   std::size_t waiting_bytes_ = 0;
   bool ending_ = false;
   Clock::time_point end_ = Clock::time_point::max();
-  Figure sent_;
-  Figure requests_;
-  Figure retries_;
-  Figure without_room_;
-  Figure refused_;
-  Figure unsent_;
+  Counter sent_;
+  Counter requests_;
+  Counter retries_;
+  Counter without_room_;
+  Counter refused_;
+  Counter unsent_;
   std::thread thread_;
 };
 

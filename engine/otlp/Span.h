@@ -17,16 +17,16 @@ struct Span {
 };
 
 /// Somebody who does something with spans.
-class SpanTaker {
+class SpanExporter {
  public:
-  SpanTaker() = default;
-  virtual ~SpanTaker() = default;
-  SpanTaker(const SpanTaker&) = delete;
-  SpanTaker& operator=(const SpanTaker&) = delete;
+  SpanExporter() = default;
+  virtual ~SpanExporter() = default;
+  SpanExporter(const SpanExporter&) = delete;
+  SpanExporter& operator=(const SpanExporter&) = delete;
 
-  virtual void take(const Span& span) = 0;
+  virtual void consume(const Span& span) = 0;
   /// There is nothing more for the moment.
-  virtual void rest() {}
+  virtual void flush() {}
 };
 
 /// Appends an attribute with a text as its value, as an element of an array of attributes.

@@ -71,10 +71,10 @@ void appendMetrics(JsonWriter* json, const ClassInfo& of,
 /// The valid described slots of a block; false when there are none.
 bool readMetrics(const Event& event, const Payload& payload,
                  std::array<std::string, METRIC_SLOTS>* values) {
-  if (payload.size() < ARM_FORMAT1_SIZE || event.applied.tran_class == nullptr) return false;
+  if (payload.size() < ARM_FORMAT1_SIZE || event.subject.tran_class == nullptr) return false;
   bool any = false;
   for (std::size_t slot = 0; slot < METRIC_SLOTS; ++slot) {
-    const MetricType type = event.applied.tran_class->metrics[slot].type;
+    const MetricType type = event.subject.tran_class->metrics[slot].type;
     if (type == MetricType::none) continue;
     const MetricValue value = readMetric(payload.data(), slot, type);
     if (value.kind == MetricValue::Kind::none) continue;
@@ -109,7 +109,7 @@ std::string updateText(const Event& event, const Payload& payload) {
   json.key("name").text(nameOfEvent(event.type)).key("attributes").openArray();
   std::array<std::string, METRIC_SLOTS> values;
   if (readMetrics(event, payload, &values)) {
-    appendMetrics(&json, *event.applied.tran_class, values);
+    appendMetrics(&json, *event.subject.tran_class, values);
   } else if (event.type == ARM_MSG_ASSOCIATE_METRIC_DATA) {
     appendData(&json, viewOf(payload, 0));
   } else if (payload.size() == ARM_FORMAT2_SIZE) {
@@ -128,9 +128,9 @@ void appendStatus(JsonWriter* json, const Event& event) {
   const char* message = nullptr;
   if (event.type == EVENT_ABANDONED) {
     message = "abandoned";
-  } else if (event.applied.outcome == Outcome::failed ||
-             event.applied.outcome == Outcome::aborted) {
-    message = nameOf(event.applied.outcome);
+  } else if (event.subject.outcome == Outcome::failed ||
+             event.subject.outcome == Outcome::aborted) {
+    message = nameOf(event.subject.outcome);
   }
   if (message == nullptr) return;
   json->key("status").openObject().key("code").number(STATUS_ERROR);
@@ -139,10 +139,10 @@ void appendStatus(JsonWriter* json, const Event& event) {
 
 void appendAttributes(JsonWriter* json, const Event& event,
                       const std::array<std::string, METRIC_SLOTS>& metrics) {
-  const ClassInfo& of = *event.applied.tran_class;
+  const ClassInfo& of = *event.subject.tran_class;
   json->key("attributes").openArray();
   appendTextAttribute(json, "arm.outcome",
-                      event.type == EVENT_ABANDONED ? "abandoned" : nameOf(event.applied.outcome));
+                      event.type == EVENT_ABANDONED ? "abandoned" : nameOf(event.subject.outcome));
   if (event.type != EVENT_ABANDONED) {
     appendNumber(json, "arm.status", event.values[0]);
     appendNumber(json, "process.pid", event.process);
@@ -156,13 +156,13 @@ void appendAttributes(JsonWriter* json, const Event& event,
 
 }  // namespace
 
-void SpanCollector::take(const Event& event, const Payload& payload) {
-  if (event.result < 0 || !event.applied.context.traced || event.applied.tran_class == nullptr) {
+void SpanCollector::consume(const Event& event, const Payload& payload) {
+  if (event.result < 0 || !event.subject.context.traced || event.subject.tran_class == nullptr) {
     return;
   }
   if (endsInstance(event)) return finish(event, payload);
   // What names a class changes nothing.
-  const bool of_instance = event.id == event.applied.handle;
+  const bool of_instance = event.id == event.subject.handle;
   switch (event.type) {
     case ARM_MSG_START:
       return keepMetrics(event, payload);
@@ -178,8 +178,8 @@ void SpanCollector::take(const Event& event, const Payload& payload) {
   }
 }
 
-void SpanCollector::rest() {
-  for (SpanTaker* taker : takers_) taker->rest();
+void SpanCollector::flush() {
+  for (SpanExporter* exporter : exporters_) exporter->flush();
 }
 
 SpanCollector::Kept& SpanCollector::keptOf(int32_t handle) {
@@ -196,14 +196,14 @@ SpanCollector::Kept& SpanCollector::keptOf(int32_t handle) {
 void SpanCollector::keepMetrics(const Event& event, const Payload& payload) {
   std::array<std::string, METRIC_SLOTS> values;
   if (!readMetrics(event, payload, &values)) return;
-  Kept& kept = keptOf(event.applied.handle);
+  Kept& kept = keptOf(event.subject.handle);
   for (std::size_t slot = 0; slot < METRIC_SLOTS; ++slot) {
     if (!values[slot].empty()) kept.metrics[slot] = std::move(values[slot]);
   }
 }
 
 void SpanCollector::keepUpdate(const Event& event, const Payload& payload) {
-  Kept& kept = keptOf(event.applied.handle);
+  Kept& kept = keptOf(event.subject.handle);
   if (kept.updates.size() >= MOST_UPDATES) {
     ++kept.updates_left_out;
   } else {
@@ -213,7 +213,7 @@ void SpanCollector::keepUpdate(const Event& event, const Payload& payload) {
 
 void SpanCollector::finish(const Event& event, const Payload& payload) {
   Kept kept;
-  if (const auto found = kept_.find(event.applied.handle); found != kept_.end()) {
+  if (const auto found = kept_.find(event.subject.handle); found != kept_.end()) {
     kept = std::move(found->second);
     kept_.erase(found);
   }
@@ -222,20 +222,20 @@ void SpanCollector::finish(const Event& event, const Payload& payload) {
 }
 
 void SpanCollector::emit(const Event& event, const Kept& kept) {
-  const Applied& applied = event.applied;
+  const Subject& subject = event.subject;
   const uint64_t start = startOf(event);
   Span span;
-  span.service = applied.application->name;
+  span.service = subject.application->name;
   JsonWriter json(&span.json);
-  const TraceContext& context = applied.context;
+  const TraceContext& context = subject.context;
   json.openObject().key("traceId").hex(context.trace_id.data(), context.trace_id.size());
   json.key("spanId").hex(context.span_id.data(), context.span_id.size());
   if (context.parent_id != SpanId()) {
     json.key("parentSpanId").hex(context.parent_id.data(), context.parent_id.size());
   }
-  json.key("name").text(applied.tran_class->name).key("kind").number(KIND_INTERNAL);
+  json.key("name").text(subject.tran_class->name).key("kind").number(KIND_INTERNAL);
   json.key("startTimeUnixNano").digits(start);
-  json.key("endTimeUnixNano").digits(start + applied.duration);
+  json.key("endTimeUnixNano").digits(start + subject.duration);
   appendAttributes(&json, event, kept.metrics);
   if (!kept.updates.empty()) {
     json.key("events").openArray();
@@ -245,7 +245,7 @@ void SpanCollector::emit(const Event& event, const Kept& kept) {
   if (kept.updates_left_out > 0) json.key("droppedEventsCount").number(kept.updates_left_out);
   appendStatus(&json, event);
   json.closeObject();
-  for (SpanTaker* taker : takers_) taker->take(span);
+  for (SpanExporter* exporter : exporters_) exporter->consume(span);
 }
 
 }  // namespace armengine

@@ -5,22 +5,22 @@
 #include <string>
 #include <vector>
 
-#include "events/EventOutlet.h"
+#include "base/Counter.h"
+#include "events/EventConsumer.h"
 #include "events/JsonWriter.h"
 #include "otlp/Span.h"
-#include "registry/Figure.h"
 
 namespace armengine {
 
 /// Makes a span of each finished instance that is traced: what came with its start and updates is
 /// kept until it ends.
-class SpanCollector : public EventTaker {
+class SpanCollector : public EventConsumer {
  public:
   /// Adds somebody who gets the spans; before the first event.
-  void add(SpanTaker& taker) { takers_.push_back(&taker); }
+  void add(SpanExporter& exporter) { exporters_.push_back(&exporter); }
 
-  void take(const Event& event, const Payload& payload) override;
-  void rest() override;
+  void consume(const Event& event, const Payload& payload) override;
+  void flush() override;
 
   /// Open instances of which updates or metrics were given up to bound the memory.
   uint64_t lost() const { return lost_.get(); }
@@ -41,9 +41,9 @@ class SpanCollector : public EventTaker {
   void finish(const Event& event, const Payload& payload);
   void emit(const Event& event, const Kept& kept);
 
-  std::vector<SpanTaker*> takers_;
+  std::vector<SpanExporter*> exporters_;
   std::map<int32_t, Kept> kept_;
-  Figure lost_;
+  Counter lost_;
 };
 
 }  // namespace armengine

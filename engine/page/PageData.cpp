@@ -4,8 +4,8 @@
 #include <charconv>
 #include <functional>
 
+#include "base/Time.h"
 #include "events/JsonWriter.h"
-#include "registry/Time.h"
 
 namespace armengine {
 
@@ -41,7 +41,7 @@ std::string keyText(uint64_t key) {
   return text;
 }
 
-/// What the figures of an answer are about.
+/// The time that an answer is about.
 struct Window {
   uint64_t asked = LONGEST_WINDOW;  ///< seconds; 0: since the start
   uint64_t since = 0;               ///< nanoseconds since the epoch
@@ -65,7 +65,7 @@ Window windowOf(const EngineView& view, const HttpServer::Request& request) {
 struct Row {
   std::shared_ptr<const ClassStatistics> entry;  ///< null: all together
   uint64_t key = 0;
-  bool known = true;  ///< whether there are figures of the window
+  bool known = true;  ///< whether anything is known of the window
   bool has_times = false;
   uint64_t count = 0;
   uint64_t errors = 0;
@@ -88,7 +88,7 @@ void setTimes(const Times& times, uint64_t maximum, Row* row) {
   row->has_times = true;
 }
 
-void setFigures(const DurationCounts& counts, Row* row) {
+void setStatistics(const DurationCounts& counts, Row* row) {
   row->count = counts.total;
   row->errors = counts.errors;
   setTimes(counts, counts.maximum, row);
@@ -109,7 +109,7 @@ Row rowOf(std::shared_ptr<const ClassStatistics> entry, bool since_start, const 
     row.count = entry->count();
     row.errors = entry->failed.get() + entry->aborted.get();
   } else if (const auto sum = sums.find(row.key); sum != sums.end()) {
-    setFigures(sum->second, &row);
+    setStatistics(sum->second, &row);
   } else {
     row.known = sums.size() <= RecentTransactions::MOST_HISTORIES;
     row.has_times = true;
@@ -121,7 +121,7 @@ Row rowOf(std::shared_ptr<const ClassStatistics> entry, bool since_start, const 
 Row totalOf(const std::vector<Row>& rows, bool since_start, const Sums& sums) {
   Row total;
   if (!since_start) {
-    setFigures(sums.at(std::nullopt), &total);
+    setStatistics(sums.at(std::nullopt), &total);
     return total;
   }
   ResponseTimes times;
@@ -187,8 +187,8 @@ void appendNames(JsonWriter* json, uint64_t key, std::string_view application,
   json->key("application").text(application).key("transaction").text(name);
 }
 
-/// Figures that are not known are null, and so are percentiles of nothing.
-void appendFigures(JsonWriter* json, const Row& row, double seconds) {
+/// What is not known is null, and so are percentiles of nothing.
+void appendStatistics(JsonWriter* json, const Row& row, double seconds) {
   const auto number = [&](const char* name, bool known, uint64_t value) {
     json->key(name);
     (void)(known ? json->number(value) : json->raw("null"));
@@ -219,13 +219,13 @@ void appendEngine(JsonWriter* json, const EngineView& view) {
   json->key("engine").openObject().key("run").text(keyText(run)).key("version").text(ARM_VERSION);
   json->key("prefix").text(view.queues.prefix());
   json->key("now_ns").digits(view.recent->now()).key("started_ns").digits(view.started);
-  if (const auto queues = view.queues.look(); queues) {
+  if (const auto queues = view.queues.read(); queues) {
     json->key("requests_waiting").number(queues->requests);
     json->key("request_capacity").number(queues->request_capacity);
     json->key("requesters").number(queues->requesters);
   }
   uint64_t dropped = 0;
-  for (const OutputFigure& one : view.drops) {
+  for (const OutputCounter& one : view.drops) {
     if (one.output == view.recent_output && one.name == "ring_full") dropped += one.value();
   }
   json->key("not_shown").number(dropped).closeObject();
@@ -235,7 +235,7 @@ void appendTotal(JsonWriter* json, const std::vector<Row>& rows, const Row& tota
   uint64_t open = 0;
   for (const Row& row : rows) open += row.entry->open.get();
   json->key("total").openObject().key("classes").number(uint64_t{rows.size()});
-  appendFigures(json, total, seconds);
+  appendStatistics(json, total, seconds);
   json->key("in_flight").number(open).closeObject();
 }
 
@@ -328,7 +328,7 @@ HttpAnswer classesData(const EngineView& view, const HttpServer::Request& reques
     json.openObject();
     appendNames(&json, row.key, shortened(row.entry->application, ShownClass::LONGEST),
                 shortened(row.entry->name, ShownClass::LONGEST));
-    appendFigures(&json, row, window.seconds);
+    appendStatistics(&json, row, window.seconds);
     appendTotals(&json, *row.entry);
     json.closeObject();
   }

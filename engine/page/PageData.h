@@ -1,7 +1,7 @@
 #pragma once
 
 #include "http/HttpServer.h"
-#include "metrics/EngineView.h"
+#include "view/EngineView.h"
 
 namespace armengine {
 

@@ -14,7 +14,7 @@ namespace armengine {
 
 namespace {
 
-constexpr std::chrono::milliseconds BETWEEN_LOCK_LOOKS{250};
+constexpr std::chrono::milliseconds BETWEEN_LOCK_CHECKS{250};
 constexpr std::time_t LONG_HELD = 1;
 constexpr int LOCK_SEMAPHORE = 0;
 
@@ -81,14 +81,14 @@ LockWatch::~LockWatch() {
 
 void LockWatch::run() {
   std::unique_lock<std::mutex> guard(mutex_);
-  while (!ended_.wait_for(guard, BETWEEN_LOCK_LOOKS, [this] { return end_; })) {
-    for (Lock& lock : locks_) look(lock);
+  while (!ended_.wait_for(guard, BETWEEN_LOCK_CHECKS, [this] { return end_; })) {
+    for (Lock& lock : locks_) check(lock);
   }
 }
 
-/// Told at the second look in a row: a clock that was set ahead makes any holder look like an old one
+/// Told at the second check in a row: a clock that was set ahead makes any holder look like an old one
 /// once.
-void LockWatch::look(Lock& lock) {
+void LockWatch::check(Lock& lock) {
   const int holder = longHolder(lock.set);
   if (lock.told && holder == 0) {
     writeLog(Urgency::warning, "the lock of the " + lock.what + " is free again");

@@ -27,12 +27,12 @@ class LockWatch {
   struct Lock {
     std::string what;  ///< whose lock it is
     int set;
-    int suspect = 0;  ///< the process that held it at the last look, for a second already
+    int suspect = 0;  ///< the process that held it at the last check, for a second already
     bool told = false;
   };
 
   void run();
-  static void look(Lock& lock);
+  static void check(Lock& lock);
 
   std::vector<Lock> locks_;
   std::mutex mutex_;

@@ -61,8 +61,8 @@ std::unique_ptr<Pages> servePages(const std::string& address, int port, const En
   return pages;
 }
 
-std::unique_ptr<SpanTaker> sendTraces(const OtlpSettings& settings, EngineView* view,
-                                      std::string*) {
+std::unique_ptr<SpanExporter> sendTraces(const OtlpSettings& settings, EngineView* view,
+                                         std::string*) {
   auto sender = std::make_unique<OtlpSender>(settings);
   const OtlpSender* from = sender.get();
   view->drops.push_back({"otlp", "too_many_waiting", [from] { return from->withoutRoom(); }});

@@ -3,9 +3,9 @@
 #include <memory>
 #include <string>
 
-#include "metrics/EngineView.h"
 #include "otlp/OtlpSettings.h"
 #include "otlp/Span.h"
+#include "view/EngineView.h"
 
 namespace armengine {
 
@@ -26,10 +26,10 @@ class Pages {
 std::unique_ptr<Pages> servePages(const std::string& address, int port, const EngineView& view,
                                   std::string* why);
 
-/// Sends traces.  Adds its own figures to the view.  Null, with a sentence in why, when that cannot
+/// Sends traces.  Adds its own counters to the view.  Null, with a sentence in why, when that cannot
 /// be.
-std::unique_ptr<SpanTaker> sendTraces(const OtlpSettings& settings, EngineView* view,
-                                      std::string* why);
+std::unique_ptr<SpanExporter> sendTraces(const OtlpSettings& settings, EngineView* view,
+                                         std::string* why);
 
 /// Whether this engine can do either.
 bool hasNetwork();

@@ -9,7 +9,7 @@ std::unique_ptr<Pages> servePages(const std::string&, int, const EngineView&, st
   return nullptr;
 }
 
-std::unique_ptr<SpanTaker> sendTraces(const OtlpSettings&, EngineView*, std::string* why) {
+std::unique_ptr<SpanExporter> sendTraces(const OtlpSettings&, EngineView*, std::string* why) {
   *why =
       "this engine was built without the sending of traces: --otlp needs one built with "
       "ARM_ENGINE_OUTPUTS";

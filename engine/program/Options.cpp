@@ -243,7 +243,7 @@ class Parser {
     addQueueOptions(&app_, &line->queues);
     addRegistryOptions(&app_, &line->registry);
     addOutputOptions(&app_, &line->outputs);
-    addFlag(&app_, "--report", &line->report,
+    addFlag(&app_, "--report", &line->outputs.report,
             "print a table of the transaction classes at the end");
     addFlag(&app_, "--help", &line->help, "print this text");
     CLI::App* replay = app_.add_subcommand("replay", "print the table that a file of events gives");

@@ -14,6 +14,7 @@ struct OutputOptions {
   std::string events;          ///< file of event lines, "-" is standard output
   std::string otlp;            ///< base URL of an OpenTelemetry receiver
   std::string otlp_file;       ///< file of the requests that such a receiver would get
+  bool report = false;         ///< a table on standard output at the end
 };
 
 /// The command line of the program.
@@ -21,7 +22,6 @@ struct CommandLine {
   EngineOptions queues;
   RegistrySettings registry;
   OutputOptions outputs;
-  bool report = false;
   bool help = false;
   std::string replay;  ///< file of events to read instead of serving; empty: serve
   std::string error;   ///< one sentence; empty when the command line is good

@@ -1,7 +1,7 @@
 #include "program/Outputs.h"
 
+#include "base/Time.h"
 #include "program/Log.h"
-#include "registry/Time.h"
 
 namespace armengine {
 
@@ -31,15 +31,20 @@ bool Outputs::openAll(const OutputOptions& options, std::string* why) {
 }
 
 Outputs::~Outputs() {
+  (void)finish();
+}
+
+std::unique_ptr<RecentTransactions> Outputs::finish() {
   pages_.reset();
-  outlets_.clear();
+  workers_.clear();
+  return std::move(recent_);
 }
 
 bool Outputs::openEvents(const OutputOptions& options, std::string* why) {
   if (options.events.empty()) return true;
   event_file_ = EventFile::open(options.events, view_.registry.engine(), why);
   if (event_file_ == nullptr) return false;
-  addOutlet("events", event_file_.get());
+  addWorker("events", event_file_.get());
   const EventFile* file = event_file_.get();
   view_.drops.push_back({"events", "write_failed", [file] { return file->lost(); }});
   return true;
@@ -70,21 +75,22 @@ bool Outputs::openTraces(const OutputOptions& options, std::string* why) {
   return true;
 }
 
-/// One ring for both: each more would cost time on the request road.
+/// One ring for all: each more would cost time on the hot path.
 void Outputs::openInstances(const OutputOptions& options) {
-  const std::string name = instances_.isUsed() ? "spans" : "page";
-  if (!options.listen_address.empty() && hasNetwork()) {
+  const bool page = !options.listen_address.empty() && hasNetwork();
+  const std::string name = instances_.isUsed() ? "spans" : page ? "page" : "report";
+  if (page || options.report) {
     recent_ = std::make_unique<RecentTransactions>(wallTime);
     view_.recent = recent_.get();
     view_.recent_output = name;
     instances_.add(*recent_);
   }
-  if (instances_.isUsed()) addOutlet(name, &instances_);
+  if (instances_.isUsed()) addWorker(name, &instances_);
 }
 
-EventRing& Outputs::addOutlet(const std::string& name, EventTaker* taker) {
-  outlets_.push_back(std::make_unique<EventOutlet>(*taker, RING_EVENTS, RING_BYTES));
-  EventRing& ring = outlets_.back()->ring();
+EventRing& Outputs::addWorker(const std::string& name, EventConsumer* consumer) {
+  workers_.push_back(std::make_unique<EventWorker>(*consumer, RING_EVENTS, RING_BYTES));
+  EventRing& ring = workers_.back()->ring();
   publisher_.add(ring);
   view_.drops.push_back({name, "ring_full", [&ring] { return ring.dropped(); }});
   return ring;

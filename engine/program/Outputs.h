@@ -4,13 +4,15 @@
 #include <string>
 #include <vector>
 
+#include "events/EventConsumer.h"
 #include "events/EventFile.h"
-#include "events/EventOutlet.h"
-#include "metrics/EngineView.h"
+#include "events/EventPublisher.h"
+#include "events/EventWorker.h"
 #include "otlp/OtlpFile.h"
 #include "otlp/SpanCollector.h"
 #include "program/Network.h"
 #include "program/Options.h"
+#include "view/EngineView.h"
 
 namespace armengine {
 
@@ -26,10 +28,13 @@ class Outputs {
   Outputs& operator=(const Outputs&) = delete;
 
   EventPublisher& events() { return publisher_; }
-  /// Lets the outputs look at the queues from now on; null before the queues go.
+  /// Lets the outputs read the queues from now on; null before the queues go.
   void show(EngineQueues* queues) { view_.queues.show(queues); }
   /// Where the HTTP server is; empty without one.
   std::string url() const;
+  /// Ends everything that uses events, and gives what is known of the last transactions; null when
+  /// nobody has asked for it.
+  std::unique_ptr<RecentTransactions> finish();
   /// Opens the files again.  Any thread.
   void reopen();
 
@@ -40,19 +45,19 @@ class Outputs {
   bool openTraces(const OutputOptions& options, std::string* why);
   bool openPages(const OutputOptions& options, std::string* why);
   void openInstances(const OutputOptions& options);
-  EventRing& addOutlet(const std::string& name, EventTaker* taker);
+  EventRing& addWorker(const std::string& name, EventConsumer* consumer);
 
   EngineView view_;
   EventPublisher publisher_;
-  // What an outlet hands its events to outlives it.
+  // What a worker hands its events to outlives it.
   std::unique_ptr<EventFile> event_file_;
   std::unique_ptr<OtlpFile> trace_file_;
-  std::unique_ptr<SpanTaker> sender_;
+  std::unique_ptr<SpanExporter> sender_;
   SpanCollector spans_;
   std::unique_ptr<RecentTransactions> recent_;
   /// What is made of single instances: spans, and what the page shows.
-  EventFork instances_;
-  std::vector<std::unique_ptr<EventOutlet>> outlets_;
+  EventFanOut instances_;
+  std::vector<std::unique_ptr<EventWorker>> workers_;
   std::unique_ptr<Pages> pages_;
 };
 

@@ -94,7 +94,7 @@ void Service::tidyNowAndThen() {
   const bool freed = replies.reclaimDeparted() > 0;
   dispatcher_.tidy();
   if (was_crowded) (void)replies.reclaimIdle();
-  // Records may have run short after the look, so those that came free tell as much.
+  // Records may have run short after the check, so those that came free tell as much.
   if (was_crowded || freed) doubtful_ = queues_.requests().depth();
 }
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "core/EngineQueues.h"
-#include "registry/Dispatcher.h"
+#include "dispatch/Dispatcher.h"
 
 namespace armengine {
 

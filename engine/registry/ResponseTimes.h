@@ -4,7 +4,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "registry/Figure.h"
+#include "base/Counter.h"
 
 namespace armengine {
 
@@ -40,16 +40,16 @@ class ResponseTimes {
   static constexpr unsigned STEPS = 1U << STEP_BITS;
   /// The times below STEPS, then one range for each further power of two of 64 bits.
   static constexpr unsigned RANGES = 64 - STEP_BITS + 1;
-  using Steps = std::array<Figure, STEPS>;
+  using Steps = std::array<Counter, STEPS>;
 
   static uint64_t largestOf(unsigned range, unsigned step);
   Steps& stepsOf(unsigned range);
 
   /// Made when the first time of a range occurs, and kept.
   std::array<std::atomic<Steps*>, RANGES> ranges_ = {};
-  Figure count_;
-  Figure maximum_;
-  Figure sum_;
+  Counter count_;
+  Gauge maximum_;
+  Counter sum_;
 };
 
 }  // namespace armengine

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "registry/Figure.h"
+#include "base/Counter.h"
 #include "registry/ResponseTimes.h"
 #include "registry/UserMetrics.h"
 
@@ -39,7 +39,7 @@ struct UserMetric {
 
   const std::string name;
   const bool counter;
-  RealFigure value;  ///< a counter's sum, a gauge's last value
+  RealGauge value;  ///< a counter's sum, a gauge's last value
 };
 
 /// What is known of all instances of the classes of one name in applications of one name.  One
@@ -56,16 +56,16 @@ struct ClassStatistics {
 
   const std::string application;  ///< UTF-8
   const std::string name;         ///< UTF-8
-  Figure started;
-  Figure open;
-  Figure good;
-  Figure aborted;
-  Figure failed;
-  Figure unknown;
-  Figure abandoned;  ///< open when their process ended; in none of the four above
+  Counter started;
+  Gauge open;
+  Counter good;
+  Counter aborted;
+  Counter failed;
+  Counter unknown;
+  Counter abandoned;  ///< open when their process ended; in none of the four above
   ResponseTimes times;
   const Buckets bucket_bounds;
-  std::vector<Figure> buckets;  ///< one for each bound, and one for what exceeds them all
+  std::vector<Counter> buckets;  ///< one for each bound, and one for what exceeds them all
 
   /// Instances that have finished, abandoned ones not counted.
   uint64_t count() const { return good.get() + aborted.get() + failed.get() + unknown.get(); }

@@ -1,4 +1,4 @@
-#include "registry/Dispatcher.h"
+#include "dispatch/Dispatcher.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -177,12 +177,15 @@ TEST_F(DispatcherTest, TraceRequestIsInTheCorrelator) {
 }
 
 TEST_F(DispatcherTest, ParentIsReadOnlyWhenItsFlagIsSet) {
+  const auto traceOf = [](const TArmReplyMessage& reply) {
+    armengine::CorrelatorBytes bytes;
+    std::memcpy(bytes.data(), reply.correlator, bytes.size());
+    return armengine::decodeCorrelator(bytes)->trace_id;
+  };
   const TArmReplyMessage parent = start(orders, ARM_CorrReq_f);
-  EXPECT_GT(start(orders, ARM_CorrReq_f, parent.correlator).result, 0);
-  EXPECT_EQ(nullptr, registry.largestTree());
-  EXPECT_GT(start(orders, ARM_CorrPar_f, parent.correlator).result, 0);
-  ASSERT_NE(nullptr, registry.largestTree());
-  EXPECT_EQ(1U, registry.largestTree()->child_count);
+  EXPECT_NE(traceOf(parent), traceOf(start(orders, ARM_CorrReq_f, parent.correlator)));
+  EXPECT_EQ(traceOf(parent),
+            traceOf(start(orders, ARM_CorrReq_f | ARM_CorrPar_f, parent.correlator)));
 }
 
 TEST_F(DispatcherTest, DurationComesFromTheStamps) {
@@ -279,7 +282,7 @@ TEST_F(DispatcherTest, MetricDataNeedsAKnownNumberAndAGoodLength) {
   EXPECT_LT(metricData(application, 1), 0);
 }
 
-TEST(DispatcherWatch, InstanceStartedWhileItsDeadProcessWasLookedAtIsEndedAtTheNextLook) {
+TEST(DispatcherWatch, InstanceStartedAfterItsNumberHadDepartedIsEndedAtALaterCheck) {
   armengine::ProcessWatch watch(std::chrono::milliseconds(5));
   Registry registry(1);
   Dispatcher dispatcher(registry, nullptr, &watch);
@@ -287,21 +290,27 @@ TEST(DispatcherWatch, InstanceStartedWhileItsDeadProcessWasLookedAtIsEndedAtTheN
     for (;;) pause();
     return 0;
   });
-  TArmMessage init = message(ARM_MSG_INIT);
-  init.sender_id.processId = child;
-  const int32_t application = dispatcher.answer(init).result;
-  kill(child, SIGKILL);
-  armtest::exitCodeOf(child);
-  // Its last requests are read after it has been found.
-  EXPECT_TRUE(armtest::waitUntil([&watch] { return watch.anyDeparted(); }));
+  const int32_t application = registry.addApplication("shop").result;
+  const int32_t id = registry.addClass(application, "order", "").result;
+  // Its number was another process's when the first request came from it.
+  watch.observe(child, 1);
+  armengine::StartData early;
+  early.process = child;
+  early.seen = 1;
+  EXPECT_GT(registry.start(id, early, 0).result, 0);
   TArmMessage start = message(ARM_MSG_START);
   start.sender_id.processId = child;
-  start.messages.start.tran_id = registry.addClass(application, "order", "");
-  EXPECT_GT(dispatcher.answer(start).result, 0);
-  EXPECT_TRUE(armtest::waitUntil([&] {
+  start.messages.start.tran_id = id;
+  const int32_t late = dispatcher.answer(start).result;
+  const auto openAfterTidying = [&] {
     dispatcher.tidy();
-    return registry.openInstances() == 0;
-  }));
+    return registry.openInstances();
+  };
+  EXPECT_TRUE(armtest::waitUntil([&] { return openAfterTidying() == 1; }));
+  EXPECT_TRUE(registry.isOpen(late));
+  kill(child, SIGKILL);
+  armtest::exitCodeOf(child);
+  EXPECT_TRUE(armtest::waitUntil([&] { return openAfterTidying() == 0; }));
 }
 
 }  // namespace

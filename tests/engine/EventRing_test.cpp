@@ -5,15 +5,15 @@
 #include <random>
 #include <thread>
 
-#include "events/EventOutlet.h"
+#include "events/EventWorker.h"
 
 namespace {
 
 using armengine::Event;
-using armengine::EventOutlet;
+using armengine::EventConsumer;
 using armengine::EventPublisher;
 using armengine::EventRing;
-using armengine::EventTaker;
+using armengine::EventWorker;
 using armengine::Payload;
 
 /// An event whose payload can be checked.
@@ -102,18 +102,18 @@ TEST(EventRing, TwoThreadsLoseAndDamageNothingThatIsNotCounted) {
   EXPECT_EQ(EVENTS + 1, popped + ring.dropped());
 }
 
-class Counter : public EventTaker {
+class Counter : public EventConsumer {
  public:
-  void take(const Event& event, const Payload&) override { sum += event.number; }
+  void consume(const Event& event, const Payload&) override { sum += event.number; }
   uint64_t sum = 0;
 };
 
-TEST(EventRing, OutletThatEndsHandsOverWhatItHas) {
+TEST(EventRing, WorkerThatEndsHandsOverWhatItHas) {
   Counter counter;
   {
-    EventOutlet outlet(counter, 1024, 1024);
+    EventWorker worker(counter, 1024, 1024);
     EventPublisher publisher;
-    publisher.add(outlet.ring());
+    publisher.add(worker.ring());
     Event event;
     for (int i = 0; i < 1000; ++i) publisher.publish(&event, nullptr);
   }

@@ -1,4 +1,4 @@
-#include "registry/IdTable.h"
+#include "base/IdTable.h"
 
 #include <gtest/gtest.h>
 

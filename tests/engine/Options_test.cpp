@@ -22,7 +22,7 @@ TEST(Options, DefaultsServeHundredsOfThreads) {
   EXPECT_FALSE(line.queues.prefix);
   EXPECT_GE(line.queues.requests, 1000);
   EXPECT_GE(line.queues.requesters, 1000);
-  EXPECT_FALSE(line.report);
+  EXPECT_FALSE(line.outputs.report);
   EXPECT_FALSE(line.help);
 }
 
@@ -33,7 +33,7 @@ TEST(Options, AllAreRead) {
   EXPECT_EQ("blue", line.queues.prefix);
   EXPECT_EQ(65535, line.queues.requests);
   EXPECT_EQ(31998, line.queues.requesters);
-  EXPECT_TRUE(line.report);
+  EXPECT_TRUE(line.outputs.report);
 }
 
 TEST(Options, EmptyPrefixIsAPrefix) {

@@ -1,12 +1,11 @@
-#include "registry/Processes.h"
-
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "base/Time.h"
+#include "dispatch/ProcessWatch.h"
 #include "process.h"
-#include "registry/Time.h"
 #include "system/ProcessStat.h"
 
 namespace {
@@ -65,8 +64,8 @@ TEST(Processes, ProcessWhoseFirstThreadHasEndedLives) {
 TEST(Processes, KilledOneIsReportedOnceAndLivingOnesAreNot) {
   ProcessWatch watch(QUICK);
   const pid_t child = forkChild(sleepForEver);
-  watch.note(getpid(), bootTime());
-  watch.note(child, bootTime());
+  watch.observe(getpid(), bootTime());
+  watch.observe(child, bootTime());
   kill(child, SIGKILL);
   exitCodeOf(child);
   std::vector<Departed> all;
@@ -82,9 +81,9 @@ TEST(Processes, KilledOneIsReportedOnceAndLivingOnesAreNot) {
 
 TEST(Processes, OneThatCannotBeSeenIsGivenTime) {
   ProcessWatch watch(QUICK);
-  watch.note(2147483647, bootTime());
+  watch.observe(2147483647, bootTime());
   const pid_t child = forkChild(sleepForEver);
-  watch.note(child, bootTime());
+  watch.observe(child, bootTime());
   kill(child, SIGKILL);
   exitCodeOf(child);
   std::vector<Departed> departed;
@@ -100,7 +99,7 @@ TEST(Processes, NumberThatBelongsToALaterProcessIsOneThatHasEnded) {
   ProcessWatch watch(QUICK);
   const uint64_t long_ago = *startOfProcess(getpid()) - TICK;
   // A request came from this number before this process was started.
-  watch.note(getpid(), long_ago);
+  watch.observe(getpid(), long_ago);
   std::vector<Departed> departed;
   EXPECT_TRUE(waitUntil([&] {
     departed = watch.takeDeparted();

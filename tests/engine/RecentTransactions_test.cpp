@@ -1,6 +1,6 @@
 // What the page keeps of finished instances, with a clock of the test's own.
 
-#include "page/RecentTransactions.h"
+#include "recent/RecentTransactions.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@
 #include <random>
 
 #include "arm/TArmMessage.h"
-#include "registry/Time.h"
+#include "base/Time.h"
 
 namespace {
 
@@ -48,24 +48,24 @@ class Recent : public ::testing::Test {
     event.type = ARM_MSG_STOP;
     event.time = now;
     event.process = 7;
-    event.applied.tran_class = of;
-    event.applied.application = of->application;
-    event.applied.handle = ++handle_;
+    event.subject.tran_class = of;
+    event.subject.application = of->application;
+    event.subject.handle = ++handle_;
     event.id = handle_;
-    event.applied.start = now - duration;
-    event.applied.duration = duration;
-    event.applied.outcome = outcome;
-    event.applied.context.trace_id[0] = trace;
-    event.applied.context.trace_id[1] = 1;
+    event.subject.start = now - duration;
+    event.subject.duration = duration;
+    event.subject.outcome = outcome;
+    event.subject.context.trace_id[0] = trace;
+    event.subject.context.trace_id[1] = 1;
     const auto number = static_cast<uint32_t>(handle_);
     for (unsigned i = 0; i < 4; ++i) {
-      event.applied.context.span_id[i] = static_cast<uint8_t>(number >> (8 * i));
+      event.subject.context.span_id[i] = static_cast<uint8_t>(number >> (8 * i));
     }
     return event;
   }
   void finish(const std::shared_ptr<const ClassInfo>& of, uint64_t duration, uint8_t trace = 0,
               Outcome outcome = Outcome::good) {
-    recent.take(stopOf(of, duration, trace, outcome), {});
+    recent.consume(stopOf(of, duration, trace, outcome), {});
   }
   DurationCounts together(uint64_t seconds) {
     return recent.since(now - seconds * SECOND).at(std::nullopt);
@@ -181,7 +181,7 @@ TEST_F(Recent, ClockThatIsSetBackLosesNothing) {
 TEST_F(Recent, AbandonedInstancesAreShownButHaveNoResponseTime) {
   Event event = stopOf(order, 4 * SECOND);
   event.type = armengine::EVENT_ABANDONED;
-  recent.take(event, {});
+  recent.consume(event, {});
   EXPECT_EQ(0U, together(300).total);
   const auto slow = recent.slowest(0, std::nullopt, 10);
   ASSERT_EQ(1U, slow.size());
@@ -191,19 +191,19 @@ TEST_F(Recent, AbandonedInstancesAreShownButHaveNoResponseTime) {
 TEST_F(Recent, OnlyEndsOfInstancesCount) {
   Event event = stopOf(order, MS);
   event.result = -103;
-  recent.take(event, {});
+  recent.consume(event, {});
   event.result = 0;
   event.type = ARM_MSG_UPDATE;
-  recent.take(event, {});
+  recent.consume(event, {});
   event.type = ARM_MSG_TRANS_REPORT;
-  recent.take(event, {});
+  recent.consume(event, {});
   EXPECT_EQ(0U, together(300).total) << "a report on an open instance is its progress";
   event.id = 4711;
-  recent.take(event, {});
+  recent.consume(event, {});
   EXPECT_EQ(1U, together(300).total) << "a report for a class is an instance of its own";
   event.type = ARM_MSG_COMPLETE_TRANS;
-  event.applied.handle = 0;
-  recent.take(event, {});
+  event.subject.handle = 0;
+  recent.consume(event, {});
   EXPECT_EQ(1U, together(300).total) << "a completion of a class changes nothing";
 }
 
@@ -230,7 +230,7 @@ TEST_F(Recent, SlowestAreInOrderAndOfTheWindowAndClassAskedFor) {
 TEST_F(Recent, SlowOneAndItsTraceOutliveManyQuickOnes) {
   finish(order, 3 * MS, 9);
   finish(order, 5 * SECOND, 9);
-  recent.rest();
+  recent.flush();
   finish(order, 2 * MS, 9);
   for (std::size_t i = 0; i < RecentTransactions::MOST_LAST + 1; ++i) finish(order, 1000, 1);
   const auto slow = recent.slowest(0, std::nullopt, 1);
@@ -247,14 +247,14 @@ TEST_F(Recent, SlowOneAndItsTraceOutliveManyQuickOnes) {
     now += 10 * SECOND;
     finish(order, 1000, 1);
   }
-  recent.rest();
+  recent.flush();
   EXPECT_TRUE(recent.trace(traceId(9)).spans.empty());
 }
 
 TEST_F(Recent, TraceOfManySpansIsCutAndSaysSo) {
   for (std::size_t i = 0; i < RecentTransactions::MOST_OF_TRACE; ++i) finish(order, 1000, 5);
   EXPECT_TRUE(recent.trace(traceId(5)).complete);
-  recent.rest();
+  recent.flush();
   EXPECT_TRUE(recent.trace(traceId(5)).complete);
   finish(order, 1000, 5);
   const auto trace = recent.trace(traceId(5));
@@ -266,7 +266,7 @@ TEST_F(Recent, TraceThatIsCutKeepsItsLongestSpans) {
   for (int i = 0; i < 3000; ++i) finish(order, 1000, 5);
   finish(order, 5 * SECOND, 5);
   EXPECT_EQ(5 * SECOND, recent.trace(traceId(5)).spans[0].duration);
-  recent.rest();
+  recent.flush();
   finish(order, 6 * SECOND, 5);
   finish(order, 999, 5);
   const auto trace = recent.trace(traceId(5));
@@ -282,7 +282,7 @@ TEST_F(Recent, SavedSpansTogetherAreBounded) {
   for (uint8_t trace = 1; trace <= 100; ++trace) {
     for (std::size_t i = 0; i < EACH; ++i) finish(order, 1000, trace);
     finish(order, SECOND + trace * MS, trace);
-    recent.rest();
+    recent.flush();
     now += SECOND;
   }
   std::size_t spans = 0;

@@ -6,8 +6,8 @@
 #include <set>
 
 #include "armext.h"
+#include "base/Time.h"
 #include "registry/Registry.h"
-#include "registry/Time.h"
 
 namespace {
 
@@ -33,35 +33,35 @@ TEST(RegistryLimits, ApplicationsBeyondTheLimitShareOther) {
   RegistrySettings settings;
   settings.most_applications = 2;
   Registry registry(1, settings);
-  EXPECT_NE(registry.addApplication("a"), registry.addApplication("b"));
-  const int32_t other = registry.addApplication("c");
-  EXPECT_EQ(other, registry.addApplication("d"));
+  EXPECT_NE(registry.addApplication("a").result, registry.addApplication("b").result);
+  const int32_t other = registry.addApplication("c").result;
+  EXPECT_EQ(other, registry.addApplication("d").result);
   EXPECT_GT(other, 0);
-  const int32_t its_class = registry.addClass(other, "order", "");
-  EXPECT_EQ(its_class, registry.addClass(other, "refund", ""));
-  EXPECT_EQ(0, registry.stop(registry.start(its_class, {}, 0).result, 0, SECOND));
+  const int32_t its_class = registry.addClass(other, "order", "").result;
+  EXPECT_EQ(its_class, registry.addClass(other, "refund", "").result);
+  EXPECT_EQ(0, registry.stop(registry.start(its_class, {}, 0).result, 0, SECOND).result);
   EXPECT_EQ(1U, entryOf(registry, "other", "other")->good.get());
-  EXPECT_EQ(0, registry.endApplication(other)) << "others still use it";
+  EXPECT_EQ(0, registry.endApplication(other).result) << "others still use it";
   EXPECT_GT(registry.start(its_class, {}, 0).result, 0);
-  EXPECT_EQ(2U, registry.figures().applications_over_limit.get());
+  EXPECT_EQ(2U, registry.counters().applications_over_limit.get());
 }
 
 TEST(RegistryLimits, ClassesBeyondTheLimitShareOther) {
   RegistrySettings settings;
   settings.most_classes = 3;
   Registry registry(1, settings);
-  const int32_t application = registry.addApplication("a");
-  const int32_t known = registry.addClass(application, "0", "");
+  const int32_t application = registry.addApplication("a").result;
+  const int32_t known = registry.addClass(application, "0", "").result;
   (void)registry.addClass(application, "1", "");
   (void)registry.addClass(application, "2", "");
-  const int32_t other = registry.addClass(application, "3", "");
+  const int32_t other = registry.addClass(application, "3", "").result;
   EXPECT_GT(other, 0);
-  EXPECT_EQ(other, registry.addClass(application, "4", ""));
-  EXPECT_EQ(known, registry.addClass(application, "0", ""));
+  EXPECT_EQ(other, registry.addClass(application, "4", "").result);
+  EXPECT_EQ(known, registry.addClass(application, "0", "").result);
   EXPECT_GT(registry.start(other, {}, 0).result, 0);
   EXPECT_EQ(1U, entryOf(registry, "other", "other")->open.get());
   EXPECT_EQ(4U, registry.statistics().size());
-  EXPECT_EQ(2U, registry.figures().classes_over_limit.get());
+  EXPECT_EQ(2U, registry.counters().classes_over_limit.get());
 }
 
 TEST(RegistryLimits, NamesOfManyShortLivedProgramsEndInOther) {
@@ -69,10 +69,10 @@ TEST(RegistryLimits, NamesOfManyShortLivedProgramsEndInOther) {
   settings.most_classes = 5;
   Registry registry(1, settings);
   for (int i = 0; i < 100; ++i) {
-    const int32_t application = registry.addApplication("a");
-    const int32_t id = registry.addClass(application, std::to_string(i), "");
-    EXPECT_EQ(0, registry.stop(registry.start(id, {}, 0).result, 0, 1));
-    EXPECT_EQ(0, registry.endApplication(application));
+    const int32_t application = registry.addApplication("a").result;
+    const int32_t id = registry.addClass(application, std::to_string(i), "").result;
+    EXPECT_EQ(0, registry.stop(registry.start(id, {}, 0).result, 0, 1).result);
+    EXPECT_EQ(0, registry.endApplication(application).result);
   }
   EXPECT_LE(registry.statistics().size(), 6U);
   EXPECT_EQ(95U, entryOf(registry, "other", "other")->good.get());
@@ -82,12 +82,12 @@ TEST(RegistryLimits, StartsBeyondTheLimitAreRefusedAndCounted) {
   RegistrySettings settings;
   settings.most_open = 2;
   Registry registry(1, settings);
-  const int32_t id = registry.addClass(registry.addApplication("a"), "order", "");
+  const int32_t id = registry.addClass(registry.addApplication("a").result, "order", "").result;
   const int32_t first = registry.start(id, {}, 0).result;
   EXPECT_GT(registry.start(id, {}, 0).result, 0);
   EXPECT_LT(registry.start(id, {}, 0).result, 0);
-  EXPECT_EQ(1U, registry.figures().instances_over_limit.get());
-  EXPECT_EQ(0, registry.stop(first, 0, 1));
+  EXPECT_EQ(1U, registry.counters().instances_over_limit.get());
+  EXPECT_EQ(0, registry.stop(first, 0, 1).result);
   EXPECT_GT(registry.start(id, {}, 0).result, 0);
   EXPECT_EQ(2U, entryOf(registry, "a", "order")->open.get());
   EXPECT_EQ(3U, entryOf(registry, "a", "order")->started.get());
@@ -101,17 +101,17 @@ class IdleTest : public testing::Test {
     return idle;
   }
   Registry registry{1, settings()};
-  int32_t application = registry.addApplication("a", "", 77);
-  int32_t id = registry.addClass(application, "order", "");
+  int32_t application = registry.addApplication("a", "", 77).result;
+  int32_t id = registry.addClass(application, "order", "").result;
 };
 
 TEST_F(IdleTest, UnusedStatisticsGoAndTheClassStaysUsable) {
-  EXPECT_EQ(0, registry.stop(registry.start(id, {}, 0).result, 0, 1));
+  EXPECT_EQ(0, registry.stop(registry.start(id, {}, 0).result, 0, 1).result);
   EXPECT_TRUE(registry.expire(50).classes.empty());
   EXPECT_EQ(1U, registry.expire(100).classes.size());
   EXPECT_TRUE(registry.statistics().empty());
-  EXPECT_EQ(1U, registry.figures().expired_classes.get());
-  EXPECT_EQ(0, registry.stop(registry.start(id, {}, 0).result, 0, 1));
+  EXPECT_EQ(1U, registry.counters().expired_classes.get());
+  EXPECT_EQ(0, registry.stop(registry.start(id, {}, 0).result, 0, 1).result);
   EXPECT_EQ(1U, entryOf(registry, "a", "order")->good.get());
 }
 
@@ -119,7 +119,7 @@ TEST_F(IdleTest, UseAndOpenInstancesKeepStatistics) {
   EXPECT_TRUE(registry.expire(90).classes.empty());
   const int32_t handle = registry.start(id, {}, 0).result;
   EXPECT_TRUE(registry.expire(5000).classes.empty());
-  EXPECT_EQ(0, registry.stop(handle, 0, 1));
+  EXPECT_EQ(0, registry.stop(handle, 0, 1).result);
   EXPECT_TRUE(registry.expire(5050).classes.empty());
   EXPECT_EQ(1U, registry.expire(5100).classes.size());
 }
@@ -128,7 +128,7 @@ TEST_F(IdleTest, ZeroKeepsThemForEver) {
   RegistrySettings never;
   never.idle_seconds = 0;
   Registry kept(1, never);
-  (void)kept.addClass(kept.addApplication("a"), "order", "");
+  (void)kept.addClass(kept.addApplication("a").result, "order", "");
   EXPECT_TRUE(kept.expire(uint64_t{1} << 40).classes.empty());
 }
 
@@ -146,7 +146,7 @@ TEST_F(IdleTest, ApplicationThatAnotherProcessUsesStays) {
   registry.processEnded(77);
   StartData by_child;
   by_child.process = 78;
-  EXPECT_EQ(0, registry.stop(registry.start(id, by_child, 0).result, 0, 1));
+  EXPECT_EQ(0, registry.stop(registry.start(id, by_child, 0).result, 0, 1).result);
   EXPECT_TRUE(registry.expire(5000).applications.empty());
   registry.processEnded(78);
   (void)registry.expire(5050);
@@ -157,14 +157,14 @@ TEST_F(IdleTest, ApplicationWithAnOpenInstanceStays) {
   registry.processEnded(77);
   const int32_t handle = registry.start(id, {}, 0).result;
   EXPECT_TRUE(registry.expire(5000).applications.empty());
-  EXPECT_EQ(0, registry.update(handle));
+  EXPECT_EQ(0, registry.update(handle).result);
 }
 
 // ---- abandoned instances ------------------------------------------------------------------------
 
 TEST(Abandoned, InstancesOfAProcessBeforeATimeAreFound) {
   Registry registry(1);
-  const int32_t id = registry.addClass(registry.addApplication("a"), "order", "");
+  const int32_t id = registry.addClass(registry.addApplication("a").result, "order", "").result;
   const auto startBy = [&](int32_t process, uint64_t seen) {
     StartData data;
     data.process = process;
@@ -176,19 +176,20 @@ TEST(Abandoned, InstancesOfAProcessBeforeATimeAreFound) {
   const int32_t other = startBy(8, 100);
   EXPECT_EQ((std::vector<int32_t>{early}), registry.openOf(7, 200));
   EXPECT_EQ((std::vector<int32_t>{early, late}), registry.openOf(7, 201));
-  EXPECT_EQ(0, registry.update(other, nullptr, 7)) << "it belongs to whoever used it last";
+  EXPECT_EQ(0, registry.update(other, nullptr, 7).result) << "it belongs to whoever used it last";
   EXPECT_EQ(3U, registry.openOf(7, 300).size());
   EXPECT_TRUE(registry.openOf(8, 300).empty());
 }
 
 TEST(Abandoned, TheyAreCountedApart) {
   Registry registry(1);
-  const int32_t id = registry.addClass(registry.addApplication("a"), "order", "");
+  const int32_t id = registry.addClass(registry.addApplication("a").result, "order", "").result;
   const int32_t handle = registry.start(id, {}, 1000).result;
-  EXPECT_EQ(0, registry.abandon(handle, 5000));
-  EXPECT_EQ(4000U, registry.applied().duration);
-  EXPECT_LT(registry.abandon(handle, 5000), 0);
-  EXPECT_LT(registry.stop(handle, 0, 5000), 0);
+  const armengine::Answer abandoned = registry.abandon(handle, 5000);
+  EXPECT_EQ(0, abandoned.result);
+  EXPECT_EQ(4000U, abandoned.subject.duration);
+  EXPECT_LT(registry.abandon(handle, 5000).result, 0);
+  EXPECT_LT(registry.stop(handle, 0, 5000).result, 0);
   const auto entry = entryOf(registry, "a", "order");
   EXPECT_EQ(1U, entry->abandoned.get());
   EXPECT_EQ(0U, entry->count());
@@ -202,8 +203,8 @@ class TracesTest : public testing::Test {
  protected:
   void make(const RegistrySettings& settings) {
     registry = std::make_unique<Registry>(5, settings);
-    application = registry->addApplication("shop");
-    id = registry->addClass(application, "order", "");
+    application = registry->addApplication("shop").result;
+    id = registry->addClass(application, "order", "").result;
   }
   bool traced(const Started& started) { return decodeCorrelator(started.correlator)->traced; }
   std::unique_ptr<Registry> registry;
@@ -216,10 +217,11 @@ TEST_F(TracesTest, ChildIsInItsParentsTrace) {
   const auto parent = decodeCorrelator(registry->start(id, {}, 0).correlator);
   StartData data;
   data.parent = armengine::encodeCorrelator(*parent);
-  const auto child = decodeCorrelator(registry->start(id, data, 0).correlator);
+  const Started started = registry->start(id, data, 0);
+  const auto child = decodeCorrelator(started.correlator);
   EXPECT_EQ(parent->trace_id, child->trace_id);
   EXPECT_NE(parent->span_id, child->span_id);
-  EXPECT_EQ(parent->span_id, registry->applied().context.parent_id);
+  EXPECT_EQ(parent->span_id, started.subject.context.parent_id);
 }
 
 TEST_F(TracesTest, EveryRootHasATraceOfItsOwn) {
@@ -248,9 +250,9 @@ TEST_F(TracesTest, ParentThatCannotBeReadStartsANewTraceAndIsCounted) {
     const Started started = registry->start(id, {bytes}, 0);
     EXPECT_GT(started.result, 0);
     EXPECT_NE(decodeCorrelator(good)->trace_id, decodeCorrelator(started.correlator)->trace_id);
-    EXPECT_EQ(armengine::SpanId(), registry->applied().context.parent_id);
+    EXPECT_EQ(armengine::SpanId(), started.subject.context.parent_id);
   }
-  EXPECT_EQ(4U, registry->figures().parents_not_known.get());
+  EXPECT_EQ(4U, registry->counters().parents_not_known.get());
 }
 
 TEST_F(TracesTest, ShareOfTheTracesThatIsTracedIsTheRate) {
@@ -289,11 +291,11 @@ TEST_F(TracesTest, IgnoredClassesAreCountedAndTheirChildrenAreNot) {
   RegistrySettings settings;
   settings.ignore = {"shop/pro*", "*/nothing"};
   make(settings);
-  const int32_t probe = registry->addClass(application, "probe", "");
+  const int32_t probe = registry->addClass(application, "probe", "").result;
   const Started started = registry->start(probe, {}, 0);
   EXPECT_EQ(1, started.correlator[109]);
   EXPECT_EQ(0, registry->start(id, {}, 0).correlator[109]);
-  EXPECT_EQ(0, registry->stop(started.result, 0, 5));
+  EXPECT_EQ(0, registry->stop(started.result, 0, 5).result);
   EXPECT_EQ(1U, entryOf(*registry, "shop", "probe")->good.get());
 }
 
@@ -333,36 +335,36 @@ class UserMetricsTest : public testing::Test {
   }
 
   Registry registry{1};
-  int32_t application = registry.addApplication("a");
-  int32_t id = registry.addClass(application, "order", descriptions());
+  int32_t application = registry.addApplication("a").result;
+  int32_t id = registry.addClass(application, "order", descriptions()).result;
   arm_user_data1_t block_ = {};
 };
 
 TEST_F(UserMetricsTest, CounterAddsWhatItGrewByDuringTheInstance) {
   const int32_t handle = startWith(values(100, 0));
-  EXPECT_EQ(0, registry.update(handle, values(130, 0)));
+  EXPECT_EQ(0, registry.update(handle, values(130, 0)).result);
   EXPECT_EQ(0, valueOf("rows"));
-  EXPECT_EQ(0, registry.stop(handle, 0, 1, values(150, 0)));
+  EXPECT_EQ(0, registry.stop(handle, 0, 1, values(150, 0)).result);
   EXPECT_EQ(50, valueOf("rows"));
 }
 
 TEST_F(UserMetricsTest, CounterThatIsOnlyGivenAtTheStopBeganWithZero) {
-  EXPECT_EQ(0, registry.stop(registry.start(id, {}, 0).result, 0, 1, values(7, 0)));
-  EXPECT_EQ(0, registry.stop(registry.start(id, {}, 0).result, 0, 1, values(5, 0)));
+  EXPECT_EQ(0, registry.stop(registry.start(id, {}, 0).result, 0, 1, values(7, 0)).result);
+  EXPECT_EQ(0, registry.stop(registry.start(id, {}, 0).result, 0, 1, values(5, 0)).result);
   EXPECT_EQ(12, valueOf("rows"));
 }
 
 TEST_F(UserMetricsTest, CounterThatFallsAddsNothing) {
-  EXPECT_EQ(0, registry.stop(startWith(values(100, 0)), 0, 1, values(20, 0)));
+  EXPECT_EQ(0, registry.stop(startWith(values(100, 0)), 0, 1, values(20, 0)).result);
   EXPECT_EQ(0, valueOf("rows"));
 }
 
 TEST_F(UserMetricsTest, GaugeIsItsLastValidValue) {
   const int32_t handle = startWith(values(0, 5));
   EXPECT_EQ(5, valueOf("depth"));
-  EXPECT_EQ(0, registry.update(handle, values(0, -9)));
+  EXPECT_EQ(0, registry.update(handle, values(0, -9)).result);
   EXPECT_EQ(-9, valueOf("depth"));
-  EXPECT_EQ(0, registry.stop(handle, 0, 1, values(0, 77, 0x80)));
+  EXPECT_EQ(0, registry.stop(handle, 0, 1, values(0, 77, 0x80)).result);
   EXPECT_EQ(-9, valueOf("depth"));
 }
 
@@ -375,19 +377,19 @@ TEST_F(UserMetricsTest, ReportAddsItsCounters) {
 }
 
 TEST_F(UserMetricsTest, ClassWithoutDescriptionsHasNone) {
-  const int32_t plain = registry.addClass(application, "plain", "");
+  const int32_t plain = registry.addClass(application, "plain", "").result;
   StartData data;
   data.metrics = values(9, 4);
-  EXPECT_EQ(0, registry.stop(registry.start(plain, data, 0).result, 0, 1, values(1, 1)));
+  EXPECT_EQ(0, registry.stop(registry.start(plain, data, 0).result, 0, 1, values(1, 1)).result);
   EXPECT_TRUE(entryOf(registry, "a", "plain")->userMetrics().empty());
 }
 
 TEST(Times, ClockThatSteppedBackIsCounted) {
   Registry registry(1);
-  const int32_t id = registry.addClass(registry.addApplication("a"), "order", "");
-  EXPECT_EQ(0, registry.stop(registry.start(id, {}, 5000).result, 0, 4999));
-  EXPECT_EQ(0, registry.stop(registry.start(id, {}, 5000).result, 0, 5000));
-  EXPECT_EQ(1U, registry.figures().clocks_stepped_back.get());
+  const int32_t id = registry.addClass(registry.addApplication("a").result, "order", "").result;
+  EXPECT_EQ(0, registry.stop(registry.start(id, {}, 5000).result, 0, 4999).result);
+  EXPECT_EQ(0, registry.stop(registry.start(id, {}, 5000).result, 0, 5000).result);
+  EXPECT_EQ(1U, registry.counters().clocks_stepped_back.get());
   EXPECT_EQ(0U, entryOf(registry, "a", "order")->times.maximum());
 }
 
@@ -395,9 +397,9 @@ TEST(Times, BucketsCountWhatDoesNotExceedTheirBounds) {
   RegistrySettings settings;
   settings.buckets = {1000, 2000};
   Registry registry(1, settings);
-  const int32_t id = registry.addClass(registry.addApplication("a"), "order", "");
+  const int32_t id = registry.addClass(registry.addApplication("a").result, "order", "").result;
   for (const uint64_t duration : {0U, 1000U, 1001U, 2000U, 2001U, 90000U}) {
-    EXPECT_EQ(0, registry.stop(registry.start(id, {}, 10).result, 0, 10 + duration));
+    EXPECT_EQ(0, registry.stop(registry.start(id, {}, 10).result, 0, 10 + duration).result);
   }
   const auto entry = entryOf(registry, "a", "order");
   EXPECT_EQ(2U, entry->buckets[0].get());

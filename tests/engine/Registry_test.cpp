@@ -12,7 +12,6 @@ using armengine::CorrelatorBytes;
 using armengine::decodeCorrelator;
 using armengine::Registry;
 using armengine::Started;
-using armengine::TreeNode;
 
 constexpr uint64_t ENGINE = 77;
 constexpr int32_t IGNORED = std::numeric_limits<int32_t>::max();
@@ -24,7 +23,7 @@ class RegistryTest : public testing::Test {
     return registry.start(id, {parent}, time);
   }
   void startAndStop(int32_t id, int32_t status, uint64_t duration) {
-    EXPECT_EQ(0, registry.stop(start(id).result, status, 1000 + duration));
+    EXPECT_EQ(0, registry.stop(start(id).result, status, 1000 + duration).result);
   }
   const ClassStatistics& onlyStatistics() {
     const auto all = registry.statistics();
@@ -33,16 +32,16 @@ class RegistryTest : public testing::Test {
   }
 
   Registry registry{ENGINE};
-  int32_t application = registry.addApplication("shop");
-  int32_t orders = registry.addClass(application, "order", "");
+  int32_t application = registry.addApplication("shop").result;
+  int32_t orders = registry.addClass(application, "order", "").result;
 };
 
 TEST_F(RegistryTest, IdsArePositiveAndUnique) {
   std::set<int32_t> ids = {application, orders};
   for (int i = 0; i < 50; ++i) {
-    const int32_t other = registry.addApplication("shop");
+    const int32_t other = registry.addApplication("shop").result;
     ids.insert(other);
-    ids.insert(registry.addClass(other, "order", ""));
+    ids.insert(registry.addClass(other, "order", "").result);
     ids.insert(start(orders).result);
   }
   EXPECT_EQ(152U, ids.size());
@@ -59,23 +58,23 @@ TEST_F(RegistryTest, NumbersGoRoundWithoutTheIgnoredOneAndWithoutThoseInUse) {
 }
 
 TEST_F(RegistryTest, RepeatedClassHasTheSameId) {
-  EXPECT_EQ(orders, registry.addClass(application, "order", ""));
+  EXPECT_EQ(orders, registry.addClass(application, "order", "").result);
 }
 
 TEST_F(RegistryTest, ClassesDifferInApplicationNameAndBlock) {
-  const int32_t other = registry.addApplication("shop");
-  const std::set<int32_t> ids = {orders, registry.addClass(other, "order", ""),
-                                 registry.addClass(application, "refund", ""),
-                                 registry.addClass(application, "order", "block"),
-                                 registry.addClass(application, "order", "other block")};
+  const int32_t other = registry.addApplication("shop").result;
+  const std::set<int32_t> ids = {orders, registry.addClass(other, "order", "").result,
+                                 registry.addClass(application, "refund", "").result,
+                                 registry.addClass(application, "order", "block").result,
+                                 registry.addClass(application, "order", "other block").result};
   EXPECT_EQ(5U, ids.size());
-  EXPECT_EQ(1U, ids.count(registry.addClass(application, "order", "block")));
+  EXPECT_EQ(1U, ids.count(registry.addClass(application, "order", "block").result));
 }
 
 TEST_F(RegistryTest, ClassOfAnUnknownApplicationIsRefused) {
-  EXPECT_LT(registry.addClass(application + 1000, "order", ""), 0);
-  EXPECT_LT(registry.addClass(0, "order", ""), 0);
-  EXPECT_LT(registry.addClass(orders, "order", ""), 0);
+  EXPECT_LT(registry.addClass(application + 1000, "order", "").result, 0);
+  EXPECT_LT(registry.addClass(0, "order", "").result, 0);
+  EXPECT_LT(registry.addClass(orders, "order", "").result, 0);
 }
 
 TEST_F(RegistryTest, StartOfAnUnknownClassIsRefused) {
@@ -84,18 +83,18 @@ TEST_F(RegistryTest, StartOfAnUnknownClassIsRefused) {
 
 TEST_F(RegistryTest, UnknownHandlesAreRefused) {
   for (const int32_t id : {0, -1, application, orders, 1000, IGNORED}) {
-    EXPECT_LT(registry.update(id), 0) << id;
-    EXPECT_LT(registry.stop(id, 0, 0), 0) << id;
+    EXPECT_LT(registry.update(id).result, 0) << id;
+    EXPECT_LT(registry.stop(id, 0, 0).result, 0) << id;
   }
 }
 
 TEST_F(RegistryTest, OpenInstanceIsUpdatedAndStoppedOnce) {
   const int32_t handle = start(orders).result;
-  EXPECT_EQ(0, registry.update(handle));
-  EXPECT_EQ(0, registry.update(handle));
-  EXPECT_EQ(0, registry.stop(handle, 0, 2000));
-  EXPECT_LT(registry.update(handle), 0);
-  EXPECT_LT(registry.stop(handle, 0, 2000), 0);
+  EXPECT_EQ(0, registry.update(handle).result);
+  EXPECT_EQ(0, registry.update(handle).result);
+  EXPECT_EQ(0, registry.stop(handle, 0, 2000).result);
+  EXPECT_LT(registry.update(handle).result, 0);
+  EXPECT_LT(registry.stop(handle, 0, 2000).result, 0);
   EXPECT_EQ(1U, onlyStatistics().count());
 }
 
@@ -115,53 +114,53 @@ TEST_F(RegistryTest, DurationIsStopLessStart) {
 }
 
 TEST_F(RegistryTest, ClockThatSteppedBackGivesZero) {
-  EXPECT_EQ(0, registry.stop(start(orders, std::nullopt, 5000).result, 0, 4999));
+  EXPECT_EQ(0, registry.stop(start(orders, std::nullopt, 5000).result, 0, 4999).result);
   EXPECT_EQ(1U, onlyStatistics().times.count());
   EXPECT_EQ(0U, onlyStatistics().times.maximum());
 }
 
 TEST_F(RegistryTest, EndedApplicationTakesNoClassAndNoStart) {
   const int32_t open = start(orders).result;
-  EXPECT_EQ(0, registry.endApplication(application));
-  EXPECT_LT(registry.addClass(application, "order", ""), 0);
-  EXPECT_LT(registry.addClass(application, "refund", ""), 0);
+  EXPECT_EQ(0, registry.endApplication(application).result);
+  EXPECT_LT(registry.addClass(application, "order", "").result, 0);
+  EXPECT_LT(registry.addClass(application, "refund", "").result, 0);
   EXPECT_LT(start(orders).result, 0);
-  EXPECT_LT(registry.endApplication(application), 0);
-  EXPECT_EQ(0, registry.update(open));
-  EXPECT_EQ(0, registry.stop(open, 0, 3000));
+  EXPECT_LT(registry.endApplication(application).result, 0);
+  EXPECT_EQ(0, registry.update(open).result);
+  EXPECT_EQ(0, registry.stop(open, 0, 3000).result);
   EXPECT_EQ(1U, onlyStatistics().count());
 }
 
 TEST_F(RegistryTest, EndedApplicationIsForgottenWithItsLastInstance) {
   const int32_t first = start(orders).result;
   const int32_t second = start(orders).result;
-  EXPECT_EQ(0, registry.endApplication(application));
-  EXPECT_EQ(0, registry.stop(first, 0, 3000));
+  EXPECT_EQ(0, registry.endApplication(application).result);
+  EXPECT_EQ(0, registry.stop(first, 0, 3000).result);
   EXPECT_EQ(1U, registry.applications());
   EXPECT_TRUE(registry.isClass(orders));
-  EXPECT_EQ(0, registry.stop(second, 0, 3000));
+  EXPECT_EQ(0, registry.stop(second, 0, 3000).result);
   EXPECT_EQ(0U, registry.applications());
   EXPECT_FALSE(registry.isClass(orders));
   EXPECT_EQ(2U, onlyStatistics().count());
 }
 
 TEST_F(RegistryTest, EndOfOneApplicationLeavesAnotherOfTheSameName) {
-  const int32_t other = registry.addApplication("shop");
-  const int32_t others_orders = registry.addClass(other, "order", "");
-  EXPECT_EQ(0, registry.endApplication(application));
+  const int32_t other = registry.addApplication("shop").result;
+  const int32_t others_orders = registry.addClass(other, "order", "").result;
+  EXPECT_EQ(0, registry.endApplication(application).result);
   EXPECT_GT(start(others_orders).result, 0);
 }
 
 TEST_F(RegistryTest, EndOfAnUnknownApplicationIsRefused) {
-  EXPECT_LT(registry.endApplication(0), 0);
-  EXPECT_LT(registry.endApplication(orders), 0);
+  EXPECT_LT(registry.endApplication(0).result, 0);
+  EXPECT_LT(registry.endApplication(orders).result, 0);
 }
 
 TEST_F(RegistryTest, StatisticsAreAddedUpByNames) {
-  const int32_t other = registry.addApplication("shop");
+  const int32_t other = registry.addApplication("shop").result;
   startAndStop(orders, 0, 10);
-  startAndStop(registry.addClass(other, "order", ""), 0, 10);
-  startAndStop(registry.addClass(application, "order", "block"), 0, 10);
+  startAndStop(registry.addClass(other, "order", "").result, 0, 10);
+  startAndStop(registry.addClass(application, "order", "block").result, 0, 10);
   EXPECT_EQ(3U, onlyStatistics().count());
 }
 
@@ -174,74 +173,11 @@ TEST_F(RegistryTest, CorrelatorNamesClassHandleAndEngine) {
   EXPECT_EQ(started.result, correlator->handle);
 }
 
-TEST_F(RegistryTest, ChildrenAreLinkedToTheirParent) {
-  const Started parent = start(orders);
-  const Started child = start(orders, parent.correlator);
-  const Started grandchild = start(orders, child.correlator);
-  EXPECT_EQ(0, registry.stop(grandchild.result, 2, 1003));
-  EXPECT_EQ(0, registry.stop(child.result, 0, 1005));
-  EXPECT_EQ(0, registry.stop(parent.result, 0, 1010));
-  const TreeNode* tree = registry.largestTree();
-  ASSERT_NE(nullptr, tree);
-  EXPECT_EQ(10U, tree->duration);
-  ASSERT_EQ(1U, tree->kept);
-  EXPECT_EQ(5U, tree->children[0]->duration);
-  ASSERT_EQ(1U, tree->children[0]->kept);
-  EXPECT_EQ(3U, tree->children[0]->children[0]->duration);
-  EXPECT_EQ(armengine::Outcome::failed, tree->children[0]->children[0]->outcome);
-}
-
-TEST_F(RegistryTest, TreeIsTheOneWithMostChildren) {
-  for (const int children : {1, 3, 2}) {
-    const Started parent = start(orders);
-    for (int i = 0; i < children; ++i) {
-      EXPECT_EQ(0, registry.stop(start(orders, parent.correlator).result, 0, 2000));
-    }
-    EXPECT_EQ(0, registry.stop(parent.result, 0, 2000));
-  }
-  EXPECT_EQ(3U, registry.largestTree()->child_count);
-}
-
-TEST_F(RegistryTest, OpenParentIsTheTreeWhenNoneHasFinished) {
-  const Started parent = start(orders);
-  EXPECT_EQ(nullptr, registry.largestTree());
-  (void)start(orders, parent.correlator);
-  ASSERT_NE(nullptr, registry.largestTree());
-  EXPECT_FALSE(registry.largestTree()->outcome);
-}
-
-TEST_F(RegistryTest, AllChildrenAreCountedAndTheFirstAreKept) {
-  const Started parent = start(orders);
-  for (int i = 0; i < 1000; ++i) {
-    EXPECT_EQ(0, registry.stop(start(orders, parent.correlator).result, 0, 2000));
-  }
-  EXPECT_EQ(0, registry.stop(parent.result, 0, 2000));
-  EXPECT_EQ(1000U, registry.largestTree()->child_count);
-  EXPECT_EQ(TreeNode::MAX_CHILDREN, registry.largestTree()->kept);
-}
-
-TEST_F(RegistryTest, DeepChainIsKeptToASmallDepth) {
-  const Started top = start(orders);
-  Started parent = top;
-  for (int i = 0; i < 100000; ++i) {
-    const Started child = start(orders, parent.correlator);
-    if (i > 0) {
-      EXPECT_EQ(0, registry.stop(parent.result, 0, 2000));
-    }
-    parent = child;
-  }
-  EXPECT_EQ(0, registry.stop(top.result, 0, 2000));
-  unsigned depth = 0;
-  for (const TreeNode* node = registry.largestTree(); node->kept > 0; ++depth) {
-    node = node->children[0];
-  }
-  EXPECT_EQ(TreeNode::MAX_DEPTH - 1, depth);
-}
-
 TEST_F(RegistryTest, ParentThatCannotBeResolvedIsNoError) {
   const Started parent = start(orders);
   Registry other_engine(ENGINE + 1);
-  const int32_t theirs = other_engine.addClass(other_engine.addApplication("shop"), "order", "");
+  const int32_t theirs =
+      other_engine.addClass(other_engine.addApplication("shop").result, "order", "").result;
   CorrelatorBytes cut = parent.correlator;
   cut[1] = 20;
   CorrelatorBytes foreign = parent.correlator;
@@ -256,9 +192,8 @@ TEST_F(RegistryTest, ParentThatCannotBeResolvedIsNoError) {
   for (const CorrelatorBytes& bytes : {cut, foreign, empty, other, mixed}) {
     EXPECT_GT(start(orders, bytes).result, 0);
   }
-  EXPECT_EQ(0, registry.stop(parent.result, 0, 2000));
+  EXPECT_EQ(0, registry.stop(parent.result, 0, 2000).result);
   EXPECT_GT(start(orders, parent.correlator).result, 0);
-  EXPECT_EQ(nullptr, registry.largestTree());
 }
 
 TEST_F(RegistryTest, ReportCountsAFinishedInstance) {
@@ -268,7 +203,6 @@ TEST_F(RegistryTest, ReportCountsAFinishedInstance) {
   EXPECT_EQ(1U, onlyStatistics().failed.get());
   EXPECT_EQ(5000000U, onlyStatistics().times.maximum());
   EXPECT_EQ(1U, registry.openInstances());
-  EXPECT_EQ(1U, registry.largestTree()->child_count);
   EXPECT_EQ(orders, decodeCorrelator(reported.correlator)->class_id);
   EXPECT_LT(registry.report(application, {}, 0, 0).result, 0);
 }

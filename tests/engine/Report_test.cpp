@@ -1,19 +1,30 @@
-#include "registry/Report.h"
+#include "report/Report.h"
 
 #include <gtest/gtest.h>
 
+#include <optional>
+#include <string>
+
+#include "arm/TArmMessage.h"
+
 namespace {
 
-using armengine::makeReport;
+using armengine::Answer;
+using armengine::CorrelatorBytes;
 using armengine::readableTime;
+using armengine::RecentTransactions;
 using armengine::Registry;
 using armengine::Started;
 
 constexpr uint64_t MILLISECOND = 1000000;
 
+std::string makeReport(const Registry& registry) {
+  return armengine::makeReport(registry, RecentTransactions([] { return uint64_t{0}; }));
+}
+
 void startAndStop(Registry* registry, int32_t id, int32_t status, uint64_t duration) {
   const Started started = registry->start(id, {}, 0);
-  EXPECT_EQ(0, registry->stop(started.result, status, duration));
+  EXPECT_EQ(0, registry->stop(started.result, status, duration).result);
 }
 
 TEST(Report, TimesAreInReadableUnits) {
@@ -31,7 +42,7 @@ TEST(Report, TimesAreInReadableUnits) {
 
 TEST(Report, NamesCannotCommandATerminal) {
   Registry registry(1);
-  const int32_t shop = registry.addApplication("a\x1B[31mb\nc");
+  const int32_t shop = registry.addApplication("a\x1B[31mb\nc").result;
   registry.addClass(shop, "x\xC2\x9Bz", "");
   EXPECT_NE(std::string::npos, makeReport(registry).find("\na?[31mb?c    x?z  "));
 }
@@ -40,7 +51,7 @@ TEST(Report, LongNamesAreCutBetweenCharacters) {
   Registry registry(1);
   std::string name;
   for (int i = 0; i < 41; ++i) name += "\xC3\xA4";
-  registry.addClass(registry.addApplication("shop"), name, "");
+  registry.addClass(registry.addApplication("shop").result, name, "");
   EXPECT_NE(std::string::npos, makeReport(registry).find(" " + name.substr(0, 37 * 2) + "...  "));
 }
 
@@ -50,9 +61,9 @@ TEST(Report, EmptyRegistryHasNoTable) {
 
 TEST(Report, TableIsAligned) {
   Registry registry(1);
-  const int32_t shop = registry.addApplication("shop");
-  const int32_t order = registry.addClass(shop, "order", "");
-  const int32_t refund = registry.addClass(shop, "r\xC3\xBC\x63kgabe", "");
+  const int32_t shop = registry.addApplication("shop").result;
+  const int32_t order = registry.addClass(shop, "order", "").result;
+  const int32_t refund = registry.addClass(shop, "r\xC3\xBC\x63kgabe", "").result;
   for (uint64_t duration = 1; duration <= 3; ++duration)
     startAndStop(&registry, order, 0, duration * MILLISECOND);
   startAndStop(&registry, order, 1, 4 * MILLISECOND);
@@ -70,7 +81,8 @@ TEST(Report, TableIsAligned) {
 
 TEST(Report, UnknownStatusesHaveAColumnWhenThereAreAny) {
   Registry registry(1);
-  const int32_t order = registry.addClass(registry.addApplication("shop"), "order", "");
+  const int32_t order =
+      registry.addClass(registry.addApplication("shop").result, "order", "").result;
   startAndStop(&registry, order, 0, MILLISECOND);
   EXPECT_EQ(std::string::npos, makeReport(registry).find("unknown"));
   startAndStop(&registry, order, 9, MILLISECOND);
@@ -79,43 +91,148 @@ TEST(Report, UnknownStatusesHaveAColumnWhenThereAreAny) {
 
 TEST(Report, OpenInstancesAreMentioned) {
   Registry registry(1);
-  const int32_t order = registry.addClass(registry.addApplication("shop"), "order", "");
+  const int32_t order =
+      registry.addClass(registry.addApplication("shop").result, "order", "").result;
   (void)registry.start(order, {}, 0);
   EXPECT_NE(std::string::npos, makeReport(registry).find("never stopped: 1\n"));
 }
 
-TEST(Report, ParentIsDrawnWithItsChildren) {
-  Registry registry(1);
-  const int32_t shop = registry.addApplication("shop");
-  const int32_t order = registry.addClass(shop, "order", "");
-  const int32_t query = registry.addClass(shop, "query", "");
-  const Started top = registry.start(order, {}, 0);
-  const Started first = registry.start(query, {top.correlator}, 0);
-  const Started second = registry.start(query, {top.correlator}, 0);
-  const Started below = registry.start(query, {first.correlator}, 0);
-  EXPECT_EQ(0, registry.stop(below.result, 0, MILLISECOND));
-  EXPECT_EQ(0, registry.stop(first.result, 2, 3 * MILLISECOND));
-  EXPECT_EQ(0, registry.stop(top.result, 0, 7 * MILLISECOND));
+// ---- the drawing --------------------------------------------------------------------------------
+
+class DrawingTest : public testing::Test {
+ protected:
+  Started start(int32_t id, const std::optional<CorrelatorBytes>& parent = std::nullopt,
+                uint64_t time = 0) {
+    return registry.start(id, {parent}, time);
+  }
+  void stop(const Started& started, int32_t status, uint64_t time) {
+    armengine::Event event;
+    event.type = ARM_MSG_STOP;
+    event.time = time;
+    Answer answer = registry.stop(started.result, status, time);
+    EXPECT_EQ(0, answer.result);
+    event.subject = answer.subject;
+    recent.consume(event, {});
+  }
+  std::string report() const { return armengine::makeReport(registry, recent); }
+  /// What stands below the table; empty when nothing is drawn.
+  std::string drawing() const {
+    const std::string heading = "\nthe parent with most children, and its first ones:\n";
+    const std::string whole = report();
+    const std::size_t at = whole.find(heading);
+    return at == std::string::npos ? "" : whole.substr(at + heading.size());
+  }
+
+  Registry registry{77};
+  RecentTransactions recent{[] { return uint64_t{0}; }};
+  int32_t shop = registry.addApplication("shop").result;
+  int32_t order = registry.addClass(shop, "order", "").result;
+  int32_t query = registry.addClass(shop, "query", "").result;
+};
+
+TEST_F(DrawingTest, ParentIsDrawnWithItsChildren) {
+  const Started top = start(order);
+  const Started first = start(query, top.correlator);
+  const Started second = start(query, top.correlator);
+  const Started below = start(query, first.correlator);
+  stop(below, 0, MILLISECOND);
+  stop(first, 2, 3 * MILLISECOND);
+  stop(top, 0, 7 * MILLISECOND);
   (void)second;
-  const std::string report = makeReport(registry);
-  const std::string drawing =
+  EXPECT_EQ(
       "shop: order  7.00 ms  good\n"
       "|- query  3.00 ms  failed\n"
       "|  `- query  1.00 ms  good\n"
-      "`- query  open\n";
-  EXPECT_EQ(drawing, report.substr(report.size() - drawing.size())) << report;
+      "`- query  open\n",
+      drawing());
 }
 
-TEST(Report, ChildrenThatAreNotDrawnAreCounted) {
-  Registry registry(1);
-  const int32_t order = registry.addClass(registry.addApplication("shop"), "order", "");
-  const Started top = registry.start(order, {}, 0);
-  for (int i = 0; i < 20; ++i) {
-    const Started child = registry.start(order, {top.correlator}, 0);
-    EXPECT_EQ(0, registry.stop(child.result, 0, MILLISECOND));
+TEST_F(DrawingTest, ChildrenAreInTheOrderOfTheirStarts) {
+  const Started top = start(order);
+  const Started early = start(query, top.correlator, MILLISECOND);
+  const Started late = start(query, top.correlator, 2 * MILLISECOND);
+  stop(late, 0, 3 * MILLISECOND);
+  stop(early, 0, 7 * MILLISECOND);
+  stop(top, 0, 9 * MILLISECOND);
+  EXPECT_EQ(
+      "shop: order  9.00 ms  good\n"
+      "|- query  6.00 ms  good\n"
+      "`- query  1.00 ms  good\n",
+      drawing());
+}
+
+TEST_F(DrawingTest, ChildrenThatAreNotDrawnAreCounted) {
+  const Started top = start(order);
+  for (int i = 0; i < 20; ++i) stop(start(order, top.correlator), 0, MILLISECOND);
+  stop(top, 0, MILLISECOND);
+  EXPECT_NE(std::string::npos, drawing().find("`- and 12 more\n"));
+}
+
+TEST_F(DrawingTest, TreeIsTheOneWithMostChildren) {
+  for (const int children : {1, 3, 2}) {
+    const Started parent = start(order);
+    for (int i = 0; i < children; ++i) stop(start(query, parent.correlator), 0, MILLISECOND);
+    stop(parent, 0, static_cast<uint64_t>(children) * MILLISECOND);
   }
-  EXPECT_EQ(0, registry.stop(top.result, 0, MILLISECOND));
-  EXPECT_NE(std::string::npos, makeReport(registry).find("`- and 12 more\n"));
+  EXPECT_EQ(0U, drawing().find("shop: order  3.00 ms  good\n")) << drawing();
+}
+
+TEST_F(DrawingTest, OpenParentIsTheTreeWhenNoneHasFinished) {
+  const Started parent = start(order);
+  EXPECT_EQ("", drawing());
+  const Started child = start(query, parent.correlator);
+  EXPECT_EQ("shop: order  open\n`- query  open\n", drawing());
+  stop(child, 0, MILLISECOND);
+  EXPECT_EQ("shop: order  open\n`- query  1.00 ms  good\n", drawing());
+  (void)start(query, parent.correlator);
+  const Started finished = start(order);
+  stop(start(query, finished.correlator), 0, MILLISECOND);
+  stop(finished, 0, MILLISECOND);
+  EXPECT_EQ(0U, drawing().find("shop: order  1.00 ms  good\n")) << drawing();
+}
+
+TEST_F(DrawingTest, DeepChainIsDrawnToASmallDepth) {
+  const Started top = start(order);
+  Started parent = top;
+  for (int i = 0; i < 10000; ++i) {
+    const Started child = start(query, parent.correlator);
+    if (i > 0) stop(parent, 0, MILLISECOND);
+    parent = child;
+  }
+  stop(top, 0, MILLISECOND);
+  EXPECT_EQ(
+      "shop: order  1.00 ms  good\n"
+      "`- query  1.00 ms  good\n"
+      "   `- query  1.00 ms  good\n"
+      "      `- query  1.00 ms  good\n"
+      "         `- and 1 more\n",
+      drawing());
+}
+
+TEST_F(DrawingTest, ParentThatCannotBeResolvedHasNoChildren) {
+  const Started parent = start(order);
+  CorrelatorBytes cut = parent.correlator;
+  cut[1] = 20;
+  Registry other_engine(78);
+  const int32_t other_shop = other_engine.addApplication("shop").result;
+  const int32_t theirs = other_engine.addClass(other_shop, "order", "").result;
+  for (const CorrelatorBytes& bytes :
+       {cut, CorrelatorBytes(), other_engine.start(theirs, {}, 0).correlator}) {
+    stop(start(query, bytes), 0, MILLISECOND);
+  }
+  stop(parent, 0, MILLISECOND);
+  EXPECT_EQ("", drawing());
+}
+
+TEST_F(DrawingTest, ReportIsAChild) {
+  const Started parent = start(order);
+  armengine::Event event;
+  event.type = ARM_MSG_TRANS_REPORT;
+  event.id = query;
+  event.time = 9 * MILLISECOND;
+  event.subject = registry.report(query, {parent.correlator}, 0, 5 * MILLISECOND).subject;
+  recent.consume(event, {});
+  EXPECT_EQ("shop: order  open\n`- query  5.00 ms  good\n", drawing());
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// What the request road allocates, with rings behind it, once it has warmed up.
+// What the hot path allocates, with rings behind it, once it has warmed up.
 
 #include <gtest/gtest.h>
 #include <malloc.h>
@@ -11,10 +11,11 @@
 #include <new>
 
 #include "armext.h"
+#include "dispatch/Dispatcher.h"
 #include "events/EventFile.h"
-#include "events/EventOutlet.h"
+#include "events/EventPublisher.h"
+#include "events/EventWorker.h"
 #include "otlp/SpanCollector.h"
-#include "registry/Dispatcher.h"
 
 namespace {
 
@@ -45,8 +46,8 @@ namespace {
 
 using armengine::Dispatcher;
 using armengine::EventFile;
-using armengine::EventOutlet;
 using armengine::EventPublisher;
+using armengine::EventWorker;
 using armengine::ProcessWatch;
 using armengine::Registry;
 using armengine::RegistrySettings;
@@ -116,13 +117,13 @@ int32_t registerClass(Dispatcher* dispatcher) {
   return id;
 }
 
-TEST(Memory, RequestRoadAllocatesNothingInTheSteadyState) {
+TEST(Memory, HotPathAllocatesNothingInTheSteadyState) {
   std::string why;
   const auto file = EventFile::open("/tmp/events", 1, &why);
   ASSERT_NE(nullptr, file) << why;
   SpanCollector spans;
-  EventOutlet to_file(*file, 4096, 1U << 20);
-  EventOutlet to_spans(spans, 4096, 1U << 20);
+  EventWorker to_file(*file, 4096, 1U << 20);
+  EventWorker to_spans(spans, 4096, 1U << 20);
   EventPublisher publisher;
   publisher.add(to_file.ring());
   publisher.add(to_spans.ring());
@@ -148,7 +149,7 @@ TEST(Memory, OpenInstanceTakesAFewHundredBytes) {
   RegistrySettings settings;
   settings.most_open = 1000000;
   Registry registry(1, settings);
-  const int32_t id = registry.addClass(registry.addApplication("shop"), "order", "");
+  const int32_t id = registry.addClass(registry.addApplication("shop").result, "order", "").result;
   const int64_t before = live_bytes;
   constexpr int64_t COUNT = 200000;
   for (int64_t i = 0; i < COUNT; ++i) ASSERT_GT(registry.start(id, {}, 1).result, 0);
@@ -159,13 +160,13 @@ TEST(Memory, OpenInstanceTakesAFewHundredBytes) {
 
 TEST(Memory, ClassTakesAFewKilobytesAndOneForEachPowerOfTwoOfItsTimes) {
   Registry registry(1);
-  const int32_t application = registry.addApplication("shop");
+  const int32_t application = registry.addApplication("shop").result;
   const int64_t before = live_bytes;
   constexpr int64_t COUNT = 1000;
   for (int64_t i = 0; i < COUNT; ++i) {
-    const int32_t id = registry.addClass(application, "order" + std::to_string(i), "");
+    const int32_t id = registry.addClass(application, "order" + std::to_string(i), "").result;
     for (uint64_t duration = 1000; duration < 1000000; duration *= 2) {
-      ASSERT_EQ(0, registry.stop(registry.start(id, {}, 0).result, 0, duration));
+      ASSERT_EQ(0, registry.stop(registry.start(id, {}, 0).result, 0, duration).result);
     }
   }
   const int64_t each = (live_bytes - before) / COUNT;

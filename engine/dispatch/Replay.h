@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "recent/RecentTransactions.h"
 #include "registry/Registry.h"
 
 namespace armengine {
@@ -12,6 +13,7 @@ namespace armengine {
 /// What came of reading events.
 struct Replayed {
   std::unique_ptr<Registry> registry;
+  std::unique_ptr<RecentTransactions> recent;
   uint64_t events = 0;
   uint64_t missing = 0;     ///< numbers that were left out: dropped while they were recorded
   uint64_t unreadable = 0;  ///< lines that are no events, a last one that was cut among them

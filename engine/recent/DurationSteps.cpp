@@ -1,4 +1,4 @@
-#include "page/DurationSteps.h"
+#include "recent/DurationSteps.h"
 
 #include <algorithm>
 

@@ -28,24 +28,24 @@ struct Departed {
 /// its own.
 class ProcessWatch {
  public:
-  explicit ProcessWatch(std::chrono::milliseconds between_looks = std::chrono::seconds(1));
+  explicit ProcessWatch(std::chrono::milliseconds between_checks = std::chrono::seconds(1));
   ~ProcessWatch();
   ProcessWatch(const ProcessWatch&) = delete;
   ProcessWatch& operator=(const ProcessWatch&) = delete;
 
-  /// A request of a process has come.  The request road; takes no lock for a process that is known.
-  void note(int32_t process, uint64_t now) {
-    if (process == last_noted_) return;
-    last_noted_ = process;
+  /// A request of a process has come.  The hot path; takes no lock for a process that is known.
+  void observe(int32_t process, uint64_t now) {
+    if (process == last_observed_) return;
+    last_observed_ = process;
     if (known_.count(process) == 0) watchNew(process, now);
   }
   /// Whether takeDeparted has any.
   bool anyDeparted() const { return any_departed_; }
-  /// The processes that have ended since the last call.  The request road.
+  /// The processes that have ended since the last call.  The hot path.
   std::vector<Departed> takeDeparted();
   /// Looks again at one that was taken, for what came from its number later: its last requests, if
-  /// they came while it was looked at, or those of the number's next owner.  The request road.
-  void lookAgain(const Departed& departed);
+  /// they came while it was looked at, or those of the number's next owner.  The hot path.
+  void watchAgain(const Departed& departed);
 
  private:
   struct Watched {
@@ -58,13 +58,13 @@ class ProcessWatch {
   void watch(int32_t process, const Watched& watched);
   void run();
   using Processes = std::map<int32_t, Watched>;
-  void lookAtAll(std::vector<Departed>* found);
-  Processes::iterator look(Processes::iterator at, std::vector<Departed>* found);
-  static std::optional<Departed> lookAt(int32_t process, Watched* watched);
+  void checkAll(std::vector<Departed>* found);
+  Processes::iterator check(Processes::iterator at, std::vector<Departed>* found);
+  static std::optional<Departed> departureOf(int32_t process, Watched* watched);
 
-  const std::chrono::milliseconds between_looks_;
-  // Of the request road.
-  int32_t last_noted_ = 0;
+  const std::chrono::milliseconds between_checks_;
+  // Of the hot path.
+  int32_t last_observed_ = 0;
   std::unordered_set<int32_t> known_;
   // Shared.
   std::mutex mutex_;

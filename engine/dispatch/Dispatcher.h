@@ -4,8 +4,9 @@
 
 #include "arm/TArmMessage.h"
 #include "arm/TArmReplyMessage.h"
-#include "events/EventOutlet.h"
-#include "registry/Processes.h"
+#include "dispatch/ProcessWatch.h"
+#include "dispatch/RequestEvents.h"
+#include "events/EventPublisher.h"
 #include "registry/Registry.h"
 
 namespace armengine {
@@ -39,37 +40,29 @@ class Dispatcher {
   void tidy();
 
  private:
+  Answer addApplication(const TArmMessage& request);
+  Answer addClass(const TArmMessage& request);
   Started start(const TArmMessage& request);
+  Answer update(const TArmMessage& request);
+  Answer stop(const TArmStopBody& body);
   Started report(const TArmMessage& request);
-  int32_t init(const TArmMessage& request);
-  int32_t getid(const TArmMessage& request);
-  int32_t update(const TArmMessage& request);
-  int32_t stop(const TArmMessage& request);
-  int32_t complete(const TArmCompleteBody& body);
-  int32_t addMetricData(const TArmMetricDataBody& body);
-  int32_t statusFor(const TArmMessage& request);
-  int32_t unknownMessage();
-  void setPayload(const uint8_t* bytes, std::size_t size);
-  void finishEvent(const TArmMessage& request, int32_t result);
-  void publishOwn(int32_t type, int32_t id, const Applied& applied);
+  Answer complete(const TArmCompleteBody& body);
+  Answer addMetricData(const TArmMetricDataBody& body);
+  Answer answerTo(const TArmMessage& request);
+  void observe(const TArmMessage& request);
+  void keepEvent(const TArmMessage& request, Answer&& answer);
+  void publishOwn(int32_t type, int32_t id, const Subject& subject);
   void endInstancesOf(const Departed& departed);
-  void note(const TArmMessage& request);
-  bool isKnown(int32_t id) const { return registry_.isClass(id) || registry_.isOpen(id); }
+  bool hasListeners() const { return events_ != nullptr && events_->isUsed(); }
 
   Registry& registry_;
   EventPublisher* events_;
   ProcessWatch* watch_;
   uint64_t now_ = 0;  ///< of the current request, as bootTime
-  struct Waiting {
-    Event event;
-    const uint8_t* payload = nullptr;
-  };
   static constexpr std::size_t MOST_WAITING = 64;
-  /// Events that are to be published; the last one is being made.
-  std::array<Waiting, MOST_WAITING> waiting_;
+  /// Events that are to be published.
+  std::array<PendingEvent, MOST_WAITING> waiting_;
   std::size_t waiting_count_ = 0;
-  Event* event_ = &waiting_[0].event;
-  const uint8_t* payload_ = nullptr;
 };
 
 }  // namespace armengine

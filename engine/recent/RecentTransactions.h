@@ -13,8 +13,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "events/EventOutlet.h"
-#include "page/DurationSteps.h"
+#include "events/EventConsumer.h"
+#include "recent/DurationSteps.h"
 
 namespace armengine {
 
@@ -53,8 +53,8 @@ struct Finished {
 /// minutes with their traces, and how many of which duration there were in every two seconds of
 /// these minutes.  In bounded memory, see the constants.
 ///
-/// Takes events on its outlet's thread; any thread asks.
-class RecentTransactions : public EventTaker {
+/// Takes events on its worker's thread; any thread asks.
+class RecentTransactions : public EventConsumer {
  public:
   static constexpr uint64_t SLOT_SECONDS = 2;
   static constexpr std::size_t SLOTS = 150;
@@ -81,8 +81,8 @@ class RecentTransactions : public EventTaker {
   ///   clock  nanoseconds since the epoch
   explicit RecentTransactions(Clock clock);
 
-  void take(const Event& event, const Payload& payload) override;
-  void rest() override;
+  void consume(const Event& event, const Payload& payload) override;
+  void flush() override;
 
   /// The slots of a class, or of all together, that hold something, oldest first.  Nothing when no
   /// history of that class is kept.
@@ -93,6 +93,8 @@ class RecentTransactions : public EventTaker {
   std::vector<Finished> slowest(uint64_t since, std::optional<uint64_t> key,
                                 std::size_t most) const;
   Trace trace(const TraceId& id) const;
+  /// The last ones, in the order in which they have ended.
+  std::vector<Finished> last() const;
   uint64_t now() const { return clock_(); }
 
  private:

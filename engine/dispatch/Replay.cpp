@@ -1,4 +1,4 @@
-#include "events/Replay.h"
+#include "dispatch/Replay.h"
 
 #include <algorithm>
 #include <cstring>
@@ -6,9 +6,9 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
+#include "base/Time.h"
+#include "dispatch/Dispatcher.h"
 #include "events/EventLines.h"
-#include "registry/Dispatcher.h"
-#include "registry/Time.h"
 #include "text/Hex.h"
 
 namespace armengine {
@@ -124,7 +124,9 @@ void fillBody(const Json& line, TArmMessage* request) {
 
 class Replayer {
  public:
-  explicit Replayer(const RegistrySettings& settings) : settings_(settings) {}
+  explicit Replayer(const RegistrySettings& settings) : settings_(settings) {
+    publisher_.add(ring_);
+  }
 
   void read(const std::string& text) {
     try {
@@ -151,7 +153,8 @@ class Replayer {
     // An earlier engine's tables ended with it.
     result_ = Replayed();
     result_.registry = std::make_unique<Registry>(engine, settings_);
-    dispatcher_ = std::make_unique<Dispatcher>(*result_.registry);
+    result_.recent = std::make_unique<RecentTransactions>(wallTime);
+    dispatcher_ = std::make_unique<Dispatcher>(*result_.registry, &publisher_);
     last_number_ = 0;
   }
 
@@ -172,12 +175,21 @@ class Replayer {
   void applyOwn(const Json& line, int32_t type) {
     Registry& registry = *result_.registry;
     if (type == EVENT_ABANDONED) {
-      (void)registry.abandon(number(line, "id"), timeOf(line));
+      abandon(line);
     } else if (type == EVENT_FORGOTTEN) {
       registry.forget(number(line, "id"));
     } else {
       registry.forgetStatistics(line.at("application"), line.at("transaction"));
     }
+  }
+
+  void abandon(const Json& line) {
+    Event event;
+    event.type = EVENT_ABANDONED;
+    event.id = number(line, "id");
+    event.time = timeOf(line);
+    event.subject = result_.registry->abandon(event.id, event.time).subject;
+    result_.recent->consume(event, {});
   }
 
   void applyRequest(const Json& line, int32_t type) {
@@ -190,9 +202,17 @@ class Replayer {
     // The next number that is given is the one that was given then.
     if (expected > 0) result_.registry->continueAfter(expected - 1);
     if (dispatcher_->answer(request).result != expected) ++result_.different;
+    while (ring_.pop(&event_, &payload_)) result_.recent->consume(event_, payload_);
   }
 
+  static constexpr std::size_t ONE_EVENT = 1;
+  static constexpr std::size_t ONE_PAYLOAD = 4096;
+
   const RegistrySettings settings_;
+  EventRing ring_{ONE_EVENT, ONE_PAYLOAD};
+  EventPublisher publisher_;
+  Event event_;
+  Payload payload_;
   std::unique_ptr<Dispatcher> dispatcher_;
   uint64_t last_number_ = 0;
   Replayed result_;

@@ -1,4 +1,4 @@
-#include "metrics/EngineView.h"
+#include "view/EngineView.h"
 
 namespace armengine {
 
@@ -8,16 +8,16 @@ void QueueView::show(EngineQueues* queues) {
   if (queues != nullptr) prefix_ = queues->prefix();
 }
 
-std::optional<QueueFigures> QueueView::look() const {
+std::optional<QueueGauges> QueueView::read() const {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (queues_ == nullptr) return std::nullopt;
-  QueueFigures figures;
-  figures.requests = queues_->requests().depth();
-  figures.request_capacity = queues_->requests().capacity();
-  figures.replies = queues_->replies().usedItems();
-  figures.requesters = queues_->replies().headsInUse();
-  figures.reply_capacity = queues_->replies().capacity();
-  return figures;
+  QueueGauges gauges;
+  gauges.requests = queues_->requests().depth();
+  gauges.request_capacity = queues_->requests().capacity();
+  gauges.replies = queues_->replies().usedItems();
+  gauges.requesters = queues_->replies().headsInUse();
+  gauges.reply_capacity = queues_->replies().capacity();
+  return gauges;
 }
 
 std::string QueueView::prefix() const {

@@ -1,10 +1,10 @@
-#include "registry/Processes.h"
+#include "dispatch/ProcessWatch.h"
 
 #include <unistd.h>
 
 #include <string>
 
-#include "registry/Time.h"
+#include "base/Time.h"
 #include "system/ProcessStat.h"
 
 namespace armengine {
@@ -32,8 +32,8 @@ std::optional<uint64_t> startOfProcess(int32_t process) {
   return stat->start_ticks * (SECOND / ticks_per_second);
 }
 
-ProcessWatch::ProcessWatch(std::chrono::milliseconds between_looks)
-    : between_looks_(between_looks), thread_([this] { run(); }) {}
+ProcessWatch::ProcessWatch(std::chrono::milliseconds between_checks)
+    : between_checks_(between_checks), thread_([this] { run(); }) {}
 
 ProcessWatch::~ProcessWatch() {
   {
@@ -49,7 +49,7 @@ void ProcessWatch::watchNew(int32_t process, uint64_t now) {
   watch(process, {now, processExists(process), std::nullopt});
 }
 
-void ProcessWatch::lookAgain(const Departed& departed) {
+void ProcessWatch::watchAgain(const Departed& departed) {
   watch(departed.process, {departed.before, departed.visible, std::nullopt});
 }
 
@@ -68,7 +68,7 @@ std::vector<Departed> ProcessWatch::takeDeparted() {
     departed.swap(departed_);
   }
   for (const Departed& one : departed) known_.erase(one.process);
-  last_noted_ = 0;
+  last_observed_ = 0;
   return departed;
 }
 
@@ -82,11 +82,11 @@ void ProcessWatch::run() {
     lock.unlock();
     std::vector<Departed> found;
     for (const auto& [process, watched] : new_ones) {
-      (void)look(watched_.insert_or_assign(process, watched).first, &found);
+      (void)check(watched_.insert_or_assign(process, watched).first, &found);
     }
     if (std::chrono::steady_clock::now() >= next_round) {
-      lookAtAll(&found);
-      next_round = std::chrono::steady_clock::now() + between_looks_;
+      checkAll(&found);
+      next_round = std::chrono::steady_clock::now() + between_checks_;
     }
     lock.lock();
     departed_.insert(departed_.end(), found.begin(), found.end());
@@ -94,21 +94,21 @@ void ProcessWatch::run() {
   }
 }
 
-void ProcessWatch::lookAtAll(std::vector<Departed>* found) {
-  for (auto at = watched_.begin(); at != watched_.end();) at = look(at, found);
+void ProcessWatch::checkAll(std::vector<Departed>* found) {
+  for (auto at = watched_.begin(); at != watched_.end();) at = check(at, found);
 }
 
 /// Looks at one; returns the next one.
-ProcessWatch::Processes::iterator ProcessWatch::look(Processes::iterator at,
-                                                     std::vector<Departed>* found) {
-  const auto departed = lookAt(at->first, &at->second);
+ProcessWatch::Processes::iterator ProcessWatch::check(Processes::iterator at,
+                                                      std::vector<Departed>* found) {
+  const auto departed = departureOf(at->first, &at->second);
   if (!departed) return std::next(at);
   found->push_back(*departed);
   return watched_.erase(at);
 }
 
-std::optional<Departed> ProcessWatch::lookAt(int32_t process, Watched* watched) {
-  // Before the look: what comes during it may be the last requests of a process, or another's first.
+std::optional<Departed> ProcessWatch::departureOf(int32_t process, Watched* watched) {
+  // Before the check: what comes during it may be the last requests of a process, or another's first.
   const uint64_t now = bootTime();
   const auto start = startOfProcess(process);
   if (!start) {

@@ -7,7 +7,7 @@
 namespace armengine {
 
 /// A number that one thread changes and any thread reads, without a lock.
-class Figure {
+class Gauge {
  public:
   void add(uint64_t count = 1) { set(get() + count); }
   void subtract(uint64_t count = 1) { set(get() - count); }
@@ -18,8 +18,18 @@ class Figure {
   std::atomic<uint64_t> value_{0};
 };
 
-/// The same for a number with a fraction.
-class RealFigure {
+/// The same for one that only grows.
+class Counter {
+ public:
+  void add(uint64_t count = 1) { value_.add(count); }
+  uint64_t get() const { return value_.get(); }
+
+ private:
+  Gauge value_;
+};
+
+/// A gauge with a fraction.
+class RealGauge {
  public:
   void add(double amount) { set(get() + amount); }
   void set(double value) {
@@ -36,7 +46,7 @@ class RealFigure {
 
  private:
   // An atomic double is no lock-free object for every compiler on 32-bit x86.
-  Figure bits_;
+  Gauge bits_;
 };
 
 }  // namespace armengine

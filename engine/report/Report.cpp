@@ -1,11 +1,12 @@
-#include "registry/Report.h"
+#include "report/Report.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <numeric>
 
-#include "registry/Time.h"
+#include "base/Time.h"
+#include "report/FamilyTree.h"
 #include "text/Columns.h"
 
 namespace armengine {
@@ -14,6 +15,9 @@ namespace {
 
 constexpr std::size_t NAME_LIMIT = 40;
 constexpr std::size_t TEXT_COLUMNS = 2;
+/// How much of a tree is drawn.
+constexpr std::size_t MOST_CHILDREN = 8;
+constexpr std::size_t MOST_DEPTH = 4;
 
 using Cells = std::vector<std::string>;
 
@@ -53,7 +57,7 @@ std::string makeTable(const std::vector<std::shared_ptr<ClassStatistics>>& all) 
   Cells heading = {"application", "transaction class", "count", "good", "failed", "aborted"};
   if (with_unknown) heading.emplace_back("unknown");
   heading.insert(heading.end(), {"p50", "p95", "p99", "max"});
-  // Names to the left of their columns, figures to the right.
+  // Names to the left of their columns, numbers to the right.
   armtext::Table table(std::string(TEXT_COLUMNS, 'l') +
                        std::string(heading.size() - TEXT_COLUMNS, 'r'));
   table.add(heading);
@@ -62,21 +66,34 @@ std::string makeTable(const std::vector<std::shared_ptr<ClassStatistics>>& all) 
 }
 
 std::string lineOf(const TreeNode& node) {
-  const std::string name = armtext::printable(node.statistics->name, NAME_LIMIT);
+  const std::string name = armtext::printable(node.name, NAME_LIMIT);
   if (!node.outcome) return name + "  open";
   return name + "  " + readableTime(node.duration) + "  " + nameOf(*node.outcome);
 }
 
-/// As deep as TreeNode keeps children.
-void drawChildren(const TreeNode& parent, const std::string& indent, std::string* drawing) {
-  const uint64_t left_out = parent.child_count - parent.kept;
-  for (unsigned i = 0; i < parent.kept; ++i) {
+void drawChildren(const TreeNode& parent, std::size_t depth, const std::string& indent,
+                  std::string* drawing) {
+  const std::size_t most = depth + 1 < MOST_DEPTH ? MOST_CHILDREN : 0;
+  const std::size_t drawn = std::min(parent.children.size(), most);
+  const std::size_t left_out = parent.children.size() - drawn;
+  for (std::size_t i = 0; i < drawn; ++i) {
     const TreeNode& child = *parent.children[i];
-    const bool last = left_out == 0 && i + 1 == parent.kept;
+    const bool last = left_out == 0 && i + 1 == drawn;
     *drawing += indent + (last ? "`- " : "|- ") + lineOf(child) + '\n';
-    drawChildren(child, indent + (last ? "   " : "|  "), drawing);
+    drawChildren(child, depth + 1, indent + (last ? "   " : "|  "), drawing);
   }
   if (left_out > 0) *drawing += indent + "`- and " + std::to_string(left_out) + " more\n";
+}
+
+std::string drawLargest(const Registry& registry, const RecentTransactions& recent) {
+  const FamilyTree tree(recent.last(), registry.describeOpen());
+  const TreeNode* largest = tree.largest();
+  if (largest == nullptr) return "";
+  std::string drawing = "\nthe parent with most children, and its first ones:\n" +
+                        armtext::printable(largest->application, NAME_LIMIT) + ": " +
+                        lineOf(*largest) + '\n';
+  drawChildren(*largest, 0, "", &drawing);
+  return drawing;
 }
 
 }  // namespace
@@ -96,7 +113,7 @@ std::string readableTime(uint64_t nanoseconds) {
   return std::to_string((nanoseconds + 500) / 1000) + " us";
 }
 
-std::string makeReport(const Registry& registry) {
+std::string makeReport(const Registry& registry, const RecentTransactions& recent) {
   const auto all = registry.statistics();
   if (all.empty()) return "no transaction class was registered\n";
   std::string report = makeTable(all);
@@ -107,13 +124,7 @@ std::string makeReport(const Registry& registry) {
       std::accumulate(all.begin(), all.end(), uint64_t{0},
                       [](uint64_t sum, const auto& of) { return sum + of->abandoned.get(); });
   if (abandoned > 0) report += "abandoned: " + std::to_string(abandoned) + "\n";
-  if (const auto* tree = registry.largestTree(); tree != nullptr) {
-    report += "\nthe parent with most children, and its first ones:\n" +
-              armtext::printable(tree->statistics->application, NAME_LIMIT) + ": " + lineOf(*tree) +
-              '\n';
-    drawChildren(*tree, "", &report);
-  }
-  return report;
+  return report + drawLargest(registry, recent);
 }
 
 }  // namespace armengine

@@ -1,10 +1,10 @@
-#include "page/RecentTransactions.h"
+#include "recent/RecentTransactions.h"
 
 #include <algorithm>
 
 #include "arm/TArmMessage.h"
+#include "base/Time.h"
 #include "events/Finished.h"
-#include "registry/Time.h"
 #include "text/Utf8.h"
 
 namespace armengine {
@@ -129,19 +129,19 @@ std::map<std::optional<uint64_t>, DurationCounts> RecentTransactions::since(uint
 
 // ---- single instances ---------------------------------------------------------------------------
 
-void RecentTransactions::take(const Event& event, const Payload&) {
+void RecentTransactions::consume(const Event& event, const Payload&) {
   if (!endsInstance(event)) return;
   const std::lock_guard<std::mutex> lock(mutex_);
-  const Applied& applied = event.applied;
+  const Subject& subject = event.subject;
   Finished finished;
-  finished.of = classOf(*applied.tran_class);
-  finished.context = applied.context;
+  finished.of = classOf(*subject.tran_class);
+  finished.context = subject.context;
   finished.start = startOf(event);
-  finished.duration = applied.duration;
+  finished.duration = subject.duration;
   finished.status = event.values[0];
   finished.process = event.process;
   finished.thread = event.thread;
-  finished.outcome = applied.outcome;
+  finished.outcome = subject.outcome;
   finished.abandoned = event.type == EVENT_ABANDONED;
   current_ = slotNumber();
   keepLast(finished);
@@ -235,7 +235,7 @@ void RecentTransactions::save(SavedTrace* trace, const Finished& finished) {
 }
 
 /// Saves what the last ones have of the traces of new slow ones, before quick ones push it out.
-void RecentTransactions::rest() {
+void RecentTransactions::flush() {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (unread_.empty()) return;
   for (const Finished& one : last_) {
@@ -266,6 +266,14 @@ std::vector<Finished> RecentTransactions::slowest(uint64_t since, std::optional<
   found.erase(std::unique(found.begin(), found.end(), isSame), found.end());
   if (found.size() > most) found.resize(most);
   return found;
+}
+
+std::vector<Finished> RecentTransactions::last() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<Finished> in_order = last_;
+  std::rotate(in_order.begin(), in_order.begin() + static_cast<std::ptrdiff_t>(next_),
+              in_order.end());
+  return in_order;
 }
 
 RecentTransactions::Trace RecentTransactions::trace(const TraceId& id) const {

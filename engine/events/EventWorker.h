@@ -1,0 +1,37 @@
+#pragma once
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "events/EventConsumer.h"
+#include "events/EventRing.h"
+
+namespace armengine {
+
+/// A ring with a thread that hands its events to a consumer.  The thread looks into the ring every few
+/// milliseconds, so that the pushing thread never has to wake it.
+class EventWorker {
+ public:
+  EventWorker(EventConsumer& consumer, std::size_t events, std::size_t bytes);
+  /// Hands over what is in the ring, and ends the thread.
+  ~EventWorker();
+  EventWorker(const EventWorker&) = delete;
+  EventWorker& operator=(const EventWorker&) = delete;
+
+  EventRing& ring() { return ring_; }
+
+ private:
+  void run();
+  void drain();
+  bool pause();
+
+  EventConsumer& consumer_;
+  EventRing ring_;
+  std::mutex mutex_;
+  std::condition_variable over_;
+  bool ending_ = false;
+  std::thread thread_;
+};
+
+}  // namespace armengine
