@@ -23,6 +23,7 @@
 #include "diag/wcdebug.h"
 #include "intl/intlcodeset.h"
 #include "ipc/arm_ipc.h"
+#include "queueaccess.h"
 
 namespace {
 
@@ -98,7 +99,7 @@ class InlineEngine final : public Peer {
   }
   ~InlineEngine() override {
     setPeer(nullptr);
-    engine_.reset();
+    stop();
   }
 
   void act() override {}
@@ -112,11 +113,15 @@ class InlineEngine final : public Peer {
 
  private:
   void start();
-  void stop() { engine_.reset(); }
+  void stop() {
+    engine_.reset();
+    access_.reset();
+  }
   void answer(const TArmMessage& message);
   void misbehave(uint8_t way, const TIPCIdentifier& to);
 
   Input& script_;
+  std::unique_ptr<armtest::QueueAccess> access_;
   std::unique_ptr<armengine::EngineQueues> engine_;
   TArmReplyMessage answer_ = {};
   bool honest_ = true;
@@ -131,6 +136,7 @@ void InlineEngine::start() {
   std::string why;
   engine_ = armengine::EngineQueues::create(options, &why);
   CHECK(engine_ != nullptr);
+  access_ = std::make_unique<armtest::QueueAccess>(*engine_);
 }
 
 void InlineEngine::answer(const TArmMessage& message) {
@@ -145,7 +151,7 @@ void InlineEngine::answer(const TArmMessage& message) {
     misbehave(way, message.sender_id);
     if (engine_ == nullptr) return;
   }
-  if (engine_->replies().put(message.sender_id, answer_) != armengine::Delivery::linked) stop();
+  if (!access_->put(message.sender_id, answer_)) stop();
 }
 
 void InlineEngine::misbehave(uint8_t way, const TIPCIdentifier& to) {
@@ -158,13 +164,13 @@ void InlineEngine::misbehave(uint8_t way, const TIPCIdentifier& to) {
       start();
       break;
     case 2:
-      (void)engine_->replies().put(to, answer_);
+      (void)access_->put(to, answer_);
       break;
     case 3:
-      (void)engine_->replies().put({to.processId, to.threadId + 1}, answer_);
+      (void)access_->put({to.processId, to.threadId + 1}, answer_);
       break;
     case 4:
-      (void)engine_->replies().cancel(to);
+      (void)access_->cancel(to);
       break;
     case 5:
       engine_->replies().setState(script_.below(4));
@@ -173,13 +179,14 @@ void InlineEngine::misbehave(uint8_t way, const TIPCIdentifier& to) {
       engine_->requests().setState(script_.below(4));
       break;
     default:
-      engine_->requests().setVersion(edgeValue(script_));
+      access_->setVersion(edgeValue(script_));
   }
 }
 
 void InlineEngine::release(int set, const sembuf&) {
   TArmMessage message;
-  if (engine_ != nullptr && engine_->requests().tryTake(message)) return answer(message);
+  if (engine_ != nullptr && armtest::takeRequestIfAny(engine_->requests(), message))
+    return answer(message);
   // Nobody owes an answer any more: only an engine that goes can end the wait.
   CHECK(!honest_);
   stop();

@@ -97,26 +97,14 @@ ReplyWriter::Item* ReplyWriter::itemAt(uint32_t offset) const {
   return reinterpret_cast<Item*>(static_cast<uint8_t*>(memory_.GetAddress()) + offset);
 }
 
-Delivery ReplyWriter::put(const TIPCIdentifier& to, const TArmReplyMessage& reply) {
-  return put(To::anybody, to, reply);
-}
-
-Delivery ReplyWriter::putUnlessCrowded(const TIPCIdentifier& to, const TArmReplyMessage& reply) {
-  return put(To::anybody_unless_crowded, to, reply);
-}
-
 Delivery ReplyWriter::putToWaiting(const TIPCIdentifier& to, const TArmReplyMessage& reply) {
-  return put(To::waiting, to, reply);
+  Outgoing one = {to, reply, Delivery::failed};
+  putAll(To::waiting, &one, 1);
+  return one.delivery;
 }
 
 void ReplyWriter::putAllUnlessCrowded(Outgoing* replies, std::size_t count) {
-  putAll(To::anybody_unless_crowded, replies, count);
-}
-
-Delivery ReplyWriter::put(To whom, const TIPCIdentifier& to, const TArmReplyMessage& reply) {
-  Outgoing one = {to, reply, Delivery::failed};
-  putAll(whom, &one, 1);
-  return one.delivery;
+  putAll(To::anybody, replies, count);
 }
 
 void ReplyWriter::putAll(To whom, Outgoing* replies, std::size_t count) {
@@ -133,8 +121,7 @@ void ReplyWriter::putAll(To whom, Outgoing* replies, std::size_t count) {
 
 Delivery ReplyWriter::putOrRepair(To whom, const Outgoing& reply, Semaphores* due) {
   const Delivery delivery = putLocked(whom, reply, due);
-  const bool refused = whom != To::anybody && delivery == Delivery::no_head;
-  if (delivery == Delivery::linked || refused) return delivery;
+  if (delivery == Delivery::linked || delivery == Delivery::no_head) return delivery;
   (void)releaseDeparted();
   rebuildLists();
   return putLocked(whom, reply, due);
@@ -157,7 +144,7 @@ Delivery ReplyWriter::putLocked(To whom, const Outgoing& reply, Semaphores* due)
 TIPCHeadItem* ReplyWriter::headFor(To whom, const TIPCIdentifier& owner) {
   // Free records carry this identifier, and would be found.
   if (CIPCUtils::sameIPCIdentifiers(owner, NULL_IPC_ID)) return nullptr;
-  if (whom == To::anybody_unless_crowded && isCrowded()) return nullptr;
+  if (whom == To::anybody && isCrowded()) return nullptr;
   TIPCHeadItem* record = knownHead(owner);
   if (record == nullptr) {
     if (view_->FindHead(owner, whom != To::waiting, &record) != 0) return nullptr;
@@ -214,21 +201,6 @@ bool ReplyWriter::append(TIPCHeadItem& record, uint32_t offset) {
 bool ReplyWriter::isWaiting(const TIPCIdentifier& requester) {
   if (memory_.Lock() != 0) return false;
   const bool waits = headFor(To::waiting, requester) != nullptr;
-  (void)memory_.Unlock();
-  return waits;
-}
-
-bool ReplyWriter::cancel(const TIPCIdentifier& to) {
-  if (memory_.Lock() != 0) return false;
-  TIPCHeadItem* record = nullptr;
-  // A requester that is about to wait would write over the status, and never learn of it.
-  const bool waits = view_->FindHead(to, false, &record) == 0 &&
-                     loadShared(record->status) == HEAD_WAITING &&
-                     loadShared(record->first_reply) == 0;
-  if (waits) {
-    storeShared(record->status, HEAD_CANCELLED);
-    (void)raise(loadShared(record->semaphore));
-  }
   (void)memory_.Unlock();
   return waits;
 }

@@ -50,22 +50,15 @@ class ReplyWriter {
 
   bool isInitialized() const;
 
-  /// Links a reply to the end of the requester's list and wakes the requester, claiming a head
-  /// record for one that has none yet.
-  Delivery put(const TIPCIdentifier& to, const TArmReplyMessage& reply);
-  /// The same, but no_head for any requester while all head records are in use: its call may have
-  /// failed for want of one, and its next call would take the reply for its own.
-  Delivery putUnlessCrowded(const TIPCIdentifier& to, const TArmReplyMessage& reply);
-  /// putUnlessCrowded for several replies, in their order, under one lock, and with one operation
-  /// that wakes all their requesters.
+  /// Links each reply to the end of its requester's list, in their order, and wakes the requesters:
+  /// under one lock, and with one operation.  Claims a head record for one that has none yet, but
+  /// gives no_head to any requester while all records are in use: its call may have failed for want
+  /// of one, and its next call would take the reply for its own.
   void putAllUnlessCrowded(Outgoing* replies, std::size_t count);
-  /// As put, but only for a requester that waits.
+  /// The same for one reply, whatever the crowd, but only for a requester that waits.
   Delivery putToWaiting(const TIPCIdentifier& to, const TArmReplyMessage& reply);
   /// Whether a requester waits for a reply.
   bool isWaiting(const TIPCIdentifier& requester);
-  /// Cancels the wait of a requester, whose call then fails; false when it does not wait, or has its
-  /// reply already.
-  bool cancel(const TIPCIdentifier& to);
   /// Writes the state; 1 and 2 also wake every waiter.
   void setState(uint32_t state);
   /// Frees the head records of processes that have ended, drops their replies, and puts lists and
@@ -97,8 +90,7 @@ class ReplyWriter {
   Item* itemAt(uint32_t offset) const;
   uint32_t takeFreeItem();
   using Semaphores = std::vector<unsigned short>;
-  enum class To { anybody, anybody_unless_crowded, waiting };
-  Delivery put(To whom, const TIPCIdentifier& to, const TArmReplyMessage& reply);
+  enum class To { anybody, waiting };
   void putAll(To whom, Outgoing* replies, std::size_t count);
   Delivery putOrRepair(To whom, const Outgoing& reply, Semaphores* due);
   Delivery putLocked(To whom, const Outgoing& reply, Semaphores* due);

@@ -49,10 +49,6 @@ void RequestReader::setReady(bool ready) {
   storeShared(header_->ready_for_io, ready ? 1U : 0U);
 }
 
-void RequestReader::setVersion(uint32_t version) {
-  storeShared(header_->arm_version, version);
-}
-
 void RequestReader::setState(uint32_t state) {
   (void)view_->SetState(state);
 }
@@ -67,29 +63,6 @@ Taken RequestReader::take(TArmMessage* messages, std::size_t room, std::size_t* 
     const std::size_t waiting = std::min<std::size_t>(loadShared(header_->count), capacity_);
     for (; *count < std::min(waiting, room); ++*count) takeLocked(messages[*count]);
   }
-  (void)memory_.Unlock();
-  return taken;
-}
-
-Taken RequestReader::take(TArmMessage& message, std::chrono::milliseconds limit) {
-  std::size_t count = 0;
-  return take(&message, 1, &count, limit);
-}
-
-bool RequestReader::take(TArmMessage& message) {
-  // Waits are limited because a writer that is killed after it has counted its request, and before
-  // it has raised the semaphore, wakes nobody; nor does a later one, who finds the queue not empty.
-  constexpr std::chrono::seconds LONGEST_WAIT{1};
-  Taken taken = Taken::nothing;
-  while (taken == Taken::nothing) taken = take(message, LONGEST_WAIT);
-  return taken == Taken::request;
-}
-
-bool RequestReader::tryTake(TArmMessage& message) {
-  if (memory_.Lock() != 0) return false;
-  repairRing();
-  const bool taken = loadShared(header_->count) > 0;
-  if (taken) takeLocked(message);
   (void)memory_.Unlock();
   return taken;
 }

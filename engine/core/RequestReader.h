@@ -33,8 +33,6 @@ class RequestReader {
 
   /// Tells openers that requests are read from now on, or no longer.
   void setReady(bool ready);
-  /// Writes the version word; every opener writes 50300 there again.
-  void setVersion(uint32_t version);
   /// Writes the state; 1 and 2 also wake every waiter.
   void setState(uint32_t state);
 
@@ -42,12 +40,6 @@ class RequestReader {
   /// the first for the given time.  Stores their number, 0 when the result is not request.
   Taken take(TArmMessage* messages, std::size_t room, std::size_t* count,
              std::chrono::milliseconds limit);
-  /// Takes the oldest request, waiting for one for the given time.
-  Taken take(TArmMessage& message, std::chrono::milliseconds limit);
-  /// Takes the oldest request, waiting for one.  False when the queue was stopped or interrupted.
-  bool take(TArmMessage& message);
-  /// Takes the oldest request if there is one.
-  bool tryTake(TArmMessage& message);
   /// Ends the current or the next wait of take.
   void interrupt();
 

@@ -39,8 +39,6 @@ class ProcessWatch {
     last_observed_ = process;
     if (known_.count(process) == 0) watchNew(process, now);
   }
-  /// Whether takeDeparted has any.
-  bool anyDeparted() const { return any_departed_; }
   /// The processes that have ended since the last call.  The hot path.
   std::vector<Departed> takeDeparted();
   /// Looks again at one that was taken, for what came from its number later: its last requests, if

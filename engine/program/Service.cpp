@@ -24,6 +24,8 @@ Service::Service(EngineQueues& queues, Dispatcher& dispatcher)
 
 bool Service::run() {
   for (;;) {
+    // A writer that is killed after it has counted its request, and before it has raised the
+    // semaphore, wakes nobody; nor does a later one, who finds the queue not empty.
     const auto limit =
         undelivered_.empty() ? std::chrono::milliseconds(BETWEEN_TIDYINGS) : BETWEEN_DELIVERIES;
     std::size_t count = 0;

@@ -21,6 +21,7 @@
 #include "ScriptProtocol.h"
 #include "core/EngineQueues.h"
 #include "diag/CkesErrorManager.h"
+#include "queueaccess.h"
 
 namespace armtest {
 namespace {
@@ -74,6 +75,7 @@ class Engine {
   int32_t deliver(const TIPCIdentifier& to, const TArmReplyMessage& reply);
 
   armengine::EngineQueues& queues_;
+  QueueAccess access_{queues_};
   EngineLog& log_;
   std::mutex mutex_;
   std::condition_variable changed_;
@@ -87,7 +89,7 @@ class Engine {
 void Engine::serve() {
   while (waitWhilePaused()) {
     TArmMessage message;
-    if (queues_.requests().take(message)) {
+    if (takeRequest(queues_.requests(), message)) {
       handle(message);
     } else {
       usleep(1000);  // a stopped queue is left at once
@@ -136,7 +138,7 @@ Rule Engine::ruleFor(const TArmMessage& message) {
 }
 
 int32_t Engine::deliver(const TIPCIdentifier& to, const TArmReplyMessage& reply) {
-  return static_cast<int32_t>(queues_.replies().put(to, reply));
+  return access_.put(to, reply) ? 0 : 1;
 }
 
 int32_t Engine::addRule(const Command& command) {
@@ -195,7 +197,7 @@ int32_t Engine::execute(const Command& command) {
     case Op::release:
       return release();
     case Op::cancel:
-      return queues_.replies().cancel(requester) ? 1 : 0;
+      return access_.cancel(requester) ? 1 : 0;
     case Op::put:
       return deliver(requester, makeReply({0, Reaction::reply, command.values[2], 0, 0, {}}));
     case Op::requestState:
@@ -208,7 +210,7 @@ int32_t Engine::execute(const Command& command) {
       queues_.requests().setReady(value != 0);
       return 0;
     case Op::version:
-      queues_.requests().setVersion(static_cast<uint32_t>(value));
+      access_.setVersion(static_cast<uint32_t>(value));
       return 0;
     case Op::pause:
       return pause();
@@ -262,16 +264,18 @@ int run(int argc, char** argv) {
   sendAnswer(queues != nullptr ? 0 : -1, why);
   if (queues == nullptr) return EXIT_FAILURE;
 
-  Engine engine(*queues, *static_cast<EngineLog*>(mapping));
-  std::thread commands([&engine] {
-    // The first failure of a process gives its thread an error stack, which is this thread's to free.
-    (void)CkesErrorManager::RegisterThread();
-    engine.obey();
-    (void)CkesErrorManager::UnregisterThread();
-  });
-  engine.serve();
-  commands.join();
-  queues.reset();
+  {
+    Engine engine(*queues, *static_cast<EngineLog*>(mapping));
+    std::thread commands([&engine] {
+      // The first failure of a process gives its thread an error stack, which is this thread's to free.
+      (void)CkesErrorManager::RegisterThread();
+      engine.obey();
+      (void)CkesErrorManager::UnregisterThread();
+    });
+    engine.serve();
+    commands.join();
+    queues.reset();
+  }
   sendAnswer(0);
   return EXIT_SUCCESS;
 }

@@ -10,6 +10,7 @@
 #include "core/EngineQueues.h"
 #include "ipc/CIPCSimpleQueue.h"
 #include "process.h"
+#include "queueaccess.h"
 
 namespace armtest {
 
@@ -21,14 +22,14 @@ using Ring = CountingEngine::Ring;
 constexpr int32_t FILLER = 0;
 
 void answer(armengine::EngineQueues& queues, const TArmMessage& request) {
-  TArmReplyMessage reply = {};
-  reply.result = 1;
-  (void)queues.replies().put(request.sender_id, reply);
+  armengine::Outgoing reply = {request.sender_id, {}, armengine::Delivery::failed};
+  reply.reply.result = 1;
+  queues.replies().putAllUnlessCrowded(&reply, 1);
 }
 
 void serveEmpty(armengine::EngineQueues& queues) {
   TArmMessage request;
-  while (queues.requests().take(request)) answer(queues, request);
+  while (takeRequest(queues.requests(), request)) answer(queues, request);
 }
 
 /// Takes only while another request stays behind.
@@ -37,7 +38,7 @@ void serveOccupied(armengine::EngineQueues& queues) {
   for (;;) {
     (void)sched_yield();
     TArmMessage request;
-    if (queues.requests().depth() < 2 || !queues.requests().tryTake(request)) continue;
+    if (queues.requests().depth() < 2 || !takeRequestIfAny(queues.requests(), request)) continue;
     if (request.msg_type == FILLER) {
       (void)writer.Put(request);
     } else {

@@ -1,0 +1,118 @@
+#pragma once
+
+#include <sys/sem.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+
+#include "arm/TArmMessage.h"
+#include "arm/TArmReplyMessage.h"
+#include "core/EngineQueues.h"
+#include "ipc/CIPCQueue.h"
+#include "ipc/ReplyQueueLayout.h"
+#include "ipc/RequestQueueLayout.h"
+#include "platform/CkesSharedMemory.h"
+#include "platform/sharedword.h"
+#include "system/NameFiles.h"
+
+namespace armtest {
+
+/// Takes the oldest request if there is one.
+inline bool takeRequestIfAny(armengine::RequestReader& requests, TArmMessage& message,
+                             std::chrono::milliseconds limit = std::chrono::milliseconds(0)) {
+  std::size_t count = 0;
+  return requests.take(&message, 1, &count, limit) == armengine::Taken::request;
+}
+
+/// Takes the oldest request, waiting for one.  False when the queue was stopped or interrupted.
+inline bool takeRequest(armengine::RequestReader& requests, TArmMessage& message) {
+  // A writer that is killed between its steps wakes nobody: no wait is long.
+  constexpr std::chrono::seconds LONGEST_WAIT{1};
+  std::size_t count = 0;
+  armengine::Taken taken = armengine::Taken::nothing;
+  while (taken == armengine::Taken::nothing) {
+    taken = requests.take(&message, 1, &count, LONGEST_WAIT);
+  }
+  return taken == armengine::Taken::request;
+}
+
+/// What an engine could do to its queues, and armengine never does.  Goes after the queues: their
+/// lock may be held by nobody when they end.
+class QueueAccess {
+ public:
+  explicit QueueAccess(armengine::EngineQueues& queues)
+      : queues_(queues),
+        requests_(armengine::REQUEST_MEMORY_NAME, false),
+        replies_(armengine::REPLY_BASE, false),
+        view_(armengine::REPLY_BASE, false),
+        set_(armengine::openSemaphoreSet(
+            armengine::objectPath(armengine::REPLY_BASE, armengine::WAKE_SET_PATH_LIMIT),
+            armengine::WAKE_SET_PROJECT)) {}
+
+  void setVersion(uint32_t version) {
+    storeShared(static_cast<TRequestQueueHeader*>(requests_.GetAddress())->arm_version, version);
+  }
+
+  /// Gives a reply to a requester, waiting or not, however many there are; false when there is no
+  /// room, also not after the departed have been removed.
+  bool put(const TIPCIdentifier& to, const TArmReplyMessage& reply) {
+    if (tryPut(to, reply)) return true;
+    (void)queues_.replies().reclaimDeparted();
+    return tryPut(to, reply);
+  }
+
+  /// Cancels the wait of a requester; false when it does not wait, or has its reply already.
+  bool cancel(const TIPCIdentifier& to) {
+    if (replies_.Lock() != 0) return false;
+    TIPCHeadItem* head = nullptr;
+    const bool waits = view_.FindHead(to, false, &head) == 0 &&
+                       loadShared(head->status) == HEAD_WAITING &&
+                       loadShared(head->first_reply) == 0;
+    if (waits) storeShared(head->status, HEAD_CANCELLED);
+    (void)replies_.Unlock();
+    if (waits) raise(*head);
+    return waits;
+  }
+
+ private:
+  using Item = TIPCReplyItem<TArmReplyMessage>;
+
+  bool tryPut(const TIPCIdentifier& to, const TArmReplyMessage& reply) {
+    if (replies_.Lock() != 0) return false;
+    TIPCHeadItem* head = nullptr;
+    const bool linked = view_.FindHead(to, true, &head) == 0 && link(head, reply);
+    (void)replies_.Unlock();
+    if (linked) raise(*head);
+    return linked;
+  }
+  bool link(TIPCHeadItem* head, const TArmReplyMessage& reply) {
+    auto* header = static_cast<TReplyQueueHeader*>(replies_.GetAddress());
+    const uint32_t offset = loadShared(header->free_list);
+    if (offset == 0) return false;
+    Item* item = itemAt(offset);
+    storeShared(header->free_list, loadShared(item->next));
+    storeShared(header->used_items, static_cast<uint16_t>(loadShared(header->used_items) + 1U));
+    std::memcpy(&item->record, &reply, sizeof reply);
+    storeShared(item->next, 0U);
+    uint32_t* last = &head->first_reply;
+    while (loadShared(*last) != 0) last = &itemAt(loadShared(*last))->next;
+    storeShared(*last, offset);
+    return true;
+  }
+  Item* itemAt(uint32_t offset) {
+    return reinterpret_cast<Item*>(static_cast<uint8_t*>(replies_.GetAddress()) + offset);
+  }
+  void raise(const TIPCHeadItem& head) const {
+    sembuf add = {loadShared(head.semaphore), 1, 0};
+    (void)semop(set_, &add, 1);
+  }
+
+  armengine::EngineQueues& queues_;
+  CkesSharedMemory requests_;
+  CkesSharedMemory replies_;
+  CIPCQueue<TArmReplyMessage> view_;
+  int set_;
+};
+
+}  // namespace armtest
