@@ -102,7 +102,8 @@ int run(const armengine::CommandLine& line) {
   std::string why;
   const uint64_t run_number = runNumber();
   armengine::Registry registry(run_number, line.registry);
-  // Numbers of an earlier run, which applications may still hold, must not name what this one gives.
+  // Numbers of an earlier run, which applications may still hold, must not name what this one
+  // gives.
   registry.continueAfter(static_cast<int32_t>(run_number >> 33));
   auto outputs = armengine::Outputs::open(line.outputs, registry, &why);
   if (outputs == nullptr) return complain(why, REFUSED);

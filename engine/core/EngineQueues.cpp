@@ -53,8 +53,8 @@ bool EngineQueues::make(const EngineOptions& options, std::string* why) {
     return refuse(why, "another engine is starting or ending with this prefix: try again");
   }
   files_ = files;
-  // The overflow semaphore is taken over: a writer that drains it goes on until nothing is left, for ever
-  // when it is gone.
+  // The overflow semaphore is taken over: a writer that drains it goes on until nothing is left,
+  // for ever when it is gone.
   for (const std::string* path : {&files.empty, &files.requests, &files.replies}) {
     removeLeftovers(*path);
   }

@@ -345,10 +345,10 @@ bool ReplyWriter::raise(unsigned short semaphore) {
   return semop(set_, &add, 1) == 0;
 }
 
-/// Raises semaphores, those of many requesters in one operation.  When that fails, since one of them
-/// stands at its limit or the kernel accepts fewer at once, each is raised for itself: a requester
-/// whose semaphore cannot rise for its height is awake, and those of a removed set have been sent
-/// away.
+/// Raises semaphores, those of many requesters in one operation.  When that fails, since one of
+/// them stands at its limit or the kernel accepts fewer at once, each is raised for itself: a
+/// requester whose semaphore cannot rise for its height is awake, and those of a removed set have
+/// been sent away.
 void ReplyWriter::raiseAll(const Semaphores& semaphores) {
   constexpr std::size_t MOST = 64;
   sembuf operations[MOST];

@@ -30,9 +30,9 @@ struct Outgoing {
 };
 
 /// The writer's end of the reply queue, and its creator: it owns the segment and the semaphore set;
-/// when it goes, it sets state 2, wakes every waiter and removes both.  It never waits for room: a requester has one reply at most, so a
-/// queue without room is one whose replies belong to the departed, and those are dropped.  Any
-/// thread.
+/// when it goes, it sets state 2, wakes every waiter and removes both.  It never waits for room: a
+/// requester has one reply at most, so a queue without room is one whose replies belong to the
+/// departed, and those are dropped.  Any thread.
 ///
 /// Requesters are woken after the segment has been unlocked, so that they find it free.  No wake-up
 /// is lost by that: each linked reply is followed by one raise, by the thread that has linked it,
@@ -62,8 +62,8 @@ class ReplyWriter {
   /// Writes the state; 1 and 2 also wake every waiter.
   void setState(uint32_t state);
   /// Frees the head records of processes that have ended, drops their replies, and puts lists and
-  /// counts right that disagree, as a process killed in the middle of a change leaves them.  Returns
-  /// the records freed.
+  /// counts right that disagree, as a process killed in the middle of a change leaves them.
+  /// Returns the records freed.
   unsigned reclaimDeparted();
 
   /// Frees the head records whose owners neither wait nor have replies: threads keep theirs to the

@@ -36,8 +36,8 @@ class RequestReader {
   /// Writes the state; 1 and 2 also wake every waiter.
   void setState(uint32_t state);
 
-  /// Takes the oldest requests, as many as there are and as room allows, under one lock, waiting for
-  /// the first for the given time.  Stores their number, 0 when the result is not request.
+  /// Takes the oldest requests, as many as there are and as room allows, under one lock, waiting
+  /// for the first for the given time.  Stores their number, 0 when the result is not request.
   Taken take(TArmMessage* messages, std::size_t room, std::size_t* count,
              std::chrono::milliseconds limit);
   /// Ends the current or the next wait of take.

@@ -108,7 +108,8 @@ ProcessWatch::Processes::iterator ProcessWatch::check(Processes::iterator at,
 }
 
 std::optional<Departed> ProcessWatch::departureOf(int32_t process, Watched* watched) {
-  // Before the check: what comes during it may be the last requests of a process, or another's first.
+  // Before the check: what comes during it may be the last requests of a process, or another's
+  // first.
   const uint64_t now = bootTime();
   const auto start = startOfProcess(process);
   if (!start) {

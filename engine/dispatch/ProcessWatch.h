@@ -24,8 +24,8 @@ struct Departed {
   bool visible = false;  ///< processes with that number can be seen from here
 };
 
-/// Finds out which of the requesters' processes have ended, by number and start time, on a thread of
-/// its own.
+/// Finds out which of the requesters' processes have ended, by number and start time, on a thread
+/// of its own.
 class ProcessWatch {
  public:
   explicit ProcessWatch(std::chrono::milliseconds between_checks = std::chrono::seconds(1));

@@ -15,8 +15,8 @@ enum EventType : int32_t {
   EVENT_EXPIRED = 103     ///< the statistics of a class that nobody uses any more
 };
 
-/// One request that was applied, or something that the engine did by itself.  What has no fixed size, the
-/// data block or bytes of the request, travels beside it as the payload.
+/// One request that was applied, or something that the engine did by itself.  What has no fixed
+/// size, the data block or bytes of the request, travels beside it as the payload.
 struct Event {
   uint64_t number = 0;  ///< counts all events of an engine from 1; a gap is what was dropped
   uint64_t time = 0;    ///< the request's stamp or, without one, when it was applied: ns since 1970

@@ -9,8 +9,8 @@
 
 namespace armengine {
 
-/// A ring with a thread that hands its events to a consumer.  The thread looks into the ring every few
-/// milliseconds, so that the pushing thread never has to wake it.
+/// A ring with a thread that hands its events to a consumer.  The thread looks into the ring every
+/// few milliseconds, so that the pushing thread never has to wake it.
 class EventWorker {
  public:
   EventWorker(EventConsumer& consumer, std::size_t events, std::size_t bytes);

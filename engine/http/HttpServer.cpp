@@ -48,8 +48,8 @@ HttpServer::HttpServer() : parts_(std::make_unique<Parts>()) {
     const int yes = 1;
     (void)setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
   });
-  // A page of elsewhere can have its own name lead to this machine, and read what is said here as if
-  // it were its own.
+  // A page of elsewhere can have its own name lead to this machine, and read what is said here as
+  // if it were its own.
   server.set_pre_routing_handler(
       [parts = parts_.get()](const httplib::Request& request, httplib::Response& response) {
         const std::string host = armtext::hostOf(request.get_header_value("Host"));

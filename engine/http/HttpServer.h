@@ -13,8 +13,8 @@ struct HttpAnswer {
   std::string body;
 };
 
-/// A small HTTP server for GET requests, on threads of its own. On a loopback address it answers only
-/// requests that name an address or localhost as their host.
+/// A small HTTP server for GET requests, on threads of its own. On a loopback address it answers
+/// only requests that name an address or localhost as their host.
 class HttpServer {
  public:
   /// The path, and the query's value of a key.

@@ -94,7 +94,8 @@ void setStatistics(const DurationCounts& counts, Row* row) {
   setTimes(counts, counts.maximum, row);
 }
 
-/// Percentiles since the start take a look at some thousand numbers: they wait until they are needed.
+/// Percentiles since the start take a look at some thousand numbers: they wait until they are
+/// needed.
 void needTimes(Row* row) {
   if (row->has_times) return;
   setTimes(row->entry->times, row->entry->times.maximum(), row);

@@ -5,9 +5,9 @@
 
 namespace armengine {
 
-// The data of the page, as JSON.  Times and durations are nanoseconds, rates are per second; names are
-// cut after ShownClass::LONGEST bytes where nothing else is said.  Queries that are wrong are answered
-// as if they were not there.
+// The data of the page, as JSON.  Times and durations are nanoseconds, rates are per second; names
+// are cut after ShownClass::LONGEST bytes where nothing else is said.  Queries that are wrong are
+// answered as if they were not there.
 
 /// The engine, all classes together, and the first classes of an order.
 ///   window  seconds that figures are about, at most 300; 0: since the engine's start

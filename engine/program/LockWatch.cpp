@@ -18,9 +18,9 @@ constexpr std::chrono::milliseconds BETWEEN_LOCK_CHECKS{250};
 constexpr std::time_t LONG_HELD = 1;
 constexpr int LOCK_SEMAPHORE = 0;
 
-/// The process that has held a lock for a second, 0 when none has.  The kernel keeps the second of the
-/// last operation that succeeded on the set, and who made it: while the lock is held nobody else's
-/// does.
+/// The process that has held a lock for a second, 0 when none has.  The kernel keeps the second of
+/// the last operation that succeeded on the set, and who made it: while the lock is held nobody
+/// else's does.
 int longHolder(int set) {
   semid_ds times = {};
   TSemArgument argument = {};
@@ -86,8 +86,8 @@ void LockWatch::run() {
   }
 }
 
-/// Told at the second check in a row: a clock that was set ahead makes any holder look like an old one
-/// once.
+/// Told at the second check in a row: a clock that was set ahead makes any holder look like an old
+/// one once.
 void LockWatch::check(Lock& lock) {
   const int holder = longHolder(lock.set);
   if (lock.told && holder == 0) {

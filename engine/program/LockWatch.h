@@ -12,9 +12,9 @@
 
 namespace armengine {
 
-/// Looks, on a thread of its own, for a program that keeps the lock of a queue: one that was stopped,
-/// or dumps core, in the middle of a call keeps every other program waiting.  Says in the log who it
-/// is once the lock has been held for a second, and that it is free again.
+/// Looks, on a thread of its own, for a program that keeps the lock of a queue: one that was
+/// stopped, or dumps core, in the middle of a call keeps every other program waiting.  Says in the
+/// log who it is once the lock has been held for a second, and that it is free again.
 class LockWatch {
  public:
   /// The queues outlive the watch.

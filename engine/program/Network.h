@@ -26,8 +26,8 @@ class Pages {
 std::unique_ptr<Pages> servePages(const std::string& address, int port, const EngineView& view,
                                   std::string* why);
 
-/// Sends traces.  Adds its own counters to the view.  Null, with a sentence in why, when that cannot
-/// be.
+/// Sends traces.  Adds its own counters to the view.  Null, with a sentence in why, when that
+/// cannot be.
 std::unique_ptr<SpanExporter> sendTraces(const OtlpSettings& settings, EngineView* view,
                                          std::string* why);
 

@@ -165,7 +165,8 @@ std::shared_ptr<const ShownClass> RecentTransactions::classOf(const ClassInfo& i
   return made;
 }
 
-/// Only the last and the slow ones refer to classes, and there are less of them than of classes then.
+/// Only the last and the slow ones refer to classes, and there are less of them than of classes
+/// then.
 void RecentTransactions::forgetUnused() {
   for (auto at = classes_.begin(); at != classes_.end();) {
     at = at->second.use_count() == 1 ? classes_.erase(at) : std::next(at);

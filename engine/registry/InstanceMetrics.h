@@ -32,8 +32,8 @@ class MetricBinding {
   bool has_counters_ = false;
 };
 
-/// The user metrics of open instances.  A gauge shows its last value; a counter has counted its last
-/// value less the first.  One thread.  Blocks are format-1 blocks, null without one.
+/// The user metrics of open instances.  A gauge shows its last value; a counter has counted its
+/// last value less the first.  One thread.  Blocks are format-1 blocks, null without one.
 class InstanceMetrics {
  public:
   void start(int32_t handle, const MetricBinding& of, const uint8_t* block);

@@ -95,7 +95,8 @@ class Registry {
   std::vector<int32_t> openOf(int32_t process, uint64_t seen_before) const {
     return instances_.of(process, seen_before);
   }
-  /// Marks the applications of a process that has ended; they go when they are not used for a while.
+  /// Marks the applications of a process that has ended; they go when they are not used for a
+  /// while.
   void processEnded(int32_t process);
   /// Drops what nobody has used for the time of the settings.
   ///   now  seconds of a steady clock; also what is used from now on is used then

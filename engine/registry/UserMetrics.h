@@ -43,8 +43,8 @@ struct MetricDescription {
 
 using MetricDescriptions = std::array<MetricDescription, METRIC_SLOTS>;
 
-/// Reads a format-101 block.  Lenient: what cannot be described is left out, and a block whose flags
-/// name no slot at all is taken to describe every slot that has a type and a name.
+/// Reads a format-101 block.  Lenient: what cannot be described is left out, and a block whose
+/// flags name no slot at all is taken to describe every slot that has a type and a name.
 MetricDescriptions readDescriptions(const uint8_t (&block)[ARM_FORMAT101_SIZE]);
 
 /// A value of a described slot.

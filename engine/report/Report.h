@@ -12,8 +12,8 @@ namespace armengine {
 /// "93.1 ms", "2.05 s", "4 min 07 s".
 std::string readableTime(uint64_t nanoseconds);
 
-/// The table of transaction classes, and the largest parent drawn with its first children: among the
-/// open transactions and those that have finished last.  Ends in a newline.
+/// The table of transaction classes, and the largest parent drawn with its first children: among
+/// the open transactions and those that have finished last.  Ends in a newline.
 std::string makeReport(const Registry& registry, const RecentTransactions& recent);
 
 }  // namespace armengine

@@ -12,8 +12,8 @@ void useLocale();
 /// Columns that a UTF-8 text takes in a terminal.
 std::size_t columnsOf(const std::string& utf8);
 
-/// A text for a terminal: control characters and broken UTF-8, which any program may have put there,
-/// become '?', and what passes the limit (in columns, at least 4) is cut to end in "...".
+/// A text for a terminal: control characters and broken UTF-8, which any program may have put
+/// there, become '?', and what passes the limit (in columns, at least 4) is cut to end in "...".
 std::string printable(const std::string& utf8, std::size_t limit);
 
 /// A table with two blanks between its columns.  The first row is the heading.
