@@ -31,6 +31,11 @@ function(arm_unity)
   endif()
 endfunction()
 
+# Sources that read a command line once: the library for that takes half a minute to be optimised.
+function(arm_read_once)
+  set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS -O0 SKIP_UNITY_BUILD_INCLUSION ON)
+endfunction()
+
 find_package(Threads REQUIRED)
 
 # ---- sanitizers ---------------------------------------------------------------------------------

@@ -62,5 +62,7 @@ if(NOT ARM_SANITIZE)
     LIBS arm arm_call_test SOURCES stack_test.cpp)
 endif()
 
-arm_test(NAME test_limits LABELS reliability TIMEOUT 120 CHECK_IPC DEPENDS scripted_engine armengine
-  LIBS arm arm_call_test SOURCES limits_test.cpp)
+if(TARGET armengine)
+  arm_test(NAME test_limits LABELS reliability TIMEOUT 120 CHECK_IPC
+    DEPENDS scripted_engine armengine LIBS arm arm_call_test SOURCES limits_test.cpp)
+endif()

@@ -1,8 +1,9 @@
 # Configuring and building the presets.
 
 SANITIZER_PRESETS="amd64-tsan i386-asan amd64-asan"
+WHOLE_PRESETS="i386-asan-whole amd64-asan-whole amd64-tsan-whole"
 CLANG_PRESETS="i386-clang amd64-clang"
-ALL_PRESETS="i386 amd64 $SANITIZER_PRESETS $CLANG_PRESETS"
+ALL_PRESETS="i386 amd64 $SANITIZER_PRESETS $CLANG_PRESETS $WHOLE_PRESETS"
 
 # What a preset needs beyond BUILD_PACKAGES.
 need_preset() { # PRESET

@@ -1,6 +1,7 @@
 # './run fuzz' and './run verify': what hostile data and every interleaving may do.
 
 FUZZ_PRESETS="amd64-fuzz i386-fuzz"
+FUZZ_ROUND_PRESETS="amd64-fuzz"
 FUZZ_TARGETS="properties names conversion trace reply_reader request_writer racing calls"
 FUZZ_SECONDS=30
 VERIFY_FUZZ_SECONDS=20
@@ -62,7 +63,7 @@ report_fuzzer() { # PRESET TARGET STATUS
     [ "$finding" = none ]
 }
 
-fuzz_both_widths() { # TARGET FUZZER-ARGUMENT...
+fuzz_all_widths() { # TARGET FUZZER-ARGUMENT...
     name=$1
     bad=0
     for preset in $FUZZ_PRESETS; do
@@ -79,7 +80,7 @@ fuzz_both_widths() { # TARGET FUZZER-ARGUMENT...
     return $bad
 }
 
-# The inputs of both widths together, as docs/reliability.md quotes them.
+# The inputs of all widths together, as docs/reliability.md quotes them.
 INPUTS=0
 add_inputs() { # TARGET
     both=0
@@ -97,19 +98,22 @@ fuzz() { # [SECONDS]
     build_fuzzers || return
     findings=0
     for target in $FUZZ_TARGETS; do
-        fuzz_both_widths "$target" -max_total_time="$seconds" || findings=1
+        fuzz_all_widths "$target" -max_total_time="$seconds" || findings=1
     done
     [ "$findings" -eq 0 ]
 }
 
-# The same inputs each time, about half a minute once built.
+# The same inputs each time, half a minute once built; the other width is for 'verify'.
 fuzz_round() {
-    build_fuzzers || return
-    findings=0
-    for round in $FUZZ_ROUND; do
-        fuzz_both_widths "${round%:*}" -runs="${round#*:}" -seed=1 || findings=1
-    done
-    [ "$findings" -eq 0 ]
+    (
+        FUZZ_PRESETS=$FUZZ_ROUND_PRESETS
+        build_fuzzers || exit
+        findings=0
+        for round in $FUZZ_ROUND; do
+            fuzz_all_widths "${round%:*}" -runs="${round#*:}" -seed=1 || findings=1
+        done
+        [ "$findings" -eq 0 ]
+    )
 }
 
 # ---- model --------------------------------------------------------------------------------------
@@ -125,22 +129,33 @@ model_round() {
 
 # ---- all of it ----------------------------------------------------------------------------------
 
-timed() { # COMMAND...
-    begin=$(date +%s)
-    "$@"
-    outcome=$?
-    echo "took $(($(date +%s) - begin)) s"
-    return $outcome
+# Each sanitizer's tree with all tests, the other width's programs among them: './run test' leaves out what
+# the other trees find as well.
+verify_sanitizers() {
+    need_packages $BUILD_PACKAGES
+    need_test_tools
+    need_sysroot
+    bad=0
+    for preset in $WHOLE_PRESETS; do
+        build_quietly "$preset" || die "the tests of $preset do not build: see $LOG"
+    done
+    for preset in $WHOLE_PRESETS; do
+        ctest --test-dir "build/$preset" -j $((JOBS * 2)) --output-on-failure --no-label-summary \
+            >"build/logs/whole-$preset.log" 2>&1 || bad=1
+        grep -E '(Failed|Timeout)\)|% tests passed' "build/logs/whole-$preset.log" | sed "s/^/$preset: /"
+    done
+    return $bad
 }
 
 verify() {
     mkdir -p build/logs
-    check "fuzzers, $VERIFY_FUZZ_SECONDS seconds each" timed fuzz "$VERIFY_FUZZ_SECONDS"
-    check "protocol model" timed verify_model
-    check "random scripts, library and model" timed verify_differential
-    check "killed clients and engines" timed verify_kills
-    check "soak, $SOAK_CALLS calls" timed verify_soak
-    check "hostile memory, forks, loading, signals, stacks, limits" timed verify_faults
+    check "fuzzers, $VERIFY_FUZZ_SECONDS seconds each" fuzz "$VERIFY_FUZZ_SECONDS"
+    check "protocol model" verify_model
+    check "random scripts, library and model" verify_differential
+    check "killed clients and engines" verify_kills
+    check "soak, $SOAK_CALLS calls" verify_soak
+    check "hostile memory, forks, loading, signals, stacks, limits" verify_faults
+    check "sanitizers, all tests" verify_sanitizers
     echo "$PASSED passed, $FAILED failed"
     [ "$FAILED" -eq 0 ]
 }

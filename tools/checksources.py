@@ -1,0 +1,63 @@
+"""Runs a checking command over the sources of a build tree, as many at a time as there are processors.
+
+usage: checksources.py BUILD-DIR tidy | syntax
+
+tidy    clang-tidy, with the .clang-tidy nearest to each source, or to its copy in the build tree
+syntax  the tree's own compiler, for its warnings only: no code is made
+
+Nothing is printed of sources without findings.  The exit status is 1 when there were any.
+"""
+
+import json
+import os
+import re
+import subprocess
+import sys
+from concurrent.futures import ThreadPoolExecutor
+
+
+def commands(build_dir):
+    """The compile commands of this project's sources, the longest first."""
+    with open(os.path.join(build_dir, "compile_commands.json"), encoding="utf-8") as file:
+        entries = json.load(file)
+    own = [entry for entry in entries if "/googletest/" not in entry["file"]]
+    return sorted(own, key=lambda entry: -size(entry["file"]))
+
+
+def size(path):
+    """Bytes of a source with what it includes by name: a unity source names its parts."""
+    with open(path, encoding="utf-8") as file:
+        parts = re.findall(r'^#include "(/[^"]+)"', file.read(), re.M)
+    return os.path.getsize(path) + sum(os.path.getsize(part) for part in parts)
+
+
+def tidy(build_dir, entry):
+    return ["clang-tidy", "--quiet", "-p", build_dir, entry["file"]]
+
+
+def syntax(_, entry):
+    command = re.sub(r" -o \S+ -c ", " -fsyntax-only ", entry["command"])
+    return ["sh", "-c", command]
+
+
+def run(command, directory):
+    done = subprocess.run(command, cwd=directory, capture_output=True, text=True, check=False)
+    # clang-tidy counts on standard error what it has suppressed.
+    text = done.stdout + (done.stderr if done.returncode else "")
+    return done.returncode == 0, text
+
+
+def main():
+    build_dir, what = os.path.abspath(sys.argv[1]), {"tidy": tidy, "syntax": syntax}[sys.argv[2]]
+    entries = commands(build_dir)
+    if not entries:
+        sys.exit(f"checksources.py: {build_dir} has no sources")
+    with ThreadPoolExecutor(os.cpu_count()) as pool:
+        results = list(pool.map(lambda e: run(what(build_dir, e), e["directory"]), entries))
+    for good, text in results:
+        if not good:
+            print(text)
+    sys.exit(0 if all(good for good, _ in results) else 1)
+
+
+main()
