@@ -27,14 +27,17 @@ std::size_t lengthOf(char* const* list) {
   return length;
 }
 
-/// A copy with one entry more; null without memory.
-char** longer(char* const* list, std::size_t length, char* setting) {
-  auto* copy = static_cast<char**>(std::malloc((length + 2) * sizeof(char*)));
-  if (copy == nullptr) return nullptr;
+char** environment() {
+  return __atomic_load_n(&environ, __ATOMIC_ACQUIRE);
+}
+
+/// Fills a copy with one entry more; false when the list has been replaced, and is maybe gone.
+bool fill(char** copy, char* const* list, std::size_t length, char* setting) {
+  if (environment() != list) return false;
   if (length > 0) std::memcpy(copy, list, length * sizeof(char*));
   copy[length] = setting;
   copy[length + 1] = nullptr;
-  return copy;
+  return true;
 }
 
 bool publish(char** before, char** after) {
@@ -45,7 +48,7 @@ bool publish(char** before, char** after) {
 /// Whether a list has been changed since it was copied; only while the copy is the environment,
 /// since the list may be gone when it is not.
 bool changedMeanwhile(char* const* list, std::size_t length, char* const* copy) {
-  if (list == nullptr || __atomic_load_n(&environ, __ATOMIC_ACQUIRE) != copy) return false;
+  if (list == nullptr || environment() != copy) return false;
   return std::memcmp(list, copy, length * sizeof(char*)) != 0 || list[length] != nullptr;
 }
 
@@ -53,12 +56,12 @@ bool changedMeanwhile(char* const* list, std::size_t length, char* const* copy) 
 
 bool putIntoEnvironment(char* setting) {
   for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
-    char** const before = __atomic_load_n(&environ, __ATOMIC_ACQUIRE);
+    char** const before = environment();
     if (hasEntry(before, setting)) break;
     const std::size_t length = lengthOf(before);
-    char** const after = longer(before, length, setting);
+    auto* const after = static_cast<char**>(std::malloc((length + 2) * sizeof(char*)));
     if (after == nullptr) return false;
-    if (!publish(before, after)) {
+    if (!fill(after, before, length, setting) || !publish(before, after)) {
       std::free(after);
       continue;
     }

@@ -829,20 +829,24 @@ class DeadEngine : public Connection {
     hooks::onUsleep = [this](useconds_t) { ++naps; };
   }
 
-  /// The engine dies when the next call has posted its request and is about to wait.
+  /// The engine dies when this thread's next call has posted its request and is about to wait.
   void dieBeforeTheNextWait() {
-    hooks::onLock = [this](CkesMutex* mutex) {
+    const auto isCaller = [caller = std::this_thread::get_id()] {
+      return std::this_thread::get_id() == caller;
+    };
+    hooks::onLock = [this, isCaller](CkesMutex* mutex) {
+      if (!isCaller()) return;
       if (mutex == &IsClosingMutex) ++gates;
       if (mutex != &InQueueMutex) return;
       requests->creatorDies();
       replies->creatorDies();
     };
-    hooks::onSemop = [this](int, const sembuf*, size_t) {
-      ++semops;
+    hooks::onSemop = [this, isCaller](int, const sembuf*, size_t) {
+      if (isCaller()) ++semops;
       return hooks::kRunIt;
     };
-    hooks::onSemctl = [this](int, int, int command) {
-      if (command == GETVAL) ++looks;
+    hooks::onSemctl = [this, isCaller](int, int, int command) {
+      if (isCaller() && command == GETVAL) ++looks;
       return 0;
     };
   }
@@ -872,13 +876,10 @@ TEST_F(DeadEngine, WritesNothingIntoTheTraceOfASilentCall) {
 }
 
 TEST_F(DeadEngine, DoesNotMakeTheCallWaitForOtherThreads) {
-  std::future<Bytes> got = startGet();
   dieBeforeTheNextWait();
+  std::future<Bytes> got = startGet();
   EXPECT_EQ(-2, callOnce());
   EXPECT_EQ(0, naps);
-  hooks::onLock = nullptr;
-  hooks::onSemop = nullptr;
-  hooks::onSemctl = nullptr;
   replies->reply(0, replyRecord(82));
   EXPECT_EQ(replyRecord(82), got.get());
 }
