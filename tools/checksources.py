@@ -1,6 +1,8 @@
 """Runs a checking command over the sources of a build tree, as many at a time as there are processors.
 
-usage: checksources.py BUILD-DIR tidy | syntax
+usage: checksources.py BUILD-DIR tidy | syntax FOLDER...
+
+FOLDER  of the project, whose sources are checked, also where the build puts them together
 
 tidy    clang-tidy, with the .clang-tidy nearest to each source, or to its copy in the build tree
 syntax  the tree's own compiler, for its warnings only: no code is made
@@ -16,11 +18,14 @@ import sys
 from concurrent.futures import ThreadPoolExecutor
 
 
-def commands(build_dir):
-    """The compile commands of this project's sources, the longest first."""
+def commands(build_dir, folders):
+    """The compile commands of the folders' sources, the longest first."""
     with open(os.path.join(build_dir, "compile_commands.json"), encoding="utf-8") as file:
         entries = json.load(file)
-    own = [entry for entry in entries if "/googletest/" not in entry["file"]]
+    source_dir = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+    below = tuple(os.path.join(top, f, "") for top in (source_dir, build_dir) for f in folders)
+    # What is not there is made by a build.
+    own = [e for e in entries if e["file"].startswith(below) and os.path.exists(e["file"])]
     return sorted(own, key=lambda entry: -size(entry["file"]))
 
 
@@ -49,7 +54,7 @@ def run(command, directory):
 
 def main():
     build_dir, what = os.path.abspath(sys.argv[1]), {"tidy": tidy, "syntax": syntax}[sys.argv[2]]
-    entries = commands(build_dir)
+    entries = commands(build_dir, sys.argv[3:])
     if not entries:
         sys.exit(f"checksources.py: {build_dir} has no sources")
     with ThreadPoolExecutor(os.cpu_count()) as pool:

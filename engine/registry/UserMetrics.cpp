@@ -98,8 +98,9 @@ double MetricValue::number() const {
 
 // Counters and ids have no sign, so that one that passes half of its range goes on; gauges have.
 MetricValue readMetric(const uint8_t* block, std::size_t slot, MetricType type) {
-  constexpr std::size_t FLAGS_AT = offsetof(arm_user_data1_t, flags);
-  if (read<int32_t>(block) != ARM_DATA_FORMAT_1 || !isNamed(block[FLAGS_AT + 1], slot)) return {};
+  constexpr std::size_t DATA_FLAGS_AT = offsetof(arm_user_data1_t, flags);
+  if (read<int32_t>(block) != ARM_DATA_FORMAT_1 || !isNamed(block[DATA_FLAGS_AT + 1], slot))
+    return {};
   const uint8_t* bytes = block + offsetof(arm_user_data1_t, metric) + slot * sizeof(arm_metric_t);
   switch (type) {
     case MetricType::counter32:

@@ -19,6 +19,12 @@ configure_preset() { # PRESET
     [ -e "build/$1/build.ninja" ] || cmake --preset "$1"
 }
 
+configure_quietly() { # PRESET
+    configure_preset "$1" >"build/logs/build-$1.log" 2>&1 && return 0
+    echo "run: $1 cannot be configured: see build/logs/build-$1.log" >&2
+    return 1
+}
+
 build_preset() { # PRESET [TARGET]
     configure_preset "$1" && cmake --build "build/$1" -j "$JOBS" ${2:+--target "$2"}
 }
