@@ -87,7 +87,8 @@ class CIPCSimpleQueue {
 
   static constexpr const char* PUT = "CIPCSimpleQueue<T>::Put()";
   static constexpr const char* PRIVATE_PUT = "CIPCSimpleQueue<T>::PrivatePut()";
-  /// Deliberate (other-queues-name): the name of the other queue's class.  Readers of error trails know it so.
+  /// Deliberate (other-queues-name): the name of the other queue's class.  Readers of error trails
+  /// know it so.
   static constexpr const char* CHECK_OVERFLOW = "CIPCQueue::CheckOverflow()";
   static constexpr const char* SET_STATE = "CIPCSimpleQueue<T>::SetState()";
   static constexpr const char* CLEANUP = "CIPCSimpleQueue<T>::Cleanup()";
@@ -150,13 +151,14 @@ bool CIPCSimpleQueue<T>::open(const char* name) {
     traceText("CIPCSimpleQueue Failed on the shared memory\n");
     return false;
   }
-  // An engine that has come up meanwhile: with the semaphores of the one before it, posts would wake
-  // nobody, and draining would never end.
+  // An engine that has come up meanwhile: with the semaphores of the one before it, posts would
+  // wake nobody, and draining would never end.
   if (!VOverflowSem->IsThere() || !VEmptySem->IsThere()) {
     traceText("CIPCSimpleQueue Failed on replaced semaphores\n");
     return false;
   }
-  // Deliberate (version-first): written by every opener, without the lock and before the state is looked at.
+  // Deliberate (version-first): written by every opener, without the lock and before the state is
+  // looked at.
   storeShared(VHeader->arm_version, ARM_QUEUE_VERSION);
   if (state() != QUEUE_STATE_RUNNING) {
     traceText("CIPCSimpleQueue VQueueState is bad\n");
@@ -170,7 +172,8 @@ bool CIPCSimpleQueue<T>::openSegment(const char* name) {
   VSharedMemory = new (std::nothrow) CkesSharedMemory(name, false);
   if (VSharedMemory == nullptr) return false;
   const long result = VSharedMemory->GetInitResult();
-  // Deliberate (dead-creator-opens): a dead creator does not keep the queue from opening; it shows in CreatorAlive.
+  // Deliberate (dead-creator-opens): a dead creator does not keep the queue from opening; it shows
+  // in CreatorAlive.
   if (result != 0 && result != CkesSharedMemory::ERR_CREATOR_GONE) return false;
   if (VSharedMemory->GetSize() < sizeof(TRequestQueueHeader)) return false;
   auto* start = static_cast<uint8_t*>(VSharedMemory->GetAddress());
@@ -235,8 +238,8 @@ bool CIPCSimpleQueue<T>::isDamaged(TRingPosition ring) const {
 
 /// Copies the record into its slot, moves the position and wakes whom that concerns; false when the
 /// segment holds what cannot be.  One store: a writer that is killed leaves a
-/// record that counts, or none.  A tail that has moved without the count would make the next writer's
-/// record one that nobody reads.
+/// record that counts, or none.  A tail that has moved without the count would make the next
+/// writer's record one that nobody reads.
 template <typename T>
 bool CIPCSimpleQueue<T>::place(const T& message, std::size_t used, bool front) {
   const TRingPosition ring = position();
@@ -296,8 +299,8 @@ long CIPCSimpleQueue<T>::CheckOverflow(bool wait) {
   long result = 0;
   bool waited = false;
   bool unlocked = false;
-  // Deliberate (unlocked-count): the second and later tests of the count, and the counting of a further pass, are made without
-  // the lock.
+  // Deliberate (unlocked-count): the second and later tests of the count, and the counting of a
+  // further pass, are made without the lock.
   while (count() == VCapacity) {
     if (!wait) {
       result = CkesErrorManager::Record(ERR_FULL, CHECK_OVERFLOW);
@@ -332,8 +335,8 @@ long CIPCSimpleQueue<T>::CheckOverflow(bool wait) {
       (void)CkesErrorManager::Record(result, CHECK_OVERFLOW);
     }
   }
-  // Deliberate (lowered-once): lowered once, however many passes were made; every further pass leaves it one too
-  // high.
+  // Deliberate (lowered-once): lowered once, however many passes were made; every further pass
+  // leaves it one too high.
   if (waited) storeShared(VHeader->overflow_waiters, loadShared(VHeader->overflow_waiters) - 1U);
   return result;
 }

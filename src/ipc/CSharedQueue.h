@@ -28,8 +28,8 @@ class CSharedQueue final : public Queue {
     if (last) delete this;
   }
 
-  /// The engine that the connection was opened to when it opened this queue.  Set before the queue is
-  /// shared.
+  /// The engine that the connection was opened to when it opened this queue.  Set before the queue
+  /// is shared.
   void SetEngine(int engine) { VEngine = engine; }
   int Engine() const { return VEngine; }
 

@@ -6,8 +6,9 @@
 #include "arm/TArmReplyMessage.h"
 
 /// Header of the reply queue's segment; n head records and n items follow it.  Every field is read
-/// and written under the segment's lock, but for the state, which is also read without it.  All links are offsets from the start of the segment,
-/// since each process maps it at an address of its own.
+/// and written under the segment's lock, but for the state, which is also read without it.  All
+/// links are offsets from the start of the segment, since each process maps it at an address of its
+/// own.
 ///
 /// | offset   | size    | field         | meaning                                              |
 /// |----------|---------|---------------|------------------------------------------------------|

@@ -6,8 +6,9 @@
 #include "arm/TArmMessage.h"
 
 /// Header of the request queue's segment; a ring of record slots follows it.  Records and indexes
-/// are changed under the segment's lock only.  Without it: an opener writes arm_version and reads the
-/// state and ready_for_io, and a writer that waits for room tests count and raises overflow_waiters.
+/// are changed under the segment's lock only.  Without it: an opener writes arm_version and reads
+/// the state and ready_for_io, and a writer that waits for room tests count and raises
+/// overflow_waiters.
 ///
 /// | offset | size     | field            | meaning                                         |
 /// |--------|----------|------------------|-------------------------------------------------|

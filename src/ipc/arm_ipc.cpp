@@ -232,8 +232,8 @@ bool IsEngineAlive() {
   passEntryGate();
   CSharedQueue<TRequestQueue>* queue = enter(OutQueueMutex, OutQueueCount, OutQueue);
   const bool alive = engineIsUsable(queue);
-  // Deliberate (count-goes-up): the count goes up, not down, on the way out.  CloseIPC therefore never sees the
-  // request queue idle again.
+  // Deliberate (count-goes-up): the count goes up, not down, on the way out.  CloseIPC therefore
+  // never sees the request queue idle again.
   leave(OutQueueMutex, OutQueueCount, +1, queue);
   return alive;
 }

@@ -57,8 +57,8 @@ long IPCPostToEngine(const TArmMessage& msg, std::size_t used = sizeof(TArmMessa
 bool IPCIsOpenTo(int engine);
 
 /// Waits, without a time limit, for the next reply addressed to the calling thread, or to id.  0,
-/// -2 (no queue, its creator is dead, or the connection has been opened to another engine than the one
-/// given) or -9.
+/// -2 (no queue, its creator is dead, or the connection has been opened to another engine than the
+/// one given) or -9.
 ///   closed  set when there is no queue, or only one of another engine; may be null
 long IPCGetFromEngine(TArmReplyMessage& reply);
 long IPCGetFromEngine(TArmReplyMessage& reply, _TIPCIdentifier id, int engine = ANY_ENGINE,

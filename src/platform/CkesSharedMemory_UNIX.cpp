@@ -211,8 +211,8 @@ bool CkesSharedMemory::createSegment(const char* path, unsigned long size) {
     }
     return false;
   }
-  // Deliberate (no-ipc-excl): without IPC_EXCL, although the text below names it; a segment that is large enough
-  // is reused.
+  // Deliberate (no-ipc-excl): without IPC_EXCL, although the text below names it; a segment that is
+  // large enough is reused.
   VMemory = shmget(key, size, ACCESS | IPC_CREAT);
   if (VMemory == -1) {
     if (VDebugRun) {
@@ -267,7 +267,8 @@ long CkesSharedMemory::implLock() {
 
 long CkesSharedMemory::implUnlock() {
   lockGivenUp(VAddress);
-  // Deliberate (unlock-once): never blocks and is never repeated; a lock that is free fails at once.
+  // Deliberate (unlock-once): never blocks and is never repeated; a lock that is free fails at
+  // once.
   sembuf unlock = {LOCK, -1, IPC_NOWAIT | SEM_UNDO};
   return semop(VSemaphore, &unlock, 1) < 0 ? ERR_UNLOCK : 0;
 }
