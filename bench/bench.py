@@ -7,6 +7,7 @@ BENCH_QUICK in the environment makes everything run a few times only, to see tha
 then go to build/bench/quick.
 """
 
+import contextlib
 import datetime
 import http.server
 import json
@@ -87,8 +88,8 @@ def heads():
                    "bare client that scans, last of 16000"])
     for width in WIDTHS:
         costs = {16: [], 16000: [], "scan": []}
-        with Engine(width, "--heads", 16, "--remember", prefix="few"), \
-             Engine(width, "--heads", 16000, "--remember", prefix="many"):
+        with Engine(width, "--requesters", 16, prefix="few"), \
+             Engine(width, "--requesters", 16000, prefix="many"):
             for _ in range(times(9)):
                 for count, prefix in ((16, "few"), (16000, "many")):
                     got = client(width, "heads", "--fill", count - 1, "--calls", times(2000, 200),
@@ -103,16 +104,6 @@ def heads():
 
 
 # ---- the engine ----------------------------------------------------------------------------------
-
-HABITS = {
-    "one at a time, raised under the lock": ["--batch", 1, "--raise", "locked"],
-    "one at a time, raised after the unlock": ["--batch", 1, "--raise", "after"],
-    "up to 64 at once, raised under the lock": ["--batch", 64, "--raise", "locked"],
-    "up to 64 at once, raised one by one after it": ["--batch", 64, "--raise", "after"],
-    "up to 64 at once, raised together after it": ["--batch", 64, "--raise", "together"],
-}
-PLAIN_HABITS = next(iter(HABITS))
-
 
 def engine_costs(width, engines, threads, rounds):
     """Client's elapsed and CPU time and the engine's CPU time per call, engine by engine."""
@@ -131,30 +122,21 @@ def engine_costs(width, engines, threads, rounds):
 
 
 def engine():
-    """Engines with different habits, and the reference engine, with 64 callers."""
-    table = Table("Engines with 64 calling threads, one processor, 64-bit",
-                  ["engine", "heads", "us per call", "calls/s, times the first", "client CPU us",
-                   "engine CPU us", "engine memory, KB"])
-    width = "64-bit"
-    for count in (1000, 31998):
-        engines = {}
-        for index, (name, habits) in enumerate(HABITS.items()):
-            engines[name] = Engine(width, "--heads", count, *habits, prefix="h%d" % index)
-        engines["armengine"] = Engine(width, "--requesters", count, "--requests", 1000,
-                                      name="armengine", prefix="a")
-        try:
-            for each in engines.values():
-                each.__enter__()
-            costs = engine_costs(width, engines, 64, times(7))
-            for name, cost in costs.items():
-                table.add(name, count, number(median(cost["elapsed"])),
-                          number(ratio(costs[PLAIN_HABITS]["elapsed"], cost["elapsed"])),
-                          number(median(cost["client"])), number(median(cost["engine"])),
-                          engines[name].memory()["rss"])
-            table.data[str(count)] = costs
-        finally:
-            for each in engines.values():
-                each.__exit__()
+    """The engine with 64 callers, with few head records and with as many as there may be."""
+    table = Table("The engine with 64 calling threads, one processor, 64-bit",
+                  ["heads", "us per call", "client CPU us", "engine CPU us",
+                   "engine memory, KB"])
+    counts = (1000, 31998)
+    with contextlib.ExitStack() as stack:
+        engines = {count: stack.enter_context(
+            Engine("64-bit", "--requesters", count, "--requests", 1000, prefix="h%d" % count))
+            for count in counts}
+        costs = engine_costs("64-bit", engines, 64, times(7))
+        for count in counts:
+            table.add(count, *[number(median(costs[count][kind]))
+                               for kind in ("elapsed", "client", "engine")],
+                      engines[count].memory()["rss"])
+            table.data[str(count)] = costs[count]
     return table
 
 
@@ -206,8 +188,8 @@ def outputs():
     on = ["--listen", "0", "--otlp-file", "/tmp/traces", "--events", "/tmp/events"]
     with Receiver() as receiver:
         for place in ("another processor", "the same processor"):
-            with Engine("64-bit", name="armengine", prefix="off") as plain, \
-                 Engine("64-bit", *on, "--otlp", receiver.url(), name="armengine",
+            with Engine("64-bit", prefix="off") as plain, \
+                 Engine("64-bit", *on, "--otlp", receiver.url(),
                         prefix="on") as full:
                 if place == "another processor":
                     full.move_other_threads()
@@ -227,14 +209,15 @@ def outputs():
                     table.data["%s, %d" % (place, threads)] = columns
             for name in ("/tmp/traces", "/tmp/events"):
                 os.remove(name)
-    table.notes.append("Callers without any pause. On: the page and metrics, events to a file, traces "
-                       "to a file and to a receiver by HTTP. CPU is that of all the engine's threads.")
+    table.notes.append("Callers without any pause. On: the page and metrics, events to a file, "
+                       "traces to a file and to a receiver by HTTP. CPU is that of all the "
+                       "engine's threads.")
     return table
 
 
 def holding(kind, count, options):
     """Kilobytes of an engine while a program holds so many of a kind."""
-    with Engine("64-bit", *options, name="armengine") as engine:
+    with Engine("64-bit", *options) as engine:
         process = subprocess.Popen(
             [program("64-bit", "bench_client"), "hold", "--calls", str(count), kind],
             env=environment(), preexec_fn=pin, text=True, stdin=subprocess.PIPE,
@@ -261,8 +244,8 @@ def memory():
             row[kind] = (held[1] - held[0]) * 1024 / (many - few)
         table.add(name, *[number(value, 0) for value in row.values()])
         table.data[name] = row
-    table.notes.append("The difference of %d and %d of a kind. On: the page and metrics, traces and "
-                       "events." % (many, few))
+    table.notes.append("The difference of %d and %d of a kind. On: the page and metrics, traces "
+                       "and events." % (many, few))
     return table
 
 
@@ -336,7 +319,7 @@ def growth():
     width = "64-bit"
     counts = [1, 2, 4, 8, 16, 32, 64, 128, 256]
     got = {kind: {count: [] for count in counts} for kind in ("threads", "processes")}
-    with Engine(width, name="armengine"):
+    with Engine(width):
         for _ in range(times(5)):
             for kind, by_count in got.items():
                 for count, results in by_count.items():
@@ -526,8 +509,8 @@ def size():
 
 # ---- report --------------------------------------------------------------------------------------
 
-TABLES = {f.__name__: f for f in (instructions, floor, heads, engine, outputs, memory, peers, growth,
-                                  costs, share, size)}
+TABLES = {f.__name__: f for f in (instructions, floor, heads, engine, outputs, memory, peers,
+                                  growth, costs, share, size)}
 
 
 def first_line(command):

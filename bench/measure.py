@@ -53,8 +53,8 @@ def client(width, *arguments, prefix=None, **env):
 class Engine:
     """An engine on the processor, from a with statement's beginning to its end."""
 
-    def __init__(self, width, *arguments, name="bench_engine", prefix=None):
-        self.command = [program(width, name)] + [str(a) for a in arguments]
+    def __init__(self, width, *arguments, prefix=None):
+        self.command = [program(width, "armengine")] + [str(a) for a in arguments]
         self.env = environment(prefix)
         self.prefix = prefix
         self.process = None

@@ -56,34 +56,25 @@ plot $threads using 1:3 with linespoints lw 2 title "threads, median", \\
 
 
 def bars(rows, path, label, begin, end, margin):
-    """Horizontal bars, the first at the top; an axis that begins above 0 is logarithmic."""
+    """Horizontal bars on a logarithmic axis, the first at the top."""
     data = [[quoted(name), value, len(rows) - index] for index, (name, value) in enumerate(rows)]
     gnuplot(block("bars", data) + """set output "%s"
 set xlabel "%s"
 unset key
 set grid noytics xtics lc rgb "#dddddd"
-%s
+set logscale x
 set xrange [%g:%g]
 set yrange [0.4:%d.6]
 set style fill solid 0.7
 set lmargin %d
 plot $bars using 2:3:(%g):2:($3-0.35):($3+0.35):ytic(1) with boxxyerror lc rgb "#3a6ea5", \\
      $bars using 2:3:(sprintf("  %%.3g", $2)) with labels left
-""" % (path, label, "set logscale x" if begin > 0 else "", begin, end, len(rows), margin, begin))
+""" % (path, label, begin, end, len(rows), margin, begin))
 
 
 def plot_peers(table, directory):
     rows = [(name, median(values)) for name, values in table["data"].items()]
     bars(rows, os.path.join(directory, "peers.svg"), "microseconds per exchange", 0.001, 300, 34)
-
-
-def plot_engine(table, directory):
-    rows = []
-    for heads, costs in table["data"].items():
-        rows += [("%s (%s heads)" % (name, heads), median(cost["elapsed"]))
-                 for name, cost in costs.items()]
-    bars(rows, os.path.join(directory, "engine.svg"), "microseconds per call, 64 threads", 0,
-         1.15 * max(value for _, value in rows), 52)
 
 
 def plot_floor(table, directory):
@@ -101,7 +92,7 @@ plot $rows using 2:xtic(1) title "libarm", $rows using 3 title "bare client"
 """ % os.path.join(directory, "floor.svg"))
 
 
-PLOTS = {"growth": plot_growth, "peers": plot_peers, "engine": plot_engine, "floor": plot_floor}
+PLOTS = {"growth": plot_growth, "peers": plot_peers, "floor": plot_floor}
 
 
 def draw(results, directory=None):
