@@ -54,8 +54,8 @@ function(arm_test_program)
   target_link_libraries(${arg_NAME} PRIVATE ${arg_LIBS} arm_warnings Threads::Threads)
   # Compile time counts more than run time here.
   target_compile_options(${arg_NAME} PRIVATE -O0 -g1)
-  # What is looked for is the library's behaviour, not the tests'; memory is still watched here, since
-  # the library writes into theirs.
+  # What is looked for is the library's behaviour, not the tests'; memory is still watched here,
+  # since the library writes into theirs.
   if(ARM_SANITIZE MATCHES undefined)
     target_compile_options(${arg_NAME} PRIVATE -fno-sanitize=undefined)
   endif()

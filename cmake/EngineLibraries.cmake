@@ -1,6 +1,6 @@
 # The libraries of the engine program: header-only ones for either width, and with
-# ARM_ENGINE_OUTPUTS the interface target arm_outputs with those of its HTTP server and its sending of
-# traces.
+# ARM_ENGINE_OUTPUTS the interface target arm_outputs with those of its HTTP server and its sending
+# of traces.
 
 # The compiler finds the headers by itself: here they are only looked for.
 function(arm_need_header header package)

@@ -10,8 +10,8 @@ set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE RelWithDebInfo)
 endif()
-# Little debug information by itself, and none in the trees that only the compiler's warnings are for:
-# the sources are compiled seven times by './run test'.
+# Little debug information by itself, and none in the trees that only the compiler's warnings are
+# for: the sources are compiled seven times by './run test'.
 set(CMAKE_C_FLAGS_RELWITHDEBINFO "-O2 -g1")
 set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g1")
 set(CMAKE_C_FLAGS_DEBUG "-O0")
@@ -22,8 +22,8 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
 endif()
 
-# Whole targets compiled as one source take half the time. The clang trees keep every file by itself:
-# the lint reads them, and a file that lacks a header shows there.
+# Whole targets compiled as one source take half the time. The clang trees keep every file by
+# itself: the lint reads them, and a file that lacks a header shows there.
 option(ARM_UNITY "Compile tests, engine and programs with all sources of a target together" OFF)
 function(arm_unity)
   if(ARM_UNITY)

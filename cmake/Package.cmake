@@ -16,8 +16,8 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/armConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/armConfig.cmake ${PROJECT_BINARY_DIR}/armConfigVersion.cmake
         DESTINATION ${package_dir})
 
-# Relative, so that the installed tree may be moved; but the system's own directories must be named as
-# such, for pkg-config to leave them out.
+# Relative, so that the installed tree may be moved; but the system's own directories must be named
+# as such, for pkg-config to leave them out.
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
   set(package_prefix /usr)
 else()

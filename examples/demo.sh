@@ -3,10 +3,10 @@
 #
 #   demo.sh [--keep] [DIRECTORY]     the tree to read, /usr/include by default
 #
-# With --keep the engine goes on until Ctrl-C, to be looked at. ARM_BUILD_I386 and ARM_BUILD_AMD64 name
-# the build trees, ARM_DEMO_TRACES the file for the traces, and ARM_DEMO_LISTEN where the engine serves its
-# page, which only an engine with network outputs can. Uses the machine's queues: './run demo'
-# gives it namespaces of its own.
+# With --keep the engine goes on until Ctrl-C, to be looked at. ARM_BUILD_I386 and ARM_BUILD_AMD64
+# name the build trees, ARM_DEMO_TRACES the file for the traces, and ARM_DEMO_LISTEN where the
+# engine serves its page, which only an engine with network outputs can. Uses the machine's queues:
+# './run demo' gives it namespaces of its own.
 
 set -u
 keep=

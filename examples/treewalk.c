@@ -3,11 +3,11 @@
  *
  *     treewalk [--workers N] DIRECTORY
  *
- * The walk is one transaction.  Reading a file, counting its words and summing its bytes up are child
- * transactions of it, done by N worker processes.  The workers are this program again, started with
- * --worker: they read file names from standard input and find the correlator of their parent
- * transaction in the environment variable that arm_getCorrelatorKey names, as lower-case hexadecimal
- * text.
+ * The walk is one transaction.  Reading a file, counting its words and summing its bytes up are
+ * child transactions of it, done by N worker processes.  The workers are this program again,
+ * started with --worker: they read file names from standard input and find the correlator of their
+ * parent transaction in the environment variable that arm_getCorrelatorKey names, as lower-case
+ * hexadecimal text.
  *
  * Measuring never gets in the way of the work: without an engine the program does the same and says
  * once that it is not being measured.
@@ -47,8 +47,8 @@ struct worker {
 
 /* ---- measuring ------------------------------------------------------------------------------- */
 
-/* Calls this program's application by a name that tells a 32-bit and a 64-bit program apart when both
- * run at once.  A negative id may be handed on: calls with it do nothing and return a negative
+/* Calls this program's application by a name that tells a 32-bit and a 64-bit program apart when
+ * both run at once.  A negative id may be handed on: calls with it do nothing and return a negative
  * result, so that the program needs no other road without an engine. */
 static arm_int32_t begin_application(void) {
   char name[ARM_NAME_SIZE];

@@ -7,10 +7,10 @@
 /// The other processes of the machine, as the library meets them: everything they do happens at the
 /// library's own System V calls, on its own thread, so that an input always means the same.
 ///
-/// The linker leads the calls of library and engine (semop, semctl, shmat, shmdt) to Peer.cpp.  There
-/// a wait never sleeps: when it would, the peer acts until it no longer would.  Segments are attached
-/// with unmapped memory on both sides, and the rest of their last page is poisoned, so that an access
-/// beside a segment ends the process.
+/// The linker leads the calls of library and engine (semop, semctl, shmat, shmdt) to Peer.cpp.
+/// There a wait never sleeps: when it would, the peer acts until it no longer would.  Segments are
+/// attached with unmapped memory on both sides, and the rest of their last page is poisoned, so
+/// that an access beside a segment ends the process.
 class Peer {
  public:
   virtual ~Peer() = default;

@@ -5,8 +5,8 @@
 #include "HostileQueue.h"
 #include "Input.h"
 
-// The objects of both queues as an input wants them: as a living engine lays them out, or changed in
-// any way, or of sizes that no engine gives them.
+// The objects of both queues as an input wants them: as a living engine lays them out, or changed
+// in any way, or of sizes that no engine gives them.
 
 inline constexpr const char* REPLY_NAME = "/var/kelp/controls_ea.kelp";
 inline constexpr const char* REQUEST_NAME = "/var/kelp/controls_ae.kelp";

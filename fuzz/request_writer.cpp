@@ -1,5 +1,5 @@
-// The writer's end of the request queue on a segment and sets that anybody may have written: laid by
-// the input before the queue is opened, and changed at every System V call.
+// The writer's end of the request queue on a segment and sets that anybody may have written: laid
+// by the input before the queue is opened, and changed at every System V call.
 
 #include <set>
 #include <string>

@@ -30,8 +30,8 @@
  * answer to its own call; that wait has no time limit.
  *
  * Guest's manners.  No call throws, exits, changes errno or can be cancelled half-way.  Nothing is
- * printed, but for one line on standard output when tracing is asked for (ARMDEBUG in the environment)
- * and the trace file cannot be opened.
+ * printed, but for one line on standard output when tracing is asked for (ARMDEBUG in the
+ * environment) and the trace file cannot be opened.
  *
  * Strings end in a zero byte and are in the code set of the process's locale unless the application
  * names another one (SetExpectedCodeset in armext.h).

@@ -289,8 +289,8 @@ class metric_descriptions {
  public:
   metric_descriptions() noexcept : raw_{} { raw_.format = ARM_DATA_FORMAT_101; }
 
-  /// Gives a slot, 1 to 7, its type and a name of at most 43 bytes; the rest of a longer one is left
-  /// out.  Slot 7 takes string32 and the others take everything else.
+  /// Gives a slot, 1 to 7, its type and a name of at most 43 bytes; the rest of a longer one is
+  /// left out.  Slot 7 takes string32 and the others take everything else.
   template <int Slot, metric_type Type>
   metric_descriptions& describe(std::string_view name) noexcept {
     static_assert(Slot >= 1 && Slot <= 7, "metric slots are 1 to 7");
@@ -335,8 +335,8 @@ class application {
   /// Whether it is registered.
   explicit operator bool() const noexcept { return id_ > 0; }
 
-  /// Ends the application now; running transactions may still be stopped.  Returns arm_end's result,
-  /// or the negative id when there was nothing to end.
+  /// Ends the application now; running transactions may still be stopped.  Returns arm_end's
+  /// result, or the negative id when there was nothing to end.
   arm_int32_t end() noexcept {
     const arm_int32_t id = release();
     return id > 0 ? arm_end(id, 0, nullptr, 0) : id;
@@ -439,8 +439,8 @@ class transaction {
     return arm_update(handle_, 0, &block, sizeof block);
   }
 
-  /// Stops the transaction now, with the status that was set, else good.  Returns arm_stop's result,
-  /// or the negative handle of a transaction that does not run.
+  /// Stops the transaction now, with the status that was set, else good.  Returns arm_stop's
+  /// result, or the negative handle of a transaction that does not run.
   arm_int32_t stop() noexcept { return stop(set_or(arm::status::good)); }
   arm_int32_t stop(arm::status status) noexcept {
     const arm_int32_t handle = release();

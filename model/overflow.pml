@@ -1,7 +1,8 @@
-/* Writers that wait for room in the request queue.  libarm's own never do; the contract allows them.
+/* Writers that wait for room in the request queue.  libarm's own never do; the contract
+   allows them.
    A writer that has been woken tests the count without the lock, and counts itself as waiting once
-   more without the lock when the queue is full again; in the end it uncounts itself once.  Loads and
-   stores of the unlocked part are steps of their own. */
+   more without the lock when the queue is full again; in the end it uncounts itself once.  Loads
+   and stores of the unlocked part are steps of their own. */
 
 #ifndef WRITERS
 #define WRITERS 2

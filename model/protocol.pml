@@ -1,7 +1,7 @@
-/* The protocol between libarm and an engine: clients that post a request and wait for its reply, and
-   an engine that takes requests and puts replies.  Each statement is one step that others can come
-   between; what the kernel does in one system call is one atomic block.  README.md explains the
-   model; the macros below are set on the command line. */
+/* The protocol between libarm and an engine: clients that post a request and wait for its reply,
+   and an engine that takes requests and puts replies.  Each statement is one step that others can
+   come between; what the kernel does in one system call is one atomic block.  README.md explains
+   the model; the macros below are set on the command line. */
 
 #ifndef CLIENTS
 #define CLIENTS 2       /* processes of one thread each */
@@ -43,7 +43,7 @@
 #define BATCH 1         /* requests that the engine takes, and answers, under one lock each */
 #endif
 /* SPLIT_PUT        a writer advances the tail and raises the count with two stores instead of one
-   RAISE_LATE       the engine raises the semaphores after it has given the lock back, all in one call
+   RAISE_LATE       the engine raises the semaphores after it has given the lock back, in one call
    RAISE_FIRST_ONLY it raises that of the first reply of a batch only
    NO_UNDO          the kernel takes nothing back from a process that ends
    NO_TIME_LIMIT    the engine waits for requests without a limit
@@ -631,8 +631,8 @@ inline repairRing() {
 #define DELIVERABLE(one) (kept[one] != 0 && due[one] <= 1 && WAITS(SENDER(kept[one])))
 
 /* Of the replies that are kept, one for each requester, those whose requester waits are noted to be
-   due once what is in the ring has been served, and delivered when they are.  due[] is one more than
-   the number of requests to be served before, 0 when not noted. */
+   due once what is in the ring has been served, and delivered when they are.  due[] is one more
+   than the number of requests to be served before, 0 when not noted. */
 inline deliverAgain(one) {
   if
   :: kept[one] != 0 && !RUNS(SENDER(kept[one])) -> kept[one] = 0; due[one] = 0

@@ -2,10 +2,10 @@
 //
 //     duplicates DIRECTORY
 //
-// The search is one transaction. Reading and hashing a file is a child of it, done by a few threads;
-// each carries the number of its bytes as a metric, and one whose file cannot be read is left by an
-// exception and so has failed. Files of equal hash are compared byte for byte, in transactions of a
-// third class. Without an engine the program does the same work unmeasured.
+// The search is one transaction. Reading and hashing a file is a child of it, done by a few
+// threads; each carries the number of its bytes as a metric, and one whose file cannot be read is
+// left by an exception and so has failed. Files of equal hash are compared byte for byte, in
+// transactions of a third class. Without an engine the program does the same work unmeasured.
 
 #include <algorithm>
 #include <atomic>

@@ -1,5 +1,5 @@
-/* The same for a program that uses libarm where it is installed, and does without it elsewhere: nothing
- * is linked, the calls are looked up when the program starts. */
+/* The same for a program that uses libarm where it is installed, and does without it elsewhere:
+ * nothing is linked, the calls are looked up when the program starts. */
 #include <arm.h>
 #include <dlfcn.h>
 #include <stdio.h>

@@ -3,9 +3,10 @@
 
     linkcheck.py [--workers N] FILE-OR-DIRECTORY...
 
-The check is one transaction. The files are shared out to N worker processes, which are this program
-again; they find the correlator of the check in their environment, so that checking a file is a child of
-it. A file with a broken link is a failed transaction. Without an engine the program does the same.
+The check is one transaction. The files are shared out to N worker processes, which are this
+program again; they find the correlator of the check in their environment, so that checking a
+file is a child of it. A file with a broken link is a failed transaction. Without an engine the
+program does the same.
 """
 
 from __future__ import annotations

@@ -73,8 +73,8 @@ class Bench {
   /// Whether an engine serves the prefix.
   bool isServed() const;
 
-  /// Makes the engine of its own run, and waits until it serves.  False, with a sentence in why, when
-  /// it does not even run.
+  /// Makes the engine of its own run, and waits until it serves.  False, with a sentence in why,
+  /// when it does not even run.
   bool prepare(std::string* why);
   /// Throws Unchecked unless the engine serves and answers.
   void requireService();

@@ -20,8 +20,8 @@ Channel openChannel(const Bench& bench) {
   return std::move(*channel);
 }
 
-/// A client that waits for a reply in a thread of its own, on queues that it has opened itself: they
-/// stay as they are when the bench opens those of the next engine.
+/// A client that waits for a reply in a thread of its own, on queues that it has opened itself:
+/// they stay as they are when the bench opens those of the next engine.
 class Waiter {
  public:
   explicit Waiter(const Bench& bench)
@@ -127,8 +127,8 @@ void checkDeath(Bench& bench) {
   needFallen(bench, bench.replies(), "the reply queue's");
 }
 
-/// From the moment in which a lock set of the next engine is there, programs connect: what they find
-/// ready then must not be what the last one has left.
+/// From the moment in which a lock set of the next engine is there, programs connect: what they
+/// find ready then must not be what the last one has left.
 void checkStartOrder(Bench& bench) {
   const int dead = bench.requests().memory.id();
   bench.kill();

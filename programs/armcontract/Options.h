@@ -17,8 +17,8 @@ struct CommandLine {
   std::string error;  ///< one sentence; empty when the command line is good
 };
 
-/// Reads the arguments, without the program's name.  The prefix is that of the environment unless one
-/// is given.
+/// Reads the arguments, without the program's name.  The prefix is that of the environment unless
+/// one is given.
 CommandLine parseCommandLine(int count, char* const* arguments);
 
 /// What --help prints.

@@ -75,8 +75,8 @@ class RequestQueue : public LockedSegment {
   unsigned tail() const { return memory.u16(wire::RING_TAIL); }
   bool isReady() const;
 
-  /// Puts requests as libarm does, all of them behind one taking of the lock.  Throws Unchecked when
-  /// they are refused.
+  /// Puts requests as libarm does, all of them behind one taking of the lock.  Throws Unchecked
+  /// when they are refused.
   void put(const std::vector<wire::Request>& requests);
   /// Raises the semaphore on which the engine waits.
   void wake() const;

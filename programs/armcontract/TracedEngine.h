@@ -12,9 +12,9 @@
 
 namespace armcontract {
 
-/// An engine that is stopped before and after each of its system calls, so that nothing which it does to
-/// the objects goes by unseen.  It is of no other use: it ends with this object.  The thread that makes
-/// the object also uses it.
+/// An engine that is stopped before and after each of its system calls, so that nothing which it
+/// does to the objects goes by unseen.  It is of no other use: it ends with this object.  The
+/// thread that makes the object also uses it.
 class TracedEngine {
  public:
   /// Starts the command as EngineProcess does.  Throws Unchecked when this process may not trace.

@@ -7,8 +7,8 @@
 
 namespace armrun {
 
-/// The signals of this process, taken from a file descriptor instead of being delivered.  Changes no
-/// disposition but SIGCHLD's, which the command gets back as it was.
+/// The signals of this process, taken from a file descriptor instead of being delivered.  Changes
+/// no disposition but SIGCHLD's, which the command gets back as it was.
 class Signals {
  public:
   /// Blocks every signal.
@@ -17,8 +17,8 @@ class Signals {
   Signals& operator=(const Signals&) = delete;
 
   int event() const { return event_; }
-  /// Lets the signals that have come do what they do without armrun: most end the process.  False when
-  /// some remain, which were blocked before.
+  /// Lets the signals that have come do what they do without armrun: most end the process.  False
+  /// when some remain, which were blocked before.
   bool deliver() const;
   /// In a new process: the signals as they were before armrun.
   void restore() const;

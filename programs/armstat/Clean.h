@@ -8,8 +8,8 @@
 
 namespace armstat {
 
-/// The removal of what a dead engine has left: its shared objects and its name files.  As long as it
-/// exists, no engine can start with the prefix.
+/// The removal of what a dead engine has left: its shared objects and its name files.  As long as
+/// it exists, no engine can start with the prefix.
 class Cleaning {
  public:
   /// Looks for what there is to remove, for the prefix in force.

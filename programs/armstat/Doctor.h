@@ -38,7 +38,7 @@ std::string asText(const Diagnosis& diagnosis);
 /// One JSON object without a newline.
 std::string asJson(const Diagnosis& diagnosis);
 
-// ---- the checks ----------------------------------------------------------------------------------
+// ---- the checks ---------------------------------------------------------------------------------
 
 /// The directory, the name files of the prefix, and engines of other prefixes.
 Findings checkNames(const Picture& picture);

@@ -27,7 +27,7 @@ namespace armstat {
 
 namespace {
 
-// ---- users of the library ------------------------------------------------------------------------
+// ---- users of the library -----------------------------------------------------------------------
 
 std::string nameOf(const User& user) {
   return "process " + std::to_string(user.process) + " (" + user.name + ")";
@@ -54,7 +54,7 @@ Findings checkUser(const User& user, const Picture& picture) {
   return {};
 }
 
-// ---- the login manager ---------------------------------------------------------------------------
+// ---- the login manager --------------------------------------------------------------------------
 
 std::string trimmed(const std::string& text) {
   const std::size_t first = text.find_first_not_of(" \t\r");
@@ -122,7 +122,7 @@ bool hasLoginManager(const std::string& root) {
   return stat((root + "/run/systemd/system").c_str(), &status) == 0;
 }
 
-// ---- limits --------------------------------------------------------------------------------------
+// ---- limits -------------------------------------------------------------------------------------
 
 struct Need {
   unsigned long sets = 5;

@@ -63,7 +63,8 @@ struct Picture {
 
 Picture takePicture(Manner manner);
 
-/// The state of the engine whose creator semaphores have these values, without a look at the queues.
+/// The state of the engine whose creator semaphores have these values, without a look at the
+/// queues.
 EngineState stateByCreators(const Objects& objects);
 
 const char* nameOf(Copy copy);

@@ -36,7 +36,8 @@ bool parentIsIgnored(const void* block) {
 
 void markIgnoredBlock(void* block) {
   uint8_t& flags = bytesOf(block)[FLAGS_OFFSET];
-  // Deliberate (ignored-parent): without a request the bit is inverted, not cleared.  Callers see it flip.
+  // Deliberate (ignored-parent): without a request the bit is inverted, not cleared.  Callers see
+  // it flip.
   flags = static_cast<uint8_t>((flags & ARM_CorrReq_f) != 0 ? flags | ARM_CorrGen_f
                                                             : flags ^ ARM_CorrGen_f);
 }

@@ -44,10 +44,11 @@ std::size_t fixedSize(int32_t type) {
   return CheckEngineStatus() == 0 && IPCIsOpenTo(engine);
 }
 
-/// Waits for the reply to a request that an engine has got, and from no other engine, which would never
-/// send one.  Another thread, which has seen an earlier engine dead, may close the connection before the
-/// wait: without a further attempt the reply would become that of this thread's next call.  An engine
-/// that is dead itself is not looked at again: that is for the next call's status check.
+/// Waits for the reply to a request that an engine has got, and from no other engine, which would
+/// never send one.  Another thread, which has seen an earlier engine dead, may close the connection
+/// before the wait: without a further attempt the reply would become that of this thread's next
+/// call.  An engine that is dead itself is not looked at again: that is for the next call's status
+/// check.
 long waitForReply(TArmReplyMessage& reply, int engine) {
   const TIPCIdentifier id = GetIpcIdentifier();
   for (int furtherAttempts = 7;; --furtherAttempts) {

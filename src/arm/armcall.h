@@ -18,8 +18,8 @@ inline constexpr int32_t ARM_RESULT_NO_ENGINE = -2;
 enum class TTrace { silent, lines };
 
 /// Clears what a record of the type uses and gives it its sender, the calling thread, and its type.
-/// The rest stays as it is and is never read: other users can read the queue, and nothing of the host's
-/// stack goes into it.
+/// The rest stays as it is and is never read: other users can read the queue, and nothing of the
+/// host's stack goes into it.
 void beginMessage(TArmMessage& message, TArmMessageType type);
 
 /// The current time.

@@ -12,6 +12,6 @@ int32_t doTransReport(TArmMessageType type, int32_t tranHandle, int32_t ignoredV
                       int32_t dataSize, int32_t stampTime, int32_t value1, int32_t value2,
                       int32_t value3);
 
-/// The worker of arm_completeTransaction and arm_completeTransactionInstance; arguments and results as
-/// there.
+/// The worker of arm_completeTransaction and arm_completeTransactionInstance; arguments and results
+/// as there.
 int32_t doCompleteTrans(TArmMessageType type, int32_t tranHandle, int32_t value1, int32_t value2);

@@ -81,8 +81,9 @@ int32_t convertText(char* field, std::size_t fieldSize, UChar* work, const char*
   return error;
 }
 
-/// Puts the application's strings into the record as they are, or converted.  Deliberate (second-decides): only the
-/// user's conversion decides; with a good user, a name that cannot be converted is sent empty.
+/// Puts the application's strings into the record as they are, or converted.
+/// Deliberate (second-decides): only the user's conversion decides; with a good user, a name that
+/// cannot be converted is sent empty.
 int32_t fillInitNames(TArmInitBody& body, bool convert, const char* name, const char* user) {
   if (!convert) {
     copyText(body.appl_name, sizeof body.appl_name, name);
@@ -124,8 +125,8 @@ __attribute__((noinline)) int32_t sendInit(bool convert, const char* name, const
   if (std::strcmp(body.appl_user_id, "*") == 0) {
     error = fillLoginName(body);
     if (error != 0) {
-      // Deliberate (emptied-star): the user string in use until now is emptied, and that is the caller's own when
-      // nothing was converted.
+      // Deliberate (emptied-star): the user string in use until now is emptied, and that is the
+      // caller's own when nothing was converted.
       if (!convert) (void)clearCallerByte(user);
       return refused(error, "UTF-8 conversion failed");
     }
@@ -209,7 +210,8 @@ int CheckEngineStatus() {
   if (!IPCInitialized) IPCInitialized = InitializeIPC();
   (void)VInitMutex.Unlock();
   if (!IPCInitialized) return unreachable("CheckEngineStatus, InitializeIPC failed\n");
-  // Deliberate (unguarded-status): from here on without the mutex; the connection's own locks protect the queues.
+  // Deliberate (unguarded-status): from here on without the mutex; the connection's own locks
+  // protect the queues.
   return IsEngineAlive() ? ENGINE_USABLE : reconnect();
 }
 

@@ -22,8 +22,8 @@ int lookUp(uid_t user, char* entry, std::size_t size, const char** name) {
   return 0;
 }
 
-/// Whether there is memory for a look-up.  The C library ends the process when it finds none for its
-/// own list of sources, which it reads at the first look-up.
+/// Whether there is memory for a look-up.  The C library ends the process when it finds none for
+/// its own list of sources, which it reads at the first look-up.
 bool hasRoomForLookUp() {
   constexpr std::size_t ROOM = 64 * 1024;
   char* room = new (std::nothrow) char[ROOM];

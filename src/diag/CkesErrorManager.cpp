@@ -11,8 +11,8 @@ namespace {
 unsigned int stackKey = NO_THREAD_KEY;
 std::atomic<bool> initialized{false};
 
-// What this library has stored under its key.  A second C library in the process (dlmopen) numbers its
-// keys anew but keeps their values in the same place: what lies there may be another's.
+// What this library has stored under its key.  A second C library in the process (dlmopen) numbers
+// its keys anew but keeps their values in the same place: what lies there may be another's.
 __attribute__((tls_model("initial-exec"))) thread_local const void* ownStack = nullptr;
 
 }  // namespace

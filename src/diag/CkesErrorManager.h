@@ -31,7 +31,8 @@ class CkesErrorManager {
 
   /// (i) Records an error code and the failing operation's name, which restarts the trail.
   static long SetError(long code, const char* text);
-  /// (i) SetError for a code that is not 0; returns the code.  Inline, so that success costs a test.
+  /// (i) SetError for a code that is not 0; returns the code.  Inline, so that success costs a
+  /// test.
   static long Record(long code, const char* text) {
     return code == 0 ? 0 : RecordFailure(code, text);
   }

@@ -32,9 +32,9 @@ const char* CkesErrorStack::GetNextFunction() {
     VCursor = VFirst;
     return nullptr;
   }
-  // Deliberate (endless-cursor): the cursor itself is not reduced to the ring, so on a wrapped trail it never meets
-  // the newest entry again.  Only its overflow after two thousand million steps is kept from
-  // happening.
+  // Deliberate (endless-cursor): the cursor itself is not reduced to the ring, so on a wrapped
+  // trail it never meets the newest entry again.  Only its overflow after two thousand million
+  // steps is kept from happening.
   VCursor = VCursor < CURSOR_LIMIT ? VCursor + 1 : VCursor + 1 - SIZE;
   return VEntries[VCursor % SIZE];
 }

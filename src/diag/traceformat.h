@@ -10,8 +10,8 @@ void traceFormat(const char* format, ...) __attribute__((format(printf, 1, 2)));
 /// Formats into 1024 bytes and writes with wcDebugln: for texts without a newline.
 void traceFormatln(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-/// Formats into 128 bytes and writes with wcDebug: for fixed texts with numbers, where much of the caller's
-/// stack is in use already.
+/// Formats into 128 bytes and writes with wcDebug: for fixed texts with numbers, where much of the
+/// caller's stack is in use already.
 void traceFormatShort(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 /// Formats into 4096 bytes and writes with wcDebug: for lines with a transaction-class name or a

@@ -13,8 +13,8 @@ constexpr std::size_t KEY_LENGTH = sizeof COMMON_LOGDIR_KEY - 1;
 /// The first occurrence of the key that has no "#" directly before it.
 const char* findKey(const char* text) {
   const char* found = std::strstr(text, COMMON_LOGDIR_KEY);
-  // Deliberate (touching-hash): only a "#" touching the key comments it out, and a longer key that ends in the
-  // key's text matches too.
+  // Deliberate (touching-hash): only a "#" touching the key comments it out, and a longer key that
+  // ends in the key's text matches too.
   while (found != nullptr && found != text && found[-1] == '#') {
     found = std::strstr(found + 1, COMMON_LOGDIR_KEY);
   }

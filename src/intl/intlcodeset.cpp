@@ -85,7 +85,8 @@ int32_t convertLocked(const char* source, long capacity, UChar* work, char* targ
                      static_cast<int>(status));
   }
   if (U_SUCCESS(status)) return 0;
-  // Deliberate (traced-twice): a failed first step comes here too and is traced twice, once under each name.
+  // Deliberate (traced-twice): a failed first step comes here too and is traced twice, once under
+  // each name.
   if (VDebugRun) {
     traceFormatShort("ConvertStrUTF8()->w_strToUTF8() ICU ERROR Code [%i] \n",
                      static_cast<int>(status));

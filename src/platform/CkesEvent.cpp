@@ -49,7 +49,8 @@ long CkesEvent::Signal() {
 }
 
 long CkesEvent::Pulse() {
-  // Deliberate (pulse-name): the recorded name is not the operation's own.  Readers of error trails know it so.
+  // Deliberate (pulse-name): the recorded name is not the operation's own.  Readers of error trails
+  // know it so.
   static constexpr const char* where = "CkesEvent::SignalAll()";
   if (!VInitialized) return CkesErrorManager::Record(ERR_NOT_INITIALIZED, where);
   return CkesErrorManager::Record(underMutex(VMutex, [this] { return implPulse(); }), where);

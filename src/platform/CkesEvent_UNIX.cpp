@@ -54,7 +54,8 @@ long CkesEvent::wake() {
 
 long CkesEvent::implSignal() {
   const long result = wake();
-  // Deliberate (no-latch): an automatic event does not latch; a signal that nobody waits for is lost.
+  // Deliberate (no-latch): an automatic event does not latch; a signal that nobody waits for is
+  // lost.
   VSignalled = VMode != EVENT_AUTO_RESET;
   return result;
 }

@@ -60,7 +60,7 @@ class CkesMutex {
 
   std::atomic<bool> VInitialized{false};
   pthread_mutex_t VMutex;
-  /// The mark of the thread that holds the mutex, null when none does: POSIX leaves unlocking a mutex that the
-  /// caller does not hold undefined, so it is recognised here.
+  /// The mark of the thread that holds the mutex, null when none does: POSIX leaves unlocking a
+  /// mutex that the caller does not hold undefined, so it is recognised here.
   std::atomic<const void*> VHolder{nullptr};
 };

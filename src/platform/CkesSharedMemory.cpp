@@ -21,8 +21,8 @@ CkesSharedMemory::CkesSharedMemory(const char* name, bool owner)
   char path[PATH_BUFFER];
   (void)CIPCUtils::createIPCName(name, nullptr, PATH_LIMIT, path);
   VInitResult = implOpen(path);
-  // Deliberate (creator-gone): a segment whose creator has exited counts as open.  Callers see the dead creator in
-  // GetInitResult and CreatorAlive, and can still read what the segment holds.
+  // Deliberate (creator-gone): a segment whose creator has exited counts as open.  Callers see the
+  // dead creator in GetInitResult and CreatorAlive, and can still read what the segment holds.
   VInitialized = VInitResult == 0 || VInitResult == ERR_CREATOR_GONE;
 }
 
@@ -55,7 +55,8 @@ bool CkesSharedMemory::fits(unsigned long offset, unsigned long length) const {
 }
 
 unsigned long CkesSharedMemory::clippedLength(unsigned long offset) const {
-  // Deliberate (one-byte-short): one byte short of the end, so that a clipped request never reaches the last byte.
+  // Deliberate (one-byte-short): one byte short of the end, so that a clipped request never reaches
+  // the last byte.
   return offset < VSize ? VSize - offset - 1 : 0;
 }
 

@@ -21,7 +21,8 @@ CkesThread::CkesThread()
 
 CkesThread::CkesThread(const char* name)
     : VThread(0), VState(THREAD_INVALID), VStartEvent(EVENT_MANUAL_RESET, false), VName{} {
-  // Deliberate (nameless-thread): a thread that could not be created stays without its name, unlike an unnamed one.
+  // Deliberate (nameless-thread): a thread that could not be created stays without its name, unlike
+  // an unnamed one.
   if (create()) std::strncpy(VName, name, NAME_SIZE - 1);
 }
 
@@ -54,7 +55,8 @@ long CkesThread::Start() {
   static constexpr const char* where = "CkesThread::Start()";
   if (GetState() != THREAD_CREATED) return CkesErrorManager::Record(ERR_STATE, where);
   VState.store(THREAD_RUNNING, std::memory_order_relaxed);
-  // Deliberate (start-renamed): recorded anew, so that the trail names the thread's operation and not its event's.
+  // Deliberate (start-renamed): recorded anew, so that the trail names the thread's operation and
+  // not its event's.
   return CkesErrorManager::Record(VStartEvent.Signal(), where);
 }
 

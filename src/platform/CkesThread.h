@@ -52,7 +52,8 @@ class CkesThread {
   long Terminate();
   /// Yields the processor; -111 when another thread than this one calls it.
   long GiveWay();
-  /// The state; when the body has returned, a caller that reads THREAD_FINISHED sees all it has done.
+  /// The state; when the body has returned, a caller that reads THREAD_FINISHED sees all it has
+  /// done.
   TThreadState GetState() const { return VState.load(std::memory_order_acquire); }
 
  protected:

@@ -16,9 +16,9 @@ long CkesThreadLibrary::implCreateNewKey(unsigned int* key) {
     *key = made;
     return 0;
   }
-  // A new key that has a value already is in use by another C library of the process (dlmopen), which
-  // numbers its keys as this one does.  It is kept: made anew after a deletion, its number would look
-  // free, and the other's value be lost.
+  // A new key that has a value already is in use by another C library of the process (dlmopen),
+  // which numbers its keys as this one does.  It is kept: made anew after a deletion, its number
+  // would look free, and the other's value be lost.
   return implCreateNewKey(key);
 }
 

@@ -3,9 +3,9 @@
 
     examples_test.py DOCUMENT... -- CMAKE BUILD-DIR C-COMPILER C++-COMPILER [FLAG...]
 
-An example is a fenced block. Its kind is the first word after the fence in Markdown, and in scdoc the
-word of a comment line "; example: KIND" above it; a file name may follow. The blocks of a document
-are taken in order and share a directory:
+An example is a fenced block. Its kind is the first word after the fence in Markdown, and in scdoc
+the word of a comment line "; example: KIND" above it; a file name may follow. The blocks of a
+document are taken in order and share a directory:
 
     c, cpp      a whole program: saved, compiled without a warning, run; 0 is wanted
     python      a whole program: saved and run
@@ -53,7 +53,9 @@ def blocks(document):
         elif manual and (match := re.match(r"; example: (\S+) ?(\S+)?$", line)):
             announced = match.groups()
         elif not manual and line.startswith("    ") and previous == "" and not in_list:
-            raise Failure(f"{document}: line {number}: an indented block cannot say what it is: fence it")
+            raise Failure(
+                f"{document}: line {number}: an indented block cannot say what it is: fence it"
+            )
         elif match := re.match(r"\s*```(\S*) ?(\S+)?$", line):
             start, lines = number, []
             if not manual:
@@ -78,7 +80,9 @@ class Workshop:
         subprocess.run([cmake, "--install", build, "--prefix", prefix], check=True,
                        stdout=subprocess.DEVNULL)
         self.environment = self.make_environment(prefix, compilers)
-        self.engine = subprocess.Popen([prefix / "bin/armengine"], stdout=subprocess.PIPE, text=True)
+        self.engine = subprocess.Popen(
+            [prefix / "bin/armengine"], stdout=subprocess.PIPE, text=True
+        )
         if not self.engine.stdout.readline().startswith("armengine: serving"):
             raise Failure("the engine did not start")
 
@@ -119,7 +123,7 @@ class Workshop:
                               stdout=subprocess.PIPE, text=True).stdout.split()
 
     def serve(self, line):
-        """An engine beside that of the workshop. Its port may be in use on this machine: any will do."""
+        """An engine beside that of the workshop. Its port may be in use here: any will do."""
         print("+", line, flush=True)
         command = re.sub(r"(--listen )\d+", r"\g<1>0", line)
         engine = subprocess.Popen(shlex.split(command), cwd=self.directory, stdout=subprocess.PIPE,
@@ -231,7 +235,8 @@ def main(documents, cmake, build, c_compiler, cxx_compiler, *flags):
         for document in map(pathlib.Path, documents):
             found = blocks(document)
             code = [block for block in found if block[1] not in NOT_CODE]
-            print(f"{document}: {len(code)} examples, {len(found) - len(code)} other blocks", flush=True)
+            others = len(found) - len(code)
+            print(f"{document}: {len(code)} examples, {others} other blocks", flush=True)
             if code:
                 shop = shop or Workshop(cmake, build, (c_compiler, cxx_compiler), flags)
                 try_document(shop, document, code)

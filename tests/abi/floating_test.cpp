@@ -1,5 +1,5 @@
-// The instructions of the shipped libarm.so: none of them needs the host's floating-point unit, in which
-// a host may have traps on, an exception pending, or registers that are its own.
+// The instructions of the shipped libarm.so: none of them needs the host's floating-point unit, in
+// which a host may have traps on, an exception pending, or registers that are its own.
 
 #include <gtest/gtest.h>
 
@@ -13,8 +13,8 @@ namespace {
 /// Functions that may use the unit all the same.
 const std::set<std::string> kAllowed = {};
 
-/// What x87 and MMX share, and instructions that any exception can come of.  64-bit code copies with
-/// SSE's registers, 32-bit code does not even do that.
+/// What x87 and MMX share, and instructions that any exception can come of.  64-bit code copies
+/// with SSE's registers, 32-bit code does not even do that.
 bool usesTheUnit(const std::string& instruction) {
   static const std::regex kUnit(
       R"(^(f[a-z0-9]+|emms|ldmxcsr|stmxcsr|x(save|rstor)[a-z0-9]*)\b|%(st|mm[0-7])\b)");

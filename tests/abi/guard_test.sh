@@ -1,7 +1,7 @@
 #!/bin/sh
 # guard_test.sh CASE SOURCE-DIR BUILD-DIR WIDTH C-COMPILER [FLAG...]
-# Compares the library, and the types of the public headers, with the ABI that is stored in abi/WIDTH.
-# Cases that begin with "Catches" break a copy of the interface on purpose.
+# Compares the library, and the types of the public headers, with the ABI that is stored in
+# abi/WIDTH. Cases that begin with "Catches" break a copy of the interface on purpose.
 # The case "store" writes abi/WIDTH anew.
 
 set -eu
@@ -27,7 +27,8 @@ build_types() {
     $compiler -g -O0 -fPIC -shared -I "$headers" -o "$work/types.so" "$source/tests/abi/guarded_types.c"
 }
 
-# The sixteen functions as the headers declare them, without a body: what the library may be changed to.
+# The sixteen functions as the headers declare them, without a body: what the library may be changed
+# to.
 build_stub() {
     {
         echo '#include "armext.h"'

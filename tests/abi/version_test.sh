@@ -1,7 +1,7 @@
 #!/bin/sh
 # version_test.sh SOURCE-DIR VERSION
-# The version is stated in CMakeLists.txt, and in the history of changes; nowhere else, but for what the
-# documents and tests show of outputs.
+# The version is stated in CMakeLists.txt, and in the history of changes; nowhere else, but for what
+# the documents and tests show of outputs.
 
 set -eu
 cd "$1"

@@ -77,8 +77,8 @@ instructions() { # FUNCTION
         awk -v name="<$1>:" '/>:$/ { on = ($2 == name) } on && /^ / { ++count } END { print count + 0 }'
 }
 
-# One compilation refuses each of the expressions, and nothing but them. Compilers name the line that leads
-# to a refusal.
+# One compilation refuses each of the expressions, and nothing but them. Compilers name the line
+# that leads to a refusal.
 all_refused() { # EXPRESSION...
     printf 'void f() { %s; }\n' "$@" 'arm::data_block().gauge32<1>(1)' |
         awk '{ sub(/f/, "f" NR) } 1' >"$work/wrong.cpp"
@@ -106,8 +106,8 @@ ObjectCostsNoMoreThanTheCalls)
     [ "$hand" -gt 0 ] && [ "$object" -le "$hand" ]
     ;;
 OnlyTheCallsAreCalled)
-    # With exceptions there is one question more: whether one is under way. What compilers add for the
-    # case that a function throws which cannot is never run.
+    # With exceptions there is one question more: whether one is under way. What compilers add for
+    # the case that a function throws which cannot is never run.
     compile "$work/cost.cpp" -std=c++17 -O2 -fno-pic "$@"
     nm -C "$work/object.o" | sed -n 's/^ *U //p' | sort >"$work/found"
     cat >"$work/allowed" <<'END'

@@ -1,5 +1,5 @@
-// Hosts that use the floating-point unit in their own way: what they have in there when they call must
-// neither reach the queue nor be changed, and never ends them.
+// Hosts that use the floating-point unit in their own way: what they have in there when they call
+// must neither reach the queue nor be changed, and never ends them.
 
 #include <fenv.h>
 #include <unistd.h>
@@ -14,8 +14,8 @@
 namespace armtest {
 namespace {
 
-/// The unit's control, status and tag words, the SIMD control word, and the eight registers that x87 and
-/// MMX share. Reading it runs no instruction that raises a pending exception.
+/// The unit's control, status and tag words, the SIMD control word, and the eight registers that
+/// x87 and MMX share. Reading it runs no instruction that raises a pending exception.
 struct Unit {
   alignas(16) uint8_t image[512] = {};
 

@@ -267,7 +267,8 @@ int run(int argc, char** argv) {
   {
     Engine engine(*queues, *static_cast<EngineLog*>(mapping));
     std::thread commands([&engine] {
-      // The first failure of a process gives its thread an error stack, which is this thread's to free.
+      // The first failure of a process gives its thread an error stack, which is this thread's to
+      // free.
       (void)CkesErrorManager::RegisterThread();
       engine.obey();
       (void)CkesErrorManager::UnregisterThread();

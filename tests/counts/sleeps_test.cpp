@@ -35,9 +35,9 @@ long sleepsOf(int calls) {
   return pclose(output) == 0 && read == 1 ? sleeps : -1;
 }
 
-// On one processor a call sleeps until its reply is there, unless the engine was faster, and now and
-// then for a lock that the engine holds just then: the more often, the more other programs run, so
-// that the quietest of several runs counts.
+// On one processor a call sleeps until its reply is there, unless the engine was faster, and now
+// and then for a lock that the engine holds just then: the more often, the more other programs run,
+// so that the quietest of several runs counts.
 TEST(Sleeps, ACallSleepsForItsReplyAndHardlyEverBesides) {
   stayOnOneProcessor();
   const CountingEngine engine(CountingEngine::Ring::empty);

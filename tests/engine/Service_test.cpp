@@ -246,8 +246,8 @@ TEST_F(ServiceTest, RepliesToCallsThatFailedForWantOfARecordAreNotFoundByTheNext
   thread.join();
 }
 
-// Whether records were short just before some were freed cannot be seen afterwards: each request made
-// before may be that of a call that has failed for want of one.
+// Whether records were short just before some were freed cannot be seen afterwards: each request
+// made before may be that of a call that has failed for want of one.
 TEST_F(ServiceTest, RequestsMadeBeforeRecordsCameFreeGetNoRecordUntilTheirRequestersWait) {
   constexpr int REQUESTS = 24;  // more than are taken together
   create(2 * REQUESTS, REQUESTS);

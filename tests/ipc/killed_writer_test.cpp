@@ -73,8 +73,8 @@ struct Sight {
   }
 };
 
-/// Puts twice; between all instructions the count says how far the tail is from the head, and each record
-/// that counts is whole.
+/// Puts twice; between all instructions the count says how far the tail is from the head, and each
+/// record that counts is whole.
 void putTwice(bool front) {
   raw::RequestQueue ring(kCapacity);
   ring.setRing(0, 1, 1);

@@ -1,5 +1,5 @@
-// Makes every call and writes what it has seen to standard output; or makes many calls whose results
-// belong to their ids, and ends with 1 when one is wrong.
+// Makes every call and writes what it has seen to standard output; or makes many calls whose
+// results belong to their ids, and ends with 1 when one is wrong.
 //
 //   mixed_client
 //   mixed_client FIRST-ID COUNT

@@ -1,8 +1,9 @@
 #!/bin/sh
 # install_test.sh PACKAGES-DIR SOURCE-DIR ROOT-DIR
-# Installs the built packages of both widths into a new root and uses them there: programs of both widths with
-# one engine, an upgrade, a 32-bit engine, removal and purge. Needs root. ROOT-DIR is made anew, in mount, IPC
-# and PID namespaces of its own; the base system is kept in ROOT-DIR.base for the next run.
+# Installs the built packages of both widths into a new root and uses them there: programs of both
+# widths with one engine, an upgrade, a 32-bit engine, removal and purge. Needs root. ROOT-DIR is
+# made anew, in mount, IPC and PID namespaces of its own; the base system is kept in ROOT-DIR.base
+# for the next run.
 
 set -eu
 packages=$1

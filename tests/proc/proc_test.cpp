@@ -354,8 +354,8 @@ TEST_F(Processes, ReplacedEngineReleasesABlockedThreadWhileAnotherReconnects) {
   EXPECT_EQ(104, arm_update(5, 0, nullptr, 0));
 }
 
-// While an engine dies, its reply queue can be seen dead before its request queue: calls then post and
-// do not wait, and may fill the ring.
+// While an engine dies, its reply queue can be seen dead before its request queue: calls then post
+// and do not wait, and may fill the ring.
 TEST_F(Processes, CallingAllTheTimeSurviveEnginesThatComeAndGo) {
   constexpr int kThreads = 4;
   ASSERT_TRUE(engine.start());

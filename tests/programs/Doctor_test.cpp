@@ -65,7 +65,7 @@ TEST(Doctor, WhatIsUsedLeavesLess) {
   EXPECT_EQ(Level::problem, levelFor(limits));
 }
 
-// ---- users of the library ------------------------------------------------------------------------
+// ---- users of the library -----------------------------------------------------------------------
 
 armstat::User user() {
   armstat::User one;
@@ -113,7 +113,7 @@ TEST(Doctor, ProcessesThatMayNotBeLookedAtAreNoted) {
   EXPECT_EQ("2 processes may not be looked at", findings[1].text);
 }
 
-// ---- what cannot be ------------------------------------------------------------------------------
+// ---- what cannot be -----------------------------------------------------------------------------
 
 TEST(Doctor, AdviceOnWhatIsOddGoesByItsKindWhateverItsSentenceSays) {
   using Kind = armstat::Oddity::Kind;
@@ -132,7 +132,7 @@ TEST(Doctor, AdviceOnWhatIsOddGoesByItsKindWhateverItsSentenceSays) {
             findings[1].advice);
 }
 
-// ---- the login manager ---------------------------------------------------------------------------
+// ---- the login manager --------------------------------------------------------------------------
 
 class LoginManager : public testing::Test {
  protected:

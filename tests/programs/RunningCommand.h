@@ -14,7 +14,7 @@ class RunningCommand {
   enum class Terminal { none, its_own };
 
   /// Starts "NAME ARGUMENTS...".
-  ///   terminal  its_own: it leads a session at a new terminal, as a program started by a login does
+  ///   terminal  its_own: it leads a session at a new terminal, as one started by a login does
   explicit RunningCommand(const std::string& name, const std::vector<std::string>& arguments,
                           Terminal terminal = Terminal::none);
   /// Kills it and everything in its process group.

@@ -73,7 +73,7 @@ int32_t openTransaction() {
   return arm_start(arm_getid(application, "order", nullptr, 0, nullptr, 0), 0, nullptr, 0);
 }
 
-// ---- looking -------------------------------------------------------------------------------------
+// ---- looking ------------------------------------------------------------------------------------
 
 TEST(Armstat, WithoutAnEngineItSaysSo) {
   const Ran ran = armstat();
@@ -373,7 +373,7 @@ TEST(Armstat, HelpAndVersionArePrinted) {
   EXPECT_EQ(4, runShell(builtProgram("armstat") + " >/dev/full").status);
 }
 
-// ---- doctor --------------------------------------------------------------------------------------
+// ---- doctor -------------------------------------------------------------------------------------
 
 TEST(ArmstatDoctor, HealthyEngineGetsNoProblem) {
   EngineProcess engine;
@@ -521,7 +521,7 @@ TEST(ArmstatDoctor, ProgramsInAnotherIpcNamespaceAreFound) {
   EXPECT_EQ(0, engine.end(SIGTERM));
 }
 
-// ---- clean ---------------------------------------------------------------------------------------
+// ---- clean --------------------------------------------------------------------------------------
 
 TEST(ArmstatClean, LivingEngineIsLeftAlone) {
   EngineProcess engine;

@@ -103,7 +103,7 @@ bool areInOrder(const std::string& text, const std::vector<std::string>& pieces)
   return true;
 }
 
-// ---- plain text ----------------------------------------------------------------------------------
+// ---- plain text ---------------------------------------------------------------------------------
 
 TEST(Armtop, OnceIsAPlainTable) {
   const Server server(THREE_CLASSES);
@@ -180,7 +180,7 @@ TEST(Armtop, HelpAndVersionArePrinted) {
   EXPECT_EQ(4, armtop("--once" + server.option() + ">/dev/full").status);
 }
 
-// ---- in a terminal -------------------------------------------------------------------------------
+// ---- in a terminal ------------------------------------------------------------------------------
 
 /// armtop in a terminal of 100 columns and 20 lines.
 class TopScreen {
@@ -336,7 +336,7 @@ TEST(ArmtopScreen, UnknownTerminalIsOneSentence) {
   EXPECT_EQ(1U, linesWith(ran.out, "the terminal 'nosuch' is not known: set TERM, or use --once"));
 }
 
-// ---- with an engine ------------------------------------------------------------------------------
+// ---- with an engine -----------------------------------------------------------------------------
 
 TEST(ArmtopEngine, ShowsWhatArmrunHasMeasured) {
   EngineProcess engine({"--listen", "0"});

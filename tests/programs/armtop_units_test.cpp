@@ -22,7 +22,7 @@ using armtop::Sample;
 
 const double INFINITE = std::numeric_limits<double>::infinity();
 
-// ---- the text format -----------------------------------------------------------------------------
+// ---- the text format ----------------------------------------------------------------------------
 
 Sample only(const std::string& line) {
   unsigned broken = 0;
@@ -86,7 +86,7 @@ TEST(Metrics, DamagedTextDoesNoHarm) {
   }
 }
 
-// ---- percentiles ---------------------------------------------------------------------------------
+// ---- percentiles --------------------------------------------------------------------------------
 
 TEST(Quantile, IsInterpolatedInItsBucket) {
   const Buckets buckets = {{0.1, 0}, {0.2, 100}, {0.4, 200}, {INFINITE, 200}};
@@ -118,7 +118,7 @@ TEST(Quantile, BucketsThatShrinkDoNoHarm) {
   EXPECT_TRUE(armtop::quantile({{0.1, 50}, {INFINITE, 40}}, 0.99));
 }
 
-// ---- figures -------------------------------------------------------------------------------------
+// ---- figures ------------------------------------------------------------------------------------
 
 /// The page of an engine with one class.
 std::string page(int good, int failed, int fast, int slow) {
@@ -215,7 +215,7 @@ TEST(TopFigures, EngineThatStartedAnewIsTakenFromItsStart) {
   EXPECT_NEAR(1, *rows[0].rate, 1e-9);
 }
 
-// ---- the view ------------------------------------------------------------------------------------
+// ---- the view -----------------------------------------------------------------------------------
 
 Row row(const std::string& application, const std::string& transaction, double rate) {
   Row one;
@@ -286,7 +286,7 @@ TEST(TopView, NamesCannotHarmTheTerminal) {
   EXPECT_EQ(0U, lines[1].find("evil?[2J?    xxxxxxxxxxxxxxxxx...  ")) << lines[1];
 }
 
-// ---- addresses -----------------------------------------------------------------------------------
+// ---- addresses ----------------------------------------------------------------------------------
 
 TEST(TopAddress, IsReadInEveryWriting) {
   for (const char* text :

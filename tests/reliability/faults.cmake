@@ -1,4 +1,4 @@
-# What one program, its neighbours and the machine may do to the library: included by CMakeLists.txt.
+# What one program, its neighbours and the machine may do to the library.
 
 arm_test(NAME test_hostile LABELS reliability TIMEOUT 120 CHECK_IPC
   LIBS arm arm_call_test ipc_raw ${CMAKE_DL_LIBS}

@@ -65,7 +65,8 @@ unsigned long segmentsAttached() {
 
 namespace {
 
-/// Makes every call once; how many results are not the expected ones, of calls with a name and with an id.
+/// Makes every call once; how many results are not the expected ones, of calls with a name and with
+/// an id.
 int wrongResults(const ArmCalls& arm, int32_t id, int32_t ofName, int32_t ofId) {
   const NameOfId name(id);
   int wrong = 0;

@@ -49,12 +49,12 @@ inline ArmCalls linkedCalls() {
 /// Of a library opened with dlopen or dlmopen; aborts when one is missing.
 ArmCalls loadedCalls(void* library);
 
-/// Makes every call once, with an id of the caller's; an engine that derives its answers must answer.
-/// Returns how many results were not those of that id.
+/// Makes every call once, with an id of the caller's; an engine that derives its answers must
+/// answer. Returns how many results were not those of that id.
 int wrongAnswersOfEveryCall(const ArmCalls& arm, int32_t id);
 
-/// Makes every call once where no engine is to be had: how many of those that post do not return -2, and of
-/// the others their own result.
+/// Makes every call once where no engine is to be had: how many of those that post do not return
+/// -2, and of the others their own result.
 int wrongResultsWithoutAnEngine(const ArmCalls& arm);
 
 /// The same as wrongAnswersOfEveryCall, through the linked library.

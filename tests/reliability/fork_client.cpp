@@ -1,5 +1,5 @@
-// A program that others start: makes every call a few times, with the id given; its exit status is the
-// number of wrong answers.
+// A program that others start: makes every call a few times, with the id given; its exit status is
+// the number of wrong answers.
 
 #include <cstdlib>
 

@@ -1,5 +1,5 @@
-// Children of a process whose other threads are inside any call: they use the library as ever, and the
-// parent does not notice.
+// Children of a process whose other threads are inside any call: they use the library as ever, and
+// the parent does not notice.
 //
 // ARM_FORKS is the number of children of each kind.
 

@@ -7,8 +7,8 @@
 
 namespace armtest {
 
-/// How often the drain of the overflow semaphore was cut short. By contract only "nothing left" ends
-/// it; with the set removed that never comes, so after 1000 failures in a row this answers so.
+/// How often the drain of the overflow semaphore was cut short. By contract only "nothing left"
+/// ends it; with the set removed that never comes, so after 1000 failures in a row this answers so.
 uint32_t drainsCut();
 
 // Every attached segment has at least 1 MiB of inaccessible memory before it and, behind its last

@@ -1,5 +1,6 @@
-// Everything that an engine owns removed, or replaced, while a call stands before or after each of its
-// System V calls: it ends with -2, -8, -9 or a reply that was there, and so do the calls after it.
+// Everything that an engine owns removed, or replaced, while a call stands before or after each of
+// its System V calls: it ends with -2, -8, -9 or a reply that was there, and so do the calls after
+// it.
 
 #include <sys/ipc.h>
 #include <unistd.h>
@@ -93,8 +94,8 @@ std::vector<Removal> removals() {
   return all;
 }
 
-/// While it lives, whoever sleeps in a set of these queues is released by their removal: the contract says
-/// that it waits.
+/// While it lives, whoever sleeps in a set of these queues is released by their removal: the
+/// contract says that it waits.
 class Releaser {
  public:
   explicit Releaser(const Laid& laid) : thread_([this, &laid] { run(laid); }) {}

@@ -1,5 +1,5 @@
-// Damaged queues, and a process that damages them while others measure: the calls end with -2, -8 or
-// -9, or with a reply that was there, and nothing beside the segments is touched.
+// Damaged queues, and a process that damages them while others measure: the calls end with -2, -8
+// or -9, or with a reply that was there, and nothing beside the segments is touched.
 //
 // ARM_HOSTILE_ROUNDS is the number of random rounds; random actions are eight times as many.
 
@@ -114,7 +114,8 @@ class Hostile : public testing::Test {
     count(board.get());
   }
 
-  /// Waits until so many calls are over. A call that sleeps is released: the contract says that it waits.
+  /// Waits until so many calls are over. A call that sleeps is released: the contract says that it
+  /// waits.
   void waitFor(const HostileBoard* board, HostileQueues& queues, int calls) {
     const bool over = waitUntil([&] {
       if (board->done.load() >= calls) return true;

@@ -1,5 +1,5 @@
-// Clients killed before and after each of their System V calls, in every exported call: whatever they
-// leave behind, the queues are sound and everybody else gets the own answers.
+// Clients killed before and after each of their System V calls, in every exported call: whatever
+// they leave behind, the queues are sound and everybody else gets the own answers.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -134,8 +134,8 @@ TEST_P(KilledClientAmongOthers, WhileItOpensTheConnectionDisturbsNobody) {
 
 // ---- while it replaces its connection -----------------------------------------------------------
 
-/// Victims that are connected to an engine which is replaced then: each is killed at another moment of a
-/// call that sees the dead engine, gives the connection up and opens it anew.
+/// Victims that are connected to an engine which is replaced then: each is killed at another moment
+/// of a call that sees the dead engine, gives the connection up and opens it anew.
 class KilledClientThatReconnects : public KilledClient {
  protected:
   void SetUp() override {
@@ -172,8 +172,8 @@ class KilledClientThatReconnects : public KilledClient {
     return points;
   }
 
-  /// Kills one victim at each of the moments, and returns those that none came to: a victim that finds the
-  /// engine awake does not wake it.
+  /// Kills one victim at each of the moments, and returns those that none came to: a victim that
+  /// finds the engine awake does not wake it.
   std::vector<Point> killAtEach(const std::vector<Point>& points) {
     std::vector<std::unique_ptr<TracedProcess>> victims;
     for (size_t i = 0; i < points.size(); ++i) victims.push_back(makeVictim(GetParam(), true));

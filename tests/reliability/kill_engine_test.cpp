@@ -1,5 +1,5 @@
-// Engines killed before and after each of their System V calls, and under clients that are themselves
-// at any of theirs; then replaced by one of the same or of other capacities.
+// Engines killed before and after each of their System V calls, and under clients that are
+// themselves at any of theirs; then replaced by one of the same or of other capacities.
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -126,8 +126,8 @@ class KilledEngine : public testing::Test {
                 team_.answered(), team_.disturbed(), team_.reconnecting());
   }
 
-  /// Kills an engine, which has followed one that was killed too, at a stop of a phase; false when the
-  /// phase has fewer.
+  /// Kills an engine, which has followed one that was killed too, at a stop of a phase; false when
+  /// the phase has fewer.
   bool killAt(Phase phase, unsigned number) {
     team_.beginChange();
     EXPECT_EQ(128 + SIGKILL, engine_->end(SIGKILL));

@@ -69,8 +69,8 @@ bool isRequestType(int32_t type) {
   return (type >= 1 && type <= 6) || (type >= 15 && type <= 19);
 }
 
-/// Follows a list and marks its items; the number of items, with a failed test when one is no item or
-/// in another list already.
+/// Follows a list and marks its items; the number of items, with a failed test when one is no item
+/// or in another list already.
 unsigned follow(const Locked& queue, uint32_t offset, size_t first, std::vector<bool>& seen) {
   unsigned count = 0;
   for (; offset != 0; offset = queue.read<uint32_t>(offset + kLink), ++count) {

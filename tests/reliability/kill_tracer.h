@@ -15,14 +15,14 @@ struct Stop {
   std::string step;  ///< what the call does, such as "requests lock"; see TracedProcess
 };
 
-/// A process whose System V calls, and those that look at name files, can be gone through one by one.
-/// Steps are named after the object and the operation: "requests lock", "wake wait", "empty raise",
-/// "requests GETVAL", "stat controls_ea.kelp", "shmat". A set that none of the name files leads to is
-/// "unknown". The tracer and the process have one width. One thread traces.
+/// A process whose System V calls, and those that look at name files, can be gone through one by
+/// one. Steps are named after the object and the operation: "requests lock", "wake wait", "empty
+/// raise", "requests GETVAL", "stat controls_ea.kelp", "shmat". A set that none of the name files
+/// leads to is "unknown". The tracer and the process have one width. One thread traces.
 class TracedProcess {
  public:
-  /// Forks a process that prepares itself, untraced, and stops before it runs body, with whose result
-  /// it exits.
+  /// Forks a process that prepares itself, untraced, and stops before it runs body, with whose
+  /// result it exits.
   TracedProcess(const std::function<void()>& prepare, const std::function<int()>& body);
   /// Kills it when it still runs.
   ~TracedProcess();
@@ -30,7 +30,8 @@ class TracedProcess {
   TracedProcess& operator=(const TracedProcess&) = delete;
 
   pid_t process() const { return process_; }
-  /// Lets it run until any of its threads begins or ends a System V call; nothing when it has ended.
+  /// Lets it run until any of its threads begins or ends a System V call; nothing when it has
+  /// ended.
   std::optional<Stop> next();
   /// Kills it, with all threads, and waits for its end.
   void kill();

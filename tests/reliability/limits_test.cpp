@@ -1,5 +1,5 @@
-// The ends of what the machine has: kernel limits, address space, descriptors, disk; name files, log
-// directories, trace files and properties that are not what they should be.
+// The ends of what the machine has: kernel limits, address space, descriptors, disk; name files,
+// log directories, trace files and properties that are not what they should be.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -108,8 +108,8 @@ bool setLimit(const char* name, const std::string& value) {
   return writeText((std::string("/proc/sys/kernel/") + name).c_str(), value);
 }
 
-/// Makes the limits of this process's IPC namespace writable: root of the machine may write them in any
-/// namespace, anybody in one of a user namespace in which he is root.
+/// Makes the limits of this process's IPC namespace writable: root of the machine may write them in
+/// any namespace, anybody in one of a user namespace in which he is root.
 bool mayLimit() {
   if (setLimit("sem", kDefaultSem)) return true;
   const std::string user = "0 " + std::to_string(geteuid()) + " 1";
@@ -232,8 +232,8 @@ void useUpFreeMemory() {
   }
 }
 
-/// Makes a call with more and more room until it succeeds. Nothing is reported meanwhile: that needs
-/// memory.
+/// Makes a call with more and more room until it succeeds. Nothing is reported meanwhile: that
+/// needs memory.
 struct RoomTest {
   unsigned failed = 0;
   unsigned unexpected = 0;
@@ -378,7 +378,8 @@ TEST_F(Limits, OfTheDiskCutTheTraceAndChangeNoResult) {
 
 // ---- name files ---------------------------------------------------------------------------------
 
-/// What becomes of one name file, and what the calls of a process then return that has not called before.
+/// What becomes of one name file, and what the calls of a process then return that has not called
+/// before.
 void expectCallsWith(const char* what, int32_t expected,
                      const std::function<void(const char*)>& change) {
   ScriptedEngine engine;
@@ -470,8 +471,8 @@ void setPermissions(unsigned short mode) {
   }
 }
 
-// Both threads of the scripted engine see failures for the first time at once, which is reported by the
-// thread sanitizer.
+// Both threads of the scripted engine see failures for the first time at once, which is reported by
+// the thread sanitizer.
 #if !defined(__SANITIZE_THREAD__)
 
 TEST(Permissions, ThatAreTakenAwayAreMinus2) {
@@ -551,8 +552,9 @@ TEST_F(TraceTarget, FileThatCannotBeWrittenIsReportedOnce) {
   counted("log directory or trace file that cannot be used", 1);
 }
 
-// Links are followed: operators redirect traces so, and whoever may make one in the log directory may
-// as well read and replace the trace itself. Nothing is ever truncated, and what is made is 0600.
+// Links are followed: operators redirect traces so, and whoever may make one in the log directory
+// may as well read and replace the trace itself. Nothing is ever truncated, and what is made is
+// 0600.
 TEST_F(TraceTarget, FileThatIsALinkIsAppendedToWhereItLeads) {
   ASSERT_TRUE(writeText("/tmp/elsewhere", "first line\n"));
   ASSERT_EQ(0, symlink("/tmp/elsewhere", kTraceFile));

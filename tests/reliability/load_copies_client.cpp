@@ -1,10 +1,11 @@
-// A program with two copies of the library, each with a C library of its own, that share its threads.
+// A program with two copies of the library, each with a C library of its own, that share its
+// threads.
 //
 //   load_copies_client LIBRARY
 //
-// Makes every call through both copies in several threads and writes a byte: r when every answer was
-// right. Goes on when it can read a byte; ends when it cannot, with 0 when nothing is left of what it has
-// replaced.
+// Makes every call through both copies in several threads and writes a byte: r when every answer
+// was right. Goes on when it can read a byte; ends when it cannot, with 0 when nothing is left of
+// what it has replaced.
 
 #include <dlfcn.h>
 #include <unistd.h>

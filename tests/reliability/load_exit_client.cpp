@@ -3,9 +3,9 @@
 //
 //   load_exit_client PLACE [ENGINE]
 //
-// PLACE is where the calls are made. The process ENGINE is killed before: then each call that posts must
-// return -2. The exit status is 100 plus the number of wrong answers; a
-// program whose last handler has not run ends with 0.
+// PLACE is where the calls are made. The process ENGINE is killed before: then each call that posts
+// must return -2. The exit status is 100 plus the number of wrong answers; a program whose last
+// handler has not run ends with 0.
 
 #include <dlfcn.h>
 #include <pthread.h>
@@ -100,7 +100,8 @@ bool hasLostItsCreator(const char* name) {
   return semctl(set, 1, GETVAL) == 1;
 }
 
-/// Waits until the death of the engine can be seen, by those who look at it; nobody has called then.
+/// Waits until the death of the engine can be seen, by those who look at it; nobody has called
+/// then.
 bool killEngine(pid_t engine) {
   engineKilled = kill(engine, SIGKILL) == 0;
   for (int i = 0; engineKilled && i < 20000; ++i) {

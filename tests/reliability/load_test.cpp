@@ -1,5 +1,5 @@
-// Loading and unloading again and again, calls while the process ends, two copies in one process. The
-// program is not linked with the library.
+// Loading and unloading again and again, calls while the process ends, two copies in one process.
+// The program is not linked with the library.
 //
 // ARM_LOAD_ROUNDS is the number of rounds.
 
@@ -355,9 +355,9 @@ TEST_F(Loads, TwoCopiesServeTheSameThreads) {
   counted("two copies in one process, rounds", 6);
 }
 
-/// Thread-local keys of a program, with values that must stay as they are. A second C library numbers its
-/// keys anew but keeps their values where the first does, so the numbers matter and not who made them:
-/// all numbers below a bound are used here, those of GoogleTest too.
+/// Thread-local keys of a program, with values that must stay as they are. A second C library
+/// numbers its keys anew but keeps their values where the first does, so the numbers matter and not
+/// who made them: all numbers below a bound are used here, those of GoogleTest too.
 class HostKeys {
  public:
   HostKeys() {

@@ -1,5 +1,5 @@
-// Every wait of a call, with signals arriving, with a cancellation aimed at its thread, and with the
-// process ending meanwhile.
+// Every wait of a call, with signals arriving, with a cancellation aimed at its thread, and with
+// the process ending meanwhile.
 //
 // ARM_SIGNALS is the number of signals per wait.
 
@@ -214,8 +214,8 @@ struct DisturbedCall {
   }};
 };
 
-// A thread that closes the connection sleeps between its looks; signals make those shorter. Another one waits
-// for the end of the closing.
+// A thread that closes the connection sleeps between its looks; signals make those shorter. Another
+// one waits for the end of the closing.
 TEST(Signals, EndNothingButTheSleepOfAClosingThread) {
   struct sigaction action = {};
   action.sa_handler = countSignal;
@@ -255,8 +255,8 @@ void expectCancellationWaitsForTheEndOfTheCall(const Wait& wait, int type) {
   for (int i = 0; i < 100; ++i) sched_yield();
   EXPECT_TRUE(wait.asleep(scene));
   wait.release(scene);
-  // The thread would stay for ever. With asynchronous cancellation it ends as the call returns, and the C
-  // library does not always tell then why.
+  // The thread would stay for ever. With asynchronous cancellation it ends as the call returns, and
+  // the C library does not always tell then why.
   void* end = scene.join();
   if (type == PTHREAD_CANCEL_DEFERRED) {
     EXPECT_EQ(PTHREAD_CANCELED, end);

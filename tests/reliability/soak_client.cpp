@@ -1,12 +1,12 @@
 // A program that measures: every thread registers itself, starts, reports, updates and stops
-// transactions, and compares each answer with the one that it must get. Consecutive calls of a thread
-// have different answers, so that one that belongs to another call shows.
+// transactions, and compares each answer with the one that it must get. Consecutive calls of a
+// thread have different answers, so that one that belongs to another call shows.
 //
 //   soak_client FIRST-SLOT THREADS CALLS     CALLS per thread, 0 until the board says stop
 //
 // The board comes in on descriptor 3. Engines may come and go meanwhile. At the end: 1 when the
-// process has other mappings of segments than those of the one connection, 2 when its memory has grown
-// by more than half a megabyte since its first calls.
+// process has other mappings of segments than those of the one connection, 2 when its memory has
+// grown by more than half a megabyte since its first calls.
 
 #include <sys/mman.h>
 #include <unistd.h>

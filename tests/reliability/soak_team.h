@@ -25,8 +25,8 @@ class SoakTeam {
 
   SoakBoard& board() { return *board_; }
 
-  /// Starts a program of a build tree; the first free slots become those of its threads. Returns its
-  /// place, or -1 with a failed test.
+  /// Starts a program of a build tree; the first free slots become those of its threads. Returns
+  /// its place, or -1 with a failed test.
   int start(const std::string& buildDir, unsigned threads, uint32_t calls = 0);
   /// Whether the program at a place still runs; one that has ended must have ended well.
   bool runs(int place);
@@ -42,8 +42,8 @@ class SoakTeam {
   /// Waits until every thread of every running program has got so many answers more; false, and a
   /// failed test, when one does not.
   bool waitProgress(uint32_t answers);
-  /// Lets every thread end its call and begin no other until resume; false, and a failed test, when one
-  /// does not end.
+  /// Lets every thread end its call and begin no other until resume; false, and a failed test, when
+  /// one does not end.
   bool pause();
   void resume() { board_->pause.store(0); }
   /// Tells all programs to end, waits for them, and fails the test when one did not end well or an

@@ -41,8 +41,8 @@ class Soak : public testing::Test {
     team_.endChange();
   }
 
-  /// Every fourth engine is killed. The others end in good order and say how much they have counted,
-  /// every fourth of them while nobody calls.
+  /// Every fourth engine is killed. The others end in good order and say how much they have
+  /// counted, every fourth of them while nobody calls.
   void endEngine() {
     const unsigned life = team_.life();
     const unsigned manner = life % 4;
@@ -62,7 +62,8 @@ class Soak : public testing::Test {
     expectCounted(life);
   }
 
-  /// What the engine has counted is what the clients have been told, and at most what may have been.
+  /// What the engine has counted is what the clients have been told, and at most what may have
+  /// been.
   void expectCounted(unsigned life) {
     const Life& seen = team_.board().lives[life % kLives];
     const auto words = wordsOfLine(engine_->report(), {"soak", "order"});

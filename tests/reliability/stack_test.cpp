@@ -1,5 +1,5 @@
-// How much stack the calls use, measured on a painted stack, and how much memory they allocate. This
-// program has its own malloc.
+// How much stack the calls use, measured on a painted stack, and how much memory they allocate.
+// This program has its own malloc.
 
 #include <limits.h>
 #include <pthread.h>
@@ -377,7 +377,8 @@ TEST_F(Stacks, AreAllThatMeasurementCallsUse) {
   expectNoAllocations("measurement calls that allocated nothing");
 }
 
-// Without TZ the C library looks for the machine's zone at each line, and may allocate when there is none.
+// Without TZ the C library looks for the machine's zone at each line, and may allocate when there
+// is none.
 TEST_F(Stacks, AreAllThatTracingMeasurementCallsUse) {
   setenv("TZ", "UTC", 1);
   setTracing(Tracing::xml);

@@ -374,8 +374,8 @@ void limitSideEffects(const Options& options) {
   _exit(code);
 }
 
-// Made here, since the command may not make namespaces: it has no privileges, and below a changed root
-// nobody gets a user namespace.
+// Made here, since the command may not make namespaces: it has no privileges, and below a changed
+// root nobody gets a user namespace.
 [[noreturn]] void executeBeside(const Options& options, const sigset_t& mask) {
   if (unshare(CLONE_NEWIPC) != 0) fail("cannot make another IPC namespace");
   const char* const command[] = {"sh", "-c", options.beside, nullptr};

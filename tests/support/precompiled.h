@@ -1,7 +1,7 @@
 #pragma once
 
-// What nearly every test includes, compiled once for each build tree.  Sources include what they use
-// all the same.
+// What nearly every test includes, compiled once for each build tree.  Sources include what they
+// use all the same.
 
 #include <gtest/gtest.h>
 

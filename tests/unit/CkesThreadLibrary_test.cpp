@@ -172,8 +172,8 @@ TEST(CkesThreadLibrary, KeysAreMadeWithoutADestructor) {
   EXPECT_TRUE(without);
 }
 
-// As it is when the process has a second C library: both number their keys from 0 and keep the values in
-// the same place.
+// As it is when the process has a second C library: both number their keys from 0 and keep the
+// values in the same place.
 TEST(CkesThreadLibrary, KeyThatHasAValueAlreadyIsNotUsed) {
   ASSERT_EQ(0, CkesThreadLibrary::Initialize());
   int foreign = 0;

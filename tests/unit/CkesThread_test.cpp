@@ -333,8 +333,8 @@ TEST(CkesThread, JoinOfItselfGivesMinus109) {
   std::atomic<bool> is_awaited = false;
   BodyThread* self = nullptr;
   BodyThread thread([&] {
-    // ThreadSanitizer forgets a thread when somebody tries to join it, even in vain: the join of the main
-    // thread comes first.
+    // ThreadSanitizer forgets a thread when somebody tries to join it, even in vain: the join of
+    // the main thread comes first.
     EXPECT_TRUE(armtest::waitUntil([&] { return is_awaited && isMainThreadAsleep(); }));
     result = self->Join();
     error = lastError();
