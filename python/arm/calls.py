@@ -5,8 +5,8 @@ structures of :mod:`arm.structures`. Results are those of arm.h and armext.h; wi
 every call that would post something returns ``UNREACHABLE``, as it does without an engine. No call
 raises for a failed measurement.
 
-A call waits for its answer without a time limit and with the interpreter lock released: other threads
-run on, and a signal's Python handler runs when the call has returned.
+A call waits for its answer without a time limit and with the interpreter lock released: other
+threads run on, and a signal's Python handler runs when the call has returned.
 """
 
 from __future__ import annotations
@@ -154,7 +154,7 @@ def arm_getid(
 
 
 def arm_start(tran_id: int, flags: int = 0, data: Block = None) -> int:
-    """Starts a transaction. Returns its handle, IGNOREID, or a negative error. May write to data."""
+    """Starts a transaction. Returns its handle, IGNOREID or a negative error. May write to data."""
     return _call("arm_start", tran_id, flags, _address(data), _size(data))
 
 
@@ -227,7 +227,9 @@ def arm_transactionInstanceReport(
     return _report("arm_transactionInstanceReport", tran_handle, data, stamp_time, values)
 
 
-def arm_completeTransaction(tran_handle: int, complete_value1: int, complete_value2: int = 0) -> int:
+def arm_completeTransaction(
+    tran_handle: int, complete_value1: int, complete_value2: int = 0
+) -> int:
     """Completes a transaction. Returns the engine's answer, or a negative error."""
     return _call("arm_completeTransaction", tran_handle, complete_value1, complete_value2)
 
@@ -241,7 +243,7 @@ def arm_completeTransactionInstance(
 
 
 def arm_associateMetricData(tran_handle: int, data: bytes) -> int:
-    """Attaches 1 to 4096 bytes to a transaction. Returns the engine's answer, or a negative error."""
+    """Attaches 1 to 4096 bytes to a transaction. Returns the answer, or a negative error."""
     # More than the largest size is for the library to refuse, without being copied first.
     length = min(len(data), METRIC_DATA_SIZE + 1)
     buffer = ctypes.create_string_buffer(data[:length], max(length, 1))

@@ -4,8 +4,8 @@ Nothing in here raises for a failed measurement: without the library or an engin
 nothing. An application and a class register themselves at their first use, and try again at a later
 one while no engine is there; so they can be made when a module is imported.
 
-Threads: applications and classes may be used by any number of threads at once, a transaction by one at
-a time.
+Threads: applications and classes may be used by any number of threads at once, a transaction by one
+at a time.
 """
 
 from __future__ import annotations
@@ -98,7 +98,9 @@ class Correlator:
             return None
 
     @classmethod
-    def from_environment(cls, environment: Optional[Mapping[str, str]] = None) -> Optional[Correlator]:
+    def from_environment(
+        cls, environment: Optional[Mapping[str, str]] = None
+    ) -> Optional[Correlator]:
         """What the parent process has left in the environment; None when there is nothing."""
         variables = os.environ if environment is None else environment
         return cls.from_hex(variables.get(calls.arm_getCorrelatorKey(), ""))
@@ -146,8 +148,8 @@ def _signed32(value: int) -> int:
 class DataBlock:
     """Seven metrics and the correlators that go with a start, an update or a stop; 256 bytes.
 
-    Slots are numbered 1 to 6; slot 7 is the 32-byte string. A metric that is set is marked as valid.
-    Every setter returns the block. A wrong slot is a ValueError.
+    Slots are numbered 1 to 6; slot 7 is the 32-byte string. A metric that is set is marked as
+    valid. Every setter returns the block. A wrong slot is a ValueError.
     """
 
     __slots__ = ("raw",)
@@ -213,7 +215,7 @@ class DataBlock:
         return self._value64(slot, value)
 
     def string8(self, slot: int, value: str) -> DataBlock:
-        """At most 8 bytes of UTF-8; the characters of a longer text that do not fit are left out."""
+        """At most 8 bytes of UTF-8; characters of a longer text that do not fit are left out."""
         self._metric(slot).bytes[:] = _field(value, 8)
         return self
 
@@ -245,7 +247,7 @@ class DataBlock:
 
     @property
     def correlator(self) -> Optional[Correlator]:
-        """The correlator of the transaction started with this block; None when it was given none."""
+        """The correlator of the transaction started with this block; None when it has none."""
         if not self.raw.flags[0] & CORRELATOR_GENERATED:
             return None
         return Correlator(bytes(self.raw.correlator))
@@ -271,7 +273,7 @@ def _field(text: str, size: int) -> list[int]:
 
 
 class MetricDescriptions:
-    """Types and names of a class's metrics, 344 bytes. Slot 7 takes STRING32, and nothing else does."""
+    """Types and names of a class's metrics, 344 bytes. Slot 7, and no other, takes STRING32."""
 
     __slots__ = ("raw",)
 
@@ -300,7 +302,8 @@ class Application:
     def __init__(self, name: str, user: str = "*") -> None:
         """Nothing is asked of the engine yet.
 
-        name: 1 to 127 bytes of UTF-8; user: at most 127, "*" is the login name of the process's user.
+        name: 1 to 127 bytes of UTF-8; user: at most 127, "*" is the login name of the process's
+        user.
         """
         self.name = name
         self.user = user
@@ -387,7 +390,8 @@ def _say_when_bad(result: int) -> None:
 class Transaction:
     """A running transaction. As a context manager it starts and stops with the ``with`` block.
 
-    Left by an exception it has failed, unless a status was set before; ``sys.exit(0)`` is no failure.
+    Left by an exception it has failed, unless a status was set before; ``sys.exit(0)`` is no
+    failure.
     """
 
     def __init__(
@@ -449,7 +453,7 @@ class Transaction:
         return self
 
     def update(self, data: Union[DataBlock, str, bytes, None] = None) -> int:
-        """Reports progress, with metrics or with a text of at most 1020 bytes. Returns the status."""
+        """Reports progress, with metrics or a text of at most 1020 bytes. Returns the status."""
         if self._handle < 0:
             return self._handle
         if data is None or isinstance(data, DataBlock):
@@ -473,8 +477,8 @@ class Transaction:
         self.set_status(Status.ABORTED)
 
     def stop(self, status: Optional[Status] = None, data: Optional[DataBlock] = None) -> int:
-        """Stops it with this status, else the one that was set, else good. Returns the status word of
-        the engine, or the negative handle when it does not run."""
+        """Stops it with this status, else the one that was set, else good. Returns the status word
+        of the engine, or the negative handle when it does not run."""
         handle, self._handle = self._handle, -1
         if handle < 0:
             return handle
@@ -517,8 +521,8 @@ def transaction(
 
 
 def measured(of: TransactionClass) -> Callable[[_Function], _Function]:
-    """Makes each call of the decorated function a transaction. A coroutine function's lasts until its
-    coroutine ends. A generator function's would end before its work: TypeError."""
+    """Makes each call of the decorated function a transaction. A coroutine function's lasts until
+    its coroutine ends. A generator function's would end before its work: TypeError."""
 
     def decorate(function: _Function) -> _Function:
         if inspect.isgeneratorfunction(function) or inspect.isasyncgenfunction(function):

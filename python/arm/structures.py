@@ -1,7 +1,7 @@
 """The blocks that go with the calls, byte for byte as libarm and its engine have them.
 
-Sizes and offsets are checked when this module is imported: an interpreter that would lay them out in
-another way cannot import it.
+Sizes and offsets are checked when this module is imported: an interpreter that would lay them out
+in another way cannot import it.
 """
 
 from __future__ import annotations

@@ -478,7 +478,7 @@ MOST_REPORTS = 5
 
 def no_script_differs(run, first, count):
     bad = list(itertools.islice(run.differing(first, count), MOST_REPORTS))
-    calls = sum(times for what, times in run.counts.items() 
+    calls = sum(times for what, times in run.counts.items()
                 if what.startswith("call ") and not what.startswith("call setenv"))
     # What was sent ahead of the last one is left unread.
     run.player.start_again()

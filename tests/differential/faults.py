@@ -95,8 +95,8 @@ def faulty_model(name):
     old, new = FAULTS[name]
     with open(contract_model.__file__, encoding="ascii") as file:
         source = file.read()
-    assert source.count(old) == 1, "the passage of '%s' is there %d times" % (name,
-                                                                             source.count(old))
+    count = source.count(old)
+    assert count == 1, "the passage of '%s' is there %d times" % (name, count)
     model = types.ModuleType("faulty_model")
     exec(compile(source.replace(old, new), "faulty_model", "exec"), model.__dict__)
     return model

@@ -97,7 +97,8 @@ class PageTestCase(unittest.TestCase):
     def texts_of_rows(self) -> list[list[str]]:
         rows = self.run_js(
             "return [...document.querySelectorAll('#class-rows tr')].map(row => "
-            "[...row.querySelectorAll('.tran, td:not(.name):not(.spread)')].map(e => e.textContent))"
+            "[...row.querySelectorAll('.tran, td:not(.name):not(.spread)')]"
+            ".map(e => e.textContent))"
         )
         assert isinstance(rows, list)
         return [[text.replace("\u00a0", " ") for text in row] for row in rows]

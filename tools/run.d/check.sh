@@ -69,6 +69,10 @@ warnings_of_clang() {
     configure_quietly i386-clang && python3 -B tools/checksources.py build/i386-clang syntax $CHECKED_FOLDERS
 }
 
+lint_python() {
+    /usr/bin/python3 -m flake8 bench docs examples model python tests tools
+}
+
 # The engine's page: what it does by eslint, what it says and how it looks by the length of lines.
 lint_page() {
     "$TOOLS/eslint/node_modules/.bin/eslint" --max-warnings 0 engine/page tests/page tests/engine \
@@ -76,8 +80,8 @@ lint_page() {
     ! LC_ALL=C.UTF-8 grep -nE '.{101}' engine/page/*.css engine/page/*.html
 }
 
-# Steps that fill what the tests leave of the processors: one after the other in the background, each
-# with its output and its status in a file.
+# Steps that fill what the tests leave of the processors: one after the other in the background,
+# each with its output and its status in a file.
 in_background() { # STEP...
     for step; do
         rm -f "build/logs/step-$step.status"
@@ -135,8 +139,10 @@ test_widths() { # [CTEST-ARGUMENT...]
 # The trees of both widths are tested while the others are built.
 test_all() {
     need_packages $CLANG_PACKAGES $LINT_PACKAGES $FUZZ_PACKAGES $MODEL_PACKAGES
+    need_eslint
     check "source format" format_check
     check "lint of the page" lint_page
+    check "lint of Python" lint_python
     for preset in i386 amd64 $SANITIZER_PRESETS $CLANG_PRESETS; do
         need_preset "$preset"
     done

@@ -14,8 +14,8 @@ build_fault_tests() {
     done
 }
 
-# What the tests have counted, a line for each thing: COUNT WHAT. Of "client killed in arm_start, ...: 30
-# times (...)" the calls are added up.
+# What the tests have counted, a line for each thing: COUNT WHAT. Of "client killed in arm_start,
+# ...: 30 times (...)" the calls are added up.
 counts_in() { # LOG
     sed -n -e 's/^[0-9]*: counted: \(.*\): \([0-9]*\)$/\2 \1/p' \
         -e 's/^[0-9]*: \([a-z ]*\)\( in [A-Za-z_]*\)\{0,1\}\([a-z, ]*\): \([0-9]*\) times (.*/\4 \1\3/p' "$1" |
@@ -45,8 +45,9 @@ count_tests() { # NAME REGEX
     return $bad
 }
 
-# Every moment of every call is tried; './run test' tries one in seven. With them go what happens to those
-# that wait, or are between two steps, when an engine dies, and a writer at each of its instructions.
+# Every moment of every call is tried; './run test' tries one in seven. With them go what happens to
+# those that wait, or are between two steps, when an engine dies, and a writer at each of its
+# instructions.
 verify_kills() {
     build_fault_tests
     ARM_KILL_EVERY=1 count_tests kills \

@@ -43,8 +43,8 @@ debian_changelog() {
         END { finish_section() }' CHANGELOG.md
 }
 
-# The libraries, and a package database from which dpkg-shlibdeps tells what they need. Their files are
-# listed where they lie.
+# The libraries, and a package database from which dpkg-shlibdeps tells what they need. Their files
+# are listed where they lie.
 fetch_package_sysroot() {
     (
         SYSROOT=build/sysroot-i386-package
@@ -78,8 +78,8 @@ need_package_sysroot() {
     touch "$PACKAGE_SYSROOT/complete"
 }
 
-# The sources as a package of their own, from which both widths are built. The modes of its files do not
-# depend on who has checked them out.
+# The sources as a package of their own, from which both widths are built. The modes of its files do
+# not depend on who has checked them out.
 make_source_package() { # DIRECTORY
     tree=$1/libarm
     mkdir -p "$tree" || return 1

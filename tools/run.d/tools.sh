@@ -1,4 +1,5 @@
-# Programs that only tests use, unpacked into build/tools: the machine gets no new service from them.
+# Programs that only tests use, unpacked into build/tools: the machine gets no new service from
+# them.
 
 TOOLS=build/tools
 PROMETHEUS_PACKAGES="prometheus"

@@ -24,8 +24,8 @@ build_fuzzers() {
     done
 }
 
-# Inputs that reach something new are kept in the build tree, for the next run to start from; a round
-# with a given seed starts from the corpus of the sources alone.
+# Inputs that reach something new are kept in the build tree, for the next run to start from; a
+# round with a given seed starts from the corpus of the sources alone.
 run_fuzzer() { # PRESET TARGET FUZZER-ARGUMENT...
     preset=$1
     target=$2

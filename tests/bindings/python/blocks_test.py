@@ -10,7 +10,7 @@ from arm import structures
 
 
 def slot(block: arm.DataBlock, number: int) -> bytes:
-    return bytes(block.raw)[8 * number : 8 * number + 8]
+    return bytes(block.raw)[8 * number:8 * number + 8]
 
 
 class LayoutTestCase(unittest.TestCase):
