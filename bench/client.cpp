@@ -3,12 +3,12 @@
 //   bench_client compare  --calls N --rounds N --threads N NAME NAME...   the calls in turns
 //   bench_client latency  --milliseconds N --threads N | --processes N    percentiles of one call
 //   bench_client cost     --calls N --rounds N [--no-engine] NAME         one call, many times
-//   bench_client heads    --calls N --rounds N --fill N NAME              the same, behind N records
+//   bench_client heads    --calls N --rounds N --fill N NAME              the same, behind N others
 //   bench_client counted  --calls N NAME                                  inside countedCalls()
 //   bench_client first                                                    first calls of a process
-//   bench_client reconnect                                                one call per line of input
+//   bench_client reconnect                                                a call per line of input
 //   bench_client share    --calls N --rounds N --work MICROSECONDS        transactions with work
-//   bench_client memory                                                   calls, then waits for input
+//   bench_client memory                                                   calls, then a wait
 //   bench_client hold     --calls N instances | classes | used            N of them, then the same
 //   bench_client spawn    --calls N --rounds N PROGRAM PROGRAM...         programs that end at once
 
@@ -85,7 +85,7 @@ Settings parse(int argc, char** argv) {
     if (choice == 'n') settings.no_engine = true;
     if (choice == 'v') {
       *numbers.at(known[static_cast<std::size_t>(index)].name) =
-          static_cast<unsigned>(std::atoi(optarg));
+          static_cast<unsigned>(std::strtoul(optarg, nullptr, 10));
     }
     if (choice == '?') std::exit(2);
   }
@@ -283,7 +283,7 @@ int first(const Settings&) {
 }
 
 int reconnect(const Settings&) {
-  for (int byte; (byte = std::getchar()) != EOF;) {
+  while (std::getchar() != EOF) {
     arm_int32_t application = 0;
     const double time = microsecondsOf(
         [&application] { application = arm_init("reconnect", "again", 0, nullptr, 0); });
@@ -293,8 +293,9 @@ int reconnect(const Settings&) {
   return 0;
 }
 
-/// Work that the compiler cannot leave out, in registers: a processor forgets what it has learnt about
-/// memory when it changes to another process, and would learn it again at the cost of the work.
+/// Work that the compiler cannot leave out, in registers: a processor forgets what it has learnt
+/// about memory when it changes to another process, and would learn it again at the cost of the
+/// work.
 void spin(unsigned long steps) {
   unsigned long value = steps;
   for (; steps > 0; --steps) {

@@ -21,14 +21,15 @@ bool RequestQueue::isReady() const {
 
 void RequestQueue::put(const std::vector<wire::Request>& requests) {
   const Guard guard(*this);
+  const auto slots = capacity();
   for (const wire::Request& request : requests) {
     if (memory.u32(wire::RING_STATE) != wire::RUNNING)
       throw Unchecked("the request queue has stopped");
-    if (count() >= capacity()) throw Unchecked("the request queue stays full");
-    if (tail() >= capacity()) throw Unchecked("the ring's tail points outside the ring");
+    if (slots == 0 || count() >= slots) throw Unchecked("the request queue stays full");
+    if (tail() >= slots) throw Unchecked("the ring's tail points outside the ring");
     std::memcpy(memory.at(wire::RING_SLOTS + tail() * wire::REQUEST_SIZE), request.data(),
                 request.size());
-    memory.put16(wire::RING_TAIL, static_cast<uint16_t>((tail() + 1) % capacity()));
+    memory.put16(wire::RING_TAIL, static_cast<uint16_t>((tail() + 1) % slots));
     memory.put16(wire::RING_COUNT, static_cast<uint16_t>(count() + 1));
     if (count() == 1) wake();
   }
@@ -134,10 +135,10 @@ std::string ReplyQueue::walk(uint32_t first, const char* list, std::vector<bool>
 std::string ReplyQueue::listDisorder() const {
   std::vector<bool> seen(capacity(), false);
   for (unsigned i = 0; i < capacity(); ++i) {
-    const std::string wrong = walk(first(i), "a head record's list", &seen);
+    std::string wrong = walk(first(i), "a head record's list", &seen);
     if (!wrong.empty()) return wrong;
   }
-  const std::string wrong = walk(freeList(), "the free list", &seen);
+  std::string wrong = walk(freeList(), "the free list", &seen);
   if (!wrong.empty()) return wrong;
   const auto lost = std::count(seen.begin(), seen.end(), false);
   return lost == 0 ? "" : std::to_string(lost) + " items are in no list";
@@ -148,7 +149,7 @@ std::string ReplyQueue::countDisorder() const {
   unsigned owned = 0;
   for (unsigned i = 0; i < capacity(); ++i) {
     if (!isFree(i)) ++owned;
-    const std::string wrong = walk(first(i), "a head record's list", &seen);
+    std::string wrong = walk(first(i), "a head record's list", &seen);
     if (!wrong.empty()) return wrong;
   }
   const auto linked = std::count(seen.begin(), seen.end(), true);

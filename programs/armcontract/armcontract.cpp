@@ -30,7 +30,7 @@ void print(const std::string& text) {
 
 /// The clauses that were asked for.  A name that none has goes to unknown.
 std::vector<Clause> chosenClauses(const CommandLine& line, std::string* unknown) {
-  const std::vector<Clause> all = armcontract::allClauses();
+  std::vector<Clause> all = armcontract::allClauses();
   if (line.clauses.empty()) return all;
   std::vector<Clause> chosen;
   for (const std::string& name : line.clauses) {

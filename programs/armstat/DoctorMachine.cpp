@@ -87,7 +87,7 @@ std::vector<std::string> loginFiles(const std::string& root) {
        {"/etc/systemd", "/run/systemd", "/usr/local/lib/systemd", "/usr/lib/systemd"}) {
     const std::string main = root + directory + "/logind.conf";
     if (files.empty() && access(main.c_str(), R_OK) == 0) files.push_back(main);
-    const std::string part_directory = main + ".d";
+    const std::string part_directory = main + ".d/";
     DIR* entries = opendir(part_directory.c_str());
     if (entries == nullptr) continue;
     while (const dirent* entry = readdir(entries)) {
@@ -95,7 +95,7 @@ std::vector<std::string> loginFiles(const std::string& root) {
       const std::string ending = ".conf";
       if (name.size() > ending.size() &&
           name.compare(name.size() - ending.size(), ending.size(), ending) == 0) {
-        parts.emplace(name, part_directory + "/" + name);
+        parts.emplace(name, part_directory + name);
       }
     }
     (void)closedir(entries);
