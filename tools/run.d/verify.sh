@@ -147,14 +147,45 @@ verify_sanitizers() {
     return $bad
 }
 
-verify() {
+# What a part prints is also stored, for 'verify docs', if the part ends well.
+stored() { # PART COMMAND...
+    part=$1
+    shift
+    mkdir -p build/verify
+    rm -f "build/verify/$part.txt" "build/verify/$part.good"
+    { "$@" && : >"build/verify/$part.good"; } | tee "build/verify/$part.new"
+    [ -e "build/verify/$part.good" ] || return 1
+    rm "build/verify/$part.good"
+    mv "build/verify/$part.new" "build/verify/$part.txt"
+}
+
+verify_fuzz() {
+    fuzz "$VERIFY_FUZZ_SECONDS" || return
+    runs=0
+    for round in $FUZZ_ROUND; do
+        for preset in $FUZZ_ROUND_PRESETS; do
+            runs=$((runs + ${round#*:}))
+        done
+    done
+    echo "a fixed round: $runs inputs"
+}
+
+verify_docs() {
+    python3 -B tools/counts.py build/verify docs/reliability.md README.md
+}
+
+verify() { # [docs]
+    if [ "${1-}" = docs ]; then
+        verify_docs
+        return
+    fi
     mkdir -p build/logs
-    check "fuzzers, $VERIFY_FUZZ_SECONDS seconds each" fuzz "$VERIFY_FUZZ_SECONDS"
-    check "protocol model" verify_model
-    check "random scripts, library and model" verify_differential
-    check "killed clients and engines" verify_kills
-    check "soak, $SOAK_CALLS calls" verify_soak
-    check "hostile memory, forks, loading, signals, stacks, limits" verify_faults
+    check "fuzzers, $VERIFY_FUZZ_SECONDS seconds each" stored fuzz verify_fuzz
+    check "protocol model" stored model verify_model
+    check "random scripts, library and model" stored differential verify_differential
+    check "killed clients and engines" stored kills verify_kills
+    check "soak, $SOAK_CALLS calls" stored soak verify_soak
+    check "hostile memory, forks, loading, signals, stacks, limits" stored faults verify_faults
     check "sanitizers, all tests" verify_sanitizers
     echo "$PASSED passed, $FAILED failed"
     [ "$FAILED" -eq 0 ]
