@@ -9,9 +9,9 @@ namespace {
 
 constexpr int ATTEMPTS = 8;
 
-/// The list that was published: still reachable when the host has replaced it, so that no search
-/// for leaks finds it.
-char** kept = nullptr;
+/// The last list that was published; each leads to the one before, behind its own end.  Others may
+/// read them still, and no search for leaks finds them.
+char** published = nullptr;
 
 bool hasEntry(char* const* list, const char* setting) {
   const std::size_t name = std::strcspn(setting, "=") + 1;
@@ -37,6 +37,7 @@ bool fill(char** copy, char* const* list, std::size_t length, char* setting) {
   if (length > 0) std::memcpy(copy, list, length * sizeof(char*));
   copy[length] = setting;
   copy[length + 1] = nullptr;
+  copy[length + 2] = reinterpret_cast<char*>(published);
   return true;
 }
 
@@ -59,13 +60,13 @@ bool putIntoEnvironment(char* setting) {
     char** const before = environment();
     if (hasEntry(before, setting)) break;
     const std::size_t length = lengthOf(before);
-    auto* const after = static_cast<char**>(std::malloc((length + 2) * sizeof(char*)));
+    auto* const after = static_cast<char**>(std::malloc((length + 3) * sizeof(char*)));
     if (after == nullptr) return false;
     if (!fill(after, before, length, setting) || !publish(before, after)) {
       std::free(after);
       continue;
     }
-    kept = after;
+    __atomic_store_n(&published, after, __ATOMIC_RELAXED);
     // Finds its entry and only stores a pointer; and waits, at the C library's own lock, for a
     // setenv that may still be changing the list from before.
     const bool put = putenv(setting) == 0;
