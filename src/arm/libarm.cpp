@@ -7,7 +7,6 @@
 #include "armext.h"
 #include "diag/libarmdebug.h"
 #include "diag/traceformat.h"
-#include "diag/wcdebug.h"
 #include "platform/CCallScope.h"
 
 namespace {
@@ -22,17 +21,17 @@ int32_t exchangeWithCorrelator(const TArmMessage& message, void* block, TTrace t
 
 int32_t startTransaction(int32_t tranId, void* data, int32_t dataSize) {
   if (CheckEngineStatus() != 0) {
-    if (VDebugRun) traceError("CheckEngineStatus failed");
+    traceError("CheckEngineStatus failed");
     return ARM_RESULT_NO_ENGINE;
   }
   // Before the id is looked at, and whatever the block's format word.
   if (parentIsIgnored(data)) {
     markIgnoredBlock(data);
-    if (VDebugRun) wcDebug("  Ignoring this tran_id\n");
+    traceText("  Ignoring this tran_id\n");
     return IGNOREID;
   }
   if (tranId < 0) {
-    if (VDebugRun) traceError("Bad tran ID");
+    traceError("Bad tran ID");
     return ARM_RESULT_REJECTED;
   }
   TArmMessage message;
@@ -71,16 +70,16 @@ int32_t updateTransaction(int32_t startHandle, int32_t flags, const void* data, 
 int32_t stopTransaction(int32_t startHandle, int32_t status, int32_t flags, const void* data,
                         int32_t dataSize) {
   if (CheckEngineStatus() != 0) {
-    if (VDebugRun) traceError("CheckEngineStatus failed");
+    traceError("CheckEngineStatus failed");
     return ARM_RESULT_NO_ENGINE;
   }
   if (startHandle == IGNOREID) {
-    if (VDebugRun) wcDebug("  Passed IGNOREID\n");
+    traceText("  Passed IGNOREID\n");
     return 0;
   }
   // Deliberate (stop-zero): 0 is accepted here, unlike in update.
   if (startHandle < 0) {
-    if (VDebugRun) traceError("Invalid start_handle");
+    traceError("Invalid start_handle");
     return ARM_RESULT_REJECTED;
   }
   TArmMessage message;
@@ -149,7 +148,7 @@ int32_t doCompleteTrans(TArmMessageType type, int32_t tranHandle, int32_t value1
 ARM_EXPORT arm_int32_t arm_start(arm_int32_t tran_id, arm_int32_t, void* data,
                                  arm_int32_t data_size) {
   const CCallScope scope;
-  if (VDebugRun) wcDebug("libarm:arm_start ENTER\n");
+  traceText("libarm:arm_start ENTER\n");
   const int32_t result = startTransaction(tran_id, data, data_size);
   if (VDebugRun) traceFormat("libarm:arm_start EXIT [%ld]\n", static_cast<long>(result));
   return result;
@@ -164,7 +163,7 @@ ARM_EXPORT arm_int32_t arm_update(arm_int32_t start_handle, arm_int32_t flags, v
 ARM_EXPORT arm_int32_t arm_stop(arm_int32_t start_handle, arm_int32_t tran_status,
                                 arm_int32_t flags, void* data, arm_int32_t data_size) {
   const CCallScope scope;
-  if (VDebugRun) wcDebug("libarm:arm_stop ENTER\n");
+  traceText("libarm:arm_stop ENTER\n");
   const int32_t result = stopTransaction(start_handle, tran_status, flags, data, data_size);
   // sic (exit-blank): no blank before the bracket, unlike in arm_start.
   if (VDebugRun) traceFormat("libarm:arm_stop EXIT[%ld]\n", static_cast<long>(result));

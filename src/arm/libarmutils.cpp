@@ -9,7 +9,6 @@
 #include "armext.h"
 #include "diag/libarmdebug.h"
 #include "diag/traceformat.h"
-#include "diag/wcdebug.h"
 #include "intl/intlcodeset.h"
 #include "ipc/arm_ipc.h"
 #include "platform/CCallScope.h"
@@ -28,7 +27,7 @@ constexpr int ENGINE_USABLE = 0;
 constexpr int ENGINE_UNREACHABLE = -2;
 
 int unreachable(const char* line) {
-  if (VDebugRun) wcDebug(line);
+  traceText(line);
   return ENGINE_UNREACHABLE;
 }
 
@@ -47,7 +46,7 @@ int reconnect() {
 
 /// Logs why a call ends and returns its result.
 int32_t refused(int32_t result, const char* why) {
-  if (VDebugRun) traceError(why);
+  traceError(why);
   return result;
 }
 
@@ -224,7 +223,7 @@ ARM_EXPORT arm_int32_t w_ArmInit(unsigned char convert, const char* appl_name,
                                  const char* appl_user_id, arm_int32_t flags, void*, arm_int32_t) {
   const CCallScope scope;
   checkDebug();
-  if (VDebugRun) wcDebug("libarm:arm_init ENTER\n");
+  traceText("libarm:arm_init ENTER\n");
   return endOfCall("arm_init EXIT",
                    registerApplication(convert != 0, appl_name, appl_user_id, flags));
 }
@@ -238,7 +237,7 @@ ARM_EXPORT arm_int32_t w_ArmGetID(unsigned char convert, arm_int32_t appl_id, co
                                   const char* tran_detail, arm_int32_t, void* data,
                                   arm_int32_t data_size) {
   const CCallScope scope;
-  if (VDebugRun) wcDebug("libarm:arm_getid ENTER\n");
+  traceText("libarm:arm_getid ENTER\n");
   return endOfCall("arm_getid EXIT",
                    registerClass(convert != 0, appl_id, tran_name, tran_detail, data, data_size));
 }
@@ -251,7 +250,7 @@ ARM_EXPORT arm_int32_t arm_getid(arm_int32_t appl_id, const char* tran_name,
 
 ARM_EXPORT arm_int32_t arm_end(arm_int32_t appl_id, arm_int32_t, void*, arm_int32_t) {
   const CCallScope scope;
-  if (VDebugRun) wcDebug("libarm:arm_end ENTER\n");
+  traceText("libarm:arm_end ENTER\n");
   // sic (exit-blank): a blank before the bracket, unlike in the other registration calls.
   return endOfCall("arm_end EXIT ", endApplication(appl_id));
 }

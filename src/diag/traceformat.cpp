@@ -3,9 +3,6 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include "diag/libarmdebug.h"
-#include "diag/wcdebug.h"
-
 namespace {
 
 constexpr unsigned SHORT_LINE_SIZE = 128;
@@ -52,10 +49,20 @@ void traceFormatLong(const char* format, ...) {
   va_end(arguments);
 }
 
-void traceText(const char* text) {
-  if (VDebugRun) wcDebug(text);
+long traceFailure(long code, const char* format, ...) {
+  if (!VDebugRun) return code;
+  va_list arguments;
+  va_start(arguments, format);
+  formatLine<LINE_SIZE>(wcDebugln, format, arguments);
+  va_end(arguments);
+  return code;
 }
 
-void traceError(const char* text) {
-  traceFormat("  \a%s\n", text);
+bool traceFailure(const char* format, ...) {
+  if (!VDebugRun) return false;
+  va_list arguments;
+  va_start(arguments, format);
+  formatLine<LINE_SIZE>(wcDebugln, format, arguments);
+  va_end(arguments);
+  return false;
 }

@@ -1,6 +1,10 @@
 #pragma once
 
-// Formats one trace line and hands it whole to the trace writer.  Call sites test VDebugRun first.
+#include "diag/libarmdebug.h"
+#include "diag/wcdebug.h"
+
+// Formats one trace line and hands it whole to the trace writer.  Call sites test VDebugRun first,
+// except where a function says that it does.
 // A line that does not fit is cut; the capacities are chosen so that no line of accepted arguments
 // is. Any thread.
 
@@ -18,8 +22,20 @@ void traceFormatShort(const char* format, ...) __attribute__((format(printf, 1, 
 /// code set's name.
 void traceFormatLong(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-/// Writes a finished text with wcDebug when the process traces.
-void traceText(const char* text);
+/// Formats as traceFormatln, but only when the process traces, and returns the code: for the ways
+/// out of a function that fails.  The arguments may name errno, which the caller still finds
+/// unchanged when the process does not trace.
+long traceFailure(long code, const char* format, ...) __attribute__((cold, format(printf, 2, 3)));
+/// The same for functions that tell by false that they fail.
+bool traceFailure(const char* format, ...) __attribute__((cold, format(printf, 1, 2)));
 
-/// Writes an error line of the ARM calls: two blanks, the BEL character, the text, a newline.
-void traceError(const char* text);
+/// Writes a finished text with wcDebug when the process traces.
+inline void traceText(const char* text) {
+  if (VDebugRun) wcDebug(text);
+}
+
+/// Writes an error line of the ARM calls when the process traces: two blanks, the BEL character,
+/// the text, a newline.
+inline void traceError(const char* text) {
+  if (VDebugRun) traceFormat("  \a%s\n", text);
+}

@@ -15,19 +15,13 @@ bool CIPCQueue<T>::implInitialize(const char* path, unsigned short items) {
     traceFormatln("%s ENTER - name = %s, items = %d", INITIALIZE, path, static_cast<int>(items));
   }
   const key_t key = ftok(path, SET_PROJECT);
-  if (key == -1) {
-    if (VDebugRun) traceFormatln("%s - ERROR - ftok errno = %d", INITIALIZE, errno);
-    return false;
-  }
+  if (key == -1) return traceFailure("%s - ERROR - ftok errno = %d", INITIALIZE, errno);
   if (items != 0) {
     if (!createSet(key, items)) return false;
   } else {
     VSemaphores = semget(key, 2, 0);
     if (VSemaphores == -1) {
-      if (VDebugRun) {
-        traceFormatln("%s - ERROR - semget get semaphore id errno = %d", INITIALIZE, errno);
-      }
-      return false;
+      return traceFailure("%s - ERROR - semget get semaphore id errno = %d", INITIALIZE, errno);
     }
   }
   if (VDebugRun) {
@@ -41,23 +35,16 @@ bool CIPCQueue<T>::createSet(int key, unsigned short items) {
   for (;;) {
     VSemaphores = semget(key, items + 2, 0666 | IPC_CREAT);
     if (VSemaphores == -1) {
-      if (VDebugRun) {
-        traceFormatln("%s - ERROR - semget IPC_CREAT errno = %d, sem_num = %d", INITIALIZE, errno,
-                      items + 2);
-      }
-      return false;
+      return traceFailure("%s - ERROR - semget IPC_CREAT errno = %d, sem_num = %d", INITIALIZE,
+                          errno, items + 2);
     }
     const int initialized = semctl(VSemaphores, REPLY_SET_INITIALIZED, GETVAL);
-    if (initialized < 0) {
-      if (VDebugRun) traceFormatln("%s - ERROR - semctl GETVAL errno = %d", INITIALIZE, errno);
-      return false;
-    }
+    if (initialized < 0)
+      return traceFailure("%s - ERROR - semctl GETVAL errno = %d", INITIALIZE, errno);
     if (initialized == 0) return fillSet(items);
     // Left over from an earlier run.
-    if (semctl(VSemaphores, 0, IPC_RMID) < 0) {
-      if (VDebugRun) traceFormatln("%s - ERROR - semctl IPC_RMID errno = %d", INITIALIZE, errno);
-      return false;
-    }
+    if (semctl(VSemaphores, 0, IPC_RMID) < 0)
+      return traceFailure("%s - ERROR - semctl IPC_RMID errno = %d", INITIALIZE, errno);
   }
 }
 
@@ -68,15 +55,10 @@ bool CIPCQueue<T>::fillSet(unsigned short items) {
   const bool zeroed = argument.array != nullptr && semctl(VSemaphores, 0, SETALL, argument) >= 0;
   const int error = errno;
   delete[] argument.array;
-  if (!zeroed) {
-    if (VDebugRun) traceFormatln("%s - ERROR - semctl SETALL errno = %d", INITIALIZE, error);
-    return false;
-  }
+  if (!zeroed) return traceFailure("%s - ERROR - semctl SETALL errno = %d", INITIALIZE, error);
   if (!implRaise(REPLY_SET_INITIALIZED, 1)) {
-    if (VDebugRun) {
-      traceFormatln("%s - ERROR - semop Semaphore #0 initialization errno = %d", INITIALIZE, errno);
-    }
-    return false;
+    return traceFailure("%s - ERROR - semop Semaphore #0 initialization errno = %d", INITIALIZE,
+                        errno);
   }
   return true;
 }

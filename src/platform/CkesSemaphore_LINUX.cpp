@@ -53,15 +53,10 @@ bool CkesSemaphore::implOpen(char* path) {
   VOwner = false;
   VMaximum = 0;
   const key_t key = ftok(path, KEY_ID);
-  if (key == -1) {
-    if (VDebugRun) traceFormatln("%s ftok call failed[%d] for i_Name[%s]", OPEN, errno, path);
-    return false;
-  }
+  if (key == -1) return traceFailure("%s ftok call failed[%d] for i_Name[%s]", OPEN, errno, path);
   semid = semget(key, SET_SIZE, 0);
-  if (semid == -1) {
-    if (VDebugRun) traceFormatln("%s semget call failed[%d] for sem_key[%d]", OPEN, errno, key);
-    return false;
-  }
+  if (semid == -1)
+    return traceFailure("%s semget call failed[%d] for sem_key[%d]", OPEN, errno, key);
   VMaximum = semctl(semid, MAXIMUM, GETVAL);
   return true;
 }

@@ -74,8 +74,8 @@ class CkesSharedMemory {
 
   long openSegment(int key);
   long checkCreator();
-  bool createSet(int key);
-  bool createSegment(const char* path, unsigned long size);
+  long createSet(int key);
+  long createSegment(const char* path, unsigned long size);
   void detach();
   bool fits(unsigned long offset, unsigned long length) const;
   unsigned long clippedLength(unsigned long offset) const;

@@ -27,6 +27,7 @@ constexpr int ACCESS = 0666;
 constexpr int CREATOR_EXITED = 1;
 
 constexpr const char* OPEN = "CkesSharedMemory_UNIX::implOpen";
+constexpr const char* CREATE = "CkesSharedMemory::implCreate()";
 
 // Tells the thread sanitizer, which does not know semop, that the lock orders accesses.
 void lockTaken([[maybe_unused]] void* address) {
@@ -41,34 +42,41 @@ void lockGivenUp([[maybe_unused]] void* address) {
 #endif
 }
 
+/// Traces the step at which opening fails.
+__attribute__((cold)) long openFailed(const char* step) {
+  return traceFailure(CkesSharedMemory::ERR_OPEN, "%s - ERROR - %s failed where errno = %d", OPEN,
+                      step, errno);
+}
+
+/// Traces the step at which creating fails.
+__attribute__((cold)) long createFailed(const char* step) {
+  return traceFailure(CkesSharedMemory::ERR_CREATE, "%s - ERROR - %s where errno = %d", CREATE,
+                      step, errno);
+}
+
+void traceCreate(const char* when, const char* path, unsigned long size) {
+  if (!VDebugRun) return;
+  traceFormatln("%s %s(const char* name, unsigned long size) - name = %s, size = %d", when,
+                "CkesSharedMemory::implCreate", path, static_cast<int>(size));
+}
+
 }  // namespace
 
 long CkesSharedMemory::implOpen(const char* path) {
   if (VDebugRun) traceFormatln("%s ENTER - name = %s", OPEN, path);
   const key_t memoryKey = ftok(path, IPC_MEM_ID);
   if (memoryKey == -1) {
-    if (VDebugRun) {
-      // sic (two-blanks): behind the second dash.
-      traceFormatln("%s - ERROR -  ftok(name, IPC_MEM_ID) failed where name = %s, errno = %d", OPEN,
-                    path, errno);
-    }
-    return ERR_FTOK;
+    // sic (two-blanks): behind the second dash.
+    return traceFailure(ERR_FTOK, "%s - ERROR -  ftok(name, IPC_MEM_ID) %s name = %s, errno = %d",
+                        OPEN, "failed where", path, errno);
   }
   const key_t setKey = ftok(path, IPC_SEM_ID);
   if (setKey == -1) {
-    if (VDebugRun) {
-      traceFormatln("%s - ERROR - ftok(name, IPC_SEM_ID) failed where name = %s, errno = %d", OPEN,
-                    path, errno);
-    }
-    return ERR_FTOK;
+    return traceFailure(ERR_FTOK, "%s - ERROR - ftok(name, IPC_SEM_ID) %s name = %s, errno = %d",
+                        OPEN, "failed where", path, errno);
   }
   VSemaphore = semget(setKey, SET_SIZE, 0);
-  if (VSemaphore == -1) {
-    if (VDebugRun) {
-      traceFormatln("%s - ERROR - semget(sem_key, 2, 0) failed where errno = %d", OPEN, errno);
-    }
-    return ERR_OPEN;
-  }
+  if (VSemaphore == -1) return openFailed("semget(sem_key, 2, 0)");
   long result = openSegment(memoryKey);
   if (result == 0) result = checkCreator();
   if (result == 0 && VDebugRun) traceFormatln("%s EXIT - name = %s", OPEN, path);
@@ -78,28 +86,14 @@ long CkesSharedMemory::implOpen(const char* path) {
 long CkesSharedMemory::openSegment(int key) {
   // Size 1 accepts any existing segment of the key.
   VMemory = shmget(key, 1, 0);
-  if (VMemory == -1) {
-    if (VDebugRun) {
-      traceFormatln("%s - ERROR - shmget(mem_key, 1, 0) failed where errno = %d", OPEN, errno);
-    }
-    return ERR_OPEN;
-  }
+  if (VMemory == -1) return openFailed("shmget(mem_key, 1, 0)");
   void* address = shmat(VMemory, nullptr, 0);
   if (address == reinterpret_cast<void*>(-1) || address == nullptr) {
-    if (VDebugRun) {
-      traceFormatln("%s - ERROR - shmat(VMemory, 0, 0) failed where errno = %d", OPEN, errno);
-    }
-    return ERR_OPEN;
+    return openFailed("shmat(VMemory, 0, 0)");
   }
   VAddress = address;
   shmid_ds info = {};
-  if (shmctl(VMemory, IPC_STAT, &info) < 0) {
-    if (VDebugRun) {
-      traceFormatln("%s - ERROR - shmctl(VMemory, IPC_STAT, &info) failed where errno = %d", OPEN,
-                    errno);
-    }
-    return ERR_OPEN;
-  }
+  if (shmctl(VMemory, IPC_STAT, &info) < 0) return openFailed("shmctl(VMemory, IPC_STAT, &info)");
   VSize = info.shm_segsz;
   return 0;
 }
@@ -107,133 +101,59 @@ long CkesSharedMemory::openSegment(int key) {
 long CkesSharedMemory::checkCreator() {
   const int value = semctl(VSemaphore, CREATOR, GETVAL);
   if (value >= 0 && value != CREATOR_EXITED) return 0;
-  if (VDebugRun) {
-    traceFormatln(
-        "%s - ERROR - semctl(VSemaphore, 1, GETVAL) failed where errno = %d, sem_val = %d", OPEN,
-        errno, value);
-  }
-  return value < 0 ? ERR_OPEN : ERR_CREATOR_GONE;
+  return traceFailure(value < 0 ? ERR_OPEN : ERR_CREATOR_GONE,
+                      "%s - ERROR - semctl(VSemaphore, 1, GETVAL) failed where errno = %d, "
+                      "sem_val = %d",
+                      OPEN, errno, value);
 }
 
 long CkesSharedMemory::implCreate(const char* path, unsigned long size) {
-  if (VDebugRun) {
-    traceFormatln(
-        "entering CkesSharedMemory::implCreate(const char* name, unsigned long size) - name = %s, "
-        "size = %d",
-        path, static_cast<int>(size));
-  }
-  if (!ensureNameFile(path)) {
-    if (VDebugRun) {
-      traceFormatln(
-          "CkesSharedMemory::implCreate() - ERROR - fopen(name, \"w\") failed to create where "
-          "errno "
-          "= %d",
-          errno);
-    }
-    return ERR_CREATE;
-  }
+  traceCreate("entering", path, size);
+  if (!ensureNameFile(path)) return createFailed("fopen(name, \"w\") failed to create");
   const key_t setKey = ftok(path, IPC_SEM_ID);
-  if (setKey == -1) {
-    if (VDebugRun) {
-      traceFormatln(
-          "CkesSharedMemory::implCreate() - ERROR - ftok(name, IPC_SEM_ID) where errno = %d",
-          errno);
-    }
-    return ERR_CREATE;
-  }
-  if (!createSet(setKey) || !createSegment(path, size)) return ERR_CREATE;
-  if (VDebugRun) {
-    traceFormatln(
-        "exiting CkesSharedMemory::implCreate(const char* name, unsigned long size) - name = %s, "
-        "size = %d",
-        path, static_cast<int>(size));
-  }
-  return 0;
+  if (setKey == -1) return createFailed("ftok(name, IPC_SEM_ID)");
+  long result = createSet(setKey);
+  if (result == 0) result = createSegment(path, size);
+  if (result == 0) traceCreate("exiting", path, size);
+  return result;
 }
 
-bool CkesSharedMemory::createSet(int key) {
+long CkesSharedMemory::createSet(int key) {
   for (;;) {
     VSemaphore = semget(key, SET_SIZE, ACCESS | IPC_CREAT);
-    if (VSemaphore == -1) {
-      if (VDebugRun) {
-        traceFormatln(
-            "CkesSharedMemory::implCreate() - ERROR - semget(sem_key, 2, 0666 | IPC_CREAT) where "
-            "errno = %d",
-            errno);
-      }
-      return false;
-    }
+    if (VSemaphore == -1) return createFailed("semget(sem_key, 2, 0666 | IPC_CREAT)");
     const int value = semctl(VSemaphore, CREATOR, GETVAL);
-    if (value < 0) {
-      if (VDebugRun) {
-        traceFormatln(
-            "CkesSharedMemory::implCreate() - ERROR - semctl(VSemaphore, 1, GETVAL) where errno = "
-            "%d",
-            errno);
-      }
-      return false;
-    }
+    if (value < 0) return createFailed("semctl(VSemaphore, 1, GETVAL)");
     if (value == 0) break;
     // A set of an earlier creator, whether that lives or not: its holders see their locks fail.
-    if (semctl(VSemaphore, 0, IPC_RMID) < 0) {
-      if (VDebugRun) {
-        traceFormatln(
-            "CkesSharedMemory::implCreate() - ERROR - semctl(VSemaphore, 0, IPC_RMID) where errno "
-            "= "
-            "%d",
-            errno);
-      }
-      return false;
-    }
+    if (semctl(VSemaphore, 0, IPC_RMID) < 0) return createFailed("semctl(VSemaphore, 0, IPC_RMID)");
   }
   // One permanent increment, and one that the kernel takes back when the creator exits.
   sembuf init[] = {{CREATOR, 1, 0}, {CREATOR, 1, SEM_UNDO}};
-  if (semop(VSemaphore, init, 2) < 0) {
-    if (VDebugRun) {
-      traceFormatln(
-          "CkesSharedMemory::implCreate() - ERROR - semop(VSemaphore, op_init, 2) where errno = %d",
-          errno);
-    }
-    return false;
-  }
-  return true;
+  return semop(VSemaphore, init, 2) < 0 ? createFailed("semop(VSemaphore, op_init, 2)") : 0;
 }
 
-bool CkesSharedMemory::createSegment(const char* path, unsigned long size) {
+long CkesSharedMemory::createSegment(const char* path, unsigned long size) {
   const key_t key = ftok(path, IPC_MEM_ID);
   if (key == -1) {
-    if (VDebugRun) {
-      traceFormatln(
-          "CkesSharedMemory::implCreate() - ERROR - ftok(name, IPC_MEM_ID) where errno = %d, name "
-          "= "
-          "%s",
-          errno, path);
-    }
-    return false;
+    return traceFailure(ERR_CREATE,
+                        "%s - ERROR - ftok(name, IPC_MEM_ID) where errno = %d, name = %s", CREATE,
+                        errno, path);
   }
   // Deliberate (no-ipc-excl): without IPC_EXCL, although the text below names it; a segment that is
   // large enough is reused.
   VMemory = shmget(key, size, ACCESS | IPC_CREAT);
   if (VMemory == -1) {
-    if (VDebugRun) {
-      traceFormatln(
-          "CkesSharedMemory::implCreate() - ERROR - shmget(mem_key, size, 0666 | IPC_CREAT | "
-          "IPC_EXCL) where errno = %d, size = %d",
-          errno, static_cast<int>(size));
-    }
-    return false;
+    return traceFailure(ERR_CREATE,
+                        "%s - ERROR - shmget(mem_key, size, 0666 | IPC_CREAT | "
+                        "IPC_EXCL) where errno = %d, size = %d",
+                        CREATE, errno, static_cast<int>(size));
   }
   void* address = shmat(VMemory, nullptr, 0);
-  if (address == reinterpret_cast<void*>(-1)) {
-    if (VDebugRun) {
-      traceFormatln(
-          "CkesSharedMemory::implCreate() - ERROR - shmat(VMemory, 0, 0) where errno = %d", errno);
-    }
-    return false;
-  }
+  if (address == reinterpret_cast<void*>(-1)) return createFailed("shmat(VMemory, 0, 0)");
   VAddress = address;
   std::memset(VAddress, 0, size);
-  return true;
+  return 0;
 }
 
 long CkesSharedMemory::implRead(unsigned long offset, unsigned long length, void* buffer) {
