@@ -30,6 +30,7 @@
 #include "Histogram.h"
 #include "Team.h"
 #include "arm.h"
+#include "ipc/EngineObjects.h"
 #include "ipc/ReplyQueueLayout.h"
 #include "ipc/TIPCIdentifier.h"
 
@@ -230,9 +231,9 @@ int cost(const Settings& settings) {
 
 /// Gives the first records of the reply queue to threads that do not exist, and frees the next.
 void fillHeads(unsigned count) {
-  std::string path = "/var/kelp/controls_ea.kelp";
+  std::string path = REPLY_QUEUE_NAME;
   if (const char* prefix = std::getenv("ARM_AGENT_PREFIX")) path += std::string(".") + prefix;
-  void* address = shmat(shmget(ftok(path.c_str(), 2), 0, 0), nullptr, 0);
+  void* address = shmat(shmget(ftok(path.c_str(), SEGMENT_PROJECT), 0, 0), nullptr, 0);
   if (address == reinterpret_cast<void*>(-1)) fail("no reply queue at " + path);
   auto* header = static_cast<TReplyQueueHeader*>(address);
   auto* heads = reinterpret_cast<TIPCHeadItem*>(header + 1);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "ipc/CIPCUtils.h"
+#include "ipc/EngineObjects.h"
 #include "ipc/RequestQueueLayout.h"
 #include "platform/semaphoreset.h"
 #include "platform/sharedword.h"
@@ -31,10 +32,10 @@ unsigned long segmentSize(uint16_t requesters) {
 }  // namespace
 
 ReplyWriter::ReplyWriter(uint16_t requesters)
-    : capacity_(requesters), memory_(REPLY_BASE, segmentSize(requesters), true) {
+    : capacity_(requesters), memory_(REPLY_QUEUE_NAME, segmentSize(requesters), true) {
   if (!memory_.IsInitialized() || !createSet()) return;
   layOut();
-  view_ = std::make_unique<CIPCQueue<TArmReplyMessage>>(REPLY_BASE, false);
+  view_ = std::make_unique<CIPCQueue<TArmReplyMessage>>(REPLY_QUEUE_NAME, false);
 }
 
 ReplyWriter::~ReplyWriter() {
@@ -52,12 +53,13 @@ bool ReplyWriter::isInitialized() const {
 }
 
 bool ReplyWriter::createSet() {
-  const key_t key = ftok(objectPath(REPLY_BASE, WAKE_SET_PATH_LIMIT).c_str(), WAKE_SET_PROJECT);
+  const key_t key =
+      ftok(objectPath(REPLY_QUEUE_NAME, WAKE_SET_PATH_LIMIT).c_str(), WAKE_SET_PROJECT);
   if (key == -1) return false;
-  set_ = semget(key, capacity_ + 2, 0666 | IPC_CREAT | IPC_EXCL);
+  set_ = semget(key, capacity_ + WAKE_SET_FIRST_HEAD, OBJECT_ACCESS | IPC_CREAT | IPC_EXCL);
   if (set_ == -1) return false;
-  std::vector<unsigned short> zeros(capacity_ + 2U, 0);
-  zeros[REPLY_SET_INITIALIZED] = 1;
+  std::vector<unsigned short> zeros(capacity_ + unsigned{WAKE_SET_FIRST_HEAD}, 0);
+  zeros[WAKE_SET_INITIALIZED] = 1;
   TSemArgument argument = {};
   argument.array = zeros.data();
   return semctl(set_, 0, SETALL, argument) >= 0;
@@ -69,7 +71,7 @@ void ReplyWriter::layOut() {
     TIPCHeadItem& record = *head(i);
     record = {HEAD_IDLE,
               0,
-              static_cast<uint16_t>(REPLY_SET_FIRST_HEAD + i),
+              static_cast<uint16_t>(WAKE_SET_FIRST_HEAD + i),
               NULL_IPC_ID.processId,
               NULL_IPC_ID.threadId,
               0};
@@ -181,7 +183,7 @@ uint32_t ReplyWriter::takeFreeItem() {
   storeShared(header->used_items, used);
   // A reader that takes from a full queue raises this semaphore.  Nobody waits on it here, and at
   // its limit that reader's call would fail.
-  if (used >= capacity_) setSemaphore(REPLY_SET_ROOM, 0);
+  if (used >= capacity_) setSemaphore(WAKE_SET_ROOM, 0);
   return offset;
 }
 
@@ -337,7 +339,7 @@ void ReplyWriter::setSemaphore(unsigned short semaphore, int value) {
 
 /// Whether a number that everybody may write to is one that head records have.
 bool ReplyWriter::isOfHead(unsigned short semaphore) const {
-  return semaphore >= REPLY_SET_FIRST_HEAD && semaphore < REPLY_SET_FIRST_HEAD + capacity_;
+  return semaphore >= WAKE_SET_FIRST_HEAD && semaphore < WAKE_SET_FIRST_HEAD + capacity_;
 }
 
 bool ReplyWriter::raise(unsigned short semaphore) {

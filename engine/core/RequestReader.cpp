@@ -9,14 +9,13 @@
 #include <ctime>
 #include <string>
 
+#include "ipc/EngineObjects.h"
 #include "platform/sharedword.h"
 #include "system/NameFiles.h"
 
 namespace armengine {
 
 namespace {
-
-constexpr long LARGEST_COUNT = 32766;
 
 std::string writable(const char* name) {
   return name;
@@ -29,7 +28,7 @@ RequestReader::RequestReader(uint16_t capacity)
       overflow_(writable(OVERFLOW_NAME).data(), 0, LARGEST_COUNT),
       empty_(writable(EMPTY_NAME).data(), 0, LARGEST_COUNT),
       memory_(
-          REQUEST_MEMORY_NAME,
+          REQUEST_SEGMENT_NAME,
           sizeof(TRequestQueueHeader) + capacity * static_cast<unsigned long>(sizeof(TArmMessage)),
           true) {
   if (!overflow_.IsInitialized() || !empty_.IsInitialized() || !memory_.IsInitialized()) return;
@@ -38,7 +37,7 @@ RequestReader::RequestReader(uint16_t capacity)
   auto* start = static_cast<uint8_t*>(memory_.GetAddress());
   header_ = reinterpret_cast<TRequestQueueHeader*>(start);
   slots_ = start + sizeof(TRequestQueueHeader);
-  view_ = std::make_unique<CIPCSimpleQueue<TArmMessage>>(REQUEST_BASE);
+  view_ = std::make_unique<CIPCSimpleQueue<TArmMessage>>(REQUEST_QUEUE_NAME);
 }
 
 bool RequestReader::isInitialized() const {

@@ -10,6 +10,7 @@
 #include "armstat/Picture.h"
 #include "armstat/Processes.h"
 #include "common/Words.h"
+#include "ipc/EngineObjects.h"
 
 namespace armstat {
 
@@ -29,13 +30,13 @@ bool isOurs(const Objects& objects, const ObjectBase& object) {
 
 bool isOursWakeSet(const Objects& objects) {
   return objects.wake.error == 0 && objects.wake.fits() &&
-         objects.wake.value(REPLY_SET_INITIALIZED).value_or(0) <= 1;
+         objects.wake.value(WAKE_SET_INITIALIZED).value_or(0) <= 1;
 }
 
 /// Objects that nobody has finished: they are an engine's that is being made, or was killed then.
 pid_t makerOf(const Objects& objects) {
   for (const SemaphoreSet* set : objects.sets()) {
-    for (const unsigned number : {CREATOR, COUNT}) {
+    for (const unsigned number : {LOCK_SET_CREATOR, COUNTING_SET_COUNT}) {
       const pid_t process = set->lastProcess(number);
       if (processLives(process)) return process;
     }
@@ -72,8 +73,8 @@ std::string Cleaning::lockOut() {
 
 std::string Cleaning::reasonAgainst(const Objects& objects) const {
   for (const SemaphoreSet* set : {&objects.request_lock, &objects.reply_lock}) {
-    if (set->value(CREATOR).value_or(0) < CREATOR_LIVES) continue;
-    const pid_t process = set->lastProcess(CREATOR);
+    if (set->value(LOCK_SET_CREATOR).value_or(0) < CREATOR_LIVES) continue;
+    const pid_t process = set->lastProcess(LOCK_SET_CREATOR);
     return "an engine " + prefixInWords() + " lives (process " +
            (process > 0 ? std::to_string(process) : std::string("in another process namespace")) +
            "): stop it first";

@@ -14,14 +14,13 @@
 #include "armstat/Doctor.h"
 #include "armstat/Processes.h"
 #include "common/Words.h"
+#include "ipc/EngineObjects.h"
 #include "system/Limits.h"
 #include "system/NameFiles.h"
 
 namespace armstat {
 
 namespace {
-
-constexpr unsigned ACCESS_FOR_ALL = 0666;
 
 std::string quoted(const std::string& text) {
   return "'" + text + "'";
@@ -44,7 +43,7 @@ std::string joined(const std::vector<std::string>& parts) {
 
 std::vector<std::string> filesInDirectory() {
   std::vector<std::string> names;
-  DIR* directory = opendir(armengine::NAME_DIRECTORY);
+  DIR* directory = opendir(NAME_DIRECTORY);
   if (directory == nullptr) return names;
   while (const dirent* entry = readdir(directory)) names.emplace_back(entry->d_name);
   (void)closedir(directory);
@@ -54,7 +53,7 @@ std::vector<std::string> filesInDirectory() {
 
 /// The request segment's name file of a prefix.
 std::string requestFileOf(const std::optional<std::string>& prefix) {
-  return std::string(armengine::REQUEST_MEMORY_NAME) + (prefix ? "." + *prefix : "");
+  return std::string(REQUEST_SEGMENT_NAME) + (prefix ? "." + *prefix : "");
 }
 
 /// How the programs that look elsewhere can be given an engine.
@@ -97,8 +96,8 @@ Finding checkNameFiles(const Picture& picture) {
 
 Finding checkDirectory() {
   struct stat status = {};
-  const std::string directory = armengine::NAME_DIRECTORY;
-  if (stat(armengine::NAME_DIRECTORY, &status) != 0) {
+  const std::string directory = NAME_DIRECTORY;
+  if (stat(NAME_DIRECTORY, &status) != 0) {
     return {Level::problem,
             "the directory " + directory + " cannot be reached (" + std::strerror(errno) + ")",
             errno == ENOENT ? "start an engine as root, or make it and give it to the engine's user"
@@ -129,8 +128,8 @@ pid_t holderOf(const SemaphoreSet& lock) {
     const Objects objects = findObjects();
     const SemaphoreSet& now =
         lock.id == objects.request_lock.id ? objects.request_lock : objects.reply_lock;
-    const pid_t process = now.lastProcess(LOCK);
-    if (now.id != lock.id || now.value(LOCK).value_or(0) == 0) return 0;
+    const pid_t process = now.lastProcess(LOCK_SET_LOCK);
+    if (now.id != lock.id || now.value(LOCK_SET_LOCK).value_or(0) == 0) return 0;
     if (i > 0 && process != holder) return 0;
     holder = process;
     (void)nanosleep(&PAUSE, nullptr);
@@ -141,7 +140,7 @@ pid_t holderOf(const SemaphoreSet& lock) {
 Findings checkLocks(const Picture& picture) {
   Findings findings;
   for (const SemaphoreSet* lock : {&picture.objects.request_lock, &picture.objects.reply_lock}) {
-    if (lock->value(LOCK).value_or(0) == 0) continue;
+    if (lock->value(LOCK_SET_LOCK).value_or(0) == 0) continue;
     const pid_t process = holderOf(*lock);
     if (process == 0) continue;
     std::string text = "the " + lock->what + " is held by process " + std::to_string(process);
@@ -190,7 +189,7 @@ Findings checkAccess(const Picture& picture) {
     if (object->error == EACCES || object->error == EPERM) {
       findings.push_back({Level::problem, what + " may not be used by this user",
                           "start the engine anew; it lets every user in"});
-    } else if (object->error == 0 && (object->mode & ACCESS_FOR_ALL) != ACCESS_FOR_ALL) {
+    } else if (object->error == 0 && (object->mode & OBJECT_ACCESS) != OBJECT_ACCESS) {
       findings.push_back({Level::warning, what + " is closed to other users' programs",
                           "start the engine anew; it lets every user in"});
     }
@@ -213,7 +212,7 @@ const char* adviceFor(Oddity::Kind kind) {
 
 std::vector<std::optional<std::string>> prefixesInDirectory() {
   std::vector<std::optional<std::string>> prefixes;
-  const std::string path = armengine::REQUEST_MEMORY_NAME;
+  const std::string path = REQUEST_SEGMENT_NAME;
   const std::string name = path.substr(path.rfind('/') + 1);
   for (const std::string& file : filesInDirectory()) {
     if (file == name) prefixes.emplace_back(std::nullopt);
@@ -248,8 +247,8 @@ Findings checkKeys(const Picture& picture) {
   std::map<key_t, std::string> known;
   for (const std::string& file : filesInDirectory()) {
     if (file.compare(0, 9, "controls_") != 0) continue;
-    const std::string path = std::string(armengine::NAME_DIRECTORY) + "/" + file;
-    const key_t key = ftok(path.c_str(), armengine::SET_PROJECT);
+    const std::string path = std::string(NAME_DIRECTORY) + "/" + file;
+    const key_t key = ftok(path.c_str(), SET_PROJECT);
     if (key == -1) continue;
     const auto [place, is_new] = known.emplace(key, path);
     if (is_new) continue;

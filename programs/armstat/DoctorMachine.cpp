@@ -19,6 +19,7 @@
 #include "armstat/Doctor.h"
 #include "armstat/Processes.h"
 #include "common/Words.h"
+#include "ipc/EngineObjects.h"
 #include "platform/semaphoreset.h"
 #include "system/Limits.h"
 #include "system/NameFiles.h"
@@ -40,10 +41,9 @@ Findings checkUser(const User& user, const Picture& picture) {
              "run an engine beside it"}};
   }
   if (user.same_key == false) {
-    return {
-        {Level::problem,
-         nameOf(user) + " sees another " + armengine::NAME_DIRECTORY + " and so makes other keys",
-         std::string("mount this ") + armengine::NAME_DIRECTORY + " into its container"}};
+    return {{Level::problem,
+             nameOf(user) + " sees another " + NAME_DIRECTORY + " and so makes other keys",
+             std::string("mount this ") + NAME_DIRECTORY + " into its container"}};
   }
   if (user.prefix_known && user.prefix != picture.prefix) {
     return {{Level::note,

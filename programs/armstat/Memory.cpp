@@ -9,6 +9,7 @@
 
 #include "arm/TArmMessage.h"
 #include "arm/TArmReplyMessage.h"
+#include "ipc/EngineObjects.h"
 #include "platform/sharedword.h"
 
 namespace armstat {
@@ -54,13 +55,13 @@ class Attached {
 class LockHeld {
  public:
   explicit LockHeld(const SemaphoreSet& set) : set_(set.fits() ? set.id : -1) {
-    sembuf take[] = {{LOCK, 0, 0}, {LOCK, 1, SEM_UNDO}};
+    sembuf take[] = {{LOCK_SET_LOCK, 0, 0}, {LOCK_SET_LOCK, 1, SEM_UNDO}};
     while (set_ != -1 && semtimedop(set_, take, 2, &LOCK_PATIENCE) != 0) {
       if (errno != EINTR) set_ = -1;
     }
   }
   ~LockHeld() {
-    sembuf give = {LOCK, -1, IPC_NOWAIT | SEM_UNDO};
+    sembuf give = {LOCK_SET_LOCK, -1, IPC_NOWAIT | SEM_UNDO};
     if (*this) (void)semop(set_, &give, 1);
   }
   LockHeld(const LockHeld&) = delete;

@@ -8,21 +8,14 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "ipc/ReplyQueueLayout.h"
+#include "ipc/EngineObjects.h"
+#include "ipc/multiagent.h"
 #include "platform/semaphoreset.h"
 #include "system/NameFiles.h"
 
 namespace armstat {
 
 namespace {
-
-using armengine::SEGMENT_PROJECT;
-using armengine::SET_PROJECT;
-
-constexpr const char* PREFIX_VARIABLE = "ARM_AGENT_PREFIX";
-
-constexpr unsigned LOCK_SET_SIZE = 2;
-constexpr unsigned COUNTING_SET_SIZE = 3;
 
 /// True when the object has a key, false when its name file is missing or cannot be reached.
 bool makeKey(ObjectBase* object) {
@@ -118,11 +111,11 @@ bool Objects::any() const {
 }
 
 void choosePrefix(const std::string& prefix) {
-  (void)setenv(PREFIX_VARIABLE, prefix.c_str(), 1);
+  (void)setenv(MULTI_AGENT_ENV_VAR, prefix.c_str(), 1);
 }
 
 std::optional<std::string> prefixInForce() {
-  const char* prefix = std::getenv(PREFIX_VARIABLE);
+  const char* prefix = std::getenv(MULTI_AGENT_ENV_VAR);
   if (prefix == nullptr) return std::nullopt;
   return prefix;
 }
@@ -142,9 +135,8 @@ Objects findObjects() {
   objects.replies = findSegment("reply segment", files.replies);
   objects.reply_lock = findSet("reply lock", files.replies, SET_PROJECT, LOCK_SET_SIZE);
   objects.wake =
-      findSet("reply wake-ups",
-              armengine::objectPath(armengine::REPLY_BASE, armengine::WAKE_SET_PATH_LIMIT),
-              armengine::WAKE_SET_PROJECT, REPLY_SET_FIRST_HEAD);
+      findSet("reply wake-ups", armengine::objectPath(REPLY_QUEUE_NAME, WAKE_SET_PATH_LIMIT),
+              WAKE_SET_PROJECT, WAKE_SET_FIRST_HEAD);
   return objects;
 }
 

@@ -47,16 +47,6 @@ struct SemaphoreSet : ObjectBase {
   bool fits() const { return count >= expected; }
 };
 
-// Semaphores of a segment's lock set.
-inline constexpr unsigned LOCK = 0;
-inline constexpr unsigned CREATOR = 1;
-// Values of the creator's semaphore.
-inline constexpr unsigned CREATOR_EXITED = 1;
-inline constexpr unsigned CREATOR_LIVES = 2;
-// Semaphores of a counting semaphore's set.
-inline constexpr unsigned COUNT = 0;
-inline constexpr unsigned MAXIMUM = 2;
-
 /// The shared objects of one engine.
 struct Objects {
   Segment requests;

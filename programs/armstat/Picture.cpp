@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "armstat/Processes.h"
+#include "ipc/EngineObjects.h"
 
 namespace armstat {
 
@@ -19,8 +20,8 @@ bool isForbidden(const ObjectBase& object) {
 /// segment can be older than its creator.
 pid_t creatorOf(const Objects& objects) {
   for (const SemaphoreSet* set : {&objects.request_lock, &objects.reply_lock}) {
-    if (set->value(CREATOR).value_or(0) == 0) continue;
-    if (const pid_t process = set->lastProcess(CREATOR); process != 0) return process;
+    if (set->value(LOCK_SET_CREATOR).value_or(0) == 0) continue;
+    if (const pid_t process = set->lastProcess(LOCK_SET_CREATOR); process != 0) return process;
   }
   return objects.requests.creator;
 }
@@ -92,8 +93,8 @@ void findReplyOddities(const Picture& picture, std::vector<Oddity>* oddities) {
     pending += one.pending.length;
     const std::string record = "head record " + std::to_string(one.index);
     if (!one.pending.sound) addDamage(oddities, record + ": its list of replies is damaged");
-    if (one.record.semaphore < REPLY_SET_FIRST_HEAD ||
-        one.record.semaphore >= queue.capacity + REPLY_SET_FIRST_HEAD) {
+    if (one.record.semaphore < WAKE_SET_FIRST_HEAD ||
+        one.record.semaphore >= queue.capacity + WAKE_SET_FIRST_HEAD) {
       addDamage(oddities, record + ": it has the impossible semaphore " +
                               std::to_string(one.record.semaphore));
     }
@@ -178,7 +179,7 @@ EngineState stateByCreators(const Objects& objects) {
   }
   bool living = true;
   for (const SemaphoreSet* set : {&objects.request_lock, &objects.reply_lock}) {
-    const auto creator = set->value(CREATOR);
+    const auto creator = set->value(LOCK_SET_CREATOR);
     if (creator == CREATOR_EXITED) return EngineState::dead;
     if (!creator && set->exists()) return EngineState::unknown;
     living = living && creator >= CREATOR_LIVES;

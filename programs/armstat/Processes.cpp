@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "armstat/Objects.h"
+#include "ipc/EngineObjects.h"
 #include "system/NameFiles.h"
 #include "system/ProcessStat.h"
 
@@ -55,9 +56,9 @@ User describe(pid_t process, const std::string& own_namespace) {
   user.name = processName(process);
   const std::string space = linkOf(inProc(process, "ns/ipc"));
   user.other_ipc = !space.empty() && space != own_namespace;
-  const std::string file = armengine::NAME_DIRECTORY;
-  const key_t own = ftok(file.c_str(), armengine::SET_PROJECT);
-  const key_t other = ftok(inProc(process, "root" + file).c_str(), armengine::SET_PROJECT);
+  const std::string file = NAME_DIRECTORY;
+  const key_t own = ftok(file.c_str(), SET_PROJECT);
+  const key_t other = ftok(inProc(process, "root" + file).c_str(), SET_PROJECT);
   if (own != -1 && other != -1) user.same_key = own == other;
   const auto environment = contentOf(inProc(process, "environ"));
   user.prefix_known = environment.has_value();

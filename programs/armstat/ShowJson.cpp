@@ -2,6 +2,7 @@
 #include <nlohmann/json.hpp>
 
 #include "armstat/Show.h"
+#include "ipc/EngineObjects.h"
 
 namespace armstat {
 
@@ -46,18 +47,18 @@ Json set(const SemaphoreSet& one) {
 
 Json lockSet(const SemaphoreSet& one) {
   Json json = set(one);
-  json["lock"] = orNull(one.value(LOCK));
-  json["lock_last_process"] = processOrNull(one.lastProcess(LOCK));
-  json["creator"] = orNull(one.value(CREATOR));
-  json["creator_process"] = processOrNull(one.lastProcess(CREATOR));
+  json["lock"] = orNull(one.value(LOCK_SET_LOCK));
+  json["lock_last_process"] = processOrNull(one.lastProcess(LOCK_SET_LOCK));
+  json["creator"] = orNull(one.value(LOCK_SET_CREATOR));
+  json["creator_process"] = processOrNull(one.lastProcess(LOCK_SET_CREATOR));
   return json;
 }
 
 Json countingSet(const SemaphoreSet& one) {
   Json json = set(one);
-  json["count"] = orNull(one.value(COUNT));
-  json["maximum"] = orNull(one.value(MAXIMUM));
-  json["waiters"] = orNull(one.waiters(COUNT));
+  json["count"] = orNull(one.value(COUNTING_SET_COUNT));
+  json["maximum"] = orNull(one.value(COUNTING_SET_MAXIMUM));
+  json["waiters"] = orNull(one.waiters(COUNTING_SET_COUNT));
   return json;
 }
 

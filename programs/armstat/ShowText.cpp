@@ -6,6 +6,7 @@
 #include "armstat/Processes.h"
 #include "armstat/Show.h"
 #include "common/Words.h"
+#include "ipc/EngineObjects.h"
 #include "text/Columns.h"
 
 namespace armstat {
@@ -75,9 +76,9 @@ std::string requestLines(const RequestQueue& queue, const Objects& objects) {
       ", " + stateText(header.state) + (header.ready_for_io != 0 ? ", ready" : ", not ready") +
       ", version " + std::to_string(header.arm_version) + copyNote(queue.copy) + "\n";
   text += "          waiting: " + std::to_string(header.empty_waiters) + " for requests (" +
-          orDash(objects.empty.waiters(COUNT)) + " on the semaphore), " +
+          orDash(objects.empty.waiters(COUNTING_SET_COUNT)) + " on the semaphore), " +
           std::to_string(header.overflow_waiters) + " for room (" +
-          orDash(objects.overflow.waiters(COUNT)) + ")\n";
+          orDash(objects.overflow.waiters(COUNTING_SET_COUNT)) + ")\n";
   return text;
 }
 
@@ -95,11 +96,11 @@ std::string contentOf(const ObjectBase& object, const Picture& picture) {
   if (object.error != 0) return std::strerror(object.error);
   for (const SemaphoreSet* set : {&picture.objects.request_lock, &picture.objects.reply_lock}) {
     if (set != &object) continue;
-    const unsigned creator = set->value(CREATOR).value_or(0);
-    std::string text =
-        set->value(LOCK) == 0U
-            ? "free"
-            : "held by " + processText(set->lastProcess(LOCK), processName(set->lastProcess(LOCK)));
+    const unsigned creator = set->value(LOCK_SET_CREATOR).value_or(0);
+    std::string text = set->value(LOCK_SET_LOCK) == 0U
+                           ? "free"
+                           : "held by " + processText(set->lastProcess(LOCK_SET_LOCK),
+                                                      processName(set->lastProcess(LOCK_SET_LOCK)));
     text += creator >= CREATOR_LIVES    ? ", creator lives"
             : creator == CREATOR_EXITED ? ", creator has exited"
                                         : ", not initialised";
@@ -107,7 +108,8 @@ std::string contentOf(const ObjectBase& object, const Picture& picture) {
   }
   for (const SemaphoreSet* set : {&picture.objects.empty, &picture.objects.overflow}) {
     if (set == &object) {
-      return "count " + orDash(set->value(COUNT)) + " of at most " + orDash(set->value(MAXIMUM));
+      return "count " + orDash(set->value(COUNTING_SET_COUNT)) + " of at most " +
+             orDash(set->value(COUNTING_SET_MAXIMUM));
     }
   }
   for (const Segment* segment : picture.objects.segments()) {
@@ -115,7 +117,7 @@ std::string contentOf(const ObjectBase& object, const Picture& picture) {
     return armtools::counted(segment->attached, "attachment") + ", made by process " +
            processText(segment->creator, processName(segment->creator));
   }
-  const bool initialised = picture.objects.wake.value(REPLY_SET_INITIALIZED).value_or(0) != 0;
+  const bool initialised = picture.objects.wake.value(WAKE_SET_INITIALIZED).value_or(0) != 0;
   return initialised ? "initialised" : "not initialised";
 }
 

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "ipc/CIPCUtils.h"
+#include "ipc/EngineObjects.h"
 #include "platform/CkesSharedMemory.h"
 #include "platform/namefile.h"
 
@@ -33,16 +34,16 @@ void removeSet(const std::string& path, int project) {
 }  // namespace
 
 std::string objectPath(const char* base, int limit) {
-  char buffer[SEMAPHORE_PATH_LIMIT + 1];
+  char buffer[COUNTING_PATH_LIMIT + 1];
   (void)CIPCUtils::createIPCName(base, nullptr, limit, buffer);
   return buffer;
 }
 
 NameFiles nameFiles() {
-  return {objectPath(OVERFLOW_NAME, SEMAPHORE_PATH_LIMIT),
-          objectPath(EMPTY_NAME, SEMAPHORE_PATH_LIMIT),
-          objectPath(REQUEST_MEMORY_NAME, SEGMENT_PATH_LIMIT),
-          objectPath(REPLY_BASE, SEGMENT_PATH_LIMIT)};
+  return {objectPath(OVERFLOW_NAME, COUNTING_PATH_LIMIT),
+          objectPath(EMPTY_NAME, COUNTING_PATH_LIMIT),
+          objectPath(REQUEST_SEGMENT_NAME, SEGMENT_PATH_LIMIT),
+          objectPath(REPLY_QUEUE_NAME, SEGMENT_PATH_LIMIT)};
 }
 
 bool makeNameFiles(const NameFiles& files, std::string* why) {
@@ -89,10 +90,9 @@ bool PrefixLock::acquire(const std::string& path) {
 }
 
 int liveEngine(const std::string& path) {
-  constexpr int CREATOR = 1;
   const int set = openSemaphoreSet(path, SET_PROJECT);
-  if (set == -1 || semctl(set, CREATOR, GETVAL) < 2) return 0;
-  return semctl(set, CREATOR, GETPID);
+  if (set == -1 || semctl(set, LOCK_SET_CREATOR, GETVAL) < CREATOR_LIVES) return 0;
+  return semctl(set, LOCK_SET_CREATOR, GETPID);
 }
 
 int openSemaphoreSet(const std::string& path, int project) {

@@ -12,26 +12,6 @@ struct NameFiles {
   std::string replies;   ///< reply queue, segment, its lock set and its wake-up set
 };
 
-/// Where the name files lie.
-inline constexpr const char* NAME_DIRECTORY = "/var/kelp";
-
-/// Base names, before the object's own suffix and the prefix; what the platform classes are given.
-inline constexpr const char* REQUEST_BASE = "/var/kelp/controls_ae.kelp";
-inline constexpr const char* REPLY_BASE = "/var/kelp/controls_ea.kelp";
-inline constexpr const char* OVERFLOW_NAME = "/var/kelp/controls_ae.kelp_ovr";
-inline constexpr const char* EMPTY_NAME = "/var/kelp/controls_ae.kelp_emp";
-inline constexpr const char* REQUEST_MEMORY_NAME = "/var/kelp/controls_ae.kelp_mem";
-
-/// The lengths at which the contract cuts the path of each kind of object.
-inline constexpr int SEMAPHORE_PATH_LIMIT = 128;
-inline constexpr int SEGMENT_PATH_LIMIT = 125;
-inline constexpr int WAKE_SET_PATH_LIMIT = 123;
-
-/// The project numbers that make keys of a path.
-inline constexpr int SET_PROJECT = 1;
-inline constexpr int SEGMENT_PROJECT = 2;
-inline constexpr int WAKE_SET_PROJECT = 3;
-
 /// The path of an object: its base name with the prefix, cut at the limit of its kind.  Reads the
 /// environment.
 std::string objectPath(const char* base, int limit);

@@ -9,6 +9,7 @@
 #include "diag/libarmdebug.h"
 #include "diag/traceformat.h"
 #include "ipc/CIPCUtils.h"
+#include "ipc/EngineObjects.h"
 #include "ipc/ReplyQueueLayout.h"
 #include "ipc/RequestQueueLayout.h"
 #include "ipc/headhint.h"
@@ -106,9 +107,6 @@ class CIPCQueue {
   static constexpr const char* CONSTRUCTOR = "CIPCQueue<T>::CIPCQueue(const char*,bool)";
   static constexpr const char* INITIALIZE = "CIPCQueue_LINUX::implInitialize";
   static constexpr long BY_IDENTIFIER = -1;
-  static constexpr int SET_PATH_LIMIT = 123;
-  static constexpr int SET_PATH_BUFFER = 128;
-  static constexpr int SET_PROJECT = 3;
 
   bool VInitialized;
   uint16_t VCapacity;
@@ -149,8 +147,8 @@ bool CIPCQueue<T>::open(const char* name) {
     }
     return false;
   }
-  char path[SET_PATH_BUFFER];
-  (void)CIPCUtils::createIPCName(name, nullptr, SET_PATH_LIMIT, path);
+  char path[WAKE_SET_PATH_LIMIT + 1];
+  (void)CIPCUtils::createIPCName(name, nullptr, WAKE_SET_PATH_LIMIT, path);
   VInitialized = implInitialize(path, 0) && VSharedMemory->GetSize() >= sizeof(TReplyQueueHeader);
   if (VInitialized) {
     attachFields();
@@ -301,7 +299,7 @@ long CIPCQueue<T>::take(TIPCHeadItem& head, bool byIndex, T& reply) {
     if (waiters == 0) storeShared(head.status, HEAD_IDLE);
   }
   const bool wasFull = used + 1U == VCapacity;
-  if (wasFull && result == 0 && !implRaise(REPLY_SET_ROOM, 1)) result = ERR_WAKE_WRITER;
+  if (wasFull && result == 0 && !implRaise(WAKE_SET_ROOM, 1)) result = ERR_WAKE_WRITER;
   return result;
 }
 

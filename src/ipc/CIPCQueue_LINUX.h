@@ -14,12 +14,12 @@ bool CIPCQueue<T>::implInitialize(const char* path, unsigned short items) {
   if (VDebugRun) {
     traceFormatln("%s ENTER - name = %s, items = %d", INITIALIZE, path, static_cast<int>(items));
   }
-  const key_t key = ftok(path, SET_PROJECT);
+  const key_t key = ftok(path, WAKE_SET_PROJECT);
   if (key == -1) return traceFailure("%s - ERROR - ftok errno = %d", INITIALIZE, errno);
   if (items != 0) {
     if (!createSet(key, items)) return false;
   } else {
-    VSemaphores = semget(key, 2, 0);
+    VSemaphores = semget(key, WAKE_SET_FIRST_HEAD, 0);
     if (VSemaphores == -1) {
       return traceFailure("%s - ERROR - semget get semaphore id errno = %d", INITIALIZE, errno);
     }
@@ -33,12 +33,12 @@ bool CIPCQueue<T>::implInitialize(const char* path, unsigned short items) {
 template <typename T>
 bool CIPCQueue<T>::createSet(int key, unsigned short items) {
   for (;;) {
-    VSemaphores = semget(key, items + 2, 0666 | IPC_CREAT);
+    VSemaphores = semget(key, items + WAKE_SET_FIRST_HEAD, OBJECT_ACCESS | IPC_CREAT);
     if (VSemaphores == -1) {
       return traceFailure("%s - ERROR - semget IPC_CREAT errno = %d, sem_num = %d", INITIALIZE,
-                          errno, items + 2);
+                          errno, items + WAKE_SET_FIRST_HEAD);
     }
-    const int initialized = semctl(VSemaphores, REPLY_SET_INITIALIZED, GETVAL);
+    const int initialized = semctl(VSemaphores, WAKE_SET_INITIALIZED, GETVAL);
     if (initialized < 0)
       return traceFailure("%s - ERROR - semctl GETVAL errno = %d", INITIALIZE, errno);
     if (initialized == 0) return fillSet(items);
@@ -51,12 +51,12 @@ bool CIPCQueue<T>::createSet(int key, unsigned short items) {
 template <typename T>
 bool CIPCQueue<T>::fillSet(unsigned short items) {
   TSemArgument argument = {};
-  argument.array = new (std::nothrow) unsigned short[items + 2U]();
+  argument.array = new (std::nothrow) unsigned short[items + unsigned{WAKE_SET_FIRST_HEAD}]();
   const bool zeroed = argument.array != nullptr && semctl(VSemaphores, 0, SETALL, argument) >= 0;
   const int error = errno;
   delete[] argument.array;
   if (!zeroed) return traceFailure("%s - ERROR - semctl SETALL errno = %d", INITIALIZE, error);
-  if (!implRaise(REPLY_SET_INITIALIZED, 1)) {
+  if (!implRaise(WAKE_SET_INITIALIZED, 1)) {
     return traceFailure("%s - ERROR - semop Semaphore #0 initialization errno = %d", INITIALIZE,
                         errno);
   }
@@ -89,9 +89,9 @@ int CIPCQueue<T>::implWaiters(unsigned short semaphore) const {
 
 template <typename T>
 long CIPCQueue<T>::implAwakenAll() {
-  const int writers = implWaiters(REPLY_SET_ROOM);
+  const int writers = implWaiters(WAKE_SET_ROOM);
   if (writers < 0) return ERR_GETNCNT;
-  if (writers > 0 && !implRaise(REPLY_SET_ROOM, writers)) return ERR_WAKE_WRITER;
+  if (writers > 0 && !implRaise(WAKE_SET_ROOM, writers)) return ERR_WAKE_WRITER;
   for (uint16_t i = 0; i < VCapacity; ++i) {
     const uint16_t semaphore = loadShared(VHeads[i].semaphore);
     const int readers = implWaiters(semaphore);

@@ -6,6 +6,7 @@
 
 #include "diag/CkesErrorManager.h"
 #include "diag/traceformat.h"
+#include "ipc/EngineObjects.h"
 #include "ipc/RequestQueueLayout.h"
 #include "platform/CkesSemaphore.h"
 #include "platform/CkesSharedMemory.h"
@@ -134,19 +135,19 @@ CIPCSimpleQueue<T>::~CIPCSimpleQueue() {
 template <typename T>
 bool CIPCSimpleQueue<T>::open(const char* name) {
   char path[1024];
-  (void)std::snprintf(path, sizeof path, "%s_ovr", name);
+  (void)std::snprintf(path, sizeof path, "%s%s", name, OVERFLOW_SUFFIX);
   VOverflowSem = new (std::nothrow) CkesSemaphore(path);
   if (VOverflowSem == nullptr || !VOverflowSem->IsInitialized()) {
     traceText("CIPCSimpleQueue Failed on VOverflowSem\n");
     return false;
   }
-  (void)std::snprintf(path, sizeof path, "%s_emp", name);
+  (void)std::snprintf(path, sizeof path, "%s%s", name, EMPTY_SUFFIX);
   VEmptySem = new (std::nothrow) CkesSemaphore(path);
   if (VEmptySem == nullptr || !VEmptySem->IsInitialized()) {
     traceText("CIPCSimpleQueue Failed on the empty queue wait sem\n");
     return false;
   }
-  (void)std::snprintf(path, sizeof path, "%s_mem", name);
+  (void)std::snprintf(path, sizeof path, "%s%s", name, SEGMENT_SUFFIX);
   if (!openSegment(path)) {
     traceText("CIPCSimpleQueue Failed on the shared memory\n");
     return false;

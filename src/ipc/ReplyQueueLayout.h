@@ -82,12 +82,6 @@ static_assert(sizeof(TIPCReplyItem<TArmReplyMessage>) == 532);
 static_assert(offsetof(TIPCReplyItem<TArmReplyMessage>, record) == 0);
 static_assert(offsetof(TIPCReplyItem<TArmReplyMessage>, next) == 528);
 
-/// The queue's own semaphore set has n + 2 semaphores: 0 is 1 once the set is initialised, 1 is the
-/// writer's wait for room, the others belong to the head records.
-inline constexpr uint16_t REPLY_SET_INITIALIZED = 0;
-inline constexpr uint16_t REPLY_SET_ROOM = 1;
-inline constexpr uint16_t REPLY_SET_FIRST_HEAD = 2;
-
 /// Head records (and items) of a segment of the given size: rounded down and kept as 16 bits; 0
 /// when the segment is smaller than its header.
 constexpr uint16_t replyQueueCapacity(unsigned long segmentSize, std::size_t recordSize) {

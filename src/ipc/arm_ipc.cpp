@@ -7,6 +7,7 @@
 
 #include "diag/libarmdebug.h"
 #include "diag/traceformat.h"
+#include "ipc/EngineObjects.h"
 
 // Constructed in this order when the library is loaded, destroyed in the reverse order.
 CkesMutex OutQueueMutex;
@@ -20,9 +21,6 @@ std::atomic<int32_t> InQueueCount{0};
 TIPCIdentifier engineID = {0, 0};
 
 namespace {
-
-constexpr const char* REQUEST_QUEUE_NAME = "/var/kelp/controls_ae.kelp";
-constexpr const char* REPLY_QUEUE_NAME = "/var/kelp/controls_ea.kelp";
 
 constexpr long NO_ENGINE = -2;
 constexpr long QUEUE_FULL = -8;

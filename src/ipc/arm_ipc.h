@@ -32,9 +32,9 @@ extern CkesMutex OutQueueMutex;
 extern CkesMutex InQueueMutex;
 extern CkesMutex IsClosingMutex;
 
-/// The request queue on "/var/kelp/controls_ae.kelp", null while the connection is closed.
+/// The request queue on REQUEST_QUEUE_NAME, null while the connection is closed.
 extern CSharedQueue<TRequestQueue>* OutQueue;
-/// The reply queue on "/var/kelp/controls_ea.kelp", null while the connection is closed.
+/// The reply queue on REPLY_QUEUE_NAME, null while the connection is closed.
 extern CSharedQueue<TReplyQueue>* InQueue;
 /// Callers inside a request-queue operation, and one more for every IsEngineAlive so far.
 extern std::atomic<int32_t> OutQueueCount;

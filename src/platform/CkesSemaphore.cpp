@@ -2,17 +2,12 @@
 
 #include "diag/CkesErrorManager.h"
 #include "ipc/CIPCUtils.h"
+#include "ipc/EngineObjects.h"
 
 namespace {
 
-// Deliberate (path-limits): segments have 125, wake-up sets 123.
-constexpr int PATH_LIMIT = 128;
-constexpr int PATH_BUFFER = 132;
-/// One below the kernel's largest semaphore value.
-constexpr long LARGEST_MAXIMUM = 32766;
-
 bool countsAccepted(long initial, long maximum) {
-  return maximum >= 1 && initial <= maximum && maximum <= LARGEST_MAXIMUM;
+  return maximum >= 1 && initial <= maximum && maximum <= LARGEST_COUNT;
 }
 
 }  // namespace
@@ -20,15 +15,15 @@ bool countsAccepted(long initial, long maximum) {
 CkesSemaphore::CkesSemaphore(char* name, long initial, long maximum)
     : VInitialized(false), VNamed(true), VMaximum(maximum), VOwner(false), semid(-1) {
   if (!countsAccepted(initial, maximum)) return;
-  char path[PATH_BUFFER];
-  (void)CIPCUtils::createIPCName(name, nullptr, PATH_LIMIT, path);
+  char path[COUNTING_PATH_LIMIT + 1];
+  (void)CIPCUtils::createIPCName(name, nullptr, COUNTING_PATH_LIMIT, path);
   VInitialized = implCreate(path, initial, maximum);
 }
 
 CkesSemaphore::CkesSemaphore(char* name)
     : VInitialized(false), VNamed(true), VMaximum(0), VOwner(false), semid(-1) {
-  char path[PATH_BUFFER];
-  (void)CIPCUtils::createIPCName(name, nullptr, PATH_LIMIT, path);
+  char path[COUNTING_PATH_LIMIT + 1];
+  (void)CIPCUtils::createIPCName(name, nullptr, COUNTING_PATH_LIMIT, path);
   VInitialized = implOpen(path);
 }
 

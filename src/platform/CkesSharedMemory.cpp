@@ -2,13 +2,7 @@
 
 #include "diag/CkesErrorManager.h"
 #include "ipc/CIPCUtils.h"
-
-namespace {
-
-constexpr int PATH_LIMIT = 125;
-constexpr int PATH_BUFFER = 128;
-
-}  // namespace
+#include "ipc/EngineObjects.h"
 
 CkesSharedMemory::CkesSharedMemory(const char* name, bool owner)
     : VInitialized(false),
@@ -18,8 +12,8 @@ CkesSharedMemory::CkesSharedMemory(const char* name, bool owner)
       VSize(0),
       VOwner(owner),
       VInitResult(0) {
-  char path[PATH_BUFFER];
-  (void)CIPCUtils::createIPCName(name, nullptr, PATH_LIMIT, path);
+  char path[SEGMENT_PATH_LIMIT + 1];
+  (void)CIPCUtils::createIPCName(name, nullptr, SEGMENT_PATH_LIMIT, path);
   VInitResult = implOpen(path);
   // Deliberate (creator-gone): a segment whose creator has exited counts as open.  Callers see the
   // dead creator in GetInitResult and CreatorAlive, and can still read what the segment holds.
@@ -34,8 +28,8 @@ CkesSharedMemory::CkesSharedMemory(const char* name, unsigned long size, bool ow
       VSize(size),
       VOwner(owner),
       VInitResult(0) {
-  char path[PATH_BUFFER];
-  (void)CIPCUtils::createIPCName(name, nullptr, PATH_LIMIT, path);
+  char path[SEGMENT_PATH_LIMIT + 1];
+  (void)CIPCUtils::createIPCName(name, nullptr, SEGMENT_PATH_LIMIT, path);
   VInitResult = implCreate(path, size);
   VInitialized = VInitResult == 0;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "ipc/EngineObjects.h"
+
 /// A named, lockable block of System V shared memory, paired with a set of two semaphores:
 /// semaphore 0 is the lock of the segment (0 free, 1 held, each holder's increment with SEM_UNDO),
 /// semaphore 1 tells whether the creator lives (2 while it does, 1 after it has exited, 0 not yet
@@ -13,8 +15,8 @@
 /// alone, which is not re-entrant.  The object itself is fixed after construction.
 class CkesSharedMemory {
  public:
-  static constexpr int IPC_SEM_ID = 1;
-  static constexpr int IPC_MEM_ID = 2;
+  static constexpr int IPC_SEM_ID = SET_PROJECT;
+  static constexpr int IPC_MEM_ID = SEGMENT_PROJECT;
 
   static constexpr long ERR_FTOK = -250;
   static constexpr long ERR_OPEN = -251;

@@ -9,6 +9,7 @@
 
 #include "diag/libarmdebug.h"
 #include "diag/traceformat.h"
+#include "ipc/EngineObjects.h"
 #include "platform/CkesSharedMemory.h"
 #include "platform/namefile.h"
 #include "platform/semaphoreset.h"
@@ -19,12 +20,6 @@ extern "C" void __tsan_release(void* address);
 #endif
 
 namespace {
-
-constexpr unsigned short LOCK = 0;
-constexpr unsigned short CREATOR = 1;
-constexpr int SET_SIZE = 2;
-constexpr int ACCESS = 0666;
-constexpr int CREATOR_EXITED = 1;
 
 constexpr const char* OPEN = "CkesSharedMemory_UNIX::implOpen";
 constexpr const char* CREATE = "CkesSharedMemory::implCreate()";
@@ -75,7 +70,7 @@ long CkesSharedMemory::implOpen(const char* path) {
     return traceFailure(ERR_FTOK, "%s - ERROR - ftok(name, IPC_SEM_ID) %s name = %s, errno = %d",
                         OPEN, "failed where", path, errno);
   }
-  VSemaphore = semget(setKey, SET_SIZE, 0);
+  VSemaphore = semget(setKey, LOCK_SET_SIZE, 0);
   if (VSemaphore == -1) return openFailed("semget(sem_key, 2, 0)");
   long result = openSegment(memoryKey);
   if (result == 0) result = checkCreator();
@@ -99,7 +94,7 @@ long CkesSharedMemory::openSegment(int key) {
 }
 
 long CkesSharedMemory::checkCreator() {
-  const int value = semctl(VSemaphore, CREATOR, GETVAL);
+  const int value = semctl(VSemaphore, LOCK_SET_CREATOR, GETVAL);
   if (value >= 0 && value != CREATOR_EXITED) return 0;
   return traceFailure(value < 0 ? ERR_OPEN : ERR_CREATOR_GONE,
                       "%s - ERROR - semctl(VSemaphore, 1, GETVAL) failed where errno = %d, "
@@ -120,16 +115,16 @@ long CkesSharedMemory::implCreate(const char* path, unsigned long size) {
 
 long CkesSharedMemory::createSet(int key) {
   for (;;) {
-    VSemaphore = semget(key, SET_SIZE, ACCESS | IPC_CREAT);
+    VSemaphore = semget(key, LOCK_SET_SIZE, OBJECT_ACCESS | IPC_CREAT);
     if (VSemaphore == -1) return createFailed("semget(sem_key, 2, 0666 | IPC_CREAT)");
-    const int value = semctl(VSemaphore, CREATOR, GETVAL);
+    const int value = semctl(VSemaphore, LOCK_SET_CREATOR, GETVAL);
     if (value < 0) return createFailed("semctl(VSemaphore, 1, GETVAL)");
     if (value == 0) break;
     // A set of an earlier creator, whether that lives or not: its holders see their locks fail.
     if (semctl(VSemaphore, 0, IPC_RMID) < 0) return createFailed("semctl(VSemaphore, 0, IPC_RMID)");
   }
   // One permanent increment, and one that the kernel takes back when the creator exits.
-  sembuf init[] = {{CREATOR, 1, 0}, {CREATOR, 1, SEM_UNDO}};
+  sembuf init[] = {{LOCK_SET_CREATOR, 1, 0}, {LOCK_SET_CREATOR, 1, SEM_UNDO}};
   return semop(VSemaphore, init, 2) < 0 ? createFailed("semop(VSemaphore, op_init, 2)") : 0;
 }
 
@@ -142,7 +137,7 @@ long CkesSharedMemory::createSegment(const char* path, unsigned long size) {
   }
   // Deliberate (no-ipc-excl): without IPC_EXCL, although the text below names it; a segment that is
   // large enough is reused.
-  VMemory = shmget(key, size, ACCESS | IPC_CREAT);
+  VMemory = shmget(key, size, OBJECT_ACCESS | IPC_CREAT);
   if (VMemory == -1) {
     return traceFailure(ERR_CREATE,
                         "%s - ERROR - shmget(mem_key, size, 0666 | IPC_CREAT | "
@@ -172,7 +167,7 @@ long CkesSharedMemory::implWrite(unsigned long offset, unsigned long length, voi
 
 long CkesSharedMemory::implLock() {
   // Wait until the lock is free and take it, in one step.
-  sembuf lock[] = {{LOCK, 0, 0}, {LOCK, 1, SEM_UNDO}};
+  sembuf lock[] = {{LOCK_SET_LOCK, 0, 0}, {LOCK_SET_LOCK, 1, SEM_UNDO}};
   const int result = semopThroughSignals(VSemaphore, lock, 2);
   if (result < 0) {
     if (VDebugRun) {
@@ -187,14 +182,13 @@ long CkesSharedMemory::implLock() {
 
 long CkesSharedMemory::implUnlock() {
   lockGivenUp(VAddress);
-  // Deliberate (unlock-once): never blocks and is never repeated; a lock that is free fails at
-  // once.
-  sembuf unlock = {LOCK, -1, IPC_NOWAIT | SEM_UNDO};
+  // Deliberate (unlock-once): never blocks and is never repeated; a lock that is free fails at once.
+  sembuf unlock = {LOCK_SET_LOCK, -1, IPC_NOWAIT | SEM_UNDO};
   return semop(VSemaphore, &unlock, 1) < 0 ? ERR_UNLOCK : 0;
 }
 
 bool CkesSharedMemory::implCreatorAlive() {
-  return semctl(VSemaphore, CREATOR, GETVAL) > CREATOR_EXITED;
+  return semctl(VSemaphore, LOCK_SET_CREATOR, GETVAL) > CREATOR_EXITED;
 }
 
 void CkesSharedMemory::implDestroy() {
@@ -211,7 +205,7 @@ void CkesSharedMemory::detach() {
 }
 
 int getAndRemoveSharedMemory(int key, unsigned long size) {
-  const int id = shmget(key, size, ACCESS);
+  const int id = shmget(key, size, OBJECT_ACCESS);
   if (id == -1) return 0;
   return shmctl(id, IPC_RMID, nullptr) < 0 ? errno : 0;
 }

@@ -9,6 +9,7 @@
 
 #include "core/EngineQueues.h"
 #include "ipc/CIPCSimpleQueue.h"
+#include "ipc/EngineObjects.h"
 #include "process.h"
 #include "queueaccess.h"
 
@@ -34,7 +35,7 @@ void serveEmpty(armengine::EngineQueues& queues) {
 
 /// Takes only while another request stays behind.
 void serveOccupied(armengine::EngineQueues& queues) {
-  CIPCSimpleQueue<TArmMessage> writer(armengine::REQUEST_BASE);
+  CIPCSimpleQueue<TArmMessage> writer(REQUEST_QUEUE_NAME);
   for (;;) {
     (void)sched_yield();
     TArmMessage request;
@@ -50,7 +51,7 @@ void serveOccupied(armengine::EngineQueues& queues) {
 bool putFiller() {
   TArmMessage filler = {};
   filler.msg_type = FILLER;
-  return CIPCSimpleQueue<TArmMessage>(armengine::REQUEST_BASE).Put(filler) == 0;
+  return CIPCSimpleQueue<TArmMessage>(REQUEST_QUEUE_NAME).Put(filler) == 0;
 }
 
 int serve(Ring ring, int readyPipe) {

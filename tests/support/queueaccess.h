@@ -10,6 +10,7 @@
 #include "arm/TArmReplyMessage.h"
 #include "core/EngineQueues.h"
 #include "ipc/CIPCQueue.h"
+#include "ipc/EngineObjects.h"
 #include "ipc/ReplyQueueLayout.h"
 #include "ipc/RequestQueueLayout.h"
 #include "platform/CkesSharedMemory.h"
@@ -43,12 +44,11 @@ class QueueAccess {
  public:
   explicit QueueAccess(armengine::EngineQueues& queues)
       : queues_(queues),
-        requests_(armengine::REQUEST_MEMORY_NAME, false),
-        replies_(armengine::REPLY_BASE, false),
-        view_(armengine::REPLY_BASE, false),
+        requests_(REQUEST_SEGMENT_NAME, false),
+        replies_(REPLY_QUEUE_NAME, false),
+        view_(REPLY_QUEUE_NAME, false),
         set_(armengine::openSemaphoreSet(
-            armengine::objectPath(armengine::REPLY_BASE, armengine::WAKE_SET_PATH_LIMIT),
-            armengine::WAKE_SET_PROJECT)) {}
+            armengine::objectPath(REPLY_QUEUE_NAME, WAKE_SET_PATH_LIMIT), WAKE_SET_PROJECT)) {}
 
   void setVersion(uint32_t version) {
     storeShared(static_cast<TRequestQueueHeader*>(requests_.GetAddress())->arm_version, version);
