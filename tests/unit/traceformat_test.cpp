@@ -30,6 +30,19 @@ TEST(TraceFormat, ErrorBeginsWithTwoBlanksAndTheBell) {
   EXPECT_EQ((Texts{"  \x07text\n"}), traceTexts());
 }
 
+TEST(TraceFormat, FailureIsALineAndReturnsItsCode) {
+  startTracing();
+  EXPECT_EQ(-252, traceFailure(-252, "%s %d", "text", 7));
+  EXPECT_FALSE(traceFailure("%s %d", "other", 8));
+  EXPECT_EQ((Texts{"text 7\n", "other 8\n"}), traceTexts());
+}
+
+TEST(TraceFormat, FailureReturnsItsCodeWithoutADebugRun) {
+  EXPECT_EQ(-252, traceFailure(-252, "%s", "text"));
+  EXPECT_FALSE(traceFailure("%s", "text"));
+  EXPECT_FALSE(exists(kTraceFile));
+}
+
 TEST(TraceFormat, LongestNamesOfATransactionClassFit) {
   startTracing();
   const std::string name(127, 'n');
