@@ -30,8 +30,8 @@
 #include "Histogram.h"
 #include "Team.h"
 #include "arm.h"
+#include "ipc/CReplySegment.h"
 #include "ipc/EngineObjects.h"
-#include "ipc/ReplyQueueLayout.h"
 #include "ipc/TIPCIdentifier.h"
 
 extern char** environ;
@@ -229,22 +229,28 @@ int cost(const Settings& settings) {
   return 0;
 }
 
+unsigned long segmentSize(int memory) {
+  shmid_ds info = {};
+  return shmctl(memory, IPC_STAT, &info) == 0 ? info.shm_segsz : 0;
+}
+
 /// Gives the first records of the reply queue to threads that do not exist, and frees the next.
 void fillHeads(unsigned count) {
   std::string path = REPLY_QUEUE_NAME;
   if (const char* prefix = std::getenv("ARM_AGENT_PREFIX")) path += std::string(".") + prefix;
-  void* address = shmat(shmget(ftok(path.c_str(), SEGMENT_PROJECT), 0, 0), nullptr, 0);
+  const int memory = shmget(ftok(path.c_str(), SEGMENT_PROJECT), 0, 0);
+  void* address = shmat(memory, nullptr, 0);
   if (address == reinterpret_cast<void*>(-1)) fail("no reply queue at " + path);
-  auto* header = static_cast<TReplyQueueHeader*>(address);
-  auto* heads = reinterpret_cast<TIPCHeadItem*>(header + 1);
+  const CReplySegment<TArmReplyMessage> replies(address, segmentSize(memory));
+  if (count >= replies.Capacity()) fail("the reply queue serves fewer threads");
   constexpr uint32_t FIRST_THREAD = 0x7E000000;
   for (unsigned i = 0; i < count; ++i) {
-    heads[i].process_id = getpid();
-    heads[i].thread_id = FIRST_THREAD + i;
+    replies.Head(i).process_id = getpid();
+    replies.Head(i).thread_id = FIRST_THREAD + i;
   }
-  heads[count].process_id = NULL_IPC_ID.processId;
-  heads[count].thread_id = NULL_IPC_ID.threadId;
-  header->heads_in_use = static_cast<uint16_t>(count);
+  replies.Head(count).process_id = NULL_IPC_ID.processId;
+  replies.Head(count).thread_id = NULL_IPC_ID.threadId;
+  replies->heads_in_use = static_cast<uint16_t>(count);
   (void)shmdt(address);
 }
 

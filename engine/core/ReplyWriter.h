@@ -2,13 +2,12 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
-#include <unordered_map>
 #include <vector>
 
 #include "arm/TArmReplyMessage.h"
-#include "ipc/CIPCQueue.h"
-#include "ipc/ReplyQueueLayout.h"
+#include "core/ReplyLists.h"
+#include "ipc/CReplySegment.h"
+#include "ipc/CWakeSet.h"
 #include "ipc/TIPCIdentifier.h"
 #include "platform/CkesSharedMemory.h"
 
@@ -48,7 +47,7 @@ class ReplyWriter {
   ReplyWriter(const ReplyWriter&) = delete;
   ReplyWriter& operator=(const ReplyWriter&) = delete;
 
-  bool isInitialized() const;
+  bool isInitialized() const { return static_cast<bool>(segment_); }
 
   /// Links each reply to the end of its requester's list, in their order, and wakes the requesters:
   /// under one lock, and with one operation.  Claims a head record for one that has none yet, but
@@ -73,53 +72,29 @@ class ReplyWriter {
   /// The semaphore set whose semaphore 0 is the segment's lock.
   int lockSet() const { return memory_.GetSetId(); }
   /// Items that hold a reply now.
-  unsigned usedItems() const;
+  unsigned usedItems() const { return lists_.usedItems(); }
   /// Head records that belong to a requester now.
-  unsigned headsInUse() const;
+  unsigned headsInUse() const { return lists_.headsInUse(); }
   /// Whether a new requester may find no head record.
-  bool isCrowded() const { return headsInUse() >= capacity_; }
-  uint16_t capacity() const { return capacity_; }
+  bool isCrowded() const { return headsInUse() >= capacity(); }
+  uint16_t capacity() const { return segment_.Capacity(); }
 
  private:
-  using Item = TIPCReplyItem<TArmReplyMessage>;
-
-  bool createSet();
-  void layOut();
-  TIPCHeadItem* head(unsigned index) const;
-  uint32_t itemOffset(unsigned index) const;
-  Item* itemAt(uint32_t offset) const;
-  uint32_t takeFreeItem();
   using Semaphores = std::vector<unsigned short>;
   enum class To { anybody, waiting };
+
+  bool createSet(uint16_t requesters);
   void putAll(To whom, Outgoing* replies, std::size_t count);
   Delivery putOrRepair(To whom, const Outgoing& reply, Semaphores* due);
   Delivery putLocked(To whom, const Outgoing& reply, Semaphores* due);
   TIPCHeadItem* headFor(To whom, const TIPCIdentifier& owner);
-  TIPCHeadItem* knownHead(const TIPCIdentifier& owner) const;
-  void remember(const TIPCIdentifier& owner, TIPCHeadItem* record);
-  bool append(TIPCHeadItem& head, uint32_t offset);
-  unsigned releaseDeparted();
-  template <typename Condition>
-  unsigned releaseAll(Condition condition);
-  bool isIdle(const TIPCHeadItem& head) const;
-  void release(TIPCHeadItem& head);
-  void repairLists(bool changed);
-  bool listsAgree() const;
-  void rebuildLists();
-  void keepList(TIPCHeadItem& head, std::vector<bool>* linked);
-  void setSemaphore(unsigned short semaphore, int value);
-  bool isOfHead(unsigned short semaphore) const;
-  bool raise(unsigned short semaphore);
+  unsigned reclaim(unsigned (ReplyLists::*release)());
   void raiseAll(const Semaphores& semaphores);
 
-  uint16_t capacity_;
-  /// The reader's view of the same queue, for the operations that both sides share.  It takes the
-  /// lock when it goes, so that the segment, declared after it, goes first with its lock.
-  std::unique_ptr<CIPCQueue<TArmReplyMessage>> view_;
   CkesSharedMemory memory_;
-  int set_ = -1;
-  /// Where requesters' head records were: places to look first.  Guarded by the segment's lock.
-  std::unordered_map<uint64_t, TIPCHeadItem*> places_;
+  CWakeSet wake_{-1};
+  CReplySegment<TArmReplyMessage> segment_;
+  ReplyLists lists_;
 };
 
 }  // namespace armengine

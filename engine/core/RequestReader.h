@@ -4,11 +4,9 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 
 #include "arm/TArmMessage.h"
-#include "ipc/CIPCSimpleQueue.h"
-#include "ipc/RequestQueueLayout.h"
+#include "ipc/CRequestSegment.h"
 #include "platform/CkesSemaphore.h"
 #include "platform/CkesSharedMemory.h"
 
@@ -29,7 +27,7 @@ class RequestReader {
   /// Creates the queue with room for the given number of requests, not ready for I/O yet.
   explicit RequestReader(uint16_t capacity);
 
-  bool isInitialized() const;
+  bool isInitialized() const { return static_cast<bool>(segment_); }
 
   /// Tells openers that requests are read from now on, or no longer.
   void setReady(bool ready);
@@ -47,7 +45,7 @@ class RequestReader {
   int lockSet() const { return memory_.GetSetId(); }
   /// Requests in the queue now.
   unsigned depth() const;
-  uint16_t capacity() const { return capacity_; }
+  uint16_t capacity() const { return segment_.Capacity(); }
   /// Times that the ring was found with impossible values and repaired.
   unsigned long repairs() const { return repairs_; }
 
@@ -58,15 +56,11 @@ class RequestReader {
   void takeLocked(TArmMessage& message);
   void repairRing();
 
-  uint16_t capacity_;
   CkesSemaphore overflow_;
   CkesSemaphore empty_;
   CkesSharedMemory memory_;
   int empty_set_ = -1;  ///< the set behind empty_, whose own wait has no time limit
-  TRequestQueueHeader* header_ = nullptr;
-  const uint8_t* slots_ = nullptr;
-  /// The writer's view of the same queue, for the operations that both sides share.
-  std::unique_ptr<CIPCSimpleQueue<TArmMessage>> view_;
+  CRequestSegment<TArmMessage> segment_;
   std::atomic<bool> interrupted_{false};
   unsigned long repairs_ = 0;
 };

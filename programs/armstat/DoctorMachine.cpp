@@ -135,14 +135,10 @@ struct Need {
 
 Need usualNeed() {
   Need need;
-  need.set_size = armengine::USUAL_REQUESTERS + 2UL;
-  need.semaphores = need.set_size + 2 * 2 + 2 * 3;
-  const unsigned long requests =
-      sizeof(TRequestQueueHeader) + armengine::USUAL_REQUESTS * sizeof(TArmMessage);
-  const unsigned long replies =
-      sizeof(TReplyQueueHeader) +
-      armengine::USUAL_REQUESTERS *
-          (sizeof(TIPCHeadItem) + sizeof(TIPCReplyItem<TArmReplyMessage>));
+  need.set_size = armengine::USUAL_REQUESTERS + WAKE_SET_FIRST_HEAD;
+  need.semaphores = need.set_size + 2UL * LOCK_SET_SIZE + 2UL * COUNTING_SET_SIZE;
+  const unsigned long requests = requestQueueSize(armengine::USUAL_REQUESTS, sizeof(TArmMessage));
+  const unsigned long replies = replyQueueSize<TArmReplyMessage>(armengine::USUAL_REQUESTERS);
   need.segment_size = std::max(requests, replies);
   need.bytes = requests + replies;
   return need;

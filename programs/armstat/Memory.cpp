@@ -22,8 +22,7 @@ constexpr std::size_t WORD = sizeof(uint32_t);
 constexpr unsigned ATTEMPTS = 50;
 constexpr timespec LOCK_PATIENCE = {1, 0};
 
-constexpr std::size_t ITEM_SIZE = sizeof(TIPCReplyItem<TArmReplyMessage>);
-constexpr std::size_t LINK_AT = sizeof(TArmReplyMessage);
+constexpr std::size_t LINK_AT = offsetof(TIPCReplyItem<TArmReplyMessage>, next);
 
 /// A segment attached for reading.
 class Attached {
@@ -99,8 +98,9 @@ void unpack(const Words& words, std::size_t* at, T* value) {
   *at += sizeof *value / WORD;
 }
 
-std::size_t itemsOffset(std::size_t capacity) {
-  return sizeof(TReplyQueueHeader) + capacity * sizeof(TIPCHeadItem);
+/// Where an item begins.
+std::size_t itemOffset(uint16_t capacity, unsigned number) {
+  return replyItemOffset<TArmReplyMessage>(capacity, number);
 }
 
 }  // namespace
@@ -126,13 +126,13 @@ ReplyQueue copyReplies(const Objects& objects, Manner manner) {
   const Attached memory(objects.replies);
   if (!memory || objects.replies.size < sizeof queue.header) return queue;
   queue.capacity = replyQueueCapacity(objects.replies.size, sizeof(TArmReplyMessage));
-  const std::size_t capacity = queue.capacity;
+  const uint16_t capacity = queue.capacity;
   const auto read = [&memory, capacity] {
     Words words;
-    words.reserve(itemsOffset(capacity) / WORD + capacity);
-    memory.append(0, itemsOffset(capacity) / WORD, &words);
-    for (std::size_t i = 0; i < capacity; ++i) {
-      memory.append(itemsOffset(capacity) + i * ITEM_SIZE + LINK_AT, 1, &words);
+    words.reserve(itemOffset(capacity, 0) / WORD + capacity);
+    memory.append(0, itemOffset(capacity, 0) / WORD, &words);
+    for (unsigned i = 0; i < capacity; ++i) {
+      memory.append(itemOffset(capacity, i) + LINK_AT, 1, &words);
     }
     return words;
   };
@@ -147,14 +147,12 @@ ReplyQueue copyReplies(const Objects& objects, Manner manner) {
 
 Chain follow(const ReplyQueue& queue, uint32_t first) {
   Chain chain;
-  const std::size_t items = itemsOffset(queue.capacity);
   for (uint32_t offset = first; offset != 0;) {
-    const std::size_t index = (offset - items) / ITEM_SIZE;
-    chain.sound = offset >= items && (offset - items) % ITEM_SIZE == 0 &&
-                  index < queue.links.size() && chain.length < queue.capacity;
+    const uint32_t number = replyItemNumber<TArmReplyMessage>(queue.capacity, offset);
+    chain.sound = number < queue.links.size() && chain.length < queue.capacity;
     if (!chain.sound) return chain;
     ++chain.length;
-    offset = queue.links[index];
+    offset = queue.links[number];
   }
   return chain;
 }

@@ -9,10 +9,11 @@
 #include "diag/libarmdebug.h"
 #include "diag/traceformat.h"
 #include "ipc/CIPCUtils.h"
+#include "ipc/CReplySegment.h"
+#include "ipc/CWakeSet.h"
 #include "ipc/EngineObjects.h"
 #include "ipc/ReplyQueueLayout.h"
-#include "ipc/RequestQueueLayout.h"
-#include "ipc/headhint.h"
+#include "ipc/queuestate.h"
 #include "platform/CkesSharedMemory.h"
 #include "platform/sharedword.h"
 
@@ -21,9 +22,9 @@
 /// on the semaphore of its own head record, so that a reply wakes only the thread it is addressed
 /// to.
 ///
-/// Results are 0 or a negative code, also recorded with the error manager.  Any number of threads
-/// of any number of processes may get at once: lists are read and changed under the segment's lock
-/// only, which no thread holds while it sleeps.
+/// Results are 0 or a negative code, also recorded with the error manager.  Any number of threads of any
+/// number of processes may get at once: lists are read and changed under the segment's lock only, which
+/// no thread holds while it sleeps.
 template <typename T>
 class CIPCQueue {
  public:
@@ -32,9 +33,9 @@ class CIPCQueue {
   static constexpr long ERR_NOT_INITIALIZED = -276;
   static constexpr long ERR_NOT_FOUND = -277;
   static constexpr long ERR_INDEX = -278;
-  static constexpr long ERR_GETNCNT = -279;
-  static constexpr long ERR_WAKE_WRITER = -280;
-  static constexpr long ERR_WAKE_READER = -281;
+  static constexpr long ERR_GETNCNT = CReplySegment<T>::ERR_GETNCNT;
+  static constexpr long ERR_WAKE_WRITER = CReplySegment<T>::ERR_WAKE_WRITER;
+  static constexpr long ERR_WAKE_READER = CReplySegment<T>::ERR_WAKE_READER;
   static constexpr long ERR_DAMAGED = -283;  ///< the segment holds impossible values
   static constexpr long ERR_STATE = -284;
 
@@ -67,7 +68,7 @@ class CIPCQueue {
   /// Writes the state; 1 and 2 also wake everybody who waits on the queue.
   long SetState(unsigned long state);
   /// Wakes the waiting writer and every waiting reader; -279, -280, -281.
-  long implAwakenAll();
+  long implAwakenAll() { return VSegment.WakeAll(VWakeSet); }
   /// Opens (items 0) or creates (items above 0) the queue's own semaphore set at project 3 of a
   /// path.
   bool implInitialize(const char* path, unsigned short items);
@@ -78,29 +79,18 @@ class CIPCQueue {
   using TItem = TIPCReplyItem<T>;
 
   bool open(const char* name);
-  void attachFields();
   void refuse();
   void dropSegment();
   bool createSet(int key, unsigned short items);
   bool fillSet(unsigned short items);
 
-  TIPCHeadItem* claimFree();
-  TIPCHeadItem* takeOver();
-  TIPCHeadItem* findOwned(_TIPCIdentifier id);
   long headForGet(_TIPCIdentifier id, long index, TIPCHeadItem** head);
   long waitAndTake(TIPCHeadItem& head, bool byIndex, T& reply, bool* left);
   long sleepOn(TIPCHeadItem& head, bool* left);
   long cancelled(TIPCHeadItem& head);
   long take(TIPCHeadItem& head, bool byIndex, T& reply);
-  uint8_t* itemAt(uint32_t offset);
-  bool implWaitOn(unsigned short semaphore);
-  bool implRaise(unsigned short semaphore, int by);
-  int implWaiters(unsigned short semaphore) const;
 
-  uint32_t state() const { return loadShared(VHeader->state); }
-  static _TIPCIdentifier ownerOf(const TIPCHeadItem& head) {
-    return {loadShared(head.process_id), loadShared(head.thread_id)};
-  }
+  uint32_t state() const { return loadShared(VSegment->state); }
 
   static constexpr const char* GET = "CIPCQueue::Get()";
   static constexpr const char* PRIVATE_GET = "CIPCQueue::PrivateGet()";
@@ -109,23 +99,15 @@ class CIPCQueue {
   static constexpr long BY_IDENTIFIER = -1;
 
   bool VInitialized;
-  uint16_t VCapacity;
   bool VRemove;
   CkesSharedMemory* VSharedMemory;
-  TReplyQueueHeader* VHeader;
-  TIPCHeadItem* VHeads;
-  int VSemaphores;
+  CReplySegment<T> VSegment;
+  CWakeSet VWakeSet;
 };
 
 template <typename T>
 CIPCQueue<T>::CIPCQueue(const char* name, bool remove)
-    : VInitialized(false),
-      VCapacity(0),
-      VRemove(remove),
-      VSharedMemory(nullptr),
-      VHeader(nullptr),
-      VHeads(nullptr),
-      VSemaphores(-1) {
+    : VInitialized(false), VRemove(remove), VSharedMemory(nullptr), VWakeSet(-1) {
   if (VDebugRun) {
     traceFormat("%s ENTER, name[%s] remove[%d]\n", CONSTRUCTOR, name, static_cast<int>(remove));
   }
@@ -149,23 +131,15 @@ bool CIPCQueue<T>::open(const char* name) {
   }
   char path[WAKE_SET_PATH_LIMIT + 1];
   (void)CIPCUtils::createIPCName(name, nullptr, WAKE_SET_PATH_LIMIT, path);
-  VInitialized = implInitialize(path, 0) && VSharedMemory->GetSize() >= sizeof(TReplyQueueHeader);
+  VSegment = {VSharedMemory->GetAddress(), VSharedMemory->GetSize()};
+  VInitialized = implInitialize(path, 0) && VSegment;
   if (VInitialized) {
-    attachFields();
     if (state() != QUEUE_STATE_RUNNING) refuse();
   } else {
     if (VDebugRun) traceFormat("%s ERROR - VInitialized == 0\n", CONSTRUCTOR);
     dropSegment();
   }
   return true;
-}
-
-template <typename T>
-void CIPCQueue<T>::attachFields() {
-  auto* start = static_cast<uint8_t*>(VSharedMemory->GetAddress());
-  VCapacity = replyQueueCapacity(VSharedMemory->GetSize(), sizeof(T));
-  VHeader = reinterpret_cast<TReplyQueueHeader*>(start);
-  VHeads = reinterpret_cast<TIPCHeadItem*>(start + sizeof(TReplyQueueHeader));
 }
 
 /// Gives a queue up that is not running.
@@ -183,8 +157,7 @@ template <typename T>
 void CIPCQueue<T>::dropSegment() {
   delete VSharedMemory;
   VSharedMemory = nullptr;
-  VHeader = nullptr;
-  VHeads = nullptr;
+  VSegment = {};
 }
 
 template <typename T>
@@ -226,9 +199,10 @@ long CIPCQueue<T>::PrivateGet(_TIPCIdentifier id, long index, T& reply) {
 template <typename T>
 long CIPCQueue<T>::headForGet(_TIPCIdentifier id, long index, TIPCHeadItem** head) {
   if (index == BY_IDENTIFIER) return FindHead(id, true, head);
-  if (index < 0 || index >= VCapacity) return ERR_INDEX;
-  if (loadShared(VHeads[index].status) != HEAD_INDEXED) return ERR_INDEX;
-  *head = &VHeads[index];
+  if (index < 0 || index >= VSegment.Capacity()) return ERR_INDEX;
+  TIPCHeadItem& indexed = VSegment.Head(static_cast<unsigned>(index));
+  if (loadShared(indexed.status) != HEAD_INDEXED) return ERR_INDEX;
+  *head = &indexed;
   return 0;
 }
 
@@ -237,8 +211,8 @@ long CIPCQueue<T>::headForGet(_TIPCIdentifier id, long index, TIPCHeadItem** hea
 template <typename T>
 long CIPCQueue<T>::waitAndTake(TIPCHeadItem& head, bool byIndex, T& reply, bool* left) {
   if (loadShared(head.first_reply) == 0 && state() != QUEUE_STATE_RUNNING) return ERR_STATE;
-  // Deliberate (waits-once): a thread always waits once, even with a reply linked: the engine
-  // raises the semaphore once per reply, so its count matches the list.
+  // Deliberate (waits-once): a thread always waits once, even with a reply linked: the engine raises the semaphore once per
+  // reply, so its count matches the list.
   do {
     if (!byIndex) storeShared(head.status, HEAD_WAITING);
     const long result = sleepOn(head, left);
@@ -254,7 +228,7 @@ template <typename T>
 long CIPCQueue<T>::sleepOn(TIPCHeadItem& head, bool* left) {
   const uint16_t semaphore = loadShared(head.semaphore);
   (void)VSharedMemory->Unlock();
-  const bool woken = implWaitOn(semaphore);
+  const bool woken = VWakeSet.Wait(semaphore);
   long result = 0;
   if (state() == QUEUE_STATE_CLOSED) {
     result = ERR_STATE;
@@ -264,8 +238,8 @@ long CIPCQueue<T>::sleepOn(TIPCHeadItem& head, bool* left) {
   }
   if (result == 0) return 0;
   (void)CkesErrorManager::Record(result, PRIVATE_GET);
-  // Deliberate (unlock-unlocked): unlocked on every such path, locked again or not.  Engines live
-  // with an unlock of theirs that fails, and re-create their sets after a stop.
+  // Deliberate (unlock-unlocked): unlocked on every such path, locked again or not.  Engines live with an unlock of
+  // theirs that fails, and re-create their sets after a stop.
   (void)VSharedMemory->Unlock();
   *left = true;
   return result;
@@ -273,117 +247,52 @@ long CIPCQueue<T>::sleepOn(TIPCHeadItem& head, bool* left) {
 
 template <typename T>
 long CIPCQueue<T>::cancelled(TIPCHeadItem& head) {
-  if (implWaiters(loadShared(head.semaphore)) == 0) storeShared(head.status, HEAD_IDLE);
+  if (VWakeSet.Waiters(loadShared(head.semaphore)) == 0) storeShared(head.status, HEAD_IDLE);
   return ERR_NOT_FOUND;
 }
 
 template <typename T>
 long CIPCQueue<T>::take(TIPCHeadItem& head, bool byIndex, T& reply) {
   const uint32_t offset = loadShared(head.first_reply);
-  uint8_t* item = itemAt(offset);
+  uint8_t* item = VSegment.BytesAt(offset);
   if (item == nullptr) return ERR_DAMAGED;
   std::memcpy(&reply, item, sizeof(T));
   uint32_t next = 0;
-  const uint32_t free = loadShared(VHeader->free_list);
+  const uint32_t free = loadShared(VSegment->free_list);
   std::memcpy(&next, item + offsetof(TItem, next), sizeof next);
   std::memcpy(item + offsetof(TItem, next), &free, sizeof free);
   storeShared(head.first_reply, next);
-  storeShared(VHeader->free_list, offset);
-  const auto used = static_cast<uint16_t>(loadShared(VHeader->used_items) - 1U);
-  storeShared(VHeader->used_items, used);
+  storeShared(VSegment->free_list, offset);
+  const auto used = static_cast<uint16_t>(loadShared(VSegment->used_items) - 1U);
+  storeShared(VSegment->used_items, used);
 
   long result = 0;
   if (!byIndex) {
-    const int waiters = implWaiters(loadShared(head.semaphore));
+    const int waiters = VWakeSet.Waiters(loadShared(head.semaphore));
     if (waiters < 0) result = ERR_GETNCNT;
     if (waiters == 0) storeShared(head.status, HEAD_IDLE);
   }
-  const bool wasFull = used + 1U == VCapacity;
-  if (wasFull && result == 0 && !implRaise(WAKE_SET_ROOM, 1)) result = ERR_WAKE_WRITER;
+  const bool wasFull = used + 1U == VSegment.Capacity();
+  if (wasFull && result == 0 && !VWakeSet.Raise(WAKE_SET_ROOM, 1)) result = ERR_WAKE_WRITER;
   return result;
-}
-
-/// The item at an offset, null when it would not lie in the segment, behind the header.  Where
-/// items begin is the engine's affair: its layout may be smaller than the segment, which it may
-/// have found.
-template <typename T>
-uint8_t* CIPCQueue<T>::itemAt(uint32_t offset) {
-  const unsigned long size = VSharedMemory->GetSize();
-  if (offset < sizeof(TReplyQueueHeader) || offset > size || size - offset < sizeof(TItem)) {
-    return nullptr;
-  }
-  return static_cast<uint8_t*>(VSharedMemory->GetAddress()) + offset;
 }
 
 template <typename T>
 long CIPCQueue<T>::FindHead(_TIPCIdentifier id, bool create, _TIPCHeadItem** head) {
   *head = nullptr;
   if (!VInitialized) return ERR_NOT_INITIALIZED;
-  *head = findOwned(id);
+  *head = VSegment.FindOwned(id);
   if (*head != nullptr) return 0;
   if (!create) return ERR_NOT_FOUND;
-  *head = loadShared(VHeader->heads_in_use) < VCapacity ? claimFree() : takeOver();
-  if (*head == nullptr) return ERR_NO_HEAD;
-  storeShared((*head)->first_reply, 0U);
-  storeShared((*head)->status, HEAD_IDLE);
-  storeShared((*head)->process_id, id.processId);
-  storeShared((*head)->thread_id, id.threadId);
-  return 0;
-}
-
-/// The record that carries an identifier, null when none does.  Looked for first where the calling
-/// thread found its own before: identifiers are unique among the records, so the scan would end
-/// there.
-template <typename T>
-TIPCHeadItem* CIPCQueue<T>::findOwned(_TIPCIdentifier id) {
-  uint16_t& hint = headHint();
-  if (hint < VCapacity && CIPCUtils::sameIPCIdentifiers(ownerOf(VHeads[hint]), id)) {
-    return &VHeads[hint];
-  }
-  for (uint16_t i = 0; i < VCapacity; ++i) {
-    if (!CIPCUtils::sameIPCIdentifiers(ownerOf(VHeads[i]), id)) continue;
-    hint = i;
-    return &VHeads[i];
-  }
-  return nullptr;
-}
-
-/// The first free record.  Deliberate (trusted-counter): the counter is trusted; when it says that
-/// a record is free and none is, the scan stops at the last one, which is claimed without being
-/// counted.
-template <typename T>
-TIPCHeadItem* CIPCQueue<T>::claimFree() {
-  TIPCHeadItem* head = VHeads;
-  for (;; ++head) {
-    if (CIPCUtils::sameIPCIdentifiers(ownerOf(*head), NULL_IPC_ID)) {
-      const uint16_t inUse = loadShared(VHeader->heads_in_use);
-      storeShared(VHeader->heads_in_use, static_cast<uint16_t>(inUse + 1U));
-      return head;
-    }
-    if (head == VHeads + VCapacity - 1) return head;
-  }
-}
-
-/// The first record that is idle, empty and not waited on; its old owner loses it.
-template <typename T>
-TIPCHeadItem* CIPCQueue<T>::takeOver() {
-  for (TIPCHeadItem* head = VHeads; head != VHeads + VCapacity; ++head) {
-    if (loadShared(head->first_reply) != 0 || loadShared(head->status) != HEAD_IDLE) continue;
-    if (implWaiters(loadShared(head->semaphore)) == 0) return head;
-  }
-  return nullptr;
+  *head = VSegment.Claim(id, VWakeSet);
+  return *head != nullptr ? 0 : ERR_NO_HEAD;
 }
 
 template <typename T>
 long CIPCQueue<T>::SetState(unsigned long newState) {
   if (!VInitialized) return CkesErrorManager::Record(ERR_NOT_INITIALIZED, "CIPCQueue::SetState()");
-  const long locked = VSharedMemory->Lock();
-  if (locked != 0) return locked;
-  storeShared(VHeader->state, static_cast<uint32_t>(newState));
-  long result = 0;
-  if (newState == QUEUE_STATE_STOPPED || newState == QUEUE_STATE_CLOSED) result = implAwakenAll();
-  const long unlocked = VSharedMemory->Unlock();
-  return unlocked != 0 ? unlocked : result;
+  return setQueueState(*VSharedMemory, VSegment->state, newState,
+                       [this] { return implAwakenAll(); });
 }
 
 #include "ipc/CIPCQueue_LINUX.h"

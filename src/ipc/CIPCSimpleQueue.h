@@ -6,8 +6,10 @@
 
 #include "diag/CkesErrorManager.h"
 #include "diag/traceformat.h"
+#include "ipc/CRequestSegment.h"
 #include "ipc/EngineObjects.h"
 #include "ipc/RequestQueueLayout.h"
+#include "ipc/queuestate.h"
 #include "platform/CkesSemaphore.h"
 #include "platform/CkesSharedMemory.h"
 #include "platform/sharedword.h"
@@ -44,11 +46,9 @@ class CIPCSimpleQueue {
   /// A number that tells the queue's creator from its predecessors and successors.
   int CreatorId() const { return VInitialized ? VSharedMemory->GetSetId() : -1; }
   /// True once the engine reads the queue.
-  bool IsReadyForIO() const { return VHeader != nullptr && loadShared(VHeader->ready_for_io) != 0; }
+  bool IsReadyForIO() const { return VSegment && loadShared(VSegment->ready_for_io) != 0; }
   /// The version word, 0 without a segment.
-  unsigned long GetArmVersion() const {
-    return VHeader != nullptr ? loadShared(VHeader->arm_version) : 0;
-  }
+  unsigned long GetArmVersion() const { return VSegment ? loadShared(VSegment->arm_version) : 0; }
   /// Whether Put waits while the queue is full.
   void SetOverflowWait(bool wait) { VOverflowWait = wait; }
 
@@ -74,31 +74,24 @@ class CIPCSimpleQueue {
   bool open(const char* name);
   bool openSegment(const char* name);
   void closeAll();
-  TRingPosition position() const;
-  bool isDamaged(TRingPosition ring) const;
   bool place(const T& record, std::size_t used, bool front);
   TRingPosition placeAtTail(TRingPosition ring, const T& record, std::size_t used);
   TRingPosition placeAtHead(TRingPosition ring, const T& record, std::size_t used);
   void copyToSlot(uint16_t slot, const T& record, std::size_t used);
   void wakeOrDrain(uint16_t now);
-  long wakeAll();
-  static long postTimes(CkesSemaphore* semaphore, uint32_t times);
-  uint32_t state() const { return loadShared(VHeader->state); }
-  uint16_t count() const { return loadShared(VHeader->count); }
+  uint32_t state() const { return loadShared(VSegment->state); }
+  uint16_t count() const { return loadShared(VSegment->count); }
 
   static constexpr const char* PUT = "CIPCSimpleQueue<T>::Put()";
   static constexpr const char* PRIVATE_PUT = "CIPCSimpleQueue<T>::PrivatePut()";
-  /// Deliberate (other-queues-name): the name of the other queue's class.  Readers of error trails
-  /// know it so.
+  /// Deliberate (other-queues-name): the name of the other queue's class.  Readers of error trails know it so.
   static constexpr const char* CHECK_OVERFLOW = "CIPCQueue::CheckOverflow()";
   static constexpr const char* SET_STATE = "CIPCSimpleQueue<T>::SetState()";
   static constexpr const char* CLEANUP = "CIPCSimpleQueue<T>::Cleanup()";
 
   bool VInitialized;
-  uint16_t VCapacity;
   CkesSharedMemory* VSharedMemory;
-  TRequestQueueHeader* VHeader;
-  uint8_t* VSlots;
+  CRequestSegment<T> VSegment;
   bool VOverflowWait;
   CkesSemaphore* VEmptySem;
   CkesSemaphore* VOverflowSem;
@@ -108,10 +101,7 @@ class CIPCSimpleQueue {
 template <typename T>
 CIPCSimpleQueue<T>::CIPCSimpleQueue(const char* name)
     : VInitialized(false),
-      VCapacity(0),
       VSharedMemory(nullptr),
-      VHeader(nullptr),
-      VSlots(nullptr),
       VOverflowWait(false),
       VEmptySem(nullptr),
       VOverflowSem(nullptr),
@@ -152,15 +142,14 @@ bool CIPCSimpleQueue<T>::open(const char* name) {
     traceText("CIPCSimpleQueue Failed on the shared memory\n");
     return false;
   }
-  // An engine that has come up meanwhile: with the semaphores of the one before it, posts would
-  // wake nobody, and draining would never end.
+  // An engine that has come up meanwhile: with the semaphores of the one before it, posts would wake
+  // nobody, and draining would never end.
   if (!VOverflowSem->IsThere() || !VEmptySem->IsThere()) {
     traceText("CIPCSimpleQueue Failed on replaced semaphores\n");
     return false;
   }
-  // Deliberate (version-first): written by every opener, without the lock and before the state is
-  // looked at.
-  storeShared(VHeader->arm_version, ARM_QUEUE_VERSION);
+  // Deliberate (version-first): written by every opener, without the lock and before the state is looked at.
+  storeShared(VSegment->arm_version, ARM_QUEUE_VERSION);
   if (state() != QUEUE_STATE_RUNNING) {
     traceText("CIPCSimpleQueue VQueueState is bad\n");
     return false;
@@ -173,15 +162,10 @@ bool CIPCSimpleQueue<T>::openSegment(const char* name) {
   VSharedMemory = new (std::nothrow) CkesSharedMemory(name, false);
   if (VSharedMemory == nullptr) return false;
   const long result = VSharedMemory->GetInitResult();
-  // Deliberate (dead-creator-opens): a dead creator does not keep the queue from opening; it shows
-  // in CreatorAlive.
+  // Deliberate (dead-creator-opens): a dead creator does not keep the queue from opening; it shows in CreatorAlive.
   if (result != 0 && result != CkesSharedMemory::ERR_CREATOR_GONE) return false;
-  if (VSharedMemory->GetSize() < sizeof(TRequestQueueHeader)) return false;
-  auto* start = static_cast<uint8_t*>(VSharedMemory->GetAddress());
-  VCapacity = requestQueueCapacity(VSharedMemory->GetSize(), sizeof(T));
-  VHeader = reinterpret_cast<TRequestQueueHeader*>(start);
-  VSlots = start + sizeof(TRequestQueueHeader);
-  return true;
+  VSegment = {VSharedMemory->GetAddress(), VSharedMemory->GetSize()};
+  return static_cast<bool>(VSegment);
 }
 
 template <typename T>
@@ -192,8 +176,7 @@ void CIPCSimpleQueue<T>::closeAll() {
   VOverflowSem = nullptr;
   VEmptySem = nullptr;
   VSharedMemory = nullptr;
-  VHeader = nullptr;
-  VSlots = nullptr;
+  VSegment = {};
 }
 
 template <typename T>
@@ -225,36 +208,22 @@ long CIPCSimpleQueue<T>::PrivatePut(const T& message, std::size_t used, bool fro
   return unlocked;
 }
 
-template <typename T>
-TRingPosition CIPCSimpleQueue<T>::position() const {
-  return {loadShared(VHeader->count), loadShared(VHeader->head), loadShared(VHeader->tail),
-          loadShared(VHeader->padding)};
-}
-
-/// Every process of the machine may write to the segment: nothing in it is used as an index unseen.
-template <typename T>
-bool CIPCSimpleQueue<T>::isDamaged(TRingPosition ring) const {
-  return ring.count >= VCapacity || ring.head >= VCapacity || ring.tail >= VCapacity;
-}
-
 /// Copies the record into its slot, moves the position and wakes whom that concerns; false when the
-/// segment holds what cannot be.  One store: a writer that is killed leaves a
-/// record that counts, or none.  A tail that has moved without the count would make the next
-/// writer's record one that nobody reads.
+/// segment holds what cannot be.
 template <typename T>
 bool CIPCSimpleQueue<T>::place(const T& message, std::size_t used, bool front) {
-  const TRingPosition ring = position();
-  if (isDamaged(ring)) return false;
+  const TRingPosition ring = VSegment.Position();
+  if (VSegment.IsDamaged(ring)) return false;
   const TRingPosition next =
       front ? placeAtHead(ring, message, used) : placeAtTail(ring, message, used);
-  if (!storeOnce(*reinterpret_cast<TRingPosition*>(VHeader), next)) return false;
+  if (!VSegment.Move(next)) return false;
   wakeOrDrain(next.count);
   return true;
 }
 
 template <typename T>
 void CIPCSimpleQueue<T>::copyToSlot(uint16_t slot, const T& message, std::size_t used) {
-  uint8_t* target = VSlots + static_cast<std::size_t>(slot) * sizeof(T);
+  uint8_t* target = VSegment.Slot(slot);
   std::memcpy(target, &message, used);
   std::memset(target + used, 0, sizeof(T) - used);
 }
@@ -263,7 +232,7 @@ template <typename T>
 TRingPosition CIPCSimpleQueue<T>::placeAtTail(TRingPosition ring, const T& message,
                                               std::size_t used) {
   copyToSlot(ring.tail, message, used);
-  ring.tail = static_cast<uint16_t>((ring.tail + 1U) % VCapacity);
+  ring.tail = VSegment.After(ring.tail);
   ++ring.count;
   return ring;
 }
@@ -272,9 +241,9 @@ template <typename T>
 TRingPosition CIPCSimpleQueue<T>::placeAtHead(TRingPosition ring, const T& message,
                                               std::size_t used) {
   if (ring.count == 0) {
-    ring.tail = static_cast<uint16_t>((ring.tail + 1U) % VCapacity);
+    ring.tail = VSegment.After(ring.tail);
   } else {
-    ring.head = static_cast<uint16_t>(ring.head == 0 ? VCapacity - 1U : ring.head - 1U);
+    ring.head = VSegment.Before(ring.head);
   }
   copyToSlot(ring.head, message, used);
   ++ring.count;
@@ -287,7 +256,7 @@ template <typename T>
 void CIPCSimpleQueue<T>::wakeOrDrain(uint16_t now) {
   if (now == 1) {
     (void)VEmptySem->Post(1);
-  } else if (now == VCapacity) {
+  } else if (now == VSegment.Capacity()) {
     // Deliberate (endless-drain): only "nothing left" ends this; any other result repeats it.
     while (VOverflowSem->TryWait() != CkesSemaphore::ERR_WOULD_BLOCK) {
     }
@@ -300,14 +269,14 @@ long CIPCSimpleQueue<T>::CheckOverflow(bool wait) {
   long result = 0;
   bool waited = false;
   bool unlocked = false;
-  // Deliberate (unlocked-count): the second and later tests of the count, and the counting of a
-  // further pass, are made without the lock.
-  while (count() == VCapacity) {
+  // Deliberate (unlocked-count): the second and later tests of the count, and the counting of a further pass, are made without
+  // the lock.
+  while (count() == VSegment.Capacity()) {
     if (!wait) {
       result = CkesErrorManager::Record(ERR_FULL, CHECK_OVERFLOW);
       break;
     }
-    storeShared(VHeader->overflow_waiters, loadShared(VHeader->overflow_waiters) + 1U);
+    storeShared(VSegment->overflow_waiters, loadShared(VSegment->overflow_waiters) + 1U);
     waited = true;
     if (!unlocked) {
       result = VSharedMemory->Unlock();
@@ -336,37 +305,17 @@ long CIPCSimpleQueue<T>::CheckOverflow(bool wait) {
       (void)CkesErrorManager::Record(result, CHECK_OVERFLOW);
     }
   }
-  // Deliberate (lowered-once): lowered once, however many passes were made; every further pass
-  // leaves it one too high.
-  if (waited) storeShared(VHeader->overflow_waiters, loadShared(VHeader->overflow_waiters) - 1U);
+  // Deliberate (lowered-once): lowered once, however many passes were made; every further pass leaves it one too
+  // high.
+  if (waited) storeShared(VSegment->overflow_waiters, loadShared(VSegment->overflow_waiters) - 1U);
   return result;
-}
-
-template <typename T>
-long CIPCSimpleQueue<T>::postTimes(CkesSemaphore* semaphore, uint32_t times) {
-  for (; times > 0; --times) {
-    const long result = semaphore->Post(1);
-    if (result != 0) return result;
-  }
-  return 0;
-}
-
-template <typename T>
-long CIPCSimpleQueue<T>::wakeAll() {
-  const long result = postTimes(VEmptySem, loadShared(VHeader->empty_waiters));
-  return result != 0 ? result : postTimes(VOverflowSem, loadShared(VHeader->overflow_waiters));
 }
 
 template <typename T>
 long CIPCSimpleQueue<T>::SetState(unsigned long newState) {
   if (!VInitialized) return CkesErrorManager::Record(ERR_NOT_INITIALIZED, SET_STATE);
-  long result = VSharedMemory->Lock();
-  if (result == 0) {
-    storeShared(VHeader->state, static_cast<uint32_t>(newState));
-    if (newState == QUEUE_STATE_STOPPED || newState == QUEUE_STATE_CLOSED) result = wakeAll();
-    const long unlocked = VSharedMemory->Unlock();
-    if (unlocked != 0) result = unlocked;
-  }
+  const long result = setQueueState(*VSharedMemory, VSegment->state, newState,
+                                    [this] { return VSegment.WakeAll(*VEmptySem, *VOverflowSem); });
   if (result != 0) (void)CkesErrorManager::AddFunction(SET_STATE);
   return result;
 }
@@ -376,11 +325,11 @@ long CIPCSimpleQueue<T>::Cleanup() {
   if (!VInitialized) return CkesErrorManager::Record(ERR_NOT_INITIALIZED, CLEANUP);
   long result = VSharedMemory->Lock();
   if (result == 0) {
-    storeShared(VHeader->count, uint16_t{0});
-    storeShared(VHeader->head, uint16_t{0});
-    storeShared(VHeader->tail, uint16_t{0});
+    storeShared(VSegment->count, uint16_t{0});
+    storeShared(VSegment->head, uint16_t{0});
+    storeShared(VSegment->tail, uint16_t{0});
     (void)VEmptySem->TryWait();
-    for (uint32_t waiters = loadShared(VHeader->overflow_waiters); waiters > 0; --waiters) {
+    for (uint32_t waiters = loadShared(VSegment->overflow_waiters); waiters > 0; --waiters) {
       (void)VOverflowSem->Post(1);
     }
     result = VSharedMemory->Unlock();

@@ -89,3 +89,26 @@ constexpr uint16_t replyQueueCapacity(unsigned long segmentSize, std::size_t rec
   return static_cast<uint16_t>((segmentSize - sizeof(TReplyQueueHeader)) /
                                (sizeof(TIPCHeadItem) + recordSize + sizeof(uint32_t)));
 }
+
+/// Where an item begins in a segment with that many head records; behind the last one, the size of
+/// such a segment.
+template <typename T>
+constexpr uint32_t replyItemOffset(uint16_t capacity, unsigned number) {
+  return static_cast<uint32_t>(sizeof(TReplyQueueHeader) + capacity * sizeof(TIPCHeadItem) +
+                               number * sizeof(TIPCReplyItem<T>));
+}
+
+/// The number of the item that begins at an offset; the capacity, no item's number, when none does.
+template <typename T>
+constexpr uint32_t replyItemNumber(uint16_t capacity, uint32_t offset) {
+  const uint32_t first = replyItemOffset<T>(capacity, 0);
+  if (offset < first || (offset - first) % sizeof(TIPCReplyItem<T>) != 0) return capacity;
+  const auto number = static_cast<uint32_t>((offset - first) / sizeof(TIPCReplyItem<T>));
+  return number < capacity ? number : capacity;
+}
+
+/// The size of a segment with that many head records and items.
+template <typename T>
+constexpr unsigned long replyQueueSize(uint16_t capacity) {
+  return replyItemOffset<T>(capacity, capacity);
+}

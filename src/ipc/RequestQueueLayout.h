@@ -76,3 +76,8 @@ constexpr uint16_t requestQueueCapacity(unsigned long segmentSize, std::size_t r
   if (segmentSize < sizeof(TRequestQueueHeader)) return 0;
   return static_cast<uint16_t>((segmentSize - sizeof(TRequestQueueHeader)) / recordSize);
 }
+
+/// The size of a segment with that many slots.
+constexpr unsigned long requestQueueSize(uint16_t slots, std::size_t recordSize) {
+  return sizeof(TRequestQueueHeader) + slots * static_cast<unsigned long>(recordSize);
+}
