@@ -1,4 +1,4 @@
-"""Runs a checking command over the sources of a build tree, as many at a time as there are processors.
+"""Runs a checking command over the sources of a build tree, one for each processor at a time.
 
 usage: checksources.py BUILD-DIR tidy | syntax FOLDER...
 

@@ -22,9 +22,9 @@
 /// on the semaphore of its own head record, so that a reply wakes only the thread it is addressed
 /// to.
 ///
-/// Results are 0 or a negative code, also recorded with the error manager.  Any number of threads of any
-/// number of processes may get at once: lists are read and changed under the segment's lock only, which
-/// no thread holds while it sleeps.
+/// Results are 0 or a negative code, also recorded with the error manager.  Any number of threads
+/// of any number of processes may get at once: lists are read and changed under the segment's lock
+/// only, which no thread holds while it sleeps.
 template <typename T>
 class CIPCQueue {
  public:
@@ -211,8 +211,8 @@ long CIPCQueue<T>::headForGet(_TIPCIdentifier id, long index, TIPCHeadItem** hea
 template <typename T>
 long CIPCQueue<T>::waitAndTake(TIPCHeadItem& head, bool byIndex, T& reply, bool* left) {
   if (loadShared(head.first_reply) == 0 && state() != QUEUE_STATE_RUNNING) return ERR_STATE;
-  // Deliberate (waits-once): a thread always waits once, even with a reply linked: the engine raises the semaphore once per
-  // reply, so its count matches the list.
+  // Deliberate (waits-once): a thread always waits once, even with a reply linked: the engine
+  // raises the semaphore once per reply, so its count matches the list.
   do {
     if (!byIndex) storeShared(head.status, HEAD_WAITING);
     const long result = sleepOn(head, left);
@@ -238,8 +238,8 @@ long CIPCQueue<T>::sleepOn(TIPCHeadItem& head, bool* left) {
   }
   if (result == 0) return 0;
   (void)CkesErrorManager::Record(result, PRIVATE_GET);
-  // Deliberate (unlock-unlocked): unlocked on every such path, locked again or not.  Engines live with an unlock of
-  // theirs that fails, and re-create their sets after a stop.
+  // Deliberate (unlock-unlocked): unlocked on every such path, locked again or not.  Engines live
+  // with an unlock of theirs that fails, and re-create their sets after a stop.
   (void)VSharedMemory->Unlock();
   *left = true;
   return result;

@@ -84,7 +84,8 @@ class CIPCSimpleQueue {
 
   static constexpr const char* PUT = "CIPCSimpleQueue<T>::Put()";
   static constexpr const char* PRIVATE_PUT = "CIPCSimpleQueue<T>::PrivatePut()";
-  /// Deliberate (other-queues-name): the name of the other queue's class.  Readers of error trails know it so.
+  /// Deliberate (other-queues-name): the name of the other queue's class.  Readers of error trails
+  /// know it so.
   static constexpr const char* CHECK_OVERFLOW = "CIPCQueue::CheckOverflow()";
   static constexpr const char* SET_STATE = "CIPCSimpleQueue<T>::SetState()";
   static constexpr const char* CLEANUP = "CIPCSimpleQueue<T>::Cleanup()";
@@ -142,13 +143,14 @@ bool CIPCSimpleQueue<T>::open(const char* name) {
     traceText("CIPCSimpleQueue Failed on the shared memory\n");
     return false;
   }
-  // An engine that has come up meanwhile: with the semaphores of the one before it, posts would wake
-  // nobody, and draining would never end.
+  // An engine that has come up meanwhile: with the semaphores of the one before it, posts would
+  // wake nobody, and draining would never end.
   if (!VOverflowSem->IsThere() || !VEmptySem->IsThere()) {
     traceText("CIPCSimpleQueue Failed on replaced semaphores\n");
     return false;
   }
-  // Deliberate (version-first): written by every opener, without the lock and before the state is looked at.
+  // Deliberate (version-first): written by every opener, without the lock and before the state is
+  // looked at.
   storeShared(VSegment->arm_version, ARM_QUEUE_VERSION);
   if (state() != QUEUE_STATE_RUNNING) {
     traceText("CIPCSimpleQueue VQueueState is bad\n");
@@ -162,7 +164,8 @@ bool CIPCSimpleQueue<T>::openSegment(const char* name) {
   VSharedMemory = new (std::nothrow) CkesSharedMemory(name, false);
   if (VSharedMemory == nullptr) return false;
   const long result = VSharedMemory->GetInitResult();
-  // Deliberate (dead-creator-opens): a dead creator does not keep the queue from opening; it shows in CreatorAlive.
+  // Deliberate (dead-creator-opens): a dead creator does not keep the queue from opening; it shows
+  // in CreatorAlive.
   if (result != 0 && result != CkesSharedMemory::ERR_CREATOR_GONE) return false;
   VSegment = {VSharedMemory->GetAddress(), VSharedMemory->GetSize()};
   return static_cast<bool>(VSegment);
@@ -269,8 +272,8 @@ long CIPCSimpleQueue<T>::CheckOverflow(bool wait) {
   long result = 0;
   bool waited = false;
   bool unlocked = false;
-  // Deliberate (unlocked-count): the second and later tests of the count, and the counting of a further pass, are made without
-  // the lock.
+  // Deliberate (unlocked-count): the second and later tests of the count, and the counting of a
+  // further pass, are made without the lock.
   while (count() == VSegment.Capacity()) {
     if (!wait) {
       result = CkesErrorManager::Record(ERR_FULL, CHECK_OVERFLOW);
@@ -305,8 +308,8 @@ long CIPCSimpleQueue<T>::CheckOverflow(bool wait) {
       (void)CkesErrorManager::Record(result, CHECK_OVERFLOW);
     }
   }
-  // Deliberate (lowered-once): lowered once, however many passes were made; every further pass leaves it one too
-  // high.
+  // Deliberate (lowered-once): lowered once, however many passes were made; every further pass
+  // leaves it one too high.
   if (waited) storeShared(VSegment->overflow_waiters, loadShared(VSegment->overflow_waiters) - 1U);
   return result;
 }

@@ -182,7 +182,8 @@ long CkesSharedMemory::implLock() {
 
 long CkesSharedMemory::implUnlock() {
   lockGivenUp(VAddress);
-  // Deliberate (unlock-once): never blocks and is never repeated; a lock that is free fails at once.
+  // Deliberate (unlock-once): never blocks and is never repeated; a lock that is free fails at
+  // once.
   sembuf unlock = {LOCK_SET_LOCK, -1, IPC_NOWAIT | SEM_UNDO};
   return semop(VSemaphore, &unlock, 1) < 0 ? ERR_UNLOCK : 0;
 }

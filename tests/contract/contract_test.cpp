@@ -84,8 +84,8 @@ Names brokenBy(const Fault& fault) {
   return names;
 }
 
-/// With little patience a busy machine can look like a fault, or leave clauses unchecked. Nearly all
-/// of the time is spent in waiting for what a fault keeps from happening.
+/// With little patience a busy machine can look like a fault, or leave clauses unchecked. Nearly
+/// all of the time is spent in waiting for what a fault keeps from happening.
 Ran lookImpatientlyAt(const Fault& fault) {
   const Ran ran = lookAt(fault, 1);
   return clausesThat("broken", ran.out) == brokenBy(fault) ? ran : lookAt(fault, 10);

@@ -129,8 +129,8 @@ model_round() {
 
 # ---- all of it ----------------------------------------------------------------------------------
 
-# Each sanitizer's tree with all tests, the other width's programs among them: './run test' leaves out what
-# the other trees find as well.
+# Each sanitizer's tree with all tests, the other width's programs among them: './run test' leaves
+# out what the other trees find as well.
 verify_sanitizers() {
     need_packages $BUILD_PACKAGES
     need_test_tools
