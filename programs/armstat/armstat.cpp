@@ -55,7 +55,7 @@ int show(const Options& options) {
         options.json ? armstat::asJson(picture, !watching) + "\n" : armstat::asText(picture);
     if (watching && !options.json) {
       // On a terminal in place of the last one, else one below the other.
-      text = terminal ? "\x1b[H\x1b[2J" + text : (first ? "" : "\n") + text;
+      text.insert(0, terminal ? "\x1b[H\x1b[2J" : (first ? "" : "\n"));
     }
     if (!print(text)) return NOT_WRITTEN;
     if (!watching) return exitCodeFor(picture.engine.state);
@@ -128,9 +128,7 @@ void declare(CLI::App* app, Options* options, CLI::Option** prefix) {
       "4 the output could not be written.");
 }
 
-}  // namespace
-
-int main(int count, char** arguments) {
+int run(int count, char** arguments) {
   armtext::useLocale();
   CLI::App app("Looks into the shared objects of an engine from outside, without asking it.",
                "armstat");
@@ -156,4 +154,10 @@ int main(int count, char** arguments) {
   if (doctor->parsed()) return diagnose(options);
   if (cleaner->parsed()) return clean(options);
   return show(options);
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+  return armtools::guarded("armstat", run, count, arguments, NOT_WRITTEN);
 }

@@ -64,7 +64,7 @@ class Line {
   }
 
   std::string cut(std::size_t length) {
-    const std::string text(rest_.substr(0, length));
+    std::string text(rest_.substr(0, length));
     rest_.remove_prefix(length);
     return text;
   }

@@ -120,9 +120,7 @@ void declare(CLI::App* app, Options* options) {
       "terminal, 4 the output could not be written.");
 }
 
-}  // namespace
-
-int main(int count, char** arguments) {
+int run(int count, char** arguments) {
   armtext::useLocale();
   CLI::App app("A live table of the transaction classes that an engine measures.", "armtop");
   Options options;
@@ -140,4 +138,10 @@ int main(int count, char** arguments) {
   const armtext::HostPort address = *armtop::parseAddress(options.engine);
   const bool plain = options.once || isatty(STDOUT_FILENO) == 0;
   return plain ? printOnce(options, address) : runLive(options, address);
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+  return armtools::guarded("armtop", run, count, arguments, NOT_WRITTEN);
 }
