@@ -261,11 +261,14 @@ int run(int argc, char** argv) {
 
   std::string why;
   auto queues = armengine::EngineQueues::create(options, &why);
-  sendAnswer(queues != nullptr ? 0 : -1, why);
-  if (queues == nullptr) return EXIT_FAILURE;
-
+  if (queues == nullptr) {
+    sendAnswer(-1, why);
+    return EXIT_FAILURE;
+  }
   {
+    // Opens what it needs by its names, which a test may take away as soon as it has the answer.
     Engine engine(*queues, *static_cast<EngineLog*>(mapping));
+    sendAnswer(0);
     std::thread commands([&engine] {
       // The first failure of a process gives its thread an error stack, which is this thread's to
       // free.
