@@ -9,7 +9,7 @@ PICTURE_PACKAGES="pngquant"
 CLANG_PACKAGES="clang"
 FUZZ_PACKAGES="libclang-rt-dev"
 MODEL_PACKAGES="spin"
-LINT_PACKAGES="clang-format clang-tidy python3-flake8"
+LINT_PACKAGES="clang-format clang-tidy python3-flake8 libbenchmark-dev libsystemd-dev liblttng-ust-dev"
 
 SYSROOT=build/sysroot-i386
 SYSROOT_PACKAGES="libicu72 libicu-dev"
