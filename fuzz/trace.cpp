@@ -9,6 +9,7 @@
 
 #include "Check.h"
 #include "Input.h"
+#include "diag/libarmdebug.h"
 #include "diag/traceformat.h"
 #include "diag/wcdebug.h"
 
@@ -111,6 +112,7 @@ void writeOne(Input& input, std::string* recorded, std::string* continuation) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   Input input(data, size);
+  VDebugRun = 1;
   emptyFile();
   std::string content;
   for (int i = 0; i < 4 && !input.empty(); ++i) {
