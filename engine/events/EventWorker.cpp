@@ -17,11 +17,7 @@ EventWorker::EventWorker(EventConsumer& consumer, std::size_t events, std::size_
     : consumer_(consumer), ring_(events, bytes), thread_([this] { run(); }) {}
 
 EventWorker::~EventWorker() {
-  {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    ending_ = true;
-  }
-  over_.notify_one();
+  ending_.announce();
   thread_.join();
 }
 
@@ -30,7 +26,7 @@ void EventWorker::run() {
   (void)setpriority(PRIO_PROCESS, 0, NICENESS);
   bool more = true;
   while (more) {
-    more = pause();
+    more = ending_.pause(POLL_INTERVAL);
     drain();
     consumer_.flush();
   }
@@ -40,12 +36,6 @@ void EventWorker::drain() {
   Event event;
   Payload payload;
   while (ring_.pop(&event, &payload)) consumer_.consume(event, payload);
-}
-
-/// False when the worker ends.
-bool EventWorker::pause() {
-  std::unique_lock<std::mutex> lock(mutex_);
-  return !over_.wait_for(lock, POLL_INTERVAL, [this] { return ending_; });
 }
 
 }  // namespace armengine

@@ -1,9 +1,8 @@
 #pragma once
 
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 
+#include "base/Ending.h"
 #include "events/EventConsumer.h"
 #include "events/EventRing.h"
 
@@ -24,13 +23,10 @@ class EventWorker {
  private:
   void run();
   void drain();
-  bool pause();
 
   EventConsumer& consumer_;
   EventRing ring_;
-  std::mutex mutex_;
-  std::condition_variable over_;
-  bool ending_ = false;
+  Ending ending_;
   std::thread thread_;
 };
 

@@ -3,6 +3,8 @@
 #include <sys/ipc.h>
 #include <sys/sem.h>
 
+#include <chrono>
+#include <ctime>
 #include <fstream>
 
 #include "platform/semaphoreset.h"
@@ -71,17 +73,12 @@ LockWatch::LockWatch(EngineQueues& queues)
       thread_([this] { run(); }) {}
 
 LockWatch::~LockWatch() {
-  {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    end_ = true;
-  }
-  ended_.notify_all();
+  ending_.announce();
   thread_.join();
 }
 
 void LockWatch::run() {
-  std::unique_lock<std::mutex> guard(mutex_);
-  while (!ended_.wait_for(guard, BETWEEN_LOCK_CHECKS, [this] { return end_; })) {
+  while (ending_.pause(BETWEEN_LOCK_CHECKS)) {
     for (Lock& lock : locks_) check(lock);
   }
 }

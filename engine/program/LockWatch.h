@@ -1,13 +1,10 @@
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
-#include <ctime>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "base/Ending.h"
 #include "core/EngineQueues.h"
 
 namespace armengine {
@@ -35,9 +32,7 @@ class LockWatch {
   static void check(Lock& lock);
 
   std::vector<Lock> locks_;
-  std::mutex mutex_;
-  std::condition_variable ended_;
-  bool end_ = false;
+  Ending ending_;
   std::thread thread_;
 };
 
