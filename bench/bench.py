@@ -383,7 +383,7 @@ def reconnect_time(width):
 
 
 def costs():
-    """Calls outside the ordinary road."""
+    """Calls beside the ordinary path."""
     table = Table("What a call costs, microseconds", ["call", *WIDTHS])
     rows = {}
 

@@ -107,7 +107,7 @@ bool Bench::prepare(std::string* why) {
     *why = "no living engine serves this prefix";
     return false;
   }
-  const bool fit = engine_ != nullptr && !spent_ && engine_->running() && !isCrowded();
+  const bool fit = engine_ != nullptr && !discarded_ && engine_->running() && !isCrowded();
   if (!fit) {
     discardEngine();
     launch();
@@ -130,7 +130,7 @@ void Bench::discardEngine() {
   if (channel_ != nullptr) removeObjects(*channel_);
   channel_.reset();
   removeLeftovers(names_);
-  spent_ = false;
+  discarded_ = false;
 }
 
 void Bench::launch() {

@@ -80,7 +80,7 @@ class Bench {
   void requireService();
   /// Lets no later clause have the engine that runs now.  One that does not serve is kept: another
   /// one would not either.
-  void spend() { spent_ = not_serving_.empty(); }
+  void discard() { discarded_ = not_serving_.empty(); }
 
   EngineProcess& engine() { return *engine_; }
   /// The queues, opened once for an engine.  Throws Unchecked when they cannot be opened.
@@ -120,7 +120,7 @@ class Bench {
   Names names_;
   std::unique_ptr<EngineProcess> engine_;
   std::unique_ptr<Channel> channel_;
-  bool spent_ = false;
+  bool discarded_ = false;
   std::string not_serving_;  ///< why the engine of its own does not serve; empty when it does
 };
 

@@ -21,14 +21,14 @@ Verdict examine(const Clause& clause, Bench& bench) {
     if (!bench.prepare(&why)) return {clause, Result::unchecked, why};
     if (clause.engine != Engine::any) bench.requireService();
     clause.check(bench);
-    if (clause.engine == Engine::spent) bench.spend();
+    if (clause.engine == Engine::spent) bench.discard();
     return {clause, Result::holds, ""};
   } catch (const Broken& reason) {
     // What it has left undone must not be found by the next clause.
-    bench.spend();
+    bench.discard();
     return {clause, Result::broken, reason.what()};
   } catch (const Unchecked& reason) {
-    bench.spend();
+    bench.discard();
     return {clause, Result::unchecked, reason.what()};
   }
 }

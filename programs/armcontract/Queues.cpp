@@ -179,7 +179,7 @@ wire::Reply ReplyQueue::unlink(unsigned head) {
 }
 
 /// What a woken reader finds, under the lock; nothing when it waits again.
-std::optional<ReplyQueue::Taken> ReplyQueue::look(unsigned head) {
+std::optional<ReplyQueue::Taken> ReplyQueue::tryTake(unsigned head) {
   if (first(head) == 0 && state() != wire::RUNNING) return Taken{End::stopped, {}};
   if (status(head) == wire::CANCELLED) {
     setStatus(head, wire::IDLE);
@@ -210,7 +210,7 @@ ReplyQueue::Taken ReplyQueue::take(Identity who, Duration limit) {
       if (isOf(head, who)) setStatus(head, wire::IDLE);
       return {End::nothing, {}};
     }
-    const auto taken = look(head);
+    const auto taken = tryTake(head);
     if (taken) return *taken;
   }
 }

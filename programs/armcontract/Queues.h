@@ -148,7 +148,7 @@ class ReplyQueue : public LockedSegment {
   std::optional<unsigned> freeHead() const;
   std::optional<unsigned> idleHead() const;
   std::string walk(uint32_t first, const char* list, std::vector<bool>* seen) const;
-  std::optional<Taken> look(unsigned head);
+  std::optional<Taken> tryTake(unsigned head);
   wire::Reply unlink(unsigned head);
 };
 

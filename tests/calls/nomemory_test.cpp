@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "CallTest.h"
+#include "process.h"
 
 namespace {
 
@@ -12,12 +13,15 @@ namespace {
 constexpr size_t kEnvironmentText = 8 + 1 + 34 + 1;
 size_t refused = kEnvironmentText;
 bool refuse = false;
+/// Allocations until one is refused, of whatever size; 0 for none.
+int allocations_left = 0;
 
 }  // namespace
 
 extern "C" void* __libc_malloc(size_t size);
 
 extern "C" void* malloc(size_t size) noexcept {
+  if (allocations_left > 0 && --allocations_left == 0) return nullptr;
   return refuse && size == refused ? nullptr : __libc_malloc(size);
 }
 
@@ -49,6 +53,45 @@ TEST_F(NoMemory, ForALongerEnvironmentIsMinus3OnceAndNotTriedAgain) {
   EXPECT_EQ(nullptr, getenv("ICU_DATA"));
   EXPECT_EQ(0, SetExpectedCodeset("UTF-8"));
   EXPECT_EQ(nullptr, getenv("ICU_DATA"));
+}
+
+/// What an allocation that was refused during an opening leaves to the next ones.
+enum Left { everything, utf8, nothing };
+
+/// In a process of its own: refuses one allocation of the opening, then opens with all memory.
+Left openAfterRefusal(int allocation) {
+  return static_cast<Left>(exitCodeOf(forkChild([allocation]() -> int {
+    allocations_left = allocation;
+    const arm_int32_t first = SetExpectedCodeset("ISO-2022-JP");
+    allocations_left = 0;
+    if (first == 0) return everything;
+    if (first != -1003 && first != -3) return nothing;
+    const arm_int32_t second = SetExpectedCodeset("ISO-2022-JP");
+    if (second == 0) return everything;
+    return second == -1003 && SetExpectedCodeset("UTF-8") == 0 ? utf8 : nothing;
+  })));
+}
+
+int allocationsOfAnOpening() {
+  return exitCodeOf(forkChild([] {
+    constexpr int MANY = 1000;
+    allocations_left = MANY;
+    return SetExpectedCodeset("ISO-2022-JP") == 0 ? MANY - allocations_left : 0;
+  }));
+}
+
+// ICU reads its table of the code sets' names once, and keeps a failure of that.
+TEST_F(NoMemory, ForTheNamesOfCodesetsHidesThemForGoodButNotUTF8) {
+  const int allocations = allocationsOfAnOpening();
+  ASSERT_LT(5, allocations);
+  int hidden = 0;
+  for (int allocation = 1; allocation <= allocations; ++allocation) {
+    const Left left = openAfterRefusal(allocation);
+    EXPECT_NE(nothing, left) << allocation;
+    if (left == utf8) ++hidden;
+  }
+  EXPECT_LT(0, hidden);
+  EXPECT_GT(allocations / 2, hidden);
 }
 
 }  // namespace

@@ -67,5 +67,7 @@ endif()
 
 if(TARGET armengine)
   arm_test(NAME test_limits LABELS reliability TIMEOUT 120 CHECK_IPC
-    DEPENDS scripted_engine armengine LIBS arm arm_call_test SOURCES limits_test.cpp)
+    DEPENDS scripted_engine armengine
+    LIBS arm arm_call_test ${ARM_ICU_UC_LIBRARY} SOURCES limits_test.cpp)
+  target_include_directories(test_limits SYSTEM PRIVATE ${ARM_ICU_INCLUDE_DIR})
 endif()
