@@ -2,11 +2,12 @@
 # own that runs alone in fresh namespaces.
 #
 #   arm_test(NAME program SOURCES file... [LIBS library...] [LABELS label...] [TIMEOUT seconds]
-#            [CHECK_IPC] [DEPENDS target...] [LAUNCHER option...])
+#            [CHECK_IPC] [DEPENDS target...] [LAUNCHER option...] [AREA area])
 #     TIMEOUT    seconds per case, 30 by default, times four under sanitizers
 #     CHECK_IPC  a case that leaves System V objects behind fails
 #     DEPENDS    programs that the cases start
 #     LAUNCHER   further options of the command that runs a case
+#     AREA       a label, and a part of the target tests_AREA; the folder's name by default
 #
 #   arm_test_program(NAME program SOURCES file... [LIBS library...])
 #     a program that tests start
@@ -67,8 +68,15 @@ function(arm_test_program)
 endfunction()
 
 function(arm_test)
-  cmake_parse_arguments(PARSE_ARGV 0 arg "CHECK_IPC" "NAME;TIMEOUT"
+  cmake_parse_arguments(PARSE_ARGV 0 arg "CHECK_IPC" "NAME;TIMEOUT;AREA"
     "SOURCES;LIBS;LABELS;DEPENDS;LAUNCHER")
+  if(NOT arg_AREA)
+    set(arg_AREA ${ARM_TEST_AREA})
+  endif()
+  if(NOT TARGET tests_${arg_AREA})
+    add_custom_target(tests_${arg_AREA})
+  endif()
+  add_dependencies(tests_${arg_AREA} ${arg_NAME})
   if(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 30)
   endif()
@@ -84,7 +92,7 @@ function(arm_test)
   if(arg_CHECK_IPC)
     list(APPEND launcher --check-ipc)
   endif()
-  arm_register_cases(${arg_NAME} "${launcher}" "${arg_LABELS}" ${seconds})
+  arm_register_cases(${arg_NAME} "${launcher}" "${arg_AREA};${arg_LABELS}" ${seconds})
 endfunction()
 
 # Lists the program's cases after each build of it; an unbuilt program is one failing test.
@@ -99,7 +107,8 @@ function(arm_register_cases program launcher labels seconds)
   set(include_file ${CMAKE_CURRENT_BINARY_DIR}/${program}-include.cmake)
   file(WRITE ${include_file}
     "if(EXISTS \"${cases}\")\n  include(\"${cases}\")\n"
-    "else()\n  add_test(${program}.IsNotBuilt ${program}.IsNotBuilt)\nendif()\n")
+    "else()\n  add_test(${program}.IsNotBuilt ${program}.IsNotBuilt)\n"
+    "  set_tests_properties(${program}.IsNotBuilt PROPERTIES LABELS \"${labels}\")\nendif()\n")
   set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${include_file})
 endfunction()
 

@@ -1,12 +1,12 @@
 # What one program, its neighbours and the machine may do to the library.
 
-arm_test(NAME test_hostile LABELS reliability TIMEOUT 120 CHECK_IPC
+arm_test(NAME test_hostile TIMEOUT 120 CHECK_IPC
   LIBS arm arm_call_test ipc_raw ${CMAKE_DL_LIBS}
   SOURCES hostile_test.cpp hostile_calls.cpp hostile_queues.cpp hostile_guard.cpp)
 
 # Not under sanitizers: it traces, see CMakeLists.txt.
 if(NOT ARM_SANITIZE)
-  arm_test(NAME test_hostile_moments LABELS reliability TIMEOUT 120 CHECK_IPC
+  arm_test(NAME test_hostile_moments AREA moments TIMEOUT 120 CHECK_IPC
     LIBS arm arm_call_test ipc_raw reliability_kill ${CMAKE_DL_LIBS}
     SOURCES hostile_moments_test.cpp hostile_calls.cpp hostile_queues.cpp hostile_guard.cpp)
 endif()
@@ -30,11 +30,11 @@ if(NOT ARM_SANITIZE)
   arm_test_program(NAME fork_client SOURCES fork_client.cpp fork_calls.cpp LIBS arm)
   target_include_directories(fork_client PRIVATE ${PROJECT_SOURCE_DIR}/tests/calls)
 
-  arm_test(NAME test_fork LABELS reliability TIMEOUT 120 CHECK_IPC DEPENDS fork_client scripted_engine
+  arm_test(NAME test_fork TIMEOUT 120 CHECK_IPC DEPENDS fork_client scripted_engine
     LIBS arm arm_call_test SOURCES fork_test.cpp fork_calls.cpp)
 
   arm_test_program_linked_and_opened(fork_handlers)
-  arm_test(NAME test_fork_handlers LABELS reliability TIMEOUT 120 CHECK_IPC
+  arm_test(NAME test_fork_handlers TIMEOUT 120 CHECK_IPC
     DEPENDS arm fork_handlers_linked fork_handlers_opened scripted_engine
     LIBS arm_call_test SOURCES fork_handlers_test.cpp)
 endif()
@@ -45,29 +45,26 @@ arm_test_program(NAME load_copies_client SOURCES load_copies_client.cpp fork_cal
 target_include_directories(load_copies_client PRIVATE
   ${PROJECT_SOURCE_DIR}/tests/calls ${PROJECT_SOURCE_DIR}/include)
 
-arm_test(NAME test_load LABELS reliability TIMEOUT 120 CHECK_IPC
+arm_test(NAME test_load TIMEOUT 120 CHECK_IPC
   DEPENDS arm load_exit_linked load_exit_opened load_copies_client scripted_engine
   LIBS arm_call_test ${CMAKE_DL_LIBS} SOURCES load_test.cpp fork_calls.cpp)
 # The library finds this program's ftok.
 set_target_properties(test_load PROPERTIES ENABLE_EXPORTS ON)
 
-arm_test(NAME test_signals LABELS reliability TIMEOUT 120 CHECK_IPC LIBS arm arm_call_test ipc_raw
+arm_test(NAME test_signals TIMEOUT 120 CHECK_IPC LIBS arm arm_call_test ipc_raw
   SOURCES signals_test.cpp)
 
-arm_test(NAME test_environment LABELS reliability TIMEOUT 120 LIBS arm arm_call_test
+arm_test(NAME test_environment TIMEOUT 120 LIBS arm arm_call_test
   SOURCES environment_test.cpp)
 
 # The sanitizers have frames and a malloc of their own, and do not fork in signal handlers.
 if(NOT ARM_SANITIZE)
-  arm_test(NAME test_fork_signal LABELS reliability TIMEOUT 120 CHECK_IPC DEPENDS scripted_engine
+  arm_test(NAME test_fork_signal AREA moments TIMEOUT 120 CHECK_IPC DEPENDS scripted_engine
     LIBS arm arm_call_test SOURCES fork_signal_test.cpp fork_calls.cpp)
-  arm_test(NAME test_stack LABELS reliability TIMEOUT 120 CHECK_IPC DEPENDS scripted_engine
+  arm_test(NAME test_stack TIMEOUT 120 CHECK_IPC DEPENDS scripted_engine
     LIBS arm arm_call_test SOURCES stack_test.cpp)
 endif()
 
-if(TARGET armengine)
-  arm_test(NAME test_limits LABELS reliability TIMEOUT 120 CHECK_IPC
-    DEPENDS scripted_engine armengine
-    LIBS arm arm_call_test ${ARM_ICU_UC_LIBRARY} SOURCES limits_test.cpp)
-  target_include_directories(test_limits SYSTEM PRIVATE ${ARM_ICU_INCLUDE_DIR})
-endif()
+arm_test(NAME test_limits TIMEOUT 120 CHECK_IPC DEPENDS scripted_engine armengine
+  LIBS arm arm_call_test ${ARM_ICU_UC_LIBRARY} SOURCES limits_test.cpp)
+target_include_directories(test_limits SYSTEM PRIVATE ${ARM_ICU_INCLUDE_DIR})

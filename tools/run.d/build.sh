@@ -1,9 +1,8 @@
 # Configuring and building the presets.
 
-SANITIZER_PRESETS="amd64-tsan i386-asan amd64-asan"
-WHOLE_PRESETS="i386-asan-whole amd64-asan-whole amd64-tsan-whole"
+TEST_PRESETS="i386 amd64 i386-asan amd64-asan amd64-tsan"
 CLANG_PRESETS="i386-clang amd64-clang"
-ALL_PRESETS="i386 amd64 $SANITIZER_PRESETS $CLANG_PRESETS $WHOLE_PRESETS"
+ALL_PRESETS="$TEST_PRESETS $CLANG_PRESETS"
 
 # What a preset needs beyond BUILD_PACKAGES.
 need_preset() { # PRESET
@@ -25,12 +24,15 @@ configure_quietly() { # PRESET
     return 1
 }
 
-build_preset() { # PRESET [TARGET]
-    configure_preset "$1" && cmake --build "build/$1" -j "$JOBS" ${2:+--target "$2"}
+build_preset() { # PRESET [TARGET...]
+    configure_preset "$1" || return
+    preset=$1
+    shift
+    cmake --build "build/$preset" -j "$JOBS" ${1:+--target} "$@"
 }
 
 # Only a failure is shown; LOG names the file with everything.
-build_quietly() { # PRESET [TARGET]
+build_quietly() { # PRESET [TARGET...]
     mkdir -p build/logs
     LOG=build/logs/build-$1.log
     build_preset "$@" >"$LOG" 2>&1 && return 0

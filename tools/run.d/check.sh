@@ -31,6 +31,39 @@ count_report() { # REPORT
     FAILED=$((FAILED + total - good))
 }
 
+# The folders of tests/ whose tests are built and run in a tree; no tree finds only what another one
+# finds as well.  What a sanitizer watches is not repeated without it in 64 bits, where the 32-bit
+# tree runs it too; engine and programs are the same sources in both widths.  'verify' runs
+# everything everywhere.
+QUICK_AREAS="support unit ipc calls proc"
+areas_of() { # PRESET
+    shipped="abi bindings counts differential mixed moments reliability"
+    case $1 in
+    i386) echo "$QUICK_AREAS $shipped" ;;
+    amd64) echo "support calls proc $shipped armengine contract page programs" ;;
+    amd64-asan) echo "support unit ipc calls engine text" ;;
+    amd64-tsan) echo "unit ipc proc engine" ;;
+    esac
+}
+
+build_areas() { # PRESET AREA...
+    preset=$1
+    shift
+    targets=
+    for area; do
+        targets="$targets tests_$area"
+    done
+    case " $* " in *" abi "*) targets="$targets product" ;; esac
+    build_quietly "$preset" $targets
+}
+
+run_areas() { # PRESET AREAS [CTEST-ARGUMENT...]
+    preset=$1
+    labels="^($(echo $2 | tr ' ' '|'))\$"
+    shift 2
+    run_ctest "$preset" -L "$labels" "$@"
+}
+
 run_ctest() { # PRESET [CTEST-ARGUMENT...]
     preset=$1
     report=$ROOT/build/logs/ctest-$preset.xml
@@ -98,12 +131,11 @@ in_background() { # STEP...
     BACKGROUND=$!
 }
 
-background_step() { # STEP : lint, warnings, fuzzers, or a preset to be built
+background_step() { # STEP : lint, warnings, or a preset to be built
     case $1 in
     lint) lint ;;
     warnings) warnings_of_clang ;;
-    fuzzers) (FUZZ_PRESETS=$FUZZ_ROUND_PRESETS && build_fuzzers) ;;
-    *) build_quietly "$1" ;;
+    *) build_areas "$1" $(areas_of "$1") ;;
     esac
 }
 
@@ -126,38 +158,41 @@ closing_line() {
     [ "$FAILED" -eq 0 ]
 }
 
-test_widths() { # [CTEST-ARGUMENT...]
+# Of both widths, the given areas, or all.
+test_widths() { # AREAS [CTEST-ARGUMENT...]
+    areas=$1
+    shift
     for preset in i386 amd64; do
         need_preset $preset
-        check "build of $preset" build_quietly $preset
+        check "build of $preset" build_areas $preset $areas
     done
     for preset in i386 amd64; do
-        run_ctest $preset "$@"
+        run_areas $preset "${areas:-.*}" "$@"
     done
 }
 
 # The trees of both widths are tested while the others are built.
 test_all() {
-    need_packages $CLANG_PACKAGES $LINT_PACKAGES $FUZZ_PACKAGES $MODEL_PACKAGES
+    need_packages $CLANG_PACKAGES $LINT_PACKAGES $MODEL_PACKAGES
     need_eslint
     check "source format" format_check
     check "lint of the page" lint_page
     check "lint of Python" lint_python
-    for preset in i386 amd64 $SANITIZER_PRESETS $CLANG_PRESETS; do
+    for preset in $TEST_PRESETS $CLANG_PRESETS; do
         need_preset "$preset"
     done
-    check "build of i386" build_quietly i386
-    check "build of amd64" build_quietly amd64
-    in_background $SANITIZER_PRESETS warnings fuzzers lint
-    run_ctest i386
-    run_ctest amd64
-    for preset in $SANITIZER_PRESETS; do
+    for preset in i386 amd64; do
+        check "build of $preset" build_areas $preset $(areas_of $preset)
+    done
+    in_background amd64-tsan amd64-asan warnings lint
+    for preset in i386 amd64; do
+        run_areas $preset "$(areas_of $preset)"
+    done
+    for preset in amd64-tsan amd64-asan; do
         check "build of $preset" await "$preset"
-        run_ctest "$preset"
+        run_areas $preset "$(areas_of $preset)"
     done
     check "warnings of clang, 32-bit" await warnings
-    check "build of the fuzzers" await fuzzers
-    check "fuzzers, a fixed round" fuzz_round
     check "lint" await lint
     check "protocol model, a short round" model_round
 }
@@ -168,9 +203,8 @@ run_tests() { # [quick | REGEX]
     mkdir -p build/logs
     case ${1-} in
     '') test_all ;;
-    # What compiles examples, looks at a browser or goes through every moment of a call is left out.
-    quick) test_widths -LE slow ;;
-    *) test_widths -R "$1" ;;
+    quick) test_widths "$QUICK_AREAS" -LE slow ;;
+    *) test_widths "" -R "$1" ;;
     esac
     closing_line
 }

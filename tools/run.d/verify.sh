@@ -1,13 +1,9 @@
 # './run fuzz' and './run verify': what hostile data and every interleaving may do.
 
 FUZZ_PRESETS="amd64-fuzz i386-fuzz"
-FUZZ_ROUND_PRESETS="amd64-fuzz"
 FUZZ_TARGETS="properties names conversion trace reply_reader request_writer racing calls"
 FUZZ_SECONDS=30
 VERIFY_FUZZ_SECONDS=20
-# Enough for every seed and some thousand inputs derived from it.
-FUZZ_ROUND="properties:6000 names:6000 conversion:6000 trace:3000
-    reply_reader:6000 request_writer:6000 racing:800 calls:2500"
 # The properties that need the fewest states, some of which must fail.
 MODEL_ROUND="batched-wakeup batched stop-1 overflow no-undo never-raised kept-segment
     overflow-unlocked"
@@ -24,19 +20,12 @@ build_fuzzers() {
     done
 }
 
-# Inputs that reach something new are kept in the build tree, for the next run to start from; a
-# round with a given seed starts from the corpus of the sources alone.
+# Inputs that reach something new are kept in the build tree, for the next run to start from.
 run_fuzzer() { # PRESET TARGET FUZZER-ARGUMENT...
     preset=$1
     target=$2
     shift 2
     kept=$ROOT/build/$preset/corpus/$target
-    case " $* " in
-    *" -seed="*)
-        kept=$ROOT/build/$preset/round/$target
-        rm -rf "$kept"
-        ;;
-    esac
     mkdir -p "$kept" build/logs "build/$preset/findings"
     ASAN_OPTIONS=detect_leaks=1:allocator_may_return_null=1 \
         UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
@@ -103,19 +92,6 @@ fuzz() { # [SECONDS]
     [ "$findings" -eq 0 ]
 }
 
-# The same inputs each time, half a minute once built; the other width is for 'verify'.
-fuzz_round() {
-    (
-        FUZZ_PRESETS=$FUZZ_ROUND_PRESETS
-        build_fuzzers || exit
-        findings=0
-        for round in $FUZZ_ROUND; do
-            fuzz_all_widths "${round%:*}" -runs="${round#*:}" -seed=1 || findings=1
-        done
-        [ "$findings" -eq 0 ]
-    )
-}
-
 # ---- model --------------------------------------------------------------------------------------
 
 verify_model() { # [NAME...]
@@ -129,17 +105,16 @@ model_round() {
 
 # ---- all of it ----------------------------------------------------------------------------------
 
-# Each sanitizer's tree with all tests, the other width's programs among them: './run test' leaves
-# out what the other trees find as well.
-verify_sanitizers() {
-    need_packages $BUILD_PACKAGES
+# Every test of every tree: './run test' leaves out what another tree finds as well.
+verify_trees() {
+    need_packages $BUILD_PACKAGES $CLANG_PACKAGES
     need_test_tools
     need_sysroot
     bad=0
-    for preset in $WHOLE_PRESETS; do
+    for preset in $TEST_PRESETS; do
         build_quietly "$preset" || die "the tests of $preset do not build: see $LOG"
     done
-    for preset in $WHOLE_PRESETS; do
+    for preset in $TEST_PRESETS; do
         ctest --test-dir "build/$preset" -j $((JOBS * 2)) --output-on-failure --no-label-summary \
             >"build/logs/whole-$preset.log" 2>&1 || bad=1
         grep -E '(Failed|Timeout)\)|% tests passed' "build/logs/whole-$preset.log" | sed "s/^/$preset: /"
@@ -159,17 +134,6 @@ stored() { # PART COMMAND...
     mv "build/verify/$part.new" "build/verify/$part.txt"
 }
 
-verify_fuzz() {
-    fuzz "$VERIFY_FUZZ_SECONDS" || return
-    runs=0
-    for round in $FUZZ_ROUND; do
-        for preset in $FUZZ_ROUND_PRESETS; do
-            runs=$((runs + ${round#*:}))
-        done
-    done
-    echo "a fixed round: $runs inputs"
-}
-
 verify_docs() {
     python3 -B tools/counts.py build/verify docs/reliability.md README.md
 }
@@ -180,13 +144,13 @@ verify() { # [docs]
         return
     fi
     mkdir -p build/logs
-    check "fuzzers, $VERIFY_FUZZ_SECONDS seconds each" stored fuzz verify_fuzz
+    check "fuzzers, $VERIFY_FUZZ_SECONDS seconds each" stored fuzz fuzz "$VERIFY_FUZZ_SECONDS"
     check "protocol model" stored model verify_model
     check "random scripts, library and model" stored differential verify_differential
     check "killed clients and engines" stored kills verify_kills
     check "soak, $SOAK_CALLS calls" stored soak verify_soak
     check "hostile memory, forks, loading, signals, stacks, limits" stored faults verify_faults
-    check "sanitizers, all tests" verify_sanitizers
+    check "all tests of all trees" verify_trees
     echo "$PASSED passed, $FAILED failed"
     [ "$FAILED" -eq 0 ]
 }
