@@ -6,35 +6,15 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <map>
 #include <vector>
 
 #include "Check.h"
+#include "calls.h"
 
-// 32-bit programs with 64-bit time call another semctl.
-#if defined(__LP64__)
-#define REAL_SEMCTL "__real_semctl"
-#define WRAP_SEMCTL "__wrap_semctl"
-#else
-#define REAL_SEMCTL "__real___semctl64"
-#define WRAP_SEMCTL "__wrap___semctl64"
-#endif
-
-// What --wrap makes of the names: the kernel's functions, and those in front of them.
-extern "C" {
-int __real_semop(int set, sembuf* operations, std::size_t count);
-int __real_semctl(int set, int number, int command, ...) __asm__(REAL_SEMCTL);
-void* __real_shmat(int id, const void* address, int flags);
-int __real_shmdt(const void* address);
-
-int __wrap_semop(int set, sembuf* operations, std::size_t count);
-int __wrap_semctl(int set, int number, int command, ...) __asm__(WRAP_SEMCTL);
-void* __wrap_shmat(int id, const void* address, int flags);
-int __wrap_shmdt(const void* address);
-}
+namespace calls = armtest::calls;
 
 namespace {
 
@@ -95,15 +75,17 @@ PeerActs::~PeerActs() {
   peerActs = before_;
 }
 
-int __wrap_semop(int set, sembuf* operations, std::size_t count) {
-  if (!letPeerAct()) return __real_semop(set, operations, count);
+namespace {
+
+int operate(int set, sembuf* operations, std::size_t count) {
+  if (!letPeerAct()) return calls::semop.real(set, operations, count);
   const bool waits = (operations[0].sem_flg & IPC_NOWAIT) == 0;
   std::vector<sembuf> attempt(operations, operations + count);
   for (sembuf& operation : attempt) {
     operation.sem_flg = static_cast<short>(operation.sem_flg | IPC_NOWAIT);
   }
   for (int tries = 0; tries < ENDLESS; ++tries) {
-    if (__real_semop(set, attempt.data(), count) == 0) {
+    if (calls::semop.real(set, attempt.data(), count) == 0) {
       failedInARow = 0;
       return 0;
     }
@@ -115,26 +97,19 @@ int __wrap_semop(int set, sembuf* operations, std::size_t count) {
   std::abort();
 }
 
-int __wrap_semctl(int set, int number, int command, ...) {
-  void* argument = nullptr;
-  if (command == SETVAL || command == SETALL || command == GETALL || command == IPC_STAT) {
-    va_list arguments;
-    va_start(arguments, command);
-    argument = va_arg(arguments, void*);
-    va_end(arguments);
-  }
+int control(int set, int number, int command, TSemArgument argument) {
   if (letPeerAct() && command == GETNCNT) {
     const int sleepers = current->sleepers();
     if (sleepers >= 0) return sleepers;
   }
-  return __real_semctl(set, number, command, argument);
+  return calls::semctl.real(set, number, command, argument);
 }
 
-void* __wrap_shmat(int id, const void* address, int flags) {
+void* attach(int id, const void* address, int flags) {
   (void)letPeerAct();
   shmid_ds info = {};
   if (address != nullptr || shmctl(id, IPC_STAT, &info) != 0) {
-    return __real_shmat(id, address, flags);
+    return calls::shmat.real(id, address, flags);
   }
   const std::size_t inner = wholePages(info.shm_segsz);
   const std::size_t length = inner + 2 * GUARD;
@@ -142,7 +117,7 @@ void* __wrap_shmat(int id, const void* address, int flags) {
       mmap(nullptr, length, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   CHECK(reserved != MAP_FAILED);
   char* start = static_cast<char*>(reserved) + GUARD;
-  void* attached = __real_shmat(id, start, flags | SHM_REMAP);
+  void* attached = calls::shmat.real(id, start, flags | SHM_REMAP);
   if (attached != start) {
     const int error = errno;
     CHECK(munmap(reserved, length) == 0);
@@ -155,13 +130,23 @@ void* __wrap_shmat(int id, const void* address, int flags) {
   return start;
 }
 
-int __wrap_shmdt(const void* address) {
+int detach(const void* address) {
   const auto found = mappings.find(address);
-  if (found == mappings.end()) return __real_shmdt(address);
+  if (found == mappings.end()) return calls::shmdt.real(address);
   const Mapping mapping = found->second;
   mappings.erase(found);
   ASAN_UNPOISON_MEMORY_REGION(mapping.end, poisoned(mapping));
-  const int result = __real_shmdt(address);
+  const int result = calls::shmdt.real(address);
   CHECK(munmap(mapping.start, mapping.length) == 0);
   return result;
 }
+
+[[maybe_unused]] const bool INTERCEPTED = [] {
+  calls::semop.replace(operate);
+  calls::semctl.replace(control);
+  calls::shmat.replace(attach);
+  calls::shmdt.replace(detach);
+  return true;
+}();
+
+}  // namespace

@@ -1,11 +1,11 @@
 // The results when ICU_DATA cannot be put into the environment. This program stands between the
 // library and the C library's putenv.
 
-#include <dlfcn.h>
 #include <stdlib.h>
 
 #include "CallTest.h"
 #include "TraceFile.h"
+#include "nextcall.h"
 
 namespace {
 
@@ -19,7 +19,7 @@ extern "C" int putenv(char* text) __THROW {
     --failures;
     return -1;
   }
-  static auto* const real = reinterpret_cast<int (*)(char*)>(dlsym(RTLD_NEXT, "putenv"));
+  static auto* const real = armtest::nextCall<int(char*)>("putenv");
   return real(text);
 }
 

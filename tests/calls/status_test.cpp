@@ -1,7 +1,6 @@
 // How often, and when, the status check of a call opens the connection. This program stands between
 // the library and the C library's ftok and semget.
 
-#include <dlfcn.h>
 #include <stdlib.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
@@ -11,6 +10,7 @@
 
 #include "CallTest.h"
 #include "TraceFile.h"
+#include "nextcall.h"
 
 namespace {
 
@@ -25,13 +25,8 @@ constexpr int kSegmentProject = 2;
 constexpr int kReplySetProject = 3;
 constexpr size_t kVersionOffset = 20;
 
-template <typename Function>
-Function* next(const char* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
 key_t realFtok(const char* path, int project) {
-  static auto* const real = next<key_t(const char*, int)>("ftok");
+  static auto* const real = armtest::nextCall<key_t(const char*, int)>("ftok");
   return real(path, project);
 }
 
@@ -55,7 +50,7 @@ extern "C" key_t ftok(const char* path, int project) __THROW {
 
 extern "C" int semget(key_t key, int count, int flags) __THROW;
 extern "C" int semget(key_t key, int count, int flags) __THROW {
-  static auto* const real = next<int(key_t, int, int)>("semget");
+  static auto* const real = armtest::nextCall<int(key_t, int, int)>("semget");
   ++setsOpened;
   if (spoilVersion && count == 2 &&
       key == realFtok("/var/kelp/controls_ea.kelp", kReplySetProject)) {

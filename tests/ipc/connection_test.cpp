@@ -11,21 +11,57 @@
 #include <vector>
 
 #include "ErrorTrail.h"
-#include "Hooks.h"
 #include "RawQueues.h"
 #include "TraceLog.h"
 #include "arm/dllhook.h"
 #include "arm/libarmutils.h"
 #include "armext.h"
+#include "calls.h"
 #include "counted.h"
 #include "ipc/arm_ipc.h"
 #include "process.h"
 
+namespace armtest {
 namespace {
 
-using armtest::waitUntil;
 using raw::Bytes;
 using raw::replyRecord;
+
+using Listener = std::function<void(CkesMutex*)>;
+
+/// Called before each lock and each unlock of a mutex, and before and after each Pass, which is
+/// both in one.
+void onMutexes(
+    const Listener& locks, const Listener& unlocks = [](CkesMutex*) {}) {
+  calls::mutexLock.replace([=](CkesMutex* mutex) {
+    locks(mutex);
+    return calls::mutexLock.real(mutex);
+  });
+  calls::mutexUnlock.replace([=](CkesMutex* mutex) {
+    unlocks(mutex);
+    return calls::mutexUnlock.real(mutex);
+  });
+  calls::mutexPass.replace([=](CkesMutex* mutex) {
+    locks(mutex);
+    const long result = calls::mutexPass.real(mutex);
+    unlocks(mutex);
+    return result;
+  });
+}
+
+void letMutexesBe() {
+  calls::mutexLock.watch();
+  calls::mutexUnlock.watch();
+  calls::mutexPass.watch();
+}
+
+/// Called in place of each pause; nothing sleeps then.
+void onNap(const std::function<void(useconds_t)>& nap) {
+  calls::usleep.replace([=](useconds_t pause) {
+    nap(pause);
+    return 0;
+  });
+}
 
 Bytes bytesOf(const TArmReplyMessage& reply) {
   const auto* bytes = reinterpret_cast<const uint8_t*>(&reply);
@@ -37,8 +73,10 @@ class Connection : public testing::Test {
  protected:
   Connection() { startEngine(); }
   ~Connection() override {
-    hooks::reset();
-    hooks::onUsleep = [](useconds_t) {};
+    letMutexesBe();
+    calls::semop.watch();
+    calls::semctl.watch();
+    onNap([](useconds_t) {});
     if (replies) replies->breakLock();
     CloseIPC();
   }
@@ -113,9 +151,9 @@ class ConnectionFailure : public Connection {
 };
 
 TEST_F(ConnectionFailure, WithoutMemoryIsANullQueue) {
-  hooks::onNothrowNew = [](size_t) { return true; };
+  calls::refuseMemory([](size_t) { return true; });
   expectLines({"InitializeIPC, OutQueue failure", "InitializeIPC, OutQueue is NULL"});
-  hooks::onNothrowNew = nullptr;
+  calls::giveMemory();
 }
 
 TEST_F(ConnectionFailure, WithoutEngineIsNotInitialized) {
@@ -162,12 +200,12 @@ TEST_F(Connection, WithoutReplyQueueClosesBoth) {
 TEST_F(Connection, WithoutMemoryForTheReplyQueueClosesBoth) {
   // The request queue, its two semaphores and its segment come first.
   int left = 4;
-  hooks::onNothrowNew = [&left](size_t) { return left-- == 0; };
+  calls::refuseMemory([&left](size_t) { return left-- == 0; });
   const TraceLog log;
   EXPECT_FALSE(InitializeIPC());
   EXPECT_EQ(Lines{"InitializeIPC, Failed to create InQueue"}, log.lines("InitializeIPC"));
   EXPECT_EQ(nullptr, OutQueue);
-  hooks::onNothrowNew = nullptr;
+  calls::giveMemory();
 }
 
 TEST_F(Connection, MutexesAreUnlockedASecondTimeWithoutReplyQueue) {
@@ -177,14 +215,13 @@ TEST_F(Connection, MutexesAreUnlockedASecondTimeWithoutReplyQueue) {
   const auto indexOf = [](const CkesMutex* mutex) {
     return mutex == &OutQueueMutex ? 0 : mutex == &InQueueMutex ? 1 : 2;
   };
-  hooks::onLock = [&](CkesMutex* mutex) { ++held[indexOf(mutex)]; };
-  hooks::onUnlock = [&](CkesMutex* mutex) {
-    const int index = indexOf(mutex);
-    lowest[index] = std::min(lowest[index], --held[index]);
-  };
+  onMutexes([&](CkesMutex* mutex) { ++held[indexOf(mutex)]; },
+            [&](CkesMutex* mutex) {
+              const int index = indexOf(mutex);
+              lowest[index] = std::min(lowest[index], --held[index]);
+            });
   EXPECT_FALSE(InitializeIPC());
-  hooks::onLock = nullptr;
-  hooks::onUnlock = nullptr;
+  letMutexesBe();
   EXPECT_EQ(-1, held[0]) << "OutQueueMutex";
   EXPECT_EQ(-1, held[1]) << "InQueueMutex";
   EXPECT_EQ(0, held[2]) << "IsClosingMutex";
@@ -197,14 +234,14 @@ TEST_F(Connection, MutexesAreUnlockedASecondTimeWithoutReplyQueue) {
 
 TEST_F(Connection, BothMutexesAreHeldWhileTheQueuesAreOpened) {
   int allocations = 0;
-  hooks::onNothrowNew = [&allocations](size_t) {
+  calls::refuseMemory([&allocations](size_t) {
     ++allocations;
     EXPECT_EQ(-124, OutQueueMutex.TryLock());
     EXPECT_EQ(-124, InQueueMutex.TryLock());
     return false;
-  };
+  });
   EXPECT_TRUE(InitializeIPC());
-  hooks::onNothrowNew = nullptr;
+  calls::giveMemory();
   EXPECT_GT(allocations, 1);
 }
 
@@ -232,8 +269,8 @@ TEST_F(Connection, EveryFunctionPassesTheGateBeforeAnythingElse) {
   const auto nameOf = [](const CkesMutex* mutex) {
     return mutex == &IsClosingMutex ? 'c' : mutex == &OutQueueMutex ? 'o' : 'i';
   };
-  hooks::onLock = [&](CkesMutex* mutex) { seen += static_cast<char>(std::toupper(nameOf(mutex))); };
-  hooks::onUnlock = [&](CkesMutex* mutex) { seen += nameOf(mutex); };
+  onMutexes([&](CkesMutex* mutex) { seen += static_cast<char>(std::toupper(nameOf(mutex))); },
+            [&](CkesMutex* mutex) { seen += nameOf(mutex); });
   const auto sequence = [&seen] {
     std::string result;
     result.swap(seen);
@@ -251,8 +288,7 @@ TEST_F(Connection, EveryFunctionPassesTheGateBeforeAnythingElse) {
   EXPECT_EQ("CcIiIi", sequence());
   EXPECT_EQ(-9, IPCGetFromEngine(reply, {1, 1}));
   EXPECT_EQ("CcIiIi", sequence());
-  hooks::onLock = nullptr;
-  hooks::onUnlock = nullptr;
+  letMutexesBe();
 }
 
 TEST_F(Connection, GateIsClosedWhileTheQueuesAreBeingClosed) {
@@ -260,13 +296,13 @@ TEST_F(Connection, GateIsClosedWhileTheQueuesAreBeingClosed) {
   InQueueCount = 1;
   OutQueueCount = 1;
   int polls = 0;
-  hooks::onUsleep = [&polls](useconds_t) {
+  onNap([&polls](useconds_t) {
     EXPECT_EQ(-124, IsClosingMutex.TryLock());
     ++polls;
     InQueueCount = 0;
-  };
+  });
   CloseIPC();
-  hooks::reset();
+  calls::usleep.watch();
   EXPECT_EQ(1, polls);
   EXPECT_EQ(0, IsClosingMutex.TryLock());
   (void)IsClosingMutex.Unlock();
@@ -276,16 +312,16 @@ TEST_F(Connection, PostWaitsAtTheClosedGate) {
   EXPECT_TRUE(InitializeIPC());
   (void)IsClosingMutex.Lock();
   std::atomic<bool> atGate{false};
-  hooks::onLock = [&atGate](CkesMutex* mutex) {
+  onMutexes([&atGate](CkesMutex* mutex) {
     if (mutex == &IsClosingMutex) atGate = true;
-  };
+  });
   std::future<long> posted = std::async(std::launch::async, [] { return post(); });
   EXPECT_TRUE(waitUntil([&atGate] { return atGate.load(); }));
   EXPECT_EQ(0, OutQueueCount);
   EXPECT_EQ(0, requests->count());
   (void)IsClosingMutex.Unlock();
   EXPECT_EQ(0, posted.get());
-  hooks::onLock = nullptr;
+  letMutexesBe();
   EXPECT_EQ(1, requests->count());
 }
 
@@ -336,12 +372,12 @@ TEST_F(Connection, PostThatFailsOtherwiseIsMinusNine) {
 TEST_F(Connection, UserCountIsUpDuringAPost) {
   EXPECT_TRUE(InitializeIPC());
   int32_t during = 0;
-  hooks::onSemop = [&during](int, const sembuf*, size_t) {
+  calls::semop.ask([&during](int, const sembuf*, size_t) {
     during = OutQueueCount;
-    return hooks::kRunIt;
-  };
+    return calls::RUN_IT;
+  });
   EXPECT_EQ(0, post());
-  hooks::onSemop = nullptr;
+  calls::semop.watch();
   EXPECT_EQ(1, during);
   EXPECT_EQ(0, OutQueueCount);
 }
@@ -482,12 +518,12 @@ TEST_F(Connection, CloseWaitsFourThousandPollsWhileBothQueuesHaveUsers) {
   OutQueueCount = 1;
   InQueueCount = 1;
   int polls = 0;
-  hooks::onUsleep = [&polls](useconds_t pause) {
+  onNap([&polls](useconds_t pause) {
     EXPECT_EQ(1000U, pause);
     EXPECT_NE(nullptr, OutQueue);
     EXPECT_NE(nullptr, InQueue);
     ++polls;
-  };
+  });
   CloseIPC();
   EXPECT_EQ(4000, polls);
   EXPECT_EQ(nullptr, OutQueue);
@@ -500,9 +536,9 @@ TEST_F(Connection, CloseGoesAheadWhenOneCountReachesZero) {
   OutQueueCount = 5;
   InQueueCount = 1;
   int polls = 0;
-  hooks::onUsleep = [&polls](useconds_t) {
+  onNap([&polls](useconds_t) {
     if (++polls == 7) InQueueCount = 0;
-  };
+  });
   CloseIPC();
   EXPECT_EQ(7, polls);
   EXPECT_EQ(nullptr, InQueue);
@@ -510,7 +546,7 @@ TEST_F(Connection, CloseGoesAheadWhenOneCountReachesZero) {
 
 TEST_F(Connection, CloseDoesNotWaitWhenOnlyOneQueueHasUsers) {
   int polls = 0;
-  hooks::onUsleep = [&polls](useconds_t) { ++polls; };
+  onNap([&polls](useconds_t) { ++polls; });
   EXPECT_TRUE(InitializeIPC());
   OutQueueCount = 9;
   CloseIPC();
@@ -541,7 +577,7 @@ TEST_F(Connection, BlockedGetAndAnAliveCheckMakeTheCloseWaitAndGoAheadAnyway) {
   EXPECT_TRUE(IsEngineAlive());
   std::future<Bytes> got = startGet();
   std::atomic<int> polls{0};
-  hooks::onUsleep = [&polls](useconds_t) { ++polls; };
+  onNap([&polls](useconds_t) { ++polls; });
   CloseIPC();
   EXPECT_EQ(4000, polls);
   EXPECT_EQ(nullptr, InQueue);
@@ -586,7 +622,7 @@ Lines statusLines(const TraceLog& log) {
 class EngineStatus : public Connection {
  protected:
   EngineStatus() {
-    hooks::onUsleep = [](useconds_t) {};
+    onNap([](useconds_t) {});
   }
 };
 
@@ -662,12 +698,12 @@ TEST_F(EngineStatus, EngineThatIsNotAliveAfterTheSecondOpeningIsGivenUp) {
   requests->setVersion(7);
   int gates = 0;
   // IsEngineAlive, CloseIPC, InitializeIPC and, as the fourth, IsEngineAlive again.
-  hooks::onLock = [&](CkesMutex* mutex) {
+  onMutexes([&](CkesMutex* mutex) {
     if (mutex == &IsClosingMutex && ++gates == 4) requests->setVersion(8);
-  };
+  });
   const TraceLog log;
   EXPECT_EQ(-2, CheckEngineStatus());
-  hooks::onLock = nullptr;
+  letMutexesBe();
   EXPECT_EQ((Lines{"IsEngineAlive: OutQueue version[7] does not match libarm version[50300]",
                    "CheckEngineStatus, IsEngineAlive failed",
                    "CheckEngineStatus, Try to InitializeIPC again.",
@@ -687,22 +723,22 @@ TEST_F(EngineStatus, WrongVersionIsHealedByTheSecondOpening) {
 TEST_F(EngineStatus, OnlyTheFirstOpeningHoldsTheInitMutex) {
   bool held = false;
   int gates = 0;
-  hooks::onLock = [&](CkesMutex* mutex) {
-    if (mutex == &VInitMutex) held = true;
-    if (mutex != &IsClosingMutex) return;
-    EXPECT_EQ(gates == 0, held);
-    ++gates;
-  };
-  hooks::onUnlock = [&](CkesMutex* mutex) {
-    if (mutex == &VInitMutex) held = false;
-  };
+  onMutexes(
+      [&](CkesMutex* mutex) {
+        if (mutex == &VInitMutex) held = true;
+        if (mutex != &IsClosingMutex) return;
+        EXPECT_EQ(gates == 0, held);
+        ++gates;
+      },
+      [&](CkesMutex* mutex) {
+        if (mutex == &VInitMutex) held = false;
+      });
   EXPECT_EQ(0, CheckEngineStatus());
   EXPECT_EQ(2, gates);
   requests->creatorDies();
   EXPECT_EQ(-2, CheckEngineStatus());
   EXPECT_EQ(5, gates);
-  hooks::onLock = nullptr;
-  hooks::onUnlock = nullptr;
+  letMutexesBe();
 }
 
 // ---- attach and detach --------------------------------------------------------------------------
@@ -722,14 +758,14 @@ TEST_F(EngineStatus, DetachClosesAndTheNextCallReconnects) {
 TEST_F(EngineStatus, DetachClosesUnderTheInitMutex) {
   EXPECT_EQ(0, CheckEngineStatus());
   bool closed = false;
-  hooks::onLock = [&closed](CkesMutex* mutex) {
+  onMutexes([&closed](CkesMutex* mutex) {
     if (mutex != &IsClosingMutex) return;
     closed = true;
     EXPECT_EQ(-124, VInitMutex.TryLock());
     EXPECT_FALSE(IPCInitialized);
-  };
+  });
   processDetach();
-  hooks::onLock = nullptr;
+  letMutexesBe();
   EXPECT_TRUE(closed);
 }
 
@@ -756,13 +792,13 @@ TEST_F(EngineStatus, AttachWithoutTheSwitchWritesNothing) {
 /// Another thread closes the connection when a call has posted its request and is about to wait.
 void closeBeforeTheNextWait(const std::function<void()>& andThen = [] {}) {
   auto closed = std::make_shared<bool>(false);
-  hooks::onLock = [closed, andThen](CkesMutex* mutex) {
+  onMutexes([closed, andThen](CkesMutex* mutex) {
     if (mutex != &InQueueMutex || *closed) return;
     *closed = true;
     IPCInitialized = false;
     CloseIPC();
     andThen();
-  };
+  });
 }
 
 int32_t callOnce() {
@@ -777,7 +813,7 @@ TEST_F(Connection, ClosedBetweenPostAndWaitStillGivesTheCallItsReply) {
   EXPECT_EQ(12, callOnce());
   engine.setReply(replyRecord(13));
   EXPECT_EQ(13, callOnce()) << "the reply of the call before";
-  armtest::counted("closed by another thread between a post and its wait", 1);
+  counted("closed by another thread between a post and its wait", 1);
 }
 
 TEST_F(Connection, ClosedBetweenPostAndWaitAndOpenedToAnotherEngineEndsTheCallWithMinus2) {
@@ -792,7 +828,7 @@ TEST_F(Connection, ClosedBetweenPostAndWaitAndOpenedToAnotherEngineEndsTheCallWi
   EXPECT_EQ(-2, callOnce());
   raw::Engine engine(*requests, *replies, replyRecord(12));
   EXPECT_EQ(12, callOnce());
-  armtest::counted("opened to another engine between a post and its wait", 1);
+  counted("opened to another engine between a post and its wait", 1);
 }
 
 TEST_F(Connection, OpenedToAnotherEngineBetweenPostAndWaitEndsTheCallWithMinus2) {
@@ -808,7 +844,7 @@ TEST_F(Connection, OpenedToAnotherEngineBetweenPostAndWaitEndsTheCallWithMinus2)
   EXPECT_EQ(-2, callOnce()) << "the other engine does not know the request";
   raw::Engine engine(*requests, *replies, replyRecord(12));
   EXPECT_EQ(12, callOnce());
-  armtest::counted("opened to another engine between a post and its wait", 1);
+  counted("opened to another engine between a post and its wait", 1);
 }
 
 TEST_F(Connection, WaitThatFindsOnlyTheReplyQueueDeadGivesUp) {
@@ -826,7 +862,7 @@ class DeadEngine : public Connection {
  protected:
   DeadEngine() {
     EXPECT_EQ(0, CheckEngineStatus());
-    hooks::onUsleep = [this](useconds_t) { ++naps; };
+    onNap([this](useconds_t) { ++naps; });
   }
 
   /// The engine dies when this thread's next call has posted its request and is about to wait.
@@ -834,21 +870,21 @@ class DeadEngine : public Connection {
     const auto isCaller = [caller = std::this_thread::get_id()] {
       return std::this_thread::get_id() == caller;
     };
-    hooks::onLock = [this, isCaller](CkesMutex* mutex) {
+    onMutexes([this, isCaller](CkesMutex* mutex) {
       if (!isCaller()) return;
       if (mutex == &IsClosingMutex) ++gates;
       if (mutex != &InQueueMutex) return;
       requests->creatorDies();
       replies->creatorDies();
-    };
-    hooks::onSemop = [this, isCaller](int, const sembuf*, size_t) {
+    });
+    calls::semop.ask([this, isCaller](int, const sembuf*, size_t) {
       if (isCaller()) ++semops;
-      return hooks::kRunIt;
-    };
-    hooks::onSemctl = [this, isCaller](int, int, int command) {
+      return calls::RUN_IT;
+    });
+    calls::semctl.ask([this, isCaller](int, int, int command, TSemArgument) {
       if (isCaller() && command == GETVAL) ++looks;
       return 0;
-    };
+    });
   }
 
   int gates = 0;
@@ -885,3 +921,4 @@ TEST_F(DeadEngine, DoesNotMakeTheCallWaitForOtherThreads) {
 }
 
 }  // namespace
+}  // namespace armtest

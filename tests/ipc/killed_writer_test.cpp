@@ -14,6 +14,7 @@
 #include "counted.h"
 #include "ipc/CIPCSimpleQueue.h"
 
+namespace armtest {
 namespace {
 
 using Queue = CIPCSimpleQueue<TArmMessage>;
@@ -89,7 +90,7 @@ void putTwice(bool front) {
   EXPECT_EQ(0UL, sight.torn);
   EXPECT_EQ(0UL, sight.partial);
   EXPECT_EQ(2, sight.largest);
-  armtest::counted("instructions of a writer between which the ring was looked at", steps);
+  counted("instructions of a writer between which the ring was looked at", steps);
 }
 
 TEST(KilledWriter, LeavesACountedRecordOrNoneAtEveryInstruction) {
@@ -101,3 +102,4 @@ TEST(KilledWriter, LeavesACountedRecordOrNoneAtEveryInstructionInFront) {
 }
 
 }  // namespace
+}  // namespace armtest

@@ -21,6 +21,7 @@
 #include "platform/CkesSharedMemory.h"
 #include "process.h"
 
+namespace armtest {
 namespace {
 
 void setPrefix(const char* value) {
@@ -254,7 +255,7 @@ TEST(Identifiers, DifferBetweenLiveThreads) {
     threads.emplace_back([&ids, &ready, i] {
       ids[i] = GetIpcIdentifier().threadId;
       ++ready;
-      EXPECT_TRUE(armtest::waitUntil([&ready] { return ready == kThreads; }));
+      EXPECT_TRUE(waitUntil([&ready] { return ready == kThreads; }));
     });
   }
   for (std::thread& thread : threads) thread.join();
@@ -264,7 +265,7 @@ TEST(Identifiers, DifferBetweenLiveThreads) {
 
 TEST(Identifiers, OfAForkedChildAreItsOwn) {
   const _TIPCIdentifier parent = GetIpcIdentifier();
-  const int code = armtest::exitCodeOf(armtest::forkChild([&parent] {
+  const int code = exitCodeOf(forkChild([&parent] {
     const _TIPCIdentifier child = GetIpcIdentifier();
     if (child.processId != getpid() || child.processId == parent.processId) return 1;
 #if defined(__LP64__)
@@ -318,3 +319,4 @@ TEST(Identifiers, DifferOnStacksThatLieFourGiBApart) {
 #endif
 
 }  // namespace
+}  // namespace armtest

@@ -19,6 +19,7 @@
 #include "armext.h"
 #include "now.h"
 
+namespace armtest {
 namespace {
 
 using raw::Bytes;
@@ -91,7 +92,7 @@ class Records : public testing::Test {
     const uint32_t seconds = raw::word(sent, offset);
     const uint32_t nanoseconds = raw::word(sent, offset + 4);
     EXPECT_LE(before, static_cast<time_t>(seconds));
-    EXPECT_GE(armtest::now(), static_cast<time_t>(seconds));
+    EXPECT_GE(now(), static_cast<time_t>(seconds));
     EXPECT_LT(nanoseconds, 1000000000U);
     EXPECT_EQ(0U, nanoseconds % 1000);
     Expected stamped = expected;
@@ -481,3 +482,4 @@ TEST(RecordLayout, DumpPrintsFourLines) {
 }
 
 }  // namespace
+}  // namespace armtest

@@ -13,16 +13,16 @@
 #include <thread>
 
 #include "ErrorTrail.h"
-#include "Hooks.h"
 #include "RawQueues.h"
 #include "TraceLog.h"
+#include "calls.h"
 #include "ipc/CIPCQueue.h"
 #include "process.h"
 
+namespace armtest {
 namespace {
 
 using Queue = CIPCQueue<TArmReplyMessage>;
-using armtest::waitUntil;
 using raw::Bytes;
 using raw::EA;
 using raw::replyRecord;
@@ -42,9 +42,9 @@ bool isUnlock(const sembuf* operations, size_t count) {
 
 /// Fails every unlock of the segment.
 void failUnlocksOf(const raw::ReplyQueue& replies) {
-  hooks::onSemop = [set = replies.set.id()](int id, const sembuf* operations, size_t count) {
-    return id == set && isUnlock(operations, count) ? EIDRM : hooks::kRunIt;
-  };
+  calls::semop.ask([set = replies.set.id()](int id, const sembuf* operations, size_t count) {
+    return id == set && isUnlock(operations, count) ? EIDRM : calls::RUN_IT;
+  });
 }
 
 // ---- opening ------------------------------------------------------------------------------------
@@ -157,9 +157,9 @@ TEST(ReplyQueueOpening, OfASegmentSmallerThanTheHeaderFails) {
 
 TEST(ReplyQueueOpening, WithoutMemoryFails) {
   raw::ReplyQueue replies(3);
-  hooks::onNothrowNew = [](size_t) { return true; };
+  calls::refuseMemory([](size_t) { return true; });
   EXPECT_FALSE(Queue(kName, false).IsInitialized());
-  hooks::reset();
+  calls::giveMemory();
 }
 
 TEST(ReplyQueueOpening, CutsSpareBytesFromTheCapacity) {
@@ -394,7 +394,7 @@ class ReplyQueueGet : public testing::Test {
 
   /// The queue's destructor waits for the lock, which some tests leave taken.
   ~ReplyQueueGet() override {
-    hooks::reset();
+    calls::semop.watch();
     replies.breakLock();
   }
 
@@ -510,10 +510,10 @@ TEST_F(ReplyQueueGet, SignalsDoNotEndTheWait) {
   action.sa_handler = [](int) {};
   sigaction(SIGUSR1, &action, nullptr);
   std::atomic<int> waits{0};
-  hooks::onSemop = [this, &waits](int set, const sembuf*, size_t) {
+  calls::semop.ask([this, &waits](int set, const sembuf*, size_t) {
     if (set == replies.waits.id()) ++waits;
-    return hooks::kRunIt;
-  };
+    return calls::RUN_IT;
+  });
   std::atomic<pthread_t> reader{0};
   Outcome outcome;
   std::thread thread([&] {
@@ -541,10 +541,10 @@ TEST_F(ReplyQueueGet, UnlockThatFailsIsTheResultOfASuccess) {
   claimForMe();
   replies.reply(0, replyRecord(1));
   int unlocks = 0;
-  hooks::onSemop = [&](int id, const sembuf* operations, size_t count) {
-    if (id != replies.set.id() || !isUnlock(operations, count)) return hooks::kRunIt;
-    return ++unlocks == 2 ? EIDRM : hooks::kRunIt;
-  };
+  calls::semop.ask([&](int id, const sembuf* operations, size_t count) {
+    if (id != replies.set.id() || !isUnlock(operations, count)) return calls::RUN_IT;
+    return ++unlocks == 2 ? EIDRM : calls::RUN_IT;
+  });
   const Outcome got = get(kMe, -1);
   EXPECT_EQ(-262, got.result);
   EXPECT_EQ("-262 CkesSharedMemory::Unlock() < CIPCQueue::PrivateGet() < CIPCQueue::Get()",
@@ -630,7 +630,7 @@ TEST_F(ReplyQueueGet, StateTwoTriesTheUnlockThoughNobodyHoldsTheLock) {
 TEST_F(ReplyQueueGet, StateTwoLeavesTheLockTakenWhenTheReadersProcessExits) {
   int tube[2];
   ASSERT_EQ(0, pipe(tube));
-  const pid_t child = armtest::forkChild([&] {
+  const pid_t child = forkChild([&] {
     const long result = get(kMe, -1).result;
     char go = 0;
     return read(tube[0], &go, 1) == 1 && result == -284 ? 0 : 1;
@@ -641,7 +641,7 @@ TEST_F(ReplyQueueGet, StateTwoLeavesTheLockTakenWhenTheReadersProcessExits) {
   replies.waits.add(2, 1);
   EXPECT_TRUE(waitUntil([this] { return !replies.locked(); }));
   EXPECT_EQ(1, write(tube[1], "g", 1));
-  EXPECT_EQ(0, armtest::exitCodeOf(child));
+  EXPECT_EQ(0, exitCodeOf(child));
   EXPECT_EQ(1, replies.set.value(0));
 }
 
@@ -1001,7 +1001,8 @@ class ReplyQueueSet : public testing::Test {
 
   /// Removes whatever set is left.
   ~ReplyQueueSet() override {
-    hooks::reset();
+    calls::semop.watch();
+    calls::semctl.watch();
     const int set = raw::findSet(kPath, 3);
     if (set != -1) semctl(set, 0, IPC_RMID);
   }
@@ -1072,7 +1073,8 @@ TEST_F(ReplyQueueSet, IsNotCreatedByOpening) {
 TEST_F(ReplyQueueSet, FailuresOfSemctlHaveTheirTexts) {
   const TraceLog log;
   int failing = GETVAL;
-  hooks::onSemctl = [&failing](int, int, int command) { return command == failing ? ERANGE : 0; };
+  calls::semctl.ask(
+      [&failing](int, int, int command, TSemArgument) { return command == failing ? ERANGE : 0; });
   EXPECT_FALSE(queue.implInitialize(kPath, 5));
   failing = SETALL;
   EXPECT_FALSE(queue.implInitialize(kPath, 5));
@@ -1088,12 +1090,12 @@ TEST_F(ReplyQueueSet, FailuresOfSemctlHaveTheirTexts) {
 
 TEST_F(ReplyQueueSet, FailureOfTheFirstRaiseHasItsText) {
   const TraceLog log;
-  hooks::onSemop = [](int, const sembuf* operations, size_t) {
+  calls::semop.ask([](int, const sembuf* operations, size_t) {
     EXPECT_EQ(0, operations->sem_num);
     EXPECT_EQ(1, operations->sem_op);
     EXPECT_EQ(0, operations->sem_flg);
     return EFBIG;
-  };
+  });
   EXPECT_FALSE(queue.implInitialize(kPath, 5));
   EXPECT_EQ(both("- ERROR - semop Semaphore #0 initialization errno = 27"), log.lines());
 }
@@ -1109,3 +1111,4 @@ TEST_F(ReplyQueueSet, IsRemovedByAnOwnerAndNobodyElse) {
 }
 
 }  // namespace
+}  // namespace armtest

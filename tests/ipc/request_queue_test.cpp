@@ -11,16 +11,16 @@
 #include <thread>
 
 #include "ErrorTrail.h"
-#include "Hooks.h"
 #include "RawQueues.h"
 #include "TraceLog.h"
+#include "calls.h"
 #include "ipc/CIPCSimpleQueue.h"
 #include "process.h"
 
+namespace armtest {
 namespace {
 
 using Queue = CIPCSimpleQueue<TArmMessage>;
-using armtest::waitUntil;
 using raw::AE;
 using raw::Bytes;
 
@@ -50,11 +50,11 @@ bool isUnlock(const sembuf* operations, size_t count) {
 /// Fails the next unlock of the segment.
 void failUnlockOf(const raw::RequestQueue& ring) {
   auto failed = std::make_shared<bool>(false);
-  hooks::onSemop = [set = ring.set.id(), failed](int id, const sembuf* operations, size_t count) {
-    if (id != set || !isUnlock(operations, count) || *failed) return hooks::kRunIt;
+  calls::semop.ask([set = ring.set.id(), failed](int id, const sembuf* operations, size_t count) {
+    if (id != set || !isUnlock(operations, count) || *failed) return calls::RUN_IT;
     *failed = true;
     return EIDRM;
-  };
+  });
 }
 
 // ---- opening ------------------------------------------------------------------------------------
@@ -112,16 +112,16 @@ TEST(RequestQueueOpening, LooksAtTheOverflowSemaphoreFirst) {
 /// Opens a queue whose engine is replaced after the semaphores have been opened.
 void openWhileReplaced(raw::RequestQueue& ring, raw::Set& set, const std::string& name) {
   std::unique_ptr<raw::Set> next;
-  hooks::onSemctl = [&](int id, int, int) {
-    if (id != ring.set.id() || next != nullptr) return hooks::kRunIt;
+  calls::semctl.ask([&](int id, int, int, TSemArgument) {
+    if (id != ring.set.id() || next != nullptr) return calls::RUN_IT;
     set.remove();
     next = std::make_unique<raw::Set>(AE + name, 1, 3);
     next->setValue(2, 1);
-    return hooks::kRunIt;
-  };
+    return calls::RUN_IT;
+  });
   EXPECT_FALSE(Queue(kName).IsInitialized());
   EXPECT_NE(nullptr, next);
-  hooks::reset();
+  calls::semctl.watch();
   EXPECT_TRUE(Queue(kName).IsInitialized());
 }
 
@@ -150,9 +150,9 @@ TEST(RequestQueueOpening, WithoutMemoryForASegmentFailsWithItsText) {
   const TraceLog log;
   for (int allowed = 0; allowed < 3; ++allowed) {
     int left = allowed;
-    hooks::onNothrowNew = [&left](size_t) { return left-- == 0; };
+    calls::refuseMemory([&left](size_t) { return left-- == 0; });
     EXPECT_FALSE(Queue(kName).IsInitialized());
-    hooks::reset();
+    calls::giveMemory();
   }
   EXPECT_EQ((Lines{"CIPCSimpleQueue Failed on VOverflowSem",
                    "CIPCSimpleQueue Failed on the empty queue wait sem",
@@ -417,24 +417,24 @@ TEST_F(RequestQueuePut, FailureOfTheUnlockReplacesAnEarlierError) {
 
 TEST_F(RequestQueuePut, InterruptedLockIsRepeated) {
   int locks = 0;
-  hooks::onSemop = [&](int set, const sembuf* operations, size_t count) {
-    if (set != ring.set.id() || !isLock(operations, count)) return hooks::kRunIt;
-    return ++locks <= 3 ? EINTR : hooks::kRunIt;
-  };
+  calls::semop.ask([&](int set, const sembuf* operations, size_t count) {
+    if (set != ring.set.id() || !isLock(operations, count)) return calls::RUN_IT;
+    return ++locks <= 3 ? EINTR : calls::RUN_IT;
+  });
   EXPECT_EQ(0, queue.Put(message(0)));
-  hooks::reset();
+  calls::semop.watch();
   EXPECT_EQ(4, locks);
 }
 
 TEST_F(RequestQueuePut, InterruptedUnlockIsNotRepeated) {
   int unlocks = 0;
-  hooks::onSemop = [&](int set, const sembuf* operations, size_t count) {
-    if (set != ring.set.id() || !isUnlock(operations, count)) return hooks::kRunIt;
+  calls::semop.ask([&](int set, const sembuf* operations, size_t count) {
+    if (set != ring.set.id() || !isUnlock(operations, count)) return calls::RUN_IT;
     ++unlocks;
     return EINTR;
-  };
+  });
   EXPECT_EQ(-262, queue.Put(message(0)));
-  hooks::reset();
+  calls::semop.watch();
   EXPECT_EQ(1, unlocks);
 }
 
@@ -527,14 +527,14 @@ TEST_F(RequestQueuePut, OnlyNothingLeftEndsTheDrainAndAFailureRepeatsIt) {
   ring.setRing(2, 0, 2);
   ring.overflow.setValue(0, 2);
   int calls = 0;
-  hooks::onSemop = [&](int set, const sembuf*, size_t) {
-    if (set != ring.overflow.id()) return hooks::kRunIt;
+  calls::semop.ask([&](int set, const sembuf*, size_t) {
+    if (set != ring.overflow.id()) return calls::RUN_IT;
     EXPECT_TRUE(ring.locked());
     ++calls;
-    return calls <= 3 ? (calls == 2 ? EINTR : EINVAL) : hooks::kRunIt;
-  };
+    return calls <= 3 ? (calls == 2 ? EINTR : EINVAL) : calls::RUN_IT;
+  });
   EXPECT_EQ(0, queue.Put(message(0)));
-  hooks::reset();
+  calls::semop.watch();
   EXPECT_EQ(3 + 2 + 1, calls);
   EXPECT_EQ(0, ring.overflow.value(0));
 }
@@ -670,11 +670,11 @@ TEST_F(RequestQueueWait, EndsWhenTheSegmentCannotBeUnlocked) {
 /// The lock that follows the wait fails; the unlock that ends the put is made to look good.
 void failRelockOf(const raw::RequestQueue& ring) {
   auto locks = std::make_shared<int>(0);
-  hooks::onSemop = [set = ring.set.id(), locks](int id, const sembuf* operations, size_t count) {
-    if (id != set) return hooks::kRunIt;
-    if (isLock(operations, count)) return ++*locks == 2 ? EIDRM : hooks::kRunIt;
-    return *locks == 2 ? hooks::kPretendSuccess : hooks::kRunIt;
-  };
+  calls::semop.ask([set = ring.set.id(), locks](int id, const sembuf* operations, size_t count) {
+    if (id != set) return calls::RUN_IT;
+    if (isLock(operations, count)) return ++*locks == 2 ? EIDRM : calls::RUN_IT;
+    return *locks == 2 ? calls::PRETEND_SUCCESS : calls::RUN_IT;
+  });
 }
 
 TEST_F(RequestQueueWait, LockThatFailsAfterTheWaitIsTheResult) {
@@ -704,16 +704,16 @@ TEST_F(RequestQueueWait, LockThatFailsAfterAnErrorLeavesTheEarlierErrorRecorded)
 
 TEST_F(RequestQueueWait, GoesOnAfterSignals) {
   std::atomic<int> waits{0};
-  hooks::onSemop = [this, &waits](int set, const sembuf*, size_t) {
-    if (set != ring.overflow.id()) return hooks::kRunIt;
-    return ++waits <= 3 ? EINTR : hooks::kRunIt;
-  };
+  calls::semop.ask([this, &waits](int set, const sembuf*, size_t) {
+    if (set != ring.overflow.id()) return calls::RUN_IT;
+    return ++waits <= 3 ? EINTR : calls::RUN_IT;
+  });
   startPut();
   EXPECT_EQ(4, waits);
   EXPECT_EQ(1U, ring.overflowWaiters());
   makeRoom();
   EXPECT_EQ(0, put.get());
-  hooks::reset();
+  calls::semop.watch();
 }
 
 TEST_F(RequestQueueWait, IsOffUntilItIsAskedFor) {
@@ -800,12 +800,12 @@ TEST_F(RequestQueuePut, CleanupDoesNotWaitForTheEmptySemaphore) {
 TEST_F(RequestQueuePut, CleanupDoesNotRepeatAnInterruptedTryWait) {
   ring.empty.setValue(0, 3);
   int calls = 0;
-  hooks::onSemop = [&](int set, const sembuf*, size_t) {
-    if (set != ring.empty.id()) return hooks::kRunIt;
-    return ++calls == 1 ? EINTR : hooks::kRunIt;
-  };
+  calls::semop.ask([&](int set, const sembuf*, size_t) {
+    if (set != ring.empty.id()) return calls::RUN_IT;
+    return ++calls == 1 ? EINTR : calls::RUN_IT;
+  });
   EXPECT_EQ(0, queue.Cleanup());
-  hooks::reset();
+  calls::semop.watch();
   EXPECT_EQ(1, calls);
   EXPECT_EQ(3, ring.empty.value(0));
 }
@@ -885,3 +885,4 @@ TEST_F(RequestQueuePut, AnyHeaderLeavesTheMemoryBehindTheRingAlone) {
 }
 
 }  // namespace
+}  // namespace armtest

@@ -1,6 +1,5 @@
 #include "hostile_guard.h"
 
-#include <dlfcn.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
@@ -11,6 +10,8 @@
 #include <atomic>
 #include <cerrno>
 #include <mutex>
+
+#include "nextcall.h"
 
 namespace {
 
@@ -28,11 +29,6 @@ struct Guarded {
 std::mutex mutex;
 std::array<Guarded, 64> attached;
 std::atomic<uint32_t> cut{0};
-
-template <typename Function>
-Function* next(const char* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
 
 Guarded* place(const void* segment) {
   for (Guarded& guarded : attached) {
@@ -65,7 +61,7 @@ uint32_t drainsCut() {
 
 extern "C" void* shmat(int id, const void* address, int flags) __THROW;
 extern "C" void* shmat(int id, const void* address, int flags) __THROW {
-  static auto* const real = next<void*(int, const void*, int)>("shmat");
+  static auto* const real = armtest::nextCall<void*(int, const void*, int)>("shmat");
   shmid_ds info = {};
   if (address != nullptr || shmctl(id, IPC_STAT, &info) != 0) return real(id, address, flags);
   const size_t mapped = (static_cast<size_t>(info.shm_segsz) + kPage - 1) / kPage * kPage;
@@ -84,7 +80,7 @@ extern "C" void* shmat(int id, const void* address, int flags) __THROW {
 
 extern "C" int shmdt(const void* address) __THROW;
 extern "C" int shmdt(const void* address) __THROW {
-  static auto* const real = next<int(const void*)>("shmdt");
+  static auto* const real = armtest::nextCall<int(const void*)>("shmdt");
   const int result = real(address);
   const std::lock_guard<std::mutex> guard(mutex);
   Guarded* found = address != nullptr ? place(address) : nullptr;
@@ -96,7 +92,7 @@ extern "C" int shmdt(const void* address) __THROW {
 
 extern "C" int semop(int set, sembuf* operations, size_t count) __THROW;
 extern "C" int semop(int set, sembuf* operations, size_t count) __THROW {
-  static auto* const real = next<int(int, sembuf*, size_t)>("semop");
+  static auto* const real = armtest::nextCall<int(int, sembuf*, size_t)>("semop");
   static thread_local int failures = 0;
   const int result = real(set, operations, count);
   if (!drains(operations, count)) return result;

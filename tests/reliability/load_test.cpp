@@ -25,6 +25,7 @@
 #include "counted.h"
 #include "fork_calls.h"
 #include "gtest/gtest.h"
+#include "nextcall.h"
 #include "process.h"
 
 namespace {
@@ -37,7 +38,7 @@ std::atomic<bool> slowly{false};
 // An attempt to open the connection begins with the key of this name.
 extern "C" key_t ftok(const char* path, int project) __THROW;
 extern "C" key_t ftok(const char* path, int project) __THROW {
-  static auto* const real = reinterpret_cast<key_t (*)(const char*, int)>(dlsym(RTLD_NEXT, "ftok"));
+  static auto* const real = armtest::nextCall<key_t(const char*, int)>("ftok");
   if (std::strcmp(path, "/var/kelp/controls_ae.kelp_ovr") == 0) {
     openings.fetch_add(1);
     // Long enough for all others to come in, if nothing keeps them out.

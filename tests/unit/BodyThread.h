@@ -8,6 +8,8 @@
 #include "calls.h"
 #include "platform/CkesThread.h"
 
+namespace armtest {
+
 /// A thread whose body is a function.
 class BodyThread : public CkesThread {
  public:
@@ -36,3 +38,5 @@ class BodyThread : public CkesThread {
 
   Body body_;
 };
+
+}  // namespace armtest

@@ -11,6 +11,7 @@
 #include "platform/CkesThreadLibrary.h"
 #include "records.h"
 
+namespace armtest {
 namespace {
 
 /// Runs a test's body in a thread that has no error stack.
@@ -264,3 +265,4 @@ TEST(CkesErrorManager, NothingIsPrinted) {
 }
 
 }  // namespace
+}  // namespace armtest

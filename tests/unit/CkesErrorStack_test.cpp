@@ -4,6 +4,7 @@
 
 #include <string>
 
+namespace armtest {
 namespace {
 
 /// Distinct one-character texts; they outlive every stack.
@@ -192,3 +193,4 @@ TEST(CkesErrorStack, CopyIsIndependent) {
 }
 
 }  // namespace
+}  // namespace armtest

@@ -11,6 +11,7 @@
 #include "process.h"
 #include "records.h"
 
+namespace armtest {
 namespace {
 
 /// A thread in the event's Wait without a limit.
@@ -30,13 +31,13 @@ class Waiter {
 /// Holds until so many threads wait on a condition variable.  They hold its mutex when they are
 /// counted, so whoever takes the mutex afterwards finds them asleep.
 ::testing::AssertionResult waitersAre(int count) {
-  if (armtest::waitUntil([&] { return calls::pthread_cond_wait.count() == count; }))
+  if (waitUntil([&] { return calls::pthread_cond_wait.count() == count; }))
     return ::testing::AssertionSuccess();
   return ::testing::AssertionFailure() << calls::pthread_cond_wait.count() << " waiters";
 }
 
 bool releasedAre(const std::atomic<int>& released, int count) {
-  return armtest::waitUntil([&] { return released == count; });
+  return waitUntil([&] { return released == count; });
 }
 
 /// Makes events that are not initialized from here on.
@@ -257,7 +258,7 @@ TEST(CkesEvent, TimedWaitEndsWithASignal) {
   calls::pthread_cond_timedwait.watch();
   long result = -1;
   std::thread waiter([&] { result = event.Wait(3600000); });
-  EXPECT_TRUE(armtest::waitUntil([] { return calls::pthread_cond_timedwait.count() == 1; }));
+  EXPECT_TRUE(waitUntil([] { return calls::pthread_cond_timedwait.count() == 1; }));
   EXPECT_EQ(0, event.Signal());
   waiter.join();
   EXPECT_EQ(0, result);
@@ -393,3 +394,4 @@ TEST(CkesEvent, OperationsLeaveItsMutexFree) {
 }
 
 }  // namespace
+}  // namespace armtest

@@ -12,6 +12,7 @@
 #include "process.h"
 #include "records.h"
 
+namespace armtest {
 namespace {
 
 /// What a thread of its own gets from TryLock; the mutex is given back.
@@ -31,10 +32,10 @@ class Holder {
       : thread_([this, &mutex] {
           EXPECT_EQ(0, mutex.Lock());
           holding_ = true;
-          EXPECT_TRUE(armtest::waitUntil([this] { return mayEnd_.load(); }));
+          EXPECT_TRUE(waitUntil([this] { return mayEnd_.load(); }));
           EXPECT_EQ(0, mutex.Unlock());
         }) {
-    EXPECT_TRUE(armtest::waitUntil([this] { return holding_.load(); }));
+    EXPECT_TRUE(waitUntil([this] { return holding_.load(); }));
   }
   ~Holder() {
     mayEnd_ = true;
@@ -80,7 +81,7 @@ TEST(CkesMutex, PassWaitsForTheHolderAndLeavesTheMutexFree) {
     EXPECT_EQ(0, mutex.Pass());
     passed = true;
   });
-  EXPECT_TRUE(armtest::waitUntil([] { return calls::pthread_mutex_lock.count() > 1; }));
+  EXPECT_TRUE(waitUntil([] { return calls::pthread_mutex_lock.count() > 1; }));
   EXPECT_FALSE(passed);
   EXPECT_EQ(0, mutex.Unlock());
   passing.join();
@@ -121,7 +122,7 @@ TEST(CkesMutex, LockWaitsUntilTheHolderUnlocks) {
     EXPECT_EQ(1, guarded);
     EXPECT_EQ(0, mutex.Unlock());
   });
-  EXPECT_TRUE(armtest::waitUntil([] { return calls::pthread_mutex_lock.count() > 0; }));
+  EXPECT_TRUE(waitUntil([] { return calls::pthread_mutex_lock.count() > 0; }));
   guarded = 1;
   EXPECT_EQ(0, mutex.Unlock());
   waiter.join();
@@ -267,12 +268,13 @@ TEST(CkesMutex, RefusesOperationsAfterItsDestructorHasRun) {
 TEST(CkesMutex, RenewalFreesAMutexThatAThreadOfTheForkingProcessHeld) {
   CkesMutex mutex;
   const Holder holder(mutex);
-  const pid_t child = armtest::forkChild([&] {
+  const pid_t child = forkChild([&] {
     mutex.RenewAfterFork();
     return mutex.TryLock() == 0 && mutex.Unlock() == 0 ? 0 : 1;
   });
-  EXPECT_EQ(0, armtest::exitCodeOf(child));
+  EXPECT_EQ(0, exitCodeOf(child));
 }
 #endif
 
 }  // namespace
+}  // namespace armtest

@@ -16,6 +16,7 @@
 #include "process.h"
 #include "records.h"
 
+namespace armtest {
 namespace {
 
 char kName[] = "/var/kelp/semaphore";
@@ -166,7 +167,7 @@ TEST(CkesSemaphore, FailedCreationUndoesNothing) {
 
 TEST(CkesSemaphore, ValuesAreSetInOrder) {
   Texts set;
-  calls::semctl.replace([&](int id, int number, int command, calls::SemArgument argument) {
+  calls::semctl.replace([&](int id, int number, int command, TSemArgument argument) {
     if (command == SETVAL)
       set.push_back(std::to_string(number) + "=" + std::to_string(argument.val));
     return calls::semctl.real(id, number, command, argument);
@@ -284,7 +285,7 @@ TEST(CkesSemaphore, WaitIgnoresItsTimeLimitAndBlocksUntilAPost) {
 TEST(CkesSemaphore, WaitIsTheSameSingleOperationForEveryTimeLimit) {
   CkesSemaphore semaphore(kName, 3, 7);
   Texts operations;
-  recordSemops(operations);
+  calls::recordSemops(operations);
   EXPECT_EQ(0, semaphore.Wait(-1));
   EXPECT_EQ(0, semaphore.Wait(0));
   EXPECT_EQ(0, semaphore.Wait(10));
@@ -293,13 +294,13 @@ TEST(CkesSemaphore, WaitIsTheSameSingleOperationForEveryTimeLimit) {
 
 TEST(CkesSemaphore, WaitInOneProcessEndsWithAPostInAnother) {
   CkesSemaphore semaphore(kName, 0, 7);
-  const pid_t child = armtest::forkChild([] {
+  const pid_t child = forkChild([] {
     CkesSemaphore opener(kName);
     return opener.Wait(0) == 0 ? 42 : 1;
   });
   EXPECT_TRUE(sleeperComes(setOf(kName), 0));
   EXPECT_EQ(0, semaphore.Post(1));
-  EXPECT_EQ(42, armtest::exitCodeOf(child));
+  EXPECT_EQ(42, exitCodeOf(child));
 }
 
 TEST(CkesSemaphore, InterruptedWaitIsRepeated) {
@@ -331,7 +332,7 @@ TEST(CkesSemaphore, SetRemovedUnderAWaiterGivesMinus141) {
 TEST(CkesSemaphore, TryWaitTakesOneUnit) {
   CkesSemaphore semaphore(kName, 3, 7);
   Texts operations;
-  recordSemops(operations);
+  calls::recordSemops(operations);
   EXPECT_EQ(0, semaphore.TryWait());
   EXPECT_EQ((Texts{"{0,-1,2048}"}), operations);
   EXPECT_EQ(2, count());
@@ -356,7 +357,7 @@ TEST(CkesSemaphore, InterruptedTryWaitIsNotRepeatedAndGivesMinus141) {
 TEST(CkesSemaphore, PostAddsItsUnitsUnderThePrivateLock) {
   CkesSemaphore semaphore(kName, 0, 7);
   Texts operations;
-  recordSemops(operations);
+  calls::recordSemops(operations);
   EXPECT_EQ(0, semaphore.Post(3));
   EXPECT_EQ((Texts{"{1,0,0}{1,1,4096}", "{0,3,0}", "{1,-1,6144}"}), operations);
   EXPECT_EQ(3, count());
@@ -426,20 +427,20 @@ TEST(CkesSemaphore, ResultOfThePrivateUnlockIsNotLookedAt) {
 TEST(CkesSemaphore, PostOfAnotherProcessIsWaitedFor) {
   CkesSemaphore semaphore(kName, 0, 7);
   setSemaphore(setOf(kName), 1, 1);
-  const pid_t child = armtest::forkChild([] {
+  const pid_t child = forkChild([] {
     CkesSemaphore opener(kName);
     return opener.Post(1) == 0 ? 42 : 1;
   });
   EXPECT_TRUE(sleeperForZeroComes(setOf(kName), 1));
   EXPECT_EQ(0, count());
   setSemaphore(setOf(kName), 1, 0);
-  EXPECT_EQ(42, armtest::exitCodeOf(child));
+  EXPECT_EQ(42, exitCodeOf(child));
   EXPECT_EQ(1, count());
 }
 
 TEST(CkesSemaphore, ProcessKilledInsidePostLeavesThePrivateLockFree) {
   CkesSemaphore semaphore(kName, 0, 7);
-  const pid_t child = armtest::forkChild([] {
+  const pid_t child = forkChild([] {
     CkesSemaphore opener(kName);
     calls::semop.replace([](int set, sembuf* operations, size_t number) {
       if (operations->sem_num == 0) raise(SIGKILL);
@@ -447,7 +448,7 @@ TEST(CkesSemaphore, ProcessKilledInsidePostLeavesThePrivateLockFree) {
     });
     return static_cast<int>(opener.Post(1));
   });
-  EXPECT_EQ(128 + SIGKILL, armtest::exitCodeOf(child));
+  EXPECT_EQ(128 + SIGKILL, exitCodeOf(child));
   EXPECT_EQ(0, privateLock());
   EXPECT_EQ(0, semaphore.Post(1));
 }
@@ -460,9 +461,9 @@ TEST(CkesSemaphore, PostersOfSeveralProcessesNeverPassTheMaximum) {
     for (int i = 0; i < 20; ++i) added += opener.Post(1) == 0 ? 1 : 0;
     return added;
   };
-  const pid_t first = armtest::forkChild(post);
-  const pid_t second = armtest::forkChild(post);
-  EXPECT_EQ(10, armtest::exitCodeOf(first) + armtest::exitCodeOf(second));
+  const pid_t first = forkChild(post);
+  const pid_t second = forkChild(post);
+  EXPECT_EQ(10, exitCodeOf(first) + exitCodeOf(second));
   EXPECT_EQ(10, count());
 }
 
@@ -522,3 +523,4 @@ TEST(CkesSemaphore, NameCarriesTheAgentsSuffix) {
 }
 
 }  // namespace
+}  // namespace armtest

@@ -20,6 +20,7 @@
 #include "process.h"
 #include "records.h"
 
+namespace armtest {
 namespace {
 
 constexpr const char* kSegmentFile = "/var/kelp/segment";
@@ -36,7 +37,7 @@ class CreatorProcess {
     int ready[2];
     EXPECT_EQ(0, pipe(ready));
     EXPECT_EQ(0, pipe(end_));
-    child_ = armtest::forkChild([&] {
+    child_ = forkChild([&] {
       const CkesSharedMemory segment(kSegmentFile, kSize, false);
       char byte = segment.GetInitResult() == 0 ? 'y' : 'n';
       close(end_[1]);
@@ -52,12 +53,12 @@ class CreatorProcess {
 
   void exitNormally() {
     close(end_[1]);
-    EXPECT_EQ(0, armtest::exitCodeOf(child_));
+    EXPECT_EQ(0, exitCodeOf(child_));
   }
 
   void beKilled() {
     kill(child_, SIGKILL);
-    EXPECT_EQ(128 + SIGKILL, armtest::exitCodeOf(child_));
+    EXPECT_EQ(128 + SIGKILL, exitCodeOf(child_));
     close(end_[1]);
   }
 
@@ -380,7 +381,7 @@ TEST(CkesSharedMemory, CreatedSetIsFreeAndItsCreatorAlive) {
 
 TEST(CkesSharedMemory, LivenessIsOnePermanentAndOneUndoneIncrement) {
   Texts operations;
-  recordSemops(operations);
+  calls::recordSemops(operations);
   const CkesSharedMemory segment(kSegmentFile, kSize, true);
   EXPECT_EQ((Texts{"{1,1,0}{1,1,4096}"}), operations);
 }
@@ -586,7 +587,7 @@ TEST(CkesSharedMemory, CreationTracesTheSegmentThatCannotBeAttached) {
 TEST(CkesSharedMemory, LockIsOneStepOfTwoRecordsAndUnlockDoesNotWait) {
   CkesSharedMemory segment(kSegmentFile, kSize, true);
   Texts operations;
-  recordSemops(operations);
+  calls::recordSemops(operations);
   EXPECT_EQ(0, segment.Lock());
   EXPECT_EQ(0, segment.Unlock());
   EXPECT_EQ((Texts{"{0,0,0}{0,1,4096}", "{0,-1,6144}"}), operations);
@@ -603,36 +604,36 @@ TEST(CkesSharedMemory, HeldLockIsSemaphore0AtOne) {
 TEST(CkesSharedMemory, AnotherProcessWaitsForTheLock) {
   CkesSharedMemory segment(kSegmentFile, kSize, true);
   ASSERT_EQ(0, segment.Lock());
-  const pid_t child = armtest::forkChild([] {
+  const pid_t child = forkChild([] {
     CkesSharedMemory opener(kSegmentFile, false);
     return opener.Lock() == 0 ? *bytes(opener) : 1;
   });
   EXPECT_TRUE(sleeperForZeroComes(setOf(kSegmentFile), 0));
   *bytes(segment) = 42;
   EXPECT_EQ(0, segment.Unlock());
-  EXPECT_EQ(42, armtest::exitCodeOf(child));
+  EXPECT_EQ(42, exitCodeOf(child));
 }
 
 TEST(CkesSharedMemory, LockIsNotReentrant) {
   CkesSharedMemory segment(kSegmentFile, kSize, true);
-  const pid_t child = armtest::forkChild([] {
+  const pid_t child = forkChild([] {
     CkesSharedMemory opener(kSegmentFile, false);
     return opener.Lock() == 0 && opener.Lock() == 0 ? 0 : 1;
   });
   EXPECT_TRUE(sleeperForZeroComes(setOf(kSegmentFile), 0));
   kill(child, SIGKILL);
-  EXPECT_EQ(128 + SIGKILL, armtest::exitCodeOf(child));
+  EXPECT_EQ(128 + SIGKILL, exitCodeOf(child));
 }
 
 TEST(CkesSharedMemory, LockOfAKilledProcessIsReleased) {
   CkesSharedMemory segment(kSegmentFile, kSize, true);
-  const pid_t child = armtest::forkChild([] {
+  const pid_t child = forkChild([] {
     CkesSharedMemory opener(kSegmentFile, false);
     return opener.Lock() == 0 ? pause() : 1;
   });
-  EXPECT_TRUE(armtest::waitUntil([] { return semaphoreValue(setOf(kSegmentFile), 0) == 1; }));
+  EXPECT_TRUE(waitUntil([] { return semaphoreValue(setOf(kSegmentFile), 0) == 1; }));
   kill(child, SIGKILL);
-  EXPECT_EQ(128 + SIGKILL, armtest::exitCodeOf(child));
+  EXPECT_EQ(128 + SIGKILL, exitCodeOf(child));
   EXPECT_EQ(0, semaphoreValue(setOf(kSegmentFile), 0));
   EXPECT_EQ(0, segment.Lock());
   EXPECT_EQ(0, segment.Unlock());
@@ -722,18 +723,18 @@ TEST(CkesSharedMemory, WhatIsWrittenIsReadByAnotherProcess) {
   CkesSharedMemory segment(kSegmentFile, kSize, true);
   char text[] = "text";
   EXPECT_EQ(0, segment.Write(8, sizeof text, text));
-  const pid_t child = armtest::forkChild([] {
+  const pid_t child = forkChild([] {
     CkesSharedMemory opener(kSegmentFile, false);
     char buffer[5] = "";
     return opener.Read(8, sizeof buffer, buffer) == 0 ? std::strcmp("text", buffer) : 1;
   });
-  EXPECT_EQ(0, armtest::exitCodeOf(child));
+  EXPECT_EQ(0, exitCodeOf(child));
 }
 
 TEST(CkesSharedMemory, ReadAndWriteHoldTheLockMeanwhile) {
   CkesSharedMemory segment(kSegmentFile, kSize, true);
   Texts operations;
-  recordSemops(operations);
+  calls::recordSemops(operations);
   char byte = 0;
   EXPECT_EQ(0, segment.Read(0, 1, &byte));
   EXPECT_EQ(0, segment.Write(0, 1, &byte));
@@ -986,3 +987,4 @@ TEST(CkesSharedMemory, GetAndRemoveAsksWithItsSizeAndRightsForAll) {
 }
 
 }  // namespace
+}  // namespace armtest

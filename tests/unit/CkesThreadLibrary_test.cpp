@@ -15,6 +15,7 @@
 #include "process.h"
 #include "records.h"
 
+namespace armtest {
 namespace {
 
 /// Runs an operation as the process's first one: 0 when it succeeds and has initialized the
@@ -306,7 +307,7 @@ class JoinOrder {
   }
 
   void untilJoined() {
-    EXPECT_TRUE(armtest::waitUntil([this] { return joining_ == pthread_self(); }));
+    EXPECT_TRUE(waitUntil([this] { return joining_ == pthread_self(); }));
   }
 
   const std::vector<pthread_t>& order() const { return order_; }
@@ -348,3 +349,4 @@ TEST(CkesThreadLibrary, JoinAllAddsItsNameToTheTrailOfAFailedJoin) {
 }
 
 }  // namespace
+}  // namespace armtest

@@ -18,6 +18,7 @@
 #include "process.h"
 #include "records.h"
 
+namespace armtest {
 namespace {
 
 void nothing() {}
@@ -32,8 +33,7 @@ void breakThreads() {
 
 /// A thread that runs until the object ends.
 struct RunningThread {
-  RunningThread()
-      : thread([this] { EXPECT_TRUE(armtest::waitUntil([this] { return mayEnd.load(); })); }) {
+  RunningThread() : thread([this] { EXPECT_TRUE(waitUntil([this] { return mayEnd.load(); })); }) {
     EXPECT_EQ(0, thread.Start());
   }
   ~RunningThread() {
@@ -183,7 +183,7 @@ TEST(CkesThread, StartBeforeTheThreadWaitsForItIsNotLost) {
   std::atomic<bool> started{false};
   ASSERT_EQ(0, CkesThreadLibrary::Initialize());
   calls::pthread_setspecific.replace([&](pthread_key_t key, const void* value) {
-    EXPECT_TRUE(armtest::waitUntil([&] { return started.load(); }));
+    EXPECT_TRUE(waitUntil([&] { return started.load(); }));
     return calls::pthread_setspecific.real(key, value);
   });
   calls::pthread_cond_wait.watch();
@@ -335,7 +335,7 @@ TEST(CkesThread, JoinOfItselfGivesMinus109) {
   BodyThread thread([&] {
     // ThreadSanitizer forgets a thread when somebody tries to join it, even in vain: the join of
     // the main thread comes first.
-    EXPECT_TRUE(armtest::waitUntil([&] { return is_awaited && isMainThreadAsleep(); }));
+    EXPECT_TRUE(waitUntil([&] { return is_awaited && isMainThreadAsleep(); }));
     result = self->Join();
     error = lastError();
   });
@@ -358,7 +358,7 @@ TEST(CkesThread, JoinOfACreatedThreadWaitsForItsEnd) {
   BodyThread thread(nothing);
   calls::pthread_join.watch();
   std::thread starter([&] {
-    EXPECT_TRUE(armtest::waitUntil([] { return calls::pthread_join.count() == 1; }));
+    EXPECT_TRUE(waitUntil([] { return calls::pthread_join.count() == 1; }));
     EXPECT_EQ(0, thread.Start());
   });
   EXPECT_EQ(0, thread.Join());
@@ -375,7 +375,7 @@ TEST(CkesThread, TerminateCancelsTheBody) {
     returned = true;
   });
   ASSERT_EQ(0, thread.Start());
-  EXPECT_TRUE(armtest::waitUntil([&] { return waiting.load(); }));
+  EXPECT_TRUE(waitUntil([&] { return waiting.load(); }));
   EXPECT_EQ(0, thread.Terminate());
   EXPECT_EQ(THREAD_FINISHED, thread.GetState());
   void* result = nullptr;
@@ -396,7 +396,7 @@ TEST(CkesThread, IsUnregisteredWhenItsBodyIsCancelled) {
     return calls::pthread_setspecific.real(key, value);
   });
   ASSERT_EQ(0, thread.Start());
-  EXPECT_TRUE(armtest::waitUntil([&] { return waiting.load(); }));
+  EXPECT_TRUE(waitUntil([&] { return waiting.load(); }));
   EXPECT_EQ(0, thread.Terminate());
   thread.awaitEnd();
   EXPECT_EQ(1, cleared);
@@ -469,3 +469,4 @@ TEST(CkesThread, DestructionNeitherJoinsNorCancels) {
 }
 
 }  // namespace
+}  // namespace armtest

@@ -9,6 +9,7 @@
 #include "calls.h"
 #include "records.h"
 
+namespace armtest {
 namespace {
 
 /// One page of memory with the given rights, 'x' in its first byte.
@@ -67,3 +68,4 @@ TEST(CallerMemory, WithoutAPipeNothingIsTouched) {
 }
 
 }  // namespace
+}  // namespace armtest

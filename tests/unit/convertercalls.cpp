@@ -8,10 +8,10 @@ extern "C" UConverter* realOpenConverter(const char* name, UErrorCode* status) _
 extern "C" UConverter* wrapOpenConverter(const char* name, UErrorCode* status) __asm__(
     "__wrap_" TEXT_OF_VALUE(ucnv_open));
 
-namespace calls {
+namespace armtest::calls {
 Call<UConverter*(const char*, UErrorCode*)> openConverter(realOpenConverter);
 }
 
 UConverter* wrapOpenConverter(const char* name, UErrorCode* status) {
-  return calls::openConverter(name, status);
+  return armtest::calls::openConverter(name, status);
 }

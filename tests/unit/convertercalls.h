@@ -4,9 +4,9 @@
 
 #include "calls.h"
 
-namespace calls {
+namespace armtest::calls {
 
 /// ucnv_open.  Only programs that link ICU have it.
 extern Call<UConverter*(const char*, UErrorCode*)> openConverter;
 
-}  // namespace calls
+}  // namespace armtest::calls

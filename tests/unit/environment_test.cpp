@@ -11,6 +11,7 @@
 
 #include "calls.h"
 
+namespace armtest {
 namespace {
 
 /// A host that has called setenv: its list lies in memory that the C library allocated.
@@ -183,3 +184,4 @@ TEST_F(Environment, HostThatChangesItAllTheTimeDoesNotKeepItAway) {
 }
 
 }  // namespace
+}  // namespace armtest

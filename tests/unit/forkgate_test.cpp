@@ -10,6 +10,7 @@
 #include "arm/libarmutils.h"
 #include "process.h"
 
+namespace armtest {
 namespace {
 
 // Handlers of the host's that were registered before the library's: their preparation comes last,
@@ -80,9 +81,9 @@ TEST_F(ForkGate, ThreadGivesItsMutexBackAndEntersWhenTheForkIsOver) {
       gate.Leave();
       (void)mutex.Unlock();
     });
-    EXPECT_TRUE(armtest::waitUntil([&] { return mutex.unlocks() > 0; }));
+    EXPECT_TRUE(waitUntil([&] { return mutex.unlocks() > 0; }));
   };
-  EXPECT_EQ(0, armtest::exitCodeOf(armtest::forkChild([] { return 0; })));
+  EXPECT_EQ(0, exitCodeOf(forkChild([] { return 0; })));
   entering.join();
   EXPECT_TRUE(entered);
 }
@@ -101,7 +102,7 @@ TEST_F(ForkGate, ForkThatDoesNotEndIsWaitedForOnce) {
       (void)mutex.Unlock();
     }).join();
   };
-  EXPECT_EQ(0, armtest::exitCodeOf(armtest::forkChild([] { return 0; })));
+  EXPECT_EQ(0, exitCodeOf(forkChild([] { return 0; })));
 }
 
 TEST_F(ForkGate, ForkingThreadItselfDoesNotWait) {
@@ -109,7 +110,7 @@ TEST_F(ForkGate, ForkingThreadItselfDoesNotWait) {
     EXPECT_TRUE(gate.Enter(mutex));
     gate.Leave();
   };
-  EXPECT_EQ(0, armtest::exitCodeOf(armtest::forkChild([] { return 0; })));
+  EXPECT_EQ(0, exitCodeOf(forkChild([] { return 0; })));
   EXPECT_EQ(0, mutex.unlocks());
 }
 
@@ -123,8 +124,8 @@ TEST_F(ForkGate, ForkWaitsForTheThreadInside) {
   begun = &forking;
   ASSERT_EQ(0, pthread_atfork([] { begun->store(true); }, nullptr, nullptr));
   lastBeforeFork = [&] { leftBefore = left.load(); };
-  std::thread fork([] { EXPECT_EQ(0, armtest::exitCodeOf(armtest::forkChild([] { return 0; }))); });
-  EXPECT_TRUE(armtest::waitUntil([&] { return forking.load(); }));
+  std::thread fork([] { EXPECT_EQ(0, exitCodeOf(forkChild([] { return 0; }))); });
+  EXPECT_TRUE(waitUntil([&] { return forking.load(); }));
   left = true;
   gate.Leave();
   fork.join();
@@ -139,10 +140,10 @@ TEST_F(ForkGate, StaysClosedInAChildThatWasBornWhileAnotherThreadWasInside) {
     return 0;
   };
   std::thread([&] {
-    EXPECT_EQ(1, armtest::exitCodeOf(armtest::forkChild([&] {
+    EXPECT_EQ(1, exitCodeOf(forkChild([&] {
                 // Nobody is waited for, and neither in a child of this one.
                 EXPECT_FALSE(gate.OccupiedByAnother());
-                return enters() + armtest::exitCodeOf(armtest::forkChild(enters)) - 1;
+                return enters() + exitCodeOf(forkChild(enters)) - 1;
               })));
   }).join();
   gate.Leave();
@@ -151,7 +152,7 @@ TEST_F(ForkGate, StaysClosedInAChildThatWasBornWhileAnotherThreadWasInside) {
 
 TEST_F(ForkGate, IsOpenInAChildThatASignalHandlerForksWhenItsCallIsOver) {
   ASSERT_TRUE(gate.Enter(mutex));
-  EXPECT_EQ(0, armtest::exitCodeOf(armtest::forkChild([&] {
+  EXPECT_EQ(0, exitCodeOf(forkChild([&] {
               if (gate.Enter(mutex)) return 1;
               gate.Leave();
               return gate.Enter(mutex) ? 0 : 2;
@@ -168,7 +169,7 @@ TEST_F(ForkGate, ChildIsRenewedBeforeAHandlerOfTheHostsCallsTheLibrary) {
     inHandler = VInitMutex.TryLock();
   };
   std::thread([&] {
-    EXPECT_EQ(0, armtest::exitCodeOf(armtest::forkChild([&] {
+    EXPECT_EQ(0, exitCodeOf(forkChild([&] {
                 // What the handler has taken stays taken: nothing is renewed twice.
                 afterwards = VInitMutex.TryLock();
                 return inHandler == 0 && afterwards == -124 ? 0 : 1;
@@ -180,9 +181,10 @@ TEST_F(ForkGate, ChildIsRenewedBeforeAHandlerOfTheHostsCallsTheLibrary) {
 TEST_F(ForkGate, ParentIsNotRenewed) {
   ASSERT_EQ(0, VInitMutex.Lock());
   lastBeforeFork = [] { renewIfForked(); };
-  EXPECT_EQ(0, armtest::exitCodeOf(armtest::forkChild([] { return 0; })));
+  EXPECT_EQ(0, exitCodeOf(forkChild([] { return 0; })));
   EXPECT_TRUE(VInitMutex.HeldByCaller());
   EXPECT_EQ(0, VInitMutex.Unlock());
 }
 
 }  // namespace
+}  // namespace armtest

@@ -15,6 +15,7 @@
 #include "process.h"
 #include "records.h"
 
+namespace armtest {
 namespace {
 
 using Texts = std::vector<std::string>;
@@ -256,7 +257,7 @@ TEST(CodesetConversion, WaitsForTheMutex) {
     EXPECT_EQ(0, Conversion("abc").result);
     early = !released;
   });
-  EXPECT_TRUE(armtest::waitUntil([] { return calls::pthread_mutex_lock.count() > 0; }));
+  EXPECT_TRUE(waitUntil([] { return calls::pthread_mutex_lock.count() > 0; }));
   released = true;
   EXPECT_EQ(0, VCodesetMutex.Unlock());
   converting.join();
@@ -280,12 +281,12 @@ TEST(CodesetForks, ChildOfAProcessThatIsOpeningAConverterGetsMinus1003) {
   std::atomic<bool> forked{false};
   calls::openConverter.replace([&](const char* name, UErrorCode* status) {
     opening = true;
-    EXPECT_TRUE(armtest::waitUntil([&] { return forked.load(); }));
+    EXPECT_TRUE(waitUntil([&] { return forked.load(); }));
     return calls::openConverter.real(name, status);
   });
   std::thread converting([] { EXPECT_EQ("abc", Conversion("abc").terminated()); });
-  EXPECT_TRUE(armtest::waitUntil([&] { return opening.load(); }));
-  const pid_t child = armtest::forkChild([] {
+  EXPECT_TRUE(waitUntil([&] { return opening.load(); }));
+  const pid_t child = forkChild([] {
     int wrong = Conversion("abc").result == -1003 ? 0 : 1;
     wrong += SetExpectedCodeset("ISO-8859-1") == -1003 ? 0 : 2;
     wrong += GetExpectedCodeset() == nullptr ? 0 : 4;
@@ -293,14 +294,14 @@ TEST(CodesetForks, ChildOfAProcessThatIsOpeningAConverterGetsMinus1003) {
   });
   forked = true;
   converting.join();
-  EXPECT_EQ(0, armtest::exitCodeOf(child));
+  EXPECT_EQ(0, exitCodeOf(child));
 }
 
 TEST(CodesetForks, ChildOfAProcessThatIsConvertingConverts) {
   EXPECT_EQ(0, SetExpectedCodeset("ISO-8859-1"));
   ASSERT_EQ(0, VCodesetMutex.Lock());
   std::thread([] {
-    EXPECT_EQ(0, armtest::exitCodeOf(armtest::forkChild(
+    EXPECT_EQ(0, exitCodeOf(forkChild(
                      [] { return Conversion("caf\xe9").terminated() == "caf\xc3\xa9" ? 0 : 1; })));
   }).join();
   EXPECT_EQ(0, VCodesetMutex.Unlock());
@@ -496,3 +497,4 @@ TEST(ExpectedCodeset, ConverterAndItsSettingAreMadeByTheFirstChoice) {
 }
 
 }  // namespace
+}  // namespace armtest

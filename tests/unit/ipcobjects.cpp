@@ -8,6 +8,8 @@
 #include "calls.h"
 #include "process.h"
 
+namespace armtest {
+
 namespace {
 
 key_t keyOf(const std::string& path, int project) {
@@ -19,19 +21,9 @@ void touch(const std::string& path) {
 }
 
 int control(int set, int number, int command, int value = 0) {
-  calls::SemArgument argument = {};
+  TSemArgument argument = {};
   argument.val = value;
   return calls::semctl.real(set, number, command, argument);
-}
-
-std::string textOf(const sembuf* operations, size_t count) {
-  std::string text;
-  for (size_t i = 0; i < count; ++i) {
-    text += "{" + std::to_string(operations[i].sem_num) + "," +
-            std::to_string(operations[i].sem_op) + "," + std::to_string(operations[i].sem_flg) +
-            "}";
-  }
-  return text;
 }
 
 }  // namespace
@@ -78,16 +70,11 @@ void setSemaphore(int set, int number, int value) {
 }
 
 bool sleeperComes(int set, int number) {
-  return armtest::waitUntil([=] { return control(set, number, GETNCNT) == 1; });
+  return waitUntil([=] { return control(set, number, GETNCNT) == 1; });
 }
 
 bool sleeperForZeroComes(int set, int number) {
-  return armtest::waitUntil([=] { return control(set, number, GETZCNT) == 1; });
+  return waitUntil([=] { return control(set, number, GETZCNT) == 1; });
 }
 
-void recordSemops(std::vector<std::string>& operations) {
-  calls::semop.replace([&operations](int set, sembuf* records, size_t count) {
-    operations.push_back(textOf(records, count));
-    return calls::semop.real(set, records, count);
-  });
-}
+}  // namespace armtest

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+namespace armtest {
+
 /// The identifier of the semaphore set or segment of a name file's project; -1 when there is none.
 int setOf(const std::string& path, int project = 1);
 int segmentOf(const std::string& path, int project = 2);
@@ -24,5 +26,4 @@ void setSemaphore(int set, int number, int value);
 bool sleeperComes(int set, int number);
 bool sleeperForZeroComes(int set, int number);
 
-/// Collects every semop in `operations`, as "{number,op,flags}" for each record.
-void recordSemops(std::vector<std::string>& operations);
+}  // namespace armtest

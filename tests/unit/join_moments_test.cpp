@@ -16,6 +16,7 @@
 #include "process.h"
 #include "shared.h"
 
+namespace armtest {
 namespace {
 
 struct Moment {
@@ -26,7 +27,7 @@ struct Moment {
 
 /// Joins a started thread, from a stop on, in the process that it is called in.
 int joinFromAStopOn(Moment& moment, long (*join)(CkesThread&)) {
-  BodyThread thread([&] { (void)armtest::waitUntil([&] { return moment.mayEnd.load(); }); });
+  BodyThread thread([&] { (void)waitUntil([&] { return moment.mayEnd.load(); }); });
   calls::pthread_setspecific.replace([&](pthread_key_t key, const void* value) {
     if (value == nullptr) moment.finished = true;
     return calls::pthread_setspecific.real(key, value);
@@ -56,17 +57,17 @@ bool step(pid_t child, const Moment& moment, unsigned long instructions) {
 void endAtEveryInstructionOf(long (*join)(CkesThread&)) {
   unsigned long instructions = 0;
   for (bool asked = false; !asked; ++instructions) {
-    const armtest::Shared<Moment> moment;
-    const pid_t child = armtest::forkChild([&] { return joinFromAStopOn(*moment.get(), join); });
+    const Shared<Moment> moment;
+    const pid_t child = forkChild([&] { return joinFromAStopOn(*moment.get(), join); });
     ASSERT_TRUE(step(child, *moment.get(), instructions));
     asked = moment->asked;
     moment->mayEnd = true;
-    ASSERT_TRUE(armtest::waitUntil([&] { return moment->finished.load(); }));
+    ASSERT_TRUE(waitUntil([&] { return moment->finished.load(); }));
     ASSERT_EQ(0, ptrace(PTRACE_CONT, child, nullptr, nullptr));
-    ASSERT_EQ(0, armtest::exitCodeOf(child)) << "ended after instruction " << instructions;
+    ASSERT_EQ(0, exitCodeOf(child)) << "ended after instruction " << instructions;
   }
   EXPECT_LT(10UL, instructions);
-  armtest::counted("instructions of a join after which the thread ends", instructions);
+  counted("instructions of a join after which the thread ends", instructions);
 }
 
 TEST(JoinMoments, JoinOfAThreadThatEndsAtAnyInstructionSucceeds) {
@@ -81,3 +82,4 @@ TEST(JoinMoments, JoinAllOfAThreadThatEndsAtAnyInstructionSucceeds) {
 }
 
 }  // namespace
+}  // namespace armtest

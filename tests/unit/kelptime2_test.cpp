@@ -9,6 +9,7 @@
 #include "calls.h"
 #include "platform/forkgate.h"
 
+namespace armtest {
 namespace {
 
 /// 2024-03-07 09:05:02 UTC.
@@ -177,3 +178,4 @@ TEST(KelpTime, RealClockHasMicroseconds) {
 }
 
 }  // namespace
+}  // namespace armtest

@@ -9,6 +9,7 @@
 #include "diag/wcdebug.h"
 #include "records.h"
 
+namespace armtest {
 namespace {
 
 using Texts = std::vector<std::string>;
@@ -120,3 +121,4 @@ TEST(DebugSwitches, TracingStaysOnWhenTheVariableGoes) {
 }
 
 }  // namespace
+}  // namespace armtest

@@ -15,6 +15,7 @@
 #include "platform/CkesThreadLibrary.h"
 #include "records.h"
 
+namespace armtest {
 namespace {
 
 TEST(NamedState, DebugSwitchesAreCheckedOnce) {
@@ -107,3 +108,4 @@ TEST(NamedState, KeysOfASegmentHaveTheirProjects) {
 }
 
 }  // namespace
+}  // namespace armtest

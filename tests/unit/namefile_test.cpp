@@ -7,6 +7,7 @@
 
 #include "records.h"
 
+namespace armtest {
 namespace {
 
 TEST(NameFile, MissingFileIsMadeEmpty) {
@@ -42,3 +43,4 @@ TEST(NameFile, StaysClosed) {
 }
 
 }  // namespace
+}  // namespace armtest

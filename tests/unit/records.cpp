@@ -14,6 +14,8 @@
 #include "diag/libarmdebug.h"
 #include "diag/wcdebug.h"
 
+namespace armtest {
+
 namespace {
 
 /// The length of the stamp and the ids that begin a record, 0 when the line begins none.
@@ -111,3 +113,5 @@ int openFiles() {
   closedir(files);
   return count;
 }
+
+}  // namespace armtest

@@ -3,6 +3,8 @@
 #include <string>
 #include <vector>
 
+namespace armtest {
+
 /// The calling thread's last error and its trail, "-122 CkesMutex::Lock()"; further names of the
 /// trail follow behind blanks.  "no stack" on a thread without one.
 std::string lastError();
@@ -31,3 +33,5 @@ std::string contentOf(const std::string& path);
 void writeContent(const std::string& path, const std::string& content);
 /// The number of files that this process has open.
 int openFiles();
+
+}  // namespace armtest

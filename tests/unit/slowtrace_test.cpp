@@ -30,6 +30,7 @@
 #include "records.h"
 #include "shared.h"
 
+namespace armtest {
 namespace {
 
 /// A clock that goes on only while somebody sleeps.
@@ -144,7 +145,7 @@ class SlowReader {
   }
   /// Everything up to the record of a last text.
   std::string allTo(const std::string& last) {
-    EXPECT_TRUE(armtest::waitUntil([&] { return has(last); })) << last;
+    EXPECT_TRUE(waitUntil([&] { return has(last); })) << last;
     mayEnd_ = true;
     thread_.join();
     return all_;
@@ -209,7 +210,7 @@ TEST(SlowTrace, EveryRecordReachesTheReaderOfAPipe) {
   writeMany();
   EXPECT_EQ(manyTexts(), textsOf(reader.allTo(manyTexts().back())));
   close(pipe);
-  armtest::counted("records for a slow reader", kMany);
+  counted("records for a slow reader", kMany);
 }
 
 TEST(SlowTrace, EveryRecordReachesTheReaderOfATerminal) {
@@ -222,7 +223,7 @@ TEST(SlowTrace, EveryRecordReachesTheReaderOfATerminal) {
   EXPECT_EQ(manyTexts(), textsOf(reader.allTo(manyTexts().back())));
   close(held);
   close(terminal);
-  armtest::counted("records for a slow reader", kMany);
+  counted("records for a slow reader", kMany);
 }
 
 TEST(SlowTrace, RecordsOfSeveralThreadsAreWhole) {
@@ -242,7 +243,7 @@ TEST(SlowTrace, RecordsOfSeveralThreadsAreWhole) {
   expected.emplace_back("last");
   EXPECT_EQ(expected, textsOf(reader.allTo("last")));
   close(pipe);
-  armtest::counted("records for a slow reader", 200);
+  counted("records for a slow reader", 200);
 }
 
 TEST(SlowTrace, RecordIsOneWriteWhereItIsNoFile) {
@@ -318,7 +319,7 @@ TEST(SlowTrace, TerminalThatNobodyReadsHoldsNoTornRecordOnceItIsRead) {
     for (int i = 0; i < 500; ++i) wcDebug("x");
   }
   SlowReader reader(terminal, 1000);
-  EXPECT_TRUE(armtest::waitUntil([&] {
+  EXPECT_TRUE(waitUntil([&] {
     wcDebug("again");
     return reader.has("again");
   }));
@@ -346,7 +347,7 @@ TEST(SlowTrace, RecordIsWrittenWholeOrNotAtAllWhereverItsReaderStops) {
     wcDebug("second");
     EXPECT_EQ((taken == 0 ? "" : first) + xmlRecord("second"), taker.taken()) << taken;
   }
-  armtest::counted("bytes of a record after which its reader stops", first.size() + 1);
+  counted("bytes of a record after which its reader stops", first.size() + 1);
 }
 
 TEST(SlowTrace, LineIsWrittenWholeOrNotAtAllWhereverItsReaderStops) {
@@ -363,7 +364,7 @@ TEST(SlowTrace, LineIsWrittenWholeOrNotAtAllWhereverItsReaderStops) {
     wcDebugln("second");
     EXPECT_EQ((taken == 0 ? "" : first) + stamp + "second\n", taker.taken()) << taken;
   }
-  armtest::counted("bytes of a record after which its reader stops", first.size() + 1);
+  counted("bytes of a record after which its reader stops", first.size() + 1);
 }
 
 TEST(SlowTrace, RecordsAreLostWholeUntilTheRestOfOneHasGone) {
@@ -446,7 +447,7 @@ TEST(SlowTrace, RestOfARecordIsItsOwnProcesssAffair) {
   calls::write.watch();
   char begun[10];
   ASSERT_EQ(10, read(pipe, begun, sizeof begun));
-  EXPECT_EQ(0, armtest::exitCodeOf(armtest::forkChild([] {
+  EXPECT_EQ(0, exitCodeOf(forkChild([] {
               wcDebug("child");
               return 0;
             })));
@@ -467,17 +468,17 @@ TEST(SlowTrace, ChildOfAForkInTheMiddleOfARecordTraces) {
   std::atomic<bool> forked{false};
   calls::write.replace([&](int file, const void* bytes, size_t count) {
     writing = true;
-    EXPECT_TRUE(armtest::waitUntil([&] { return forked.load(); }));
+    EXPECT_TRUE(waitUntil([&] { return forked.load(); }));
     return calls::write.real(file, bytes, count);
   });
   std::thread other([] { wcDebug("parent"); });
-  EXPECT_TRUE(armtest::waitUntil([&] { return writing.load(); }));
-  const pid_t child = armtest::forkChild([&] {
+  EXPECT_TRUE(waitUntil([&] { return writing.load(); }));
+  const pid_t child = forkChild([&] {
     forked = true;
     wcDebug("child");
     return 0;
   });
-  EXPECT_EQ(0, armtest::exitCodeOf(child));
+  EXPECT_EQ(0, exitCodeOf(child));
   forked = true;
   other.join();
   std::string trace(10000, '\0');
@@ -515,7 +516,7 @@ int traceFromTheBackground() {
   if (tcgetattr(terminal, &attributes) != 0) return 2;
   attributes.c_lflag |= TOSTOP;
   if (tcsetattr(terminal, TCSANOW, &attributes) != 0) return 3;
-  const pid_t child = armtest::forkChild([] {
+  const pid_t child = forkChild([] {
     (void)setpgid(0, 0);
     wcDebug("x");
     return 0;
@@ -528,12 +529,12 @@ int traceFromTheBackground() {
 
 TEST(SlowTrace, TerminalDoesNotStopAHostInTheBackground) {
   const int terminal = openTerminal();
-  EXPECT_EQ(0, armtest::exitCodeOf(armtest::forkChild(traceFromTheBackground)));
+  EXPECT_EQ(0, exitCodeOf(forkChild(traceFromTheBackground)));
   std::string trace(2000, '\0');
   trace.resize(static_cast<size_t>(read(terminal, trace.data(), trace.size())));
   EXPECT_EQ(std::vector<std::string>{"x"}, textsOf(trace));
   close(terminal);
-  armtest::counted("terminal that stops what writes from the background", 1);
+  counted("terminal that stops what writes from the background", 1);
 }
 
 // ---- leases -------------------------------------------------------------------------------------
@@ -542,7 +543,7 @@ TEST(SlowTrace, TerminalDoesNotStopAHostInTheBackground) {
 class LeaseHolder {
  public:
   LeaseHolder(const char* path, int attempts) {
-    child_ = armtest::forkChild([this, path, attempts] {
+    child_ = forkChild([this, path, attempts] {
       sigset_t signals;
       (void)sigemptyset(&signals);
       (void)sigaddset(&signals, SIGIO);
@@ -550,10 +551,10 @@ class LeaseHolder {
       const int file = open(path, O_RDWR | O_CLOEXEC);
       if (fcntl(file, F_SETLEASE, F_WRLCK) != 0) return 1;
       shared_->held = true;
-      if (!armtest::waitUntil([&] { return shared_->attempts >= attempts; })) return 2;
+      if (!waitUntil([&] { return shared_->attempts >= attempts; })) return 2;
       return fcntl(file, F_SETLEASE, F_UNLCK) == 0 ? 0 : 3;
     });
-    EXPECT_TRUE(armtest::waitUntil([this] { return shared_->held.load(); }));
+    EXPECT_TRUE(waitUntil([this] { return shared_->held.load(); }));
     calls::open.replace([this](const char* opened, int flags, mode_t mode) {
       const int file = calls::open.real(opened, flags, mode);
       if (file < 0) ++shared_->attempts;
@@ -562,7 +563,7 @@ class LeaseHolder {
   }
   ~LeaseHolder() {
     calls::open.watch();
-    EXPECT_EQ(0, armtest::exitCodeOf(child_));
+    EXPECT_EQ(0, exitCodeOf(child_));
   }
 
  private:
@@ -570,7 +571,7 @@ class LeaseHolder {
     std::atomic<bool> held{false};
     std::atomic<int> attempts{0};
   };
-  armtest::Shared<Words> shared_;
+  Shared<Words> shared_;
   pid_t child_;
 };
 
@@ -585,7 +586,7 @@ TEST(Lease, OnTheTraceFileIsWaitedFor) {
   }
   EXPECT_EQ("", testing::internal::GetCapturedStdout());
   EXPECT_EQ("abc", contentOf(kTraceFile));
-  armtest::counted("leases on the trace file and the properties", 1);
+  counted("leases on the trace file and the properties", 1);
 }
 
 TEST(Lease, OnThePropertiesIsWaitedFor) {
@@ -596,7 +597,7 @@ TEST(Lease, OnThePropertiesIsWaitedFor) {
     char path[100];
     EXPECT_STREQ("/a/QDN/logs/trace-armdebug.log", wcDebugGetLogFileSpec(path, sizeof path));
   }
-  armtest::counted("leases on the trace file and the properties", 1);
+  counted("leases on the trace file and the properties", 1);
 }
 
 TEST(Lease, ThatIsNeverGivenBackCostsOneMinuteAltogetherAndOneMessage) {
@@ -650,3 +651,4 @@ TEST(Lease, OtherFailuresAreNotWaitedFor) {
 }
 
 }  // namespace
+}  // namespace armtest

@@ -8,6 +8,7 @@
 
 #include "records.h"
 
+namespace armtest {
 namespace {
 
 using Texts = std::vector<std::string>;
@@ -88,3 +89,4 @@ TEST(TraceFormat, LongRecordThatDoesNotFitIsCut) {
 }
 
 }  // namespace
+}  // namespace armtest

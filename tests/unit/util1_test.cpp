@@ -10,6 +10,7 @@
 #include "calls.h"
 #include "records.h"
 
+namespace armtest {
 namespace {
 
 constexpr const char* kFile = "/tmp/file";
@@ -205,3 +206,4 @@ TEST(AppendBounded, AppendsNothingToAFullText) {
 }
 
 }  // namespace
+}  // namespace armtest

@@ -8,6 +8,7 @@
 
 #include "records.h"
 
+namespace armtest {
 namespace {
 
 constexpr const char* kDefaultDir = "/var/orv/kestra/common/QDN/logs/";
@@ -343,3 +344,4 @@ TEST(LogBuffers, BufferIsLeftAloneWithoutADirectory) {
 }
 
 }  // namespace
+}  // namespace armtest

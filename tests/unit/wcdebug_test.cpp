@@ -20,6 +20,7 @@
 #include "process.h"
 #include "records.h"
 
+namespace armtest {
 namespace {
 
 using Texts = std::vector<std::string>;
@@ -378,16 +379,16 @@ bool isBlocked(int number) {
 }
 
 TEST(TraceFileLimit, DoesNotKillTheHost) {
-  const pid_t child = armtest::forkChild([] {
+  const pid_t child = forkChild([] {
     limitFileSize(3);
     wcDebugSetLogFormat(0);
     wcDebugWorker("abcdef", 0);
     wcDebugWorker("abcdef", 0);
     return isPending(SIGXFSZ) || isBlocked(SIGXFSZ) ? 1 : 0;
   });
-  EXPECT_EQ(0, armtest::exitCodeOf(child));
+  EXPECT_EQ(0, exitCodeOf(child));
   EXPECT_EQ("abc", trace());
-  armtest::counted("a limit of the file's size", 1);
+  counted("a limit of the file's size", 1);
 }
 
 TEST(TraceFileLimit, SignalThatTheHostWasWaitingForStaysPending) {
@@ -399,7 +400,7 @@ TEST(TraceFileLimit, SignalThatTheHostWasWaitingForStaysPending) {
   wcDebug("x");
   EXPECT_TRUE(isPending(SIGXFSZ));
   EXPECT_TRUE(isBlocked(SIGXFSZ));
-  armtest::counted("a limit of the file's size", 1);
+  counted("a limit of the file's size", 1);
 }
 
 // ---- the stamp ----------------------------------------------------------------------------------
@@ -555,3 +556,4 @@ TEST(TraceThreads, EveryTextOfSeveralThreadsIsWritten) {
 }
 
 }  // namespace
+}  // namespace armtest

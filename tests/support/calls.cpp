@@ -15,6 +15,7 @@
 #define NANOSLEEP "__nanosleep64"
 #define OPEN "open64"
 #define NOTHROW_NEW "_ZnwjRKSt9nothrow_t"
+#define NOTHROW_NEW_ARRAY "_ZnajRKSt9nothrow_t"
 #else
 #define SEMCTL "semctl"
 #define SHMCTL "shmctl"
@@ -25,22 +26,23 @@
 #define NANOSLEEP "nanosleep"
 #define OPEN "open"
 #define NOTHROW_NEW "_ZnwmRKSt9nothrow_t"
+#define NOTHROW_NEW_ARRAY "_ZnamRKSt9nothrow_t"
 #endif
 
 // Declares the real function and the linker's substitute for it.  A macro, since only that can make
-// symbol names.
-#define SUBSTITUTE(name, symbol, result, parameters)                  \
-  extern "C" result real_##name parameters __asm__("__real_" symbol); \
+// symbol names.  The real one is weak: there is none where the program does not intercept it.
+#define SUBSTITUTE(name, symbol, result, parameters)                                        \
+  extern "C" result real_##name parameters __asm__("__real_" symbol) __attribute__((weak)); \
   extern "C" result wrap_##name parameters __asm__("__wrap_" symbol);
 
-// Also defines the substitute, which calls `calls::name`.
+// Also defines the substitute, which calls `armtest::calls::name`.
 #define REPLACEABLE(name, symbol, result, parameters, arguments) \
   SUBSTITUTE(name, symbol, result, parameters)                   \
-  namespace calls {                                              \
+  namespace armtest::calls {                                     \
   Call<result parameters> name(real_##name);                     \
   }                                                              \
   result wrap_##name parameters {                                \
-    return calls::name arguments;                                \
+    return armtest::calls::name arguments;                       \
   }
 
 REPLACEABLE(ftok, "ftok", key_t, (const char* path, int project), (path, project))
@@ -49,6 +51,7 @@ REPLACEABLE(semop, "semop", int, (int set, sembuf* operations, size_t count),
             (set, operations, count))
 REPLACEABLE(shmget, "shmget", int, (key_t key, size_t size, int flags), (key, size, flags))
 REPLACEABLE(shmat, "shmat", void*, (int id, const void* address, int flags), (id, address, flags))
+REPLACEABLE(shmdt, "shmdt", int, (const void* address), (address))
 REPLACEABLE(shmctl, SHMCTL, int, (int id, int command, shmid_ds* info), (id, command, info))
 
 REPLACEABLE(pthread_mutex_init, "pthread_mutex_init", int,
@@ -88,6 +91,7 @@ REPLACEABLE(time, TIME, std::time_t, (std::time_t * out), (out))
 REPLACEABLE(gettimeofday, GETTIMEOFDAY, int, (timeval * out, void* zone), (out, zone))
 REPLACEABLE(clock_gettime, CLOCK_GETTIME, int, (clockid_t clock, timespec* out), (clock, out))
 REPLACEABLE(nanosleep, NANOSLEEP, int, (const timespec* time, timespec* rest), (time, rest))
+REPLACEABLE(usleep, "usleep", int, (useconds_t microseconds), (microseconds))
 REPLACEABLE(gethostname, "gethostname", int, (char* out, size_t size), (out, size))
 REPLACEABLE(getpid, "getpid", pid_t, (), ())
 REPLACEABLE(write, "write", ssize_t, (int file, const void* bytes, size_t count),
@@ -96,6 +100,13 @@ REPLACEABLE(pipe2, "pipe2", int, (int* ends, int flags), (ends, flags))
 REPLACEABLE(putenv, "putenv", int, (char* setting), (setting))
 REPLACEABLE(malloc, "malloc", void*, (size_t size), (size))
 REPLACEABLE(nothrowNew, NOTHROW_NEW, void*, (size_t size, const std::nothrow_t& tag), (size, tag))
+REPLACEABLE(nothrowNewArray, NOTHROW_NEW_ARRAY, void*, (size_t size, const std::nothrow_t& tag),
+            (size, tag))
+
+// Of the library.
+REPLACEABLE(mutexLock, "_ZN9CkesMutex4LockEv", long, (CkesMutex * mutex), (mutex))
+REPLACEABLE(mutexUnlock, "_ZN9CkesMutex6UnlockEv", long, (CkesMutex * mutex), (mutex))
+REPLACEABLE(mutexPass, "_ZN9CkesMutex4PassEv", long, (CkesMutex * mutex), (mutex))
 
 // Two functions that take their last argument only sometimes.
 SUBSTITUTE(semctl, SEMCTL, int, (int set, int number, int command, ...))
@@ -103,12 +114,22 @@ SUBSTITUTE(open, OPEN, int, (const char* path, int flags, ...))
 
 namespace {
 
-int realSemctl(int set, int number, int command, calls::SemArgument argument) {
+int realSemctl(int set, int number, int command, TSemArgument argument) {
   return real_semctl(set, number, command, argument);
 }
 
 int realOpen(const char* path, int flags, mode_t mode) {
   return real_open(path, flags, mode);
+}
+
+std::string textOf(const sembuf* operations, size_t count) {
+  std::string text;
+  for (size_t i = 0; i < count; ++i) {
+    text += "{" + std::to_string(operations[i].sem_num) + "," +
+            std::to_string(operations[i].sem_op) + "," + std::to_string(operations[i].sem_flg) +
+            "}";
+  }
+  return text;
 }
 
 bool takesArgument(int command) {
@@ -117,20 +138,41 @@ bool takesArgument(int command) {
 
 }  // namespace
 
-namespace calls {
-Call<int(int, int, int, SemArgument)> semctl(realSemctl);
+namespace armtest::calls {
+Call<int(int, int, int, TSemArgument)> semctl(realSemctl);
 Call<int(const char*, int, mode_t)> open(realOpen);
-}  // namespace calls
+
+void refuseMemory(const std::function<bool(size_t)>& refuse) {
+  for (auto* call : {&nothrowNew, &nothrowNewArray}) {
+    call->replace([=](size_t size, const std::nothrow_t& tag) {
+      return refuse(size) ? nullptr : call->real(size, tag);
+    });
+  }
+}
+
+void giveMemory() {
+  nothrowNew.watch();
+  nothrowNewArray.watch();
+}
+
+void recordSemops(std::vector<std::string>& operations) {
+  semop.replace([&operations](int set, sembuf* records, size_t count) {
+    operations.push_back(textOf(records, count));
+    return semop.real(set, records, count);
+  });
+}
+
+}  // namespace armtest::calls
 
 int wrap_semctl(int set, int number, int command, ...) {
-  calls::SemArgument argument = {};
+  TSemArgument argument = {};
   if (takesArgument(command)) {
     va_list rest;
     va_start(rest, command);
-    argument = va_arg(rest, calls::SemArgument);
+    argument = va_arg(rest, TSemArgument);
     va_end(rest);
   }
-  return calls::semctl(set, number, command, argument);
+  return armtest::calls::semctl(set, number, command, argument);
 }
 
 int wrap_open(const char* path, int flags, ...) {
@@ -141,5 +183,5 @@ int wrap_open(const char* path, int flags, ...) {
     mode = va_arg(rest, mode_t);
     va_end(rest);
   }
-  return calls::open(path, flags, mode);
+  return armtest::calls::open(path, flags, mode);
 }

@@ -14,12 +14,25 @@
 #include <functional>
 #include <memory>
 #include <new>
+#include <string>
 #include <utility>
+#include <vector>
+
+#include "platform/semaphoreset.h"
+#include "unwatched.h"
+
+class CkesMutex;
 
 /// The functions below the library that a test can watch, replace or make fail.  The linker's
-/// --wrap option sends the program's calls of them here; calls that a shared library makes go
-/// straight to the real functions.  Set them before the threads begin that use them.
-namespace calls {
+/// --wrap option sends the program's calls of them here, of those that the program names with
+/// arm_intercept; calls that a shared library makes go straight to the real functions, and
+/// programs that link one stand before it (nextcall.h).  Set them before the threads begin that use
+/// them.
+namespace armtest::calls {
+
+/// What asked decides: the call goes through, or returns 0 at once.  Else: the errno to fail with.
+inline constexpr int RUN_IT = 0;
+inline constexpr int PRETEND_SUCCESS = -1;
 
 template <typename Signature>
 class Call;
@@ -32,6 +45,7 @@ class Call<Result(Arguments...)> {
   constexpr explicit Call(Result (*function)(Arguments...)) : real_(function) {}
 
   Result operator()(Arguments... arguments) {
+    if (Unwatched::here()) return real_(arguments...);
     ++count_;
     const Function* replacement = replacement_;
     return replacement != nullptr ? (*replacement)(arguments...) : real_(arguments...);
@@ -63,6 +77,18 @@ class Call<Result(Arguments...)> {
     });
   }
 
+  /// Asks `decide` before each call what is to become of it.
+  template <typename Decide>
+  void ask(Decide decide) {
+    replace([=](Arguments... arguments) mutable -> Result {
+      const int decision = decide(arguments...);
+      if (decision == RUN_IT) return real_(arguments...);
+      if (decision == PRETEND_SUCCESS) return 0;
+      errno = decision;
+      return -1;
+    });
+  }
+
   /// Calls since the last replace, watch or fail.
   int count() const { return count_; }
 
@@ -72,19 +98,13 @@ class Call<Result(Arguments...)> {
   std::atomic<int> count_{0};
 };
 
-/// The fourth argument of semctl.
-union SemArgument {
-  int val;
-  semid_ds* buf;
-  unsigned short* array;
-};
-
 extern Call<key_t(const char*, int)> ftok;
 extern Call<int(key_t, int, int)> semget;
 extern Call<int(int, sembuf*, size_t)> semop;
-extern Call<int(int, int, int, SemArgument)> semctl;
+extern Call<int(int, int, int, TSemArgument)> semctl;
 extern Call<int(key_t, size_t, int)> shmget;
 extern Call<void*(int, const void*, int)> shmat;
+extern Call<int(const void*)> shmdt;
 extern Call<int(int, int, shmid_ds*)> shmctl;
 
 extern Call<int(pthread_mutex_t*, const pthread_mutexattr_t*)> pthread_mutex_init;
@@ -110,6 +130,7 @@ extern Call<std::time_t(std::time_t*)> time;
 extern Call<int(timeval*, void*)> gettimeofday;
 extern Call<int(clockid_t, timespec*)> clock_gettime;
 extern Call<int(const timespec*, timespec*)> nanosleep;
+extern Call<int(useconds_t)> usleep;
 extern Call<int(char*, size_t)> gethostname;
 extern Call<pid_t()> getpid;
 extern Call<int(const char*, int, mode_t)> open;
@@ -118,5 +139,17 @@ extern Call<int(int*, int)> pipe2;
 extern Call<int(char*)> putenv;
 extern Call<void*(size_t)> malloc;
 extern Call<void*(size_t, const std::nothrow_t&)> nothrowNew;
+extern Call<void*(size_t, const std::nothrow_t&)> nothrowNewArray;
 
-}  // namespace calls
+/// Asks before each allocation that may fail, of one object or of many: true makes it fail.
+void refuseMemory(const std::function<bool(size_t)>& refuse);
+void giveMemory();
+
+extern Call<long(CkesMutex*)> mutexLock;
+extern Call<long(CkesMutex*)> mutexUnlock;
+extern Call<long(CkesMutex*)> mutexPass;
+
+/// Collects every semop in `operations`, as "{number,op,flags}" for each record.
+void recordSemops(std::vector<std::string>& operations);
+
+}  // namespace armtest::calls
