@@ -2,51 +2,37 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "Input.h"
 #include "Peer.h"
+#include "rawqueues.h"
 
 /// System V objects of one queue, made by hand from an input: any number of semaphores with any
 /// values, and a segment of any size.  Removed with the object.
 class HostileQueue {
  public:
-  HostileQueue() = default;
-  ~HostileQueue();
-  HostileQueue(const HostileQueue&) = delete;
-  HostileQueue& operator=(const HostileQueue&) = delete;
-
-  /// Makes a set at a project of a name file; its number in the order of making.
-  std::size_t makeSet(const std::string& path, int project, int semaphores,
-                      const std::vector<uint16_t>& values);
+  /// Makes a set at a project of a name file.
+  void makeSet(const std::string& path, int project, int semaphores,
+               const std::vector<uint16_t>& values);
   /// Makes the segment at project 2 of a name file, filled with zeros.
   void makeSegment(const std::string& path, std::size_t size);
 
   std::size_t sets() const { return sets_.size(); }
-  int set(std::size_t number) const { return sets_[number].id; }
-  /// Value of a semaphore, -1 when the set is gone.
-  int value(std::size_t set, int semaphore) const;
+  /// A set, by its number in the order of making.
+  armtest::SemaphoreSet& set(std::size_t number) { return *sets_[number]; }
+  armtest::Segment& memory() { return *memory_; }
+  std::size_t size() const { return memory_->size(); }
+  /// Changes a semaphore, unless its set is gone.
   void setValue(std::size_t set, int semaphore, int value);
-  void raise(std::size_t set, int semaphore);
-  void removeSet(std::size_t number);
-  void removeSegment();
-
-  uint8_t* bytes() { return bytes_; }
-  std::size_t size() const { return size_; }
   /// Writes as much of the bytes as the segment holds from an offset on.
   void write(std::size_t offset, const std::string& bytes);
 
  private:
-  struct Set {
-    int id;
-    int semaphores;
-  };
-
-  std::vector<Set> sets_;
-  int memory_ = -1;
-  uint8_t* bytes_ = nullptr;
-  std::size_t size_ = 0;
+  std::vector<std::unique_ptr<armtest::SemaphoreSet>> sets_;
+  std::unique_ptr<armtest::Segment> memory_;
 };
 
 /// A peer that does what the rest of an input says: it writes to the segment, changes semaphores,
@@ -76,6 +62,3 @@ class ScriptedPeer final : public Peer {
 
 /// A number at the edge of what a field can hold, a likely offset, or any number.
 uint32_t edgeValue(Input& input);
-
-/// Makes an empty name file.
-void makeNameFile(const std::string& path);

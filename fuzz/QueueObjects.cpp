@@ -41,16 +41,7 @@ std::size_t capacityOf(const HostileQueue& queue) {
 
 void layOut(HostileQueue& queue) {
   const std::size_t capacity = capacityOf(queue);
-  if (capacity == 0 || capacity > 16) return;
-  const std::size_t items = REPLY_HEADER + capacity * HEAD;
-  for (std::size_t i = 0; i < capacity; ++i) {
-    const std::size_t head = REPLY_HEADER + i * HEAD;
-    queue.write(head + 2, bytesOf(static_cast<uint16_t>(2 + i)));
-    queue.write(head + 4, std::string(8, '\xff'));
-    const std::size_t next = i + 1 < capacity ? items + (i + 1) * ITEM : 0;
-    queue.write(items + i * ITEM + 528, bytesOf(static_cast<uint32_t>(next)));
-  }
-  queue.write(4, bytesOf(static_cast<uint32_t>(items)));
+  if (capacity > 0 && capacity <= 16) armtest::layReplies(queue.memory(), capacity);
 }
 
 /// Gives the first head record its owner, the first item as a reply, and a raised semaphore.
@@ -71,7 +62,6 @@ void putReply(HostileQueue& queue) {
 }  // namespace
 
 void buildReplyQueue(HostileQueue& queue, Input& input) {
-  makeNameFile(REPLY_NAME);
   queue.makeSegment(REPLY_NAME, segmentSize(input, REPLY_HEADER, HEAD + ITEM, 8));
   makeLockSet(queue, REPLY_NAME, input);
   const uint8_t semaphores = input.byte();
@@ -88,7 +78,6 @@ void buildReplyQueue(HostileQueue& queue, Input& input) {
 
 void buildRequestQueue(HostileQueue& queue, Input& input) {
   const std::string name = REQUEST_NAME;
-  for (const char* suffix : {"_mem", "_ovr", "_emp"}) makeNameFile(name + suffix);
   queue.makeSegment(name + "_mem", segmentSize(input, REQUEST_HEADER, SLOT, 4));
   makeLockSet(queue, name + "_mem", input);
   for (const char* suffix : {"_ovr", "_emp"}) {

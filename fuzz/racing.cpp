@@ -55,7 +55,8 @@ class Scribbler {
   }
   void write(std::size_t offset, uint16_t value) {
     if (offset + sizeof value > queue_.size()) return;
-    __atomic_store_n(reinterpret_cast<uint16_t*>(queue_.bytes() + offset), value, __ATOMIC_RELAXED);
+    __atomic_store_n(reinterpret_cast<uint16_t*>(queue_.memory().at(offset)), value,
+                     __ATOMIC_RELAXED);
   }
 
   HostileQueue& queue_;

@@ -56,6 +56,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   const bool remove = input.byte() >= 0xf0;
   ScriptedPeer peer(queue, input, REPLY_FRONT);
   use(input, remove);
-  if (!peer.touchedSemaphores() && !lockTaken) CHECK(queue.value(REPLY_LOCK, 0) <= 0);
+  if (!peer.touchedSemaphores() && !lockTaken) CHECK(queue.set(REPLY_LOCK).value(0) <= 0);
   return 0;
 }

@@ -26,7 +26,8 @@ void limitWaiters(HostileQueue& objects) {
 long cleanUp(Queue& queue, HostileQueue& objects) {
   limitWaiters(objects);
   const PeerActs undisturbed;
-  const bool free = objects.value(REQUEST_LOCK, 0) <= 0 && objects.value(REQUEST_OVERFLOW, 1) <= 0;
+  const bool free =
+      objects.set(REQUEST_LOCK).value(0) <= 0 && objects.set(REQUEST_OVERFLOW).value(1) <= 0;
   return free ? queue.Cleanup() : 0;
 }
 
@@ -67,6 +68,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   if (lockTaken) queue.setValue(REQUEST_LOCK, 0, 1);
   ScriptedPeer peer(queue, input, REQUEST_FRONT);
   use(queue, input);
-  if (!peer.touchedSemaphores() && !lockTaken) CHECK(queue.value(REQUEST_LOCK, 0) <= 0);
+  if (!peer.touchedSemaphores() && !lockTaken) CHECK(queue.set(REQUEST_LOCK).value(0) <= 0);
   return 0;
 }

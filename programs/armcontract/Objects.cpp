@@ -15,6 +15,7 @@ namespace armcontract {
 
 namespace {
 
+// On purpose not the library's own: what checks engines shares nothing with it.
 union SemArgument {
   int val;
   semid_ds* buf;

@@ -6,9 +6,10 @@
 #include <memory>
 #include <vector>
 
-#include "RawQueues.h"
 #include "armext.h"
+#include "rawqueues.h"
 
+namespace armtest {
 namespace {
 
 struct Call {
@@ -58,24 +59,24 @@ TEST(Errno, IsUntouchedWithoutEngine) {
 }
 
 TEST(Errno, IsUntouchedWithAnEngineThatAnswers) {
-  raw::RequestQueue requests(8);
-  raw::ReplyQueue replies(8);
-  const raw::Engine engine(requests, replies, raw::replyRecord(5, 1));
+  RequestQueue requests(8);
+  ReplyQueue replies(8);
+  const AnsweringEngine engine(requests, replies, replyRecord(5, 1));
   expectErrnoUntouched();
   EXPECT_EQ(14U, engine.taken().size());
 }
 
 TEST(Errno, IsUntouchedWithAFullQueue) {
-  raw::RequestQueue requests(1);
-  raw::ReplyQueue replies(1);
+  RequestQueue requests(1);
+  ReplyQueue replies(1);
   requests.setRing(1, 0, 0);
   EXPECT_EQ(-8, arm_end(1, 0, nullptr, 0));
   expectErrnoUntouched();
 }
 
 TEST(Errno, IsUntouchedWithAStoppedReplyQueue) {
-  raw::RequestQueue requests(64);
-  raw::ReplyQueue replies(1);
+  RequestQueue requests(64);
+  ReplyQueue replies(1);
   EXPECT_EQ(-1, arm_end(0, 0, nullptr, 0));
   replies.setState(1);
   EXPECT_EQ(-9, arm_end(1, 0, nullptr, 0));
@@ -84,8 +85,8 @@ TEST(Errno, IsUntouchedWithAStoppedReplyQueue) {
 
 TEST(Errno, IsUntouchedWhenTheEngineIsGone) {
   {
-    raw::RequestQueue requests(8);
-    raw::ReplyQueue replies(1);
+    RequestQueue requests(8);
+    ReplyQueue replies(1);
     EXPECT_EQ(-1, arm_end(0, 0, nullptr, 0));
   }
   expectErrnoUntouched();
@@ -105,3 +106,4 @@ TEST(Errno, IsUntouchedWhileTracing) {
 }
 
 }  // namespace
+}  // namespace armtest

@@ -31,12 +31,6 @@ uint32_t ownThreadWord() {
 #endif
 }
 
-uint32_t word(const Bytes& bytes, size_t offset) {
-  uint32_t value = 0;
-  std::memcpy(&value, bytes.data() + offset, sizeof value);
-  return value;
-}
-
 void putWord(Bytes& bytes, size_t offset, int32_t value) {
   std::memcpy(bytes.data() + offset, &value, sizeof value);
 }

@@ -21,7 +21,6 @@ namespace armtest {
 /// The second word of the calling thread's identifier.
 uint32_t ownThreadWord();
 
-uint32_t word(const Bytes& bytes, size_t offset);
 void putWord(Bytes& bytes, size_t offset, int32_t value);
 void putText(Bytes& bytes, size_t offset, const std::string& text);
 void putBytes(Bytes& bytes, size_t offset, const Bytes& source);

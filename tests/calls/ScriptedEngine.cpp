@@ -4,9 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/ipc.h>
 #include <sys/mman.h>
-#include <sys/sem.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,6 +13,7 @@
 #include <cstring>
 #include <new>
 
+#include "ipcobjects.h"
 #include "process.h"
 
 namespace armtest {
@@ -147,11 +146,11 @@ int ScriptedEngine::sleepers() const {
   constexpr int kFirstHead = 2;
   std::string path = "/var/kelp/controls_ea.kelp";
   if (setup_.prefixed) path += "." + setup_.prefix;
-  const int set = semget(ftok(path.c_str(), kProject), 0, 0);
+  const int set = setAt(path, kProject);
   if (set < 0) return 0;
   int sum = 0;
   for (int number = kFirstHead; number < kFirstHead + setup_.requesters; ++number) {
-    const int sleeping = semctl(set, number, GETNCNT);
+    const int sleeping = semaphoreWaiters(set, number);
     if (sleeping > 0) sum += sleeping;
   }
   return sum;

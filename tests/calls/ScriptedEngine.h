@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "ScriptProtocol.h"
+#include "bytes.h"
 
 namespace armtest {
 
-using Bytes = std::vector<uint8_t>;
 using Correlator = std::array<uint8_t, kCorrelatorSize>;
 
 /// How a scripted engine is started.

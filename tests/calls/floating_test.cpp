@@ -9,7 +9,7 @@
 #include <tuple>
 
 #include "CallTest.h"
-#include "RawQueues.h"
+#include "rawqueues.h"
 
 namespace armtest {
 namespace {
@@ -76,11 +76,11 @@ class FloatingPointUnit : public testing::TestWithParam<HostAndTracing> {
   void SetUp() override {
     if (std::get<bool>(GetParam())) setenv("ARMDEBUG", "", 1);
     const size_t head = replies.headOf(static_cast<uint32_t>(getpid()), ownThreadWord());
-    for (int32_t i = 0; i < 13; ++i) replies.reply(head, raw::replyRecord(4000 + i));
+    for (int32_t i = 0; i < 13; ++i) replies.reply(head, replyRecord(4000 + i));
   }
 
-  raw::RequestQueue requests{13};
-  raw::ReplyQueue replies{13};
+  RequestQueue requests{13};
+  ReplyQueue replies{13};
 };
 
 TEST_P(FloatingPointUnit, IsNotTouchedAndEveryRequestCounts) {
@@ -104,7 +104,7 @@ TEST_P(FloatingPointUnit, IsNotTouchedAndEveryRequestCounts) {
     EXPECT_EQ(7, requests.head()) << one.name;
     EXPECT_EQ((7 + posted) % 13, requests.tail()) << one.name;
     EXPECT_EQ(0xABCD, requests.memory.u16(6)) << one.name;
-    EXPECT_EQ(static_cast<uint32_t>(one.type), raw::word(requests.slot(slot), 8)) << one.name;
+    EXPECT_EQ(static_cast<uint32_t>(one.type), word(requests.slot(slot), 8)) << one.name;
   }
   EXPECT_EQ(13, posted);
   EXPECT_FALSE(requests.locked());

@@ -4,12 +4,12 @@
 #include <stdlib.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
-#include <sys/shm.h>
 
 #include <cstring>
 
 #include "CallTest.h"
 #include "TraceFile.h"
+#include "ipcobjects.h"
 #include "nextcall.h"
 
 namespace {
@@ -21,7 +21,6 @@ int setsOpened = 0;
 bool spoilVersion = false;
 
 constexpr const char* kRequestSegment = "/var/kelp/controls_ae.kelp_mem";
-constexpr int kSegmentProject = 2;
 constexpr int kReplySetProject = 3;
 constexpr size_t kVersionOffset = 20;
 
@@ -31,12 +30,7 @@ key_t realFtok(const char* path, int project) {
 }
 
 void writeVersion(uint32_t version) {
-  const int segment = shmget(realFtok(kRequestSegment, kSegmentProject), 1, 0);
-  void* start = shmat(segment, nullptr, 0);
-  if (start == reinterpret_cast<void*>(-1)) abort();
-  __atomic_store_n(reinterpret_cast<uint32_t*>(static_cast<uint8_t*>(start) + kVersionOffset),
-                   version, __ATOMIC_RELAXED);
-  shmdt(start);
+  armtest::Attached(kRequestSegment).write(kVersionOffset, version);
 }
 
 }  // namespace

@@ -53,6 +53,7 @@ bool faulty(const char* fault) {
   std::exit(EXIT_FAILURE);
 }
 
+// On purpose not the library's own: what checks engines shares nothing with it.
 union SemArgument {
   int val;
   semid_ds* buf;

@@ -2,7 +2,6 @@
 // those that the exchange with the engine needs, in this order, and no other.
 
 #include <gtest/gtest.h>
-#include <sys/ipc.h>
 #include <sys/sem.h>
 
 #include <algorithm>
@@ -14,6 +13,7 @@
 #include <vector>
 
 #include "CountingEngine.h"
+#include "ipcobjects.h"
 #include "process.h"
 
 namespace armtest {
@@ -68,7 +68,7 @@ const std::vector<std::string> kLocalCalls = {"arm_getCorrelatorKey", "SetExpect
 /// The semaphore sets of the connection, by their numbers in a trace.
 std::map<std::string, std::string> setNames() {
   const auto number = [](const char* path, int project) {
-    return std::to_string(semget(ftok(path, project), 0, 0));
+    return std::to_string(setAt(path, project));
   };
   return {{number("/var/kelp/controls_ae.kelp_mem", 1), "requests"},
           {number("/var/kelp/controls_ae.kelp_emp", 1), "empty"},

@@ -11,6 +11,7 @@
 #include "ipcobjects.h"
 #include "process.h"
 #include "queueclients.h"
+#include "sleepers.h"
 
 namespace {
 
@@ -207,7 +208,7 @@ TEST(EngineQueues, WaitersOfAKilledEngineAreWokenByTheNext) {
   const pid_t engine = otherEngine(capacities(3, 4));
   const int set = armtest::setAt(controlPath("ea.kelp"), 3);
   const pid_t waiter = forkChild(armtest::waitForReply);
-  EXPECT_TRUE(waitUntil([set] { return armtest::semaphoreWaiters(set, 2) == 1; }));
+  EXPECT_TRUE(armtest::sleeperComes(set, 2));
   killAndReap(engine);
   const auto queues = make(capacities(3, 4));
   // The wait fails, or the lock after it, since both sets go.
@@ -233,7 +234,7 @@ TEST(EngineQueues, EndWakesWritersThatWaitForRoom) {
   ASSERT_EQ(0, armtest::putRequest(1, false));
   const pid_t writer = forkChild([] { return armtest::codeOf(armtest::putRequest(2, true)); });
   const int set = armtest::setAt(controlPath("ae.kelp_ovr"), 1);
-  EXPECT_TRUE(waitUntil([set] { return armtest::semaphoreWaiters(set, 0) == 1; }));
+  EXPECT_TRUE(armtest::sleeperComes(set, 0));
   queues.reset();
   // The code depends on how far the removal has come when the writer runs; that it fails does not.
   EXPECT_NE(0, armtest::exitCodeOf(writer));

@@ -12,6 +12,7 @@
 #include "process.h"
 #include "queueaccess.h"
 #include "queueclients.h"
+#include "sleepers.h"
 
 namespace {
 
@@ -177,7 +178,7 @@ TEST_F(RequestReaderTest, WriterThatWaitsForRoomIsWoken) {
   for (int32_t type = 1; type <= 3; ++type) ASSERT_EQ(0, putRequest(type, false));
   const pid_t writer = forkChild([] { return putRequest(4, true) == 0 ? 0 : 1; });
   const int set = armtest::setAt(controlPath("ae.kelp_ovr"), 1);
-  EXPECT_TRUE(waitUntil([set] { return armtest::semaphoreWaiters(set, 0) == 1; }));
+  EXPECT_TRUE(armtest::sleeperComes(set, 0));
   EXPECT_EQ(1, takeType());
   EXPECT_EQ(0, armtest::exitCodeOf(writer));
   EXPECT_EQ(3U, reader().depth());
@@ -220,7 +221,7 @@ TEST_F(RequestReaderTest, BatchMakesRoomForEveryWriterThatWaits) {
   const pid_t writers[2] = {forkChild([] { return putRequest(4, true) == 0 ? 0 : 1; }),
                             forkChild([] { return putRequest(4, true) == 0 ? 0 : 1; })};
   const int set = armtest::setAt(controlPath("ae.kelp_ovr"), 1);
-  EXPECT_TRUE(waitUntil([set] { return armtest::semaphoreWaiters(set, 0) == 2; }));
+  EXPECT_TRUE(armtest::sleeperComes(set, 0, 2));
   EXPECT_EQ((std::vector<int32_t>{1, 2, 3}), takeTypes(reader(), ROOM));
   for (const pid_t writer : writers) EXPECT_EQ(0, armtest::exitCodeOf(writer));
   EXPECT_EQ((std::vector<int32_t>{4, 4}), takeTypes(reader(), ROOM));

@@ -13,6 +13,7 @@
 #include "platform/CkesThreadLibrary.h"
 #include "process.h"
 #include "queueclients.h"
+#include "sleepers.h"
 
 namespace {
 
@@ -182,7 +183,7 @@ TEST_F(ServiceTest, ReplyWithoutRoomIsDeliveredWhenThereIsRoom) {
   create(1);
   const int set = armtest::setAt(controlPath("ea.kelp"), 3);
   const pid_t occupant = forkChild(armtest::waitForReply);
-  EXPECT_TRUE(waitUntil([set] { return armtest::semaphoreWaiters(set, 2) == 1; }));
+  EXPECT_TRUE(armtest::sleeperComes(set, 2));
   const Gate may_take;
   const pid_t client = forkChild([&may_take] {
     TArmReplyMessage reply = {};
@@ -253,7 +254,7 @@ TEST_F(ServiceTest, RequestsMadeBeforeRecordsCameFreeGetNoRecordUntilTheirReques
   create(2 * REQUESTS, REQUESTS);
   const int set = armtest::setAt(controlPath("ea.kelp"), 3);
   const pid_t departed = forkChild(armtest::waitForReply);
-  EXPECT_TRUE(waitUntil([set] { return armtest::semaphoreWaiters(set, 2) == 1; }));
+  EXPECT_TRUE(armtest::sleeperComes(set, 2));
   kill(departed, SIGKILL);
   EXPECT_EQ(128 + SIGKILL, armtest::exitCodeOf(departed));
   CIPCSimpleQueue<TArmMessage> queue("/var/kelp/controls_ae.kelp");
@@ -274,7 +275,7 @@ TEST_F(ServiceTest, RecordsOfTheDepartedAreFreedWithoutAnyRequest) {
   create(4);
   const int set = armtest::setAt(controlPath("ea.kelp"), 3);
   const pid_t waiter = forkChild(armtest::waitForReply);
-  EXPECT_TRUE(waitUntil([set] { return armtest::semaphoreWaiters(set, 2) == 1; }));
+  EXPECT_TRUE(armtest::sleeperComes(set, 2));
   kill(waiter, SIGKILL);
   EXPECT_EQ(128 + SIGKILL, armtest::exitCodeOf(waiter));
   EXPECT_EQ(1U, queues_->replies().headsInUse());

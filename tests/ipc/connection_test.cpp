@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "ErrorTrail.h"
-#include "RawQueues.h"
 #include "TraceLog.h"
 #include "arm/dllhook.h"
 #include "arm/libarmutils.h"
@@ -20,12 +19,10 @@
 #include "counted.h"
 #include "ipc/arm_ipc.h"
 #include "process.h"
+#include "rawqueues.h"
 
 namespace armtest {
 namespace {
-
-using raw::Bytes;
-using raw::replyRecord;
 
 using Listener = std::function<void(CkesMutex*)>;
 
@@ -82,8 +79,8 @@ class Connection : public testing::Test {
   }
 
   void startEngine() {
-    requests = std::make_unique<raw::RequestQueue>(3);
-    replies = std::make_unique<raw::ReplyQueue>(3);
+    requests = std::make_unique<RequestQueue>(3);
+    replies = std::make_unique<ReplyQueue>(3);
   }
   void removeEngine() {
     requests.reset();
@@ -109,8 +106,8 @@ class Connection : public testing::Test {
     return got;
   }
 
-  std::unique_ptr<raw::RequestQueue> requests;
-  std::unique_ptr<raw::ReplyQueue> replies;
+  std::unique_ptr<RequestQueue> requests;
+  std::unique_ptr<ReplyQueue> replies;
   static std::atomic<long> getResult;
 };
 
@@ -500,8 +497,8 @@ TEST_F(Connection, CloseDetachesAndRemovesNothing) {
   EXPECT_EQ(1U, requests->memory.attachments());
   EXPECT_EQ(1U, replies->memory.attachments());
   EXPECT_EQ(before, requests->memory.all());
-  EXPECT_NE(-1, raw::findSet(raw::EA, 1));
-  EXPECT_NE(-1, raw::findSet(raw::EA, 3));
+  EXPECT_NE(-1, setAt(EA, 1));
+  EXPECT_NE(-1, setAt(EA, 3));
   EXPECT_EQ(0U, replies->memory.u32(8));
 }
 
@@ -806,7 +803,7 @@ int32_t callOnce() {
 }
 
 TEST_F(Connection, ClosedBetweenPostAndWaitStillGivesTheCallItsReply) {
-  raw::Engine engine(*requests, *replies, replyRecord(11));
+  AnsweringEngine engine(*requests, *replies, replyRecord(11));
   ASSERT_EQ(11, callOnce());
   engine.setReply(replyRecord(12));
   closeBeforeTheNextWait();
@@ -818,7 +815,7 @@ TEST_F(Connection, ClosedBetweenPostAndWaitStillGivesTheCallItsReply) {
 
 TEST_F(Connection, ClosedBetweenPostAndWaitAndOpenedToAnotherEngineEndsTheCallWithMinus2) {
   {
-    raw::Engine engine(*requests, *replies, replyRecord(11));
+    AnsweringEngine engine(*requests, *replies, replyRecord(11));
     ASSERT_EQ(11, callOnce());
   }
   closeBeforeTheNextWait([this] {
@@ -826,14 +823,14 @@ TEST_F(Connection, ClosedBetweenPostAndWaitAndOpenedToAnotherEngineEndsTheCallWi
     startEngine();
   });
   EXPECT_EQ(-2, callOnce());
-  raw::Engine engine(*requests, *replies, replyRecord(12));
+  AnsweringEngine engine(*requests, *replies, replyRecord(12));
   EXPECT_EQ(12, callOnce());
   counted("opened to another engine between a post and its wait", 1);
 }
 
 TEST_F(Connection, OpenedToAnotherEngineBetweenPostAndWaitEndsTheCallWithMinus2) {
   {
-    raw::Engine engine(*requests, *replies, replyRecord(11));
+    AnsweringEngine engine(*requests, *replies, replyRecord(11));
     ASSERT_EQ(11, callOnce());
   }
   closeBeforeTheNextWait([this] {
@@ -842,14 +839,14 @@ TEST_F(Connection, OpenedToAnotherEngineBetweenPostAndWaitEndsTheCallWithMinus2)
     IPCInitialized = InitializeIPC();
   });
   EXPECT_EQ(-2, callOnce()) << "the other engine does not know the request";
-  raw::Engine engine(*requests, *replies, replyRecord(12));
+  AnsweringEngine engine(*requests, *replies, replyRecord(12));
   EXPECT_EQ(12, callOnce());
   counted("opened to another engine between a post and its wait", 1);
 }
 
 TEST_F(Connection, WaitThatFindsOnlyTheReplyQueueDeadGivesUp) {
   {
-    raw::Engine engine(*requests, *replies, replyRecord(11));
+    AnsweringEngine engine(*requests, *replies, replyRecord(11));
     ASSERT_EQ(11, callOnce());
   }
   replies->creatorDies();

@@ -10,9 +10,9 @@
 #include <cstring>
 #include <functional>
 
-#include "RawQueues.h"
 #include "counted.h"
 #include "ipc/CIPCSimpleQueue.h"
+#include "rawqueues.h"
 
 namespace armtest {
 namespace {
@@ -53,7 +53,7 @@ TArmMessage patternOf(uint8_t byte) {
 }
 
 /// Each byte is the same as the next.  It is asked at every instruction, hence by one comparison.
-bool isWhole(const raw::Bytes& record) {
+bool isWhole(const Bytes& record) {
   return record[0] != 0 && std::memcmp(&record[0], &record[1], record.size() - 1) == 0;
 }
 
@@ -63,7 +63,7 @@ struct Sight {
   unsigned long partial = 0;  ///< a record that counts is not whole
   uint16_t largest = 0;
 
-  void look(raw::RequestQueue& ring) {
+  void look(RequestQueue& ring) {
     uint16_t words[4];
     std::memcpy(words, ring.memory.at(0), sizeof words);
     if ((words[1] + words[0]) % kCapacity != words[2]) ++torn;
@@ -77,7 +77,7 @@ struct Sight {
 /// Puts twice; between all instructions the count says how far the tail is from the head, and each
 /// record that counts is whole.
 void putTwice(bool front) {
-  raw::RequestQueue ring(kCapacity);
+  RequestQueue ring(kCapacity);
   ring.setRing(0, 1, 1);
   Sight sight;
   const auto act = [&](Queue& queue) {

@@ -13,13 +13,13 @@
 #include <thread>
 #include <vector>
 
-#include "RawQueues.h"
 #include "ipc/CIPCQueue.h"
 #include "ipc/CIPCUtils.h"
 #include "ipc/multiagent.h"
 #include "platform/CkesSemaphore.h"
 #include "platform/CkesSharedMemory.h"
 #include "process.h"
+#include "rawqueues.h"
 
 namespace armtest {
 namespace {
@@ -171,7 +171,7 @@ std::string pathOf(size_t length) {
 }
 
 TEST_F(Names, SemaphoreCutsItsPathTo127Characters) {
-  raw::Set set(pathOf(127), 1, 3);
+  SemaphoreSet set(pathOf(127), 1, 3);
   std::string name = pathOf(200);
   EXPECT_TRUE(CkesSemaphore(name.data()).IsInitialized());
   name = pathOf(126);
@@ -179,26 +179,26 @@ TEST_F(Names, SemaphoreCutsItsPathTo127Characters) {
 }
 
 TEST_F(Names, SharedMemoryCutsItsPathTo124Characters) {
-  raw::LockedSegment segment(pathOf(124), 100);
+  LockedSegment segment(pathOf(124), 100);
   EXPECT_EQ(0, CkesSharedMemory(pathOf(200).c_str(), false).GetInitResult());
   EXPECT_EQ(-250, CkesSharedMemory(pathOf(123).c_str(), false).GetInitResult());
 }
 
 TEST_F(Names, ReplyQueueCutsThePathOfItsSetTo122Characters) {
-  raw::LockedSegment segment(pathOf(124), 12 + 548);
+  LockedSegment segment(pathOf(124), 12 + 548);
   {
-    raw::Set set(pathOf(122), 3, 3);
+    SemaphoreSet set(pathOf(122), 3, 3);
     EXPECT_TRUE(CIPCQueue<TArmReplyMessage>(pathOf(200).c_str(), false).IsInitialized());
   }
-  raw::Set set(pathOf(123), 3, 3);
+  SemaphoreSet set(pathOf(123), 3, 3);
   EXPECT_FALSE(CIPCQueue<TArmReplyMessage>(pathOf(200).c_str(), false).IsInitialized());
 }
 
 TEST_F(Names, EveryClassAppendsThePrefix) {
   setPrefix("agent2");
-  raw::Set semaphore("/var/kelp/sem.agent2", 1, 3);
-  raw::LockedSegment segment("/var/kelp/queue.agent2", 12 + 548);
-  raw::Set set("/var/kelp/queue.agent2", 3, 3);
+  SemaphoreSet semaphore("/var/kelp/sem.agent2", 1, 3);
+  LockedSegment segment("/var/kelp/queue.agent2", 12 + 548);
+  SemaphoreSet set("/var/kelp/queue.agent2", 3, 3);
   char name[] = "/var/kelp/sem";
   EXPECT_TRUE(CkesSemaphore(name).IsInitialized());
   EXPECT_EQ(0, CkesSharedMemory("/var/kelp/queue", false).GetInitResult());

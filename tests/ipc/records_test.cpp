@@ -12,18 +12,15 @@
 #include <memory>
 #include <string>
 
-#include "RawQueues.h"
 #include "arm/TArmMessage.h"
 #include "arm/TArmReplyMessage.h"
 #include "arm/arm_user_data1.h"
 #include "armext.h"
 #include "now.h"
+#include "rawqueues.h"
 
 namespace armtest {
 namespace {
-
-using raw::Bytes;
-using raw::replyRecord;
 
 constexpr int32_t kResult = 0x01020304;
 
@@ -89,8 +86,8 @@ class Records : public testing::Test {
   /// The same for a record with a time stamp, which must be one of now.
   void expectStamped(const Expected& expected, size_t offset) const {
     const Bytes sent = request();
-    const uint32_t seconds = raw::word(sent, offset);
-    const uint32_t nanoseconds = raw::word(sent, offset + 4);
+    const uint32_t seconds = word(sent, offset);
+    const uint32_t nanoseconds = word(sent, offset + 4);
     EXPECT_LE(before, static_cast<time_t>(seconds));
     EXPECT_GE(now(), static_cast<time_t>(seconds));
     EXPECT_LT(nanoseconds, 1000000000U);
@@ -101,9 +98,9 @@ class Records : public testing::Test {
     EXPECT_EQ(stamped.bytes(), sent);
   }
 
-  raw::RequestQueue requests;
-  raw::ReplyQueue replies;
-  raw::Engine engine;
+  RequestQueue requests;
+  ReplyQueue replies;
+  AnsweringEngine engine;
   time_t before;
 };
 

@@ -13,19 +13,16 @@
 #include <thread>
 
 #include "ErrorTrail.h"
-#include "RawQueues.h"
 #include "TraceLog.h"
 #include "calls.h"
 #include "ipc/CIPCQueue.h"
 #include "process.h"
+#include "rawqueues.h"
 
 namespace armtest {
 namespace {
 
 using Queue = CIPCQueue<TArmReplyMessage>;
-using raw::Bytes;
-using raw::EA;
-using raw::replyRecord;
 
 constexpr const char* kName = "/var/kelp/controls_ea.kelp";
 constexpr _TIPCIdentifier kMe = {1001, 2002};
@@ -41,7 +38,7 @@ bool isUnlock(const sembuf* operations, size_t count) {
 }
 
 /// Fails every unlock of the segment.
-void failUnlocksOf(const raw::ReplyQueue& replies) {
+void failUnlocksOf(const ReplyQueue& replies) {
   calls::semop.ask([set = replies.set.id()](int id, const sembuf* operations, size_t count) {
     return id == set && isUnlock(operations, count) ? EIDRM : calls::RUN_IT;
   });
@@ -50,7 +47,7 @@ void failUnlocksOf(const raw::ReplyQueue& replies) {
 // ---- opening ------------------------------------------------------------------------------------
 
 TEST(ReplyQueueOpening, OfARunningQueueIsTraced) {
-  raw::ReplyQueue replies(3);
+  ReplyQueue replies(3);
   const TraceLog log;
   const Queue queue(kName, false);
   EXPECT_TRUE(queue.IsInitialized());
@@ -79,7 +76,7 @@ TEST(ReplyQueueOpening, WithoutSegmentHasNoExitLine) {
 }
 
 TEST(ReplyQueueOpening, WithoutItsSetFailsWithItsTexts) {
-  raw::ReplyQueue replies(3);
+  ReplyQueue replies(3);
   replies.waits.remove();
   const TraceLog log;
   EXPECT_FALSE(Queue(kName, true).IsInitialized());
@@ -96,7 +93,7 @@ TEST(ReplyQueueOpening, WithoutItsSetFailsWithItsTexts) {
 
 TEST(ReplyQueueOpening, OfAStoppedQueueIsRefusedAndDetached) {
   for (const uint32_t state : {1U, 2U, 5U}) {
-    raw::ReplyQueue replies(3);
+    ReplyQueue replies(3);
     replies.setState(state);
     const Bytes before = replies.memory.all();
     const Queue queue(kName, false);
@@ -110,7 +107,7 @@ TEST(ReplyQueueOpening, OfAStoppedQueueIsRefusedAndDetached) {
 }
 
 TEST(ReplyQueueOpening, OfAStoppedQueueEndsWithTheExitLine) {
-  raw::ReplyQueue replies(3);
+  ReplyQueue replies(3);
   replies.setState(1);
   const TraceLog log;
   const Queue queue(kName, false);
@@ -123,16 +120,16 @@ TEST(ReplyQueueOpening, OfAStoppedQueueEndsWithTheExitLine) {
 }
 
 TEST(ReplyQueueOpening, OfAStoppedQueueByItsOwnerClosesAndRemovesIt) {
-  raw::ReplyQueue replies(3);
+  ReplyQueue replies(3);
   replies.setState(1);
   EXPECT_FALSE(Queue(kName, true).IsInitialized());
   EXPECT_EQ(2U, replies.memory.u32(8));
-  EXPECT_EQ(-1, raw::findSet(EA, 1));
-  EXPECT_EQ(-1, raw::findSet(EA, 3));
+  EXPECT_EQ(-1, setAt(EA, 1));
+  EXPECT_EQ(-1, setAt(EA, 3));
 }
 
 TEST(ReplyQueueOpening, AcceptsADeadCreator) {
-  raw::ReplyQueue replies(3);
+  ReplyQueue replies(3);
   replies.creatorDies();
   const Queue queue(kName, false);
   EXPECT_TRUE(queue.IsInitialized());
@@ -140,7 +137,7 @@ TEST(ReplyQueueOpening, AcceptsADeadCreator) {
 }
 
 TEST(ReplyQueueOpening, ChangesNothing) {
-  raw::ReplyQueue replies(3);
+  ReplyQueue replies(3);
   const Bytes before = replies.memory.all();
   { const Queue queue(kName, false); }
   EXPECT_EQ(before, replies.memory.all());
@@ -148,22 +145,22 @@ TEST(ReplyQueueOpening, ChangesNothing) {
 }
 
 TEST(ReplyQueueOpening, OfASegmentSmallerThanTheHeaderFails) {
-  raw::LockedSegment segment(EA, 11);
-  raw::Set waits(EA, 3, 3);
+  LockedSegment segment(EA, 11);
+  SemaphoreSet waits(EA, 3, 3);
   const Queue queue(kName, false);
   EXPECT_FALSE(queue.IsInitialized());
   EXPECT_EQ(1U, segment.memory.attachments());
 }
 
 TEST(ReplyQueueOpening, WithoutMemoryFails) {
-  raw::ReplyQueue replies(3);
+  ReplyQueue replies(3);
   calls::refuseMemory([](size_t) { return true; });
   EXPECT_FALSE(Queue(kName, false).IsInitialized());
   calls::giveMemory();
 }
 
 TEST(ReplyQueueOpening, CutsSpareBytesFromTheCapacity) {
-  raw::ReplyQueue replies(2, 547);
+  ReplyQueue replies(2, 547);
   Queue queue(kName, false);
   TArmReplyMessage reply;
   EXPECT_EQ(-278, queue.PrivateGet(kMe, 2, reply));
@@ -174,7 +171,7 @@ TEST(ReplyQueueOpening, CutsSpareBytesFromTheCapacity) {
 }
 
 TEST(ReplyQueueOpening, OfTheHeaderAloneHasNoHead) {
-  raw::ReplyQueue replies(0);
+  ReplyQueue replies(0);
   Queue queue(kName, false);
   EXPECT_TRUE(queue.IsInitialized());
   TArmReplyMessage reply;
@@ -190,7 +187,7 @@ TEST(ReplyQueue, ThatIsNotOpenRefusesToGet) {
 }
 
 TEST(ReplyQueue, DestructorOfANonOwnerChangesNothing) {
-  raw::ReplyQueue replies(3);
+  ReplyQueue replies(3);
   auto queue = std::make_unique<Queue>(kName, false);
   const Bytes before = replies.memory.all();
   EXPECT_EQ(2U, replies.memory.attachments());
@@ -203,7 +200,7 @@ TEST(ReplyQueue, DestructorOfANonOwnerChangesNothing) {
 }
 
 TEST(ReplyQueue, DestructorWaitsForTheLock) {
-  raw::ReplyQueue replies(3);
+  ReplyQueue replies(3);
   auto queue = std::make_unique<Queue>(kName, false);
   replies.lock();
   std::thread destroyer([&queue] { queue.reset(); });
@@ -213,15 +210,15 @@ TEST(ReplyQueue, DestructorWaitsForTheLock) {
 }
 
 TEST(ReplyQueue, DestructorOfAnOwnerClosesAndRemovesTheQueue) {
-  raw::ReplyQueue replies(3);
+  ReplyQueue replies(3);
   { const Queue queue(kName, true); }
   EXPECT_EQ(2U, replies.memory.u32(8));
-  EXPECT_EQ(-1, raw::findSet(EA, 1));
-  EXPECT_EQ(-1, raw::findSet(EA, 3));
+  EXPECT_EQ(-1, setAt(EA, 1));
+  EXPECT_EQ(-1, setAt(EA, 3));
 }
 
 TEST(ReplyQueue, DestructorTracesALockWhoseSetIsGone) {
-  raw::ReplyQueue replies(3);
+  ReplyQueue replies(3);
   const TraceLog log;
   {
     const Queue queue(kName, false);
@@ -260,7 +257,7 @@ class ReplyQueueHeads : public testing::Test {
     return -1;
   }
 
-  raw::ReplyQueue replies;
+  ReplyQueue replies;
   Queue queue;
 };
 
@@ -423,7 +420,7 @@ class ReplyQueueGet : public testing::Test {
     replies.setHeadsInUse(1);
   }
 
-  raw::ReplyQueue replies;
+  ReplyQueue replies;
   Queue queue;
 };
 
@@ -931,7 +928,7 @@ TEST_F(ReplyQueueGet, SetStateReportsTheUnlockBeforeTheWaking) {
 /// Threads that take a number of units of one semaphore and sleep until it has them.
 class Sleepers {
  public:
-  Sleepers(raw::Set& set, int semaphore, int units, int threads) : set_(set) {
+  Sleepers(SemaphoreSet& set, int semaphore, int units, int threads) : set_(set) {
     for (int i = 0; i < threads; ++i) {
       threads_.emplace_back([&set, semaphore, units] {
         sembuf take = {static_cast<unsigned short>(semaphore), static_cast<short>(-units), 0};
@@ -951,7 +948,7 @@ class Sleepers {
   }
 
  private:
-  raw::Set& set_;
+  SemaphoreSet& set_;
   std::vector<std::thread> threads_;
 };
 
@@ -997,17 +994,17 @@ TEST_F(ReplyQueueGet, AwakenAllStopsAtAHeadThatCannotBeAsked) {
 /// A queue object that could not be opened; its set is made and removed on its own.
 class ReplyQueueSet : public testing::Test {
  protected:
-  ReplyQueueSet() : queue("/var/kelp/none", true) { raw::touch(kPath); }
+  ReplyQueueSet() : queue("/var/kelp/none", true) { touch(kPath); }
 
   /// Removes whatever set is left.
   ~ReplyQueueSet() override {
     calls::semop.watch();
     calls::semctl.watch();
-    const int set = raw::findSet(kPath, 3);
+    const int set = setAt(kPath, 3);
     if (set != -1) semctl(set, 0, IPC_RMID);
   }
 
-  static int value(int number) { return semctl(raw::findSet(kPath, 3), number, GETVAL); }
+  static int value(int number) { return semctl(setAt(kPath, 3), number, GETVAL); }
   static Lines both(const std::string& between) {
     return {"CIPCQueue_LINUX::implInitialize ENTER - name = /var/kelp/set, items = 5",
             "CIPCQueue_LINUX::implInitialize " + between};
@@ -1022,7 +1019,7 @@ TEST_F(ReplyQueueSet, IsCreatedWithTwoMoreSemaphoresThanItems) {
   EXPECT_TRUE(queue.implInitialize(kPath, 5));
   EXPECT_EQ(both("EXIT - name = /var/kelp/set, items = 5"), log.lines());
   semid_ds info = {};
-  ASSERT_EQ(0, semctl(raw::findSet(kPath, 3), 0, IPC_STAT, &info));
+  ASSERT_EQ(0, semctl(setAt(kPath, 3), 0, IPC_STAT, &info));
   EXPECT_EQ(7U, info.sem_nsems);
   EXPECT_EQ(0666U, info.sem_perm.mode & 0777U);
   EXPECT_EQ(1, value(0));
@@ -1030,26 +1027,26 @@ TEST_F(ReplyQueueSet, IsCreatedWithTwoMoreSemaphoresThanItems) {
 }
 
 TEST_F(ReplyQueueSet, LeftOverOneIsReplaced) {
-  raw::Set stale(kPath, 3, 7);
+  SemaphoreSet stale(kPath, 3, 7);
   stale.setValue(0, 1);
   stale.setValue(3, 9);
   EXPECT_TRUE(queue.implInitialize(kPath, 5));
-  EXPECT_NE(stale.id(), raw::findSet(kPath, 3));
+  EXPECT_NE(stale.id(), setAt(kPath, 3));
   EXPECT_EQ(1, value(0));
   EXPECT_EQ(0, value(3));
 }
 
 TEST_F(ReplyQueueSet, WhoseFirstSemaphoreIsZeroIsTakenAndCleared) {
-  raw::Set fresh(kPath, 3, 9);
+  SemaphoreSet fresh(kPath, 3, 9);
   fresh.setValue(3, 9);
   EXPECT_TRUE(queue.implInitialize(kPath, 5));
-  EXPECT_EQ(fresh.id(), raw::findSet(kPath, 3));
+  EXPECT_EQ(fresh.id(), setAt(kPath, 3));
   EXPECT_EQ(1, fresh.value(0));
   EXPECT_EQ(0, fresh.value(3));
 }
 
 TEST_F(ReplyQueueSet, WithTooFewSemaphoresCannotBeTaken) {
-  raw::Set small(kPath, 3, 6);
+  SemaphoreSet small(kPath, 3, 6);
   const TraceLog log;
   EXPECT_FALSE(queue.implInitialize(kPath, 5));
   EXPECT_EQ(both("- ERROR - semget IPC_CREAT errno = 22, sem_num = 7"), log.lines());
@@ -1065,8 +1062,8 @@ TEST_F(ReplyQueueSet, WithoutNameFileFails) {
 
 TEST_F(ReplyQueueSet, IsNotCreatedByOpening) {
   EXPECT_FALSE(queue.implInitialize(kPath, 0));
-  EXPECT_EQ(-1, raw::findSet(kPath, 3));
-  raw::Set one(kPath, 3, 1);
+  EXPECT_EQ(-1, setAt(kPath, 3));
+  SemaphoreSet one(kPath, 3, 1);
   EXPECT_FALSE(queue.implInitialize(kPath, 0));
 }
 
@@ -1079,7 +1076,7 @@ TEST_F(ReplyQueueSet, FailuresOfSemctlHaveTheirTexts) {
   failing = SETALL;
   EXPECT_FALSE(queue.implInitialize(kPath, 5));
   failing = IPC_RMID;
-  raw::Set::add(raw::findSet(kPath, 3), 0, 1);
+  SemaphoreSet::add(setAt(kPath, 3), 0, 1);
   EXPECT_FALSE(queue.implInitialize(kPath, 5));
   const Lines lines = log.lines("CIPCQueue_LINUX::implInitialize - ");
   EXPECT_EQ((Lines{"CIPCQueue_LINUX::implInitialize - ERROR - semctl GETVAL errno = 34",
@@ -1105,9 +1102,9 @@ TEST_F(ReplyQueueSet, IsRemovedByAnOwnerAndNobodyElse) {
   Queue other("/var/kelp/none", false);
   EXPECT_TRUE(other.implInitialize(kPath, 0));
   other.implDestroy();
-  EXPECT_NE(-1, raw::findSet(kPath, 3));
+  EXPECT_NE(-1, setAt(kPath, 3));
   queue.implDestroy();
-  EXPECT_EQ(-1, raw::findSet(kPath, 3));
+  EXPECT_EQ(-1, setAt(kPath, 3));
 }
 
 }  // namespace

@@ -11,18 +11,16 @@
 #include <thread>
 
 #include "ErrorTrail.h"
-#include "RawQueues.h"
 #include "TraceLog.h"
 #include "calls.h"
 #include "ipc/CIPCSimpleQueue.h"
 #include "process.h"
+#include "rawqueues.h"
 
 namespace armtest {
 namespace {
 
 using Queue = CIPCSimpleQueue<TArmMessage>;
-using raw::AE;
-using raw::Bytes;
 
 constexpr const char* kName = "/var/kelp/controls_ae.kelp";
 
@@ -48,7 +46,7 @@ bool isUnlock(const sembuf* operations, size_t count) {
 }
 
 /// Fails the next unlock of the segment.
-void failUnlockOf(const raw::RequestQueue& ring) {
+void failUnlockOf(const RequestQueue& ring) {
   auto failed = std::make_shared<bool>(false);
   calls::semop.ask([set = ring.set.id(), failed](int id, const sembuf* operations, size_t count) {
     if (id != set || !isUnlock(operations, count) || *failed) return calls::RUN_IT;
@@ -60,7 +58,7 @@ void failUnlockOf(const raw::RequestQueue& ring) {
 // ---- opening ------------------------------------------------------------------------------------
 
 TEST(RequestQueueOpening, OfARunningQueueInitializes) {
-  raw::RequestQueue ring(3);
+  RequestQueue ring(3);
   Queue queue(kName);
   EXPECT_TRUE(queue.IsInitialized());
   EXPECT_TRUE(queue.CreatorAlive());
@@ -69,7 +67,7 @@ TEST(RequestQueueOpening, OfARunningQueueInitializes) {
 }
 
 TEST(RequestQueueOpening, WithoutOverflowSemaphoreFailsWithItsText) {
-  raw::RequestQueue ring(3);
+  RequestQueue ring(3);
   ring.overflow.remove();
   const TraceLog log;
   EXPECT_FALSE(Queue(kName).IsInitialized());
@@ -77,7 +75,7 @@ TEST(RequestQueueOpening, WithoutOverflowSemaphoreFailsWithItsText) {
 }
 
 TEST(RequestQueueOpening, WithoutEmptySemaphoreFailsWithItsText) {
-  raw::RequestQueue ring(3);
+  RequestQueue ring(3);
   ring.empty.remove();
   const TraceLog log;
   EXPECT_FALSE(Queue(kName).IsInitialized());
@@ -85,7 +83,7 @@ TEST(RequestQueueOpening, WithoutEmptySemaphoreFailsWithItsText) {
 }
 
 TEST(RequestQueueOpening, WithoutSegmentFailsWithItsText) {
-  raw::RequestQueue ring(3);
+  RequestQueue ring(3);
   ring.set.remove();
   const TraceLog log;
   EXPECT_FALSE(Queue(kName).IsInitialized());
@@ -93,7 +91,7 @@ TEST(RequestQueueOpening, WithoutSegmentFailsWithItsText) {
 }
 
 TEST(RequestQueueOpening, OfAStoppedQueueFailsWithItsText) {
-  raw::RequestQueue ring(3);
+  RequestQueue ring(3);
   ring.setState(1);
   const TraceLog log;
   EXPECT_FALSE(Queue(kName).IsInitialized());
@@ -110,12 +108,12 @@ TEST(RequestQueueOpening, LooksAtTheOverflowSemaphoreFirst) {
 }
 
 /// Opens a queue whose engine is replaced after the semaphores have been opened.
-void openWhileReplaced(raw::RequestQueue& ring, raw::Set& set, const std::string& name) {
-  std::unique_ptr<raw::Set> next;
+void openWhileReplaced(RequestQueue& ring, SemaphoreSet& set, const std::string& name) {
+  std::unique_ptr<SemaphoreSet> next;
   calls::semctl.ask([&](int id, int, int, TSemArgument) {
     if (id != ring.set.id() || next != nullptr) return calls::RUN_IT;
     set.remove();
-    next = std::make_unique<raw::Set>(AE + name, 1, 3);
+    next = std::make_unique<SemaphoreSet>(AE + name, 1, 3);
     next->setValue(2, 1);
     return calls::RUN_IT;
   });
@@ -126,14 +124,14 @@ void openWhileReplaced(raw::RequestQueue& ring, raw::Set& set, const std::string
 }
 
 TEST(RequestQueueOpening, FailsOnceWhenTheEmptySemaphoreIsReplacedMeanwhile) {
-  raw::RequestQueue ring(3);
+  RequestQueue ring(3);
   const TraceLog log;
   openWhileReplaced(ring, ring.empty, "_emp");
   EXPECT_EQ(Lines{"CIPCSimpleQueue Failed on replaced semaphores"}, log.lines("CIPCSimple"));
 }
 
 TEST(RequestQueueOpening, FailsOnceWhenTheOverflowSemaphoreIsReplacedMeanwhile) {
-  raw::RequestQueue ring(3);
+  RequestQueue ring(3);
   const TraceLog log;
   openWhileReplaced(ring, ring.overflow, "_ovr");
   EXPECT_EQ(Lines{"CIPCSimpleQueue Failed on replaced semaphores"}, log.lines("CIPCSimple"));
@@ -146,7 +144,7 @@ TEST(RequestQueueOpening, WithoutTracingLogsNothing) {
 }
 
 TEST(RequestQueueOpening, WithoutMemoryForASegmentFailsWithItsText) {
-  raw::RequestQueue ring(3);
+  RequestQueue ring(3);
   const TraceLog log;
   for (int allowed = 0; allowed < 3; ++allowed) {
     int left = allowed;
@@ -161,7 +159,7 @@ TEST(RequestQueueOpening, WithoutMemoryForASegmentFailsWithItsText) {
 }
 
 TEST(RequestQueueOpening, ThatFailsLeavesNoAttachment) {
-  raw::RequestQueue ring(3);
+  RequestQueue ring(3);
   ring.setState(2);
   const Queue queue(kName);
   EXPECT_FALSE(queue.IsInitialized());
@@ -169,7 +167,7 @@ TEST(RequestQueueOpening, ThatFailsLeavesNoAttachment) {
 }
 
 TEST(RequestQueueOpening, WritesTheVersionWordBeforeItLooksAtTheState) {
-  raw::RequestQueue ring(3);
+  RequestQueue ring(3);
   ring.setVersion(7);
   ring.setState(1);
   EXPECT_FALSE(Queue(kName).IsInitialized());
@@ -177,7 +175,7 @@ TEST(RequestQueueOpening, WritesTheVersionWordBeforeItLooksAtTheState) {
 }
 
 TEST(RequestQueueOpening, WritesTheVersionWordEachTime) {
-  raw::RequestQueue ring(3);
+  RequestQueue ring(3);
   const Queue first(kName);
   ring.setVersion(7);
   const Queue second(kName);
@@ -186,7 +184,7 @@ TEST(RequestQueueOpening, WritesTheVersionWordEachTime) {
 }
 
 TEST(RequestQueueOpening, WritesTheVersionWordWithoutTheLock) {
-  raw::RequestQueue ring(3);
+  RequestQueue ring(3);
   ring.lock();
   EXPECT_TRUE(Queue(kName).IsInitialized());
   EXPECT_EQ(50300U, ring.version());
@@ -194,7 +192,7 @@ TEST(RequestQueueOpening, WritesTheVersionWordWithoutTheLock) {
 }
 
 TEST(RequestQueueOpening, ChangesNothingButTheVersionWord) {
-  raw::RequestQueue ring(3);
+  RequestQueue ring(3);
   std::memset(ring.memory.at(0), 0x5A, ring.memory.mappedSize());
   ring.setState(0);
   Bytes expected = ring.memory.all();
@@ -204,7 +202,7 @@ TEST(RequestQueueOpening, ChangesNothingButTheVersionWord) {
 }
 
 TEST(RequestQueueOpening, AcceptsADeadCreator) {
-  raw::RequestQueue ring(3);
+  RequestQueue ring(3);
   ring.creatorDies();
   Queue queue(kName);
   EXPECT_TRUE(queue.IsInitialized());
@@ -221,7 +219,7 @@ TEST(RequestQueueOpening, OfAnythingElseReportsNothing) {
 }
 
 TEST(RequestQueueOpening, ReadyAndVersionAreReadEachTime) {
-  raw::RequestQueue ring(3);
+  RequestQueue ring(3);
   ring.setReady(0);
   Queue queue(kName);
   EXPECT_FALSE(queue.IsReadyForIO());
@@ -247,32 +245,32 @@ size_t putsAccepted(Queue& queue) {
 }
 
 TEST(RequestQueueCapacity, ThreeSlotsExactly) {
-  raw::RequestQueue ring(AE, 28 + 3 * 4116);
+  RequestQueue ring(AE, 28 + 3 * 4116);
   Queue queue(kName);
   EXPECT_EQ(3U, putsAccepted(queue));
   EXPECT_EQ(3, ring.count());
 }
 
 TEST(RequestQueueCapacity, SpareBytesAreNoSlot) {
-  raw::RequestQueue ring(AE, 28 + 3 * 4116 + 4115);
+  RequestQueue ring(AE, 28 + 3 * 4116 + 4115);
   Queue queue(kName);
   EXPECT_EQ(3U, putsAccepted(queue));
 }
 
 TEST(RequestQueueCapacity, OneByteTooFewIsOneSlotLess) {
-  raw::RequestQueue ring(AE, 28 + 3 * 4116 - 1);
+  RequestQueue ring(AE, 28 + 3 * 4116 - 1);
   Queue queue(kName);
   EXPECT_EQ(2U, putsAccepted(queue));
 }
 
 TEST(RequestQueueCapacity, IsKeptInSixteenBits) {
-  raw::RequestQueue ring(AE, 28 + size_t{65536 + 1} * 4116);
+  RequestQueue ring(AE, 28 + size_t{65536 + 1} * 4116);
   Queue queue(kName);
   EXPECT_EQ(1U, putsAccepted(queue));
 }
 
 TEST(RequestQueueCapacity, HeaderAloneIsAlwaysFull) {
-  raw::RequestQueue ring(AE, 28);
+  RequestQueue ring(AE, 28);
   Queue queue(kName);
   EXPECT_TRUE(queue.IsInitialized());
   EXPECT_EQ(0U, putsAccepted(queue));
@@ -280,7 +278,7 @@ TEST(RequestQueueCapacity, HeaderAloneIsAlwaysFull) {
 
 TEST(RequestQueueCapacity, SegmentSmallerThanTheHeaderDoesNotInitialize) {
   for (const size_t size : {size_t{27}, size_t{1}}) {
-    raw::RequestQueue ring(AE, size);
+    RequestQueue ring(AE, size);
     const Bytes before = ring.memory.all();
     EXPECT_FALSE(Queue(kName).IsInitialized());
     EXPECT_EQ(before, ring.memory.all());
@@ -304,7 +302,7 @@ class RequestQueuePut : public testing::Test {
     EXPECT_FALSE(ring.locked());
   }
 
-  raw::RequestQueue ring;
+  RequestQueue ring;
   Queue queue;
 };
 
@@ -454,7 +452,7 @@ TEST(RequestQueue, ThatIsNotOpenRefusesToPut) {
 }
 
 TEST(RequestQueue, TakesRecordsOfManyThreadsWhole) {
-  raw::RequestQueue ring(64);
+  RequestQueue ring(64);
   Queue queue(kName);
   std::vector<std::thread> writers;
   for (uint8_t writer = 0; writer < 4; ++writer) {
@@ -540,7 +538,7 @@ TEST_F(RequestQueuePut, OnlyNothingLeftEndsTheDrainAndAFailureRepeatsIt) {
 }
 
 TEST(RequestQueue, OfOneSlotIsRaisedAndNotDrained) {
-  raw::RequestQueue ring(1);
+  RequestQueue ring(1);
   ring.overflow.setValue(0, 5);
   Queue queue(kName);
   EXPECT_EQ(0, queue.Put(message(0)));
@@ -581,7 +579,7 @@ class RequestQueueWait : public testing::Test {
     ring.overflow.add(0, 1);
   }
 
-  raw::RequestQueue ring;
+  RequestQueue ring;
   Queue queue;
   std::future<long> put;
   std::string trail;
@@ -668,7 +666,7 @@ TEST_F(RequestQueueWait, EndsWhenTheSegmentCannotBeUnlocked) {
 }
 
 /// The lock that follows the wait fails; the unlock that ends the put is made to look good.
-void failRelockOf(const raw::RequestQueue& ring) {
+void failRelockOf(const RequestQueue& ring) {
   auto locks = std::make_shared<int>(0);
   calls::semop.ask([set = ring.set.id(), locks](int id, const sembuf* operations, size_t count) {
     if (id != set) return calls::RUN_IT;
@@ -828,7 +826,7 @@ TEST(RequestQueue, ThatIsNotOpenRefusesToClean) {
 }
 
 TEST(RequestQueue, DestructorOfANonOwnerChangesNothing) {
-  raw::RequestQueue ring(3);
+  RequestQueue ring(3);
   auto queue = std::make_unique<Queue>(kName);
   EXPECT_EQ(0, queue->Put(message(0)));
   ring.setOverflowWaiters(2);

@@ -1,13 +1,13 @@
 # What one program, its neighbours and the machine may do to the library.
 
 arm_test(NAME test_hostile TIMEOUT 120 CHECK_IPC
-  LIBS arm arm_call_test ipc_raw ${CMAKE_DL_LIBS}
+  LIBS arm arm_call_test ${CMAKE_DL_LIBS}
   SOURCES hostile_test.cpp hostile_calls.cpp hostile_queues.cpp hostile_guard.cpp)
 
 # Not under sanitizers: it traces, see CMakeLists.txt.
 if(NOT ARM_SANITIZE)
   arm_test(NAME test_hostile_moments AREA moments TIMEOUT 120 CHECK_IPC
-    LIBS arm arm_call_test ipc_raw reliability_kill ${CMAKE_DL_LIBS}
+    LIBS arm arm_call_test reliability_kill ${CMAKE_DL_LIBS}
     SOURCES hostile_moments_test.cpp hostile_calls.cpp hostile_queues.cpp hostile_guard.cpp)
 endif()
 
@@ -51,7 +51,7 @@ arm_test(NAME test_load TIMEOUT 120 CHECK_IPC
 # The library finds this program's ftok.
 set_target_properties(test_load PROPERTIES ENABLE_EXPORTS ON)
 
-arm_test(NAME test_signals TIMEOUT 120 CHECK_IPC LIBS arm arm_call_test ipc_raw
+arm_test(NAME test_signals TIMEOUT 120 CHECK_IPC LIBS arm arm_call_test
   SOURCES signals_test.cpp)
 
 arm_test(NAME test_environment TIMEOUT 120 LIBS arm arm_call_test

@@ -76,9 +76,9 @@ std::vector<Removal> removals() {
   }
   all.push_back({"name files removed", [](Laid&) {
                    for (const char* suffix : {"_mem", "_emp", "_ovr"}) {
-                     (void)unlink((raw::AE + suffix).c_str());
+                     (void)unlink((AE + suffix).c_str());
                    }
-                   (void)unlink(raw::EA.c_str());
+                   (void)unlink(EA.c_str());
                  }});
   all.push_back({"everything removed", [](Laid& laid) { laid.reset(); }});
   const std::pair<const char*, Layout> replacements[] = {

@@ -1,9 +1,5 @@
 #include "hostile_queues.h"
 
-#include <sys/ipc.h>
-#include <sys/sem.h>
-#include <sys/shm.h>
-
 #include <algorithm>
 #include <cstring>
 
@@ -18,12 +14,12 @@ size_t sizeOf(long given, size_t whole) {
   return given < 0 ? whole : static_cast<size_t>(given);
 }
 
-void fillMargin(raw::Segment& memory) {
+void fillMargin(Segment& memory) {
   std::memset(memory.at(memory.size()), kMargin, memory.mappedSize() - memory.size());
 }
 
-bool marginUntouched(const raw::Segment& memory) {
-  const raw::Bytes margin = memory.bytes(memory.size(), memory.mappedSize() - memory.size());
+bool marginUntouched(const Segment& memory) {
+  const Bytes margin = memory.bytes(memory.size(), memory.mappedSize() - memory.size());
   return std::all_of(margin.begin(), margin.end(), [](uint8_t byte) { return byte == kMargin; });
 }
 
@@ -42,11 +38,11 @@ const std::vector<uint32_t> kWord = {0,     1,          2,          3,          
                                      50301, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFC, 0xFFFFFFFF};
 const std::vector<uint32_t> kSemaphore = {0, 1, 2, 3, 255, 32766, 32767};
 
-int countSleepers(const raw::Set& set, int count) {
+int countSleepers(const SemaphoreSet& set) {
   int sum = 0;
-  for (int number = 0; number < count; ++number) {
-    sum += std::max(0, semctl(set.id(), number, GETNCNT));
-    sum += std::max(0, semctl(set.id(), number, GETZCNT));
+  for (int number = 0; number < set.semaphores(); ++number) {
+    sum += std::max(0, semaphoreWaiters(set.id(), number));
+    sum += std::max(0, zeroWaiters(set.id(), number));
   }
   return sum;
 }
@@ -55,26 +51,25 @@ int countSleepers(const raw::Set& set, int count) {
 
 HostileQueues::HostileQueues(const Layout& layout)
     : layout_(layout),
-      requests_(raw::AE + "_mem", sizeOf(layout.requestSize, 28 + layout.requests * 4116)),
-      replies_(raw::EA, sizeOf(layout.replySize, 12 + layout.replies * 548)) {
+      requests_(AE + "_mem", sizeOf(layout.requestSize, 28 + layout.requests * 4116)),
+      replies_(EA, sizeOf(layout.replySize, 12 + layout.replies * 548)) {
   fillMargin(requests_);
   fillMargin(replies_);
-  raw::Set* requestLock = addSet(raw::AE + "_mem", 1, layout.requestLock);
-  raw::Set* replyLock = addSet(raw::EA, 1, layout.replyLock);
-  raw::Set* empty = addSet(raw::AE + "_emp", 1, layout.empty);
-  raw::Set* overflow = addSet(raw::AE + "_ovr", 1, layout.overflow);
+  SemaphoreSet* requestLock = addSet(AE + "_mem", 1, layout.requestLock);
+  SemaphoreSet* replyLock = addSet(EA, 1, layout.replyLock);
+  SemaphoreSet* empty = addSet(AE + "_emp", 1, layout.empty);
+  SemaphoreSet* overflow = addSet(AE + "_ovr", 1, layout.overflow);
   const int heads = static_cast<int>(layout.replies);
-  raw::Set* waits = addSet(raw::EA, 3, layout.waits < 0 ? heads + 2 : layout.waits);
-  for (raw::Set* set : {requestLock, replyLock}) set->tryValue(1, 2);
-  for (raw::Set* set : {empty, overflow}) set->tryValue(2, 32766);
+  SemaphoreSet* waits = addSet(EA, 3, layout.waits < 0 ? heads + 2 : layout.waits);
+  for (SemaphoreSet* set : {requestLock, replyLock}) set->tryValue(1, 2);
+  for (SemaphoreSet* set : {empty, overflow}) set->tryValue(2, 32766);
   waits->tryValue(0, 1);
   layRequests();
   layReplies();
 }
 
-raw::Set* HostileQueues::addSet(const std::string& path, int project, int semaphores) {
-  sets_.push_back(std::make_unique<raw::Set>(path, project, semaphores));
-  counts_.push_back(semaphores);
+SemaphoreSet* HostileQueues::addSet(const std::string& path, int project, int semaphores) {
+  sets_.push_back(std::make_unique<SemaphoreSet>(path, project, semaphores));
   return sets_.back().get();
 }
 
@@ -87,15 +82,7 @@ void HostileQueues::layReplies() {
   for (size_t offset = itemOffset(0); offset < replies_.size(); offset += 4) {
     replies_.put32(offset, static_cast<uint32_t>(kMarkedResult));
   }
-  for (size_t i = 0; i < layout_.replies; ++i) {
-    const size_t head = 12 + 16 * i;
-    replies_.put16(head + 2, static_cast<uint16_t>(2 + i));
-    replies_.put32(head + 4, 0xFFFFFFFF);
-    replies_.put32(head + 8, 0xFFFFFFFF);
-    const bool last = i + 1 == layout_.replies;
-    replies_.put32(itemOffset(i) + 528, last ? 0 : static_cast<uint32_t>(itemOffset(i + 1)));
-  }
-  replies_.put32(4, static_cast<uint32_t>(itemOffset(0)));
+  armtest::layReplies(replies_, layout_.replies);
 }
 
 void HostileQueues::answer(uint32_t process, uint32_t thread, int replies) {
@@ -112,7 +99,7 @@ void HostileQueues::answer(uint32_t process, uint32_t thread, int replies) {
   sets_[4]->tryValue(2, replies);
 }
 
-void HostileQueues::addWord(std::vector<Target>& all, std::string name, raw::Segment& memory,
+void HostileQueues::addWord(std::vector<Target>& all, std::string name, Segment& memory,
                             size_t offset, size_t width, std::vector<uint32_t> values) {
   if (offset + width > memory.size()) return;
   const auto set = [&memory, offset, width](uint32_t value) {
@@ -130,9 +117,8 @@ void HostileQueues::addLink(std::vector<Target>& all, std::string name, size_t o
   if (all.size() > before) all.back().isLink = true;
 }
 
-void HostileQueues::addSemaphores(std::vector<Target>& all, const char* name, raw::Set& set,
-                                  int count) {
-  for (int number = 0; number < count; ++number) {
+void HostileQueues::addSemaphores(std::vector<Target>& all, const char* name, SemaphoreSet& set) {
+  for (int number = 0; number < set.semaphores(); ++number) {
     const auto change = [&set, number](uint32_t value) {
       (void)set.tryValue(number, static_cast<int>(value & 0x7FFF));
     };
@@ -175,7 +161,7 @@ std::vector<Target> HostileQueues::targets() {
   }
   const char* const names[] = {"request lock", "reply lock", "_emp", "_ovr", "wake-up"};
   for (size_t i = 0; i < sets_.size(); ++i) {
-    addSemaphores(all, names[i], *sets_[i], counts_[i]);
+    addSemaphores(all, names[i], *sets_[i]);
   }
   return all;
 }
@@ -201,36 +187,12 @@ void HostileQueues::removeSets() {
 
 int HostileQueues::sleepers() const {
   int sum = 0;
-  for (size_t i = 0; i < sets_.size(); ++i) sum += countSleepers(*sets_[i], counts_[i]);
+  for (const auto& set : sets_) sum += countSleepers(*set);
   return sum;
 }
 
 bool HostileQueues::marginsUntouched() const {
   return marginUntouched(requests_) && marginUntouched(replies_);
-}
-
-void removeEverything() {
-  union {
-    int value;
-    semid_ds* set;
-    seminfo* info;
-  } argument;
-  seminfo sets = {};
-  argument.info = &sets;
-  const int lastSet = semctl(0, 0, SEM_INFO, argument);
-  for (int index = 0; index <= lastSet; ++index) {
-    semid_ds set = {};
-    argument.set = &set;
-    const int id = semctl(index, 0, SEM_STAT, argument);
-    if (id >= 0) (void)semctl(id, 0, IPC_RMID);
-  }
-  shm_info segments = {};
-  const int lastSegment = shmctl(0, SHM_INFO, reinterpret_cast<shmid_ds*>(&segments));
-  for (int index = 0; index <= lastSegment; ++index) {
-    shmid_ds segment = {};
-    const int id = shmctl(index, SHM_STAT, &segment);
-    if (id >= 0) (void)shmctl(id, IPC_RMID, nullptr);
-  }
 }
 
 }  // namespace armtest

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "RawQueues.h"
+#include "rawqueues.h"
 
 // Both queues of an engine, laid by hand, and everything in them that somebody may damage.
 
@@ -65,25 +65,21 @@ class HostileQueues {
   bool marginsUntouched() const;
 
  private:
-  raw::Set* addSet(const std::string& path, int project, int semaphores);
+  SemaphoreSet* addSet(const std::string& path, int project, int semaphores);
   void layRequests();
   void layReplies();
   void addLink(std::vector<Target>& all, std::string name, size_t offset,
                std::vector<uint32_t> values);
-  void addSemaphores(std::vector<Target>& all, const char* name, raw::Set& set, int count);
-  void addWord(std::vector<Target>& all, std::string name, raw::Segment& memory, size_t offset,
+  void addSemaphores(std::vector<Target>& all, const char* name, SemaphoreSet& set);
+  void addWord(std::vector<Target>& all, std::string name, Segment& memory, size_t offset,
                size_t width, std::vector<uint32_t> values);
   size_t itemOffset(size_t item) const { return 12 + 16 * layout_.replies + 532 * item; }
   bool whole() const { return layout_.requestSize < 0 && layout_.replySize < 0; }
 
   Layout layout_;
-  std::vector<std::unique_ptr<raw::Set>> sets_;
-  std::vector<int> counts_;
-  raw::Segment requests_;
-  raw::Segment replies_;
+  std::vector<std::unique_ptr<SemaphoreSet>> sets_;
+  Segment requests_;
+  Segment replies_;
 };
-
-/// Removes every semaphore set and every segment of the namespace.
-void removeEverything();
 
 }  // namespace armtest

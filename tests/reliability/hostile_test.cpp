@@ -343,7 +343,7 @@ class Vandal {
   std::string nameFile() {
     const char* const suffixes[] = {"_mem", "_emp", "_ovr"};
     const size_t which = random_() % 4;
-    return which == 3 ? raw::EA : raw::AE + suffixes[which];
+    return which == 3 ? EA : AE + suffixes[which];
   }
 
   void changeWord() {
@@ -405,7 +405,7 @@ TEST_F(Hostile, QueuesDamagedRemovedAndReplacedWhileThreadsCall) {
   int status = -1;
   // What still sleeps is released.
   const bool ended = waitUntil([&] {
-    removeEverything();
+    removeIpcObjects();
     return waitpid(client, &status, WNOHANG) == client;
   });
   ASSERT_TRUE(ended) << "a call does not end";

@@ -27,6 +27,7 @@
 #include "CallTest.h"
 #include "TraceFile.h"
 #include "counted.h"
+#include "ipcobjects.h"
 
 namespace armtest {
 namespace {
@@ -36,7 +37,7 @@ constexpr const char* kReplyName = "/var/kelp/controls_ea.kelp";
 constexpr const char* kLogDirectory = "/var/orv/kestra/common/QDN/logs";
 constexpr const char* kProperties = "/etc/orv/kestra/common/cfg/log.properties";
 
-const std::vector<std::string>& nameFiles() {
+const std::vector<std::string>& namePaths() {
   static const std::vector<std::string> all = {std::string(kRequestName) + "_mem",
                                                std::string(kRequestName) + "_emp",
                                                std::string(kRequestName) + "_ovr", kReplyName};
@@ -392,7 +393,7 @@ void expectCallsWith(const char* what, int32_t expected,
                      const std::function<void(const char*)>& change) {
   ScriptedEngine engine;
   ASSERT_TRUE(engine.start());
-  for (const std::string& name : nameFiles()) {
+  for (const std::string& name : namePaths()) {
     SCOPED_TRACE(std::string(what) + ": " + name);
     const std::string kept = name + ".kept";
     inAProcess([&] {
@@ -409,7 +410,7 @@ void expectCallsWith(const char* what, int32_t expected,
   }
   counted(expected == -2 ? "name files that lead elsewhere or nowhere"
                          : "name files that lead to the objects",
-          nameFiles().size());
+          namePaths().size());
 }
 
 TEST(NameFiles, ThatAreMissingAreMinus2) {
@@ -434,10 +435,10 @@ TEST(NameFiles, ThatAreLinksCountAsWhatTheyLeadTo) {
 TEST(NameFiles, ThatCannotBeReadDoBecauseOnlyTheirNumbersAreNeeded) {
   ScriptedEngine engine;
   ASSERT_TRUE(engine.start());
-  for (const std::string& name : nameFiles()) ASSERT_EQ(0, chmod(name.c_str(), 0));
-  ASSERT_GT(0, open(nameFiles()[0].c_str(), O_RDONLY)) << "privileged";
+  for (const std::string& name : namePaths()) ASSERT_EQ(0, chmod(name.c_str(), 0));
+  ASSERT_GT(0, open(namePaths()[0].c_str(), O_RDONLY)) << "privileged";
   inAProcess([] { EXPECT_EQ(0, wrongCalls()); });
-  counted("name files that lead to the objects", nameFiles().size());
+  counted("name files that lead to the objects", namePaths().size());
 }
 
 TEST(NameFiles, InADirectoryThatCannotBeSearchedAreMinus2) {
@@ -450,32 +451,11 @@ TEST(NameFiles, InADirectoryThatCannotBeSearchedAreMinus2) {
   counted("a directory of name files that cannot be searched", 1);
 }
 
-union SetArgument {
-  int value;
-  semid_ds* set;
-  unsigned short* array;
-};
-
 /// Sets the permission bits of the five sets and two segments of an engine.
-void setPermissions(unsigned short mode) {
-  const auto change = [mode](int set) {
-    semid_ds info = {};
-    SetArgument argument = {};
-    argument.set = &info;
-    info.sem_perm.uid = geteuid();
-    info.sem_perm.gid = getegid();
-    info.sem_perm.mode = mode;
-    EXPECT_EQ(0, semctl(set, 0, IPC_SET, argument));
-  };
-  for (const std::string& name : nameFiles()) {
-    change(semget(ftok(name.c_str(), 1), 0, 0));
-    const int segment = shmget(ftok(name.c_str(), 2), 0, 0);
-    if (segment < 0) continue;
-    shmid_ds info = {};
-    info.shm_perm.uid = geteuid();
-    info.shm_perm.gid = getegid();
-    info.shm_perm.mode = mode;
-    EXPECT_EQ(0, shmctl(segment, IPC_SET, &info));
+void setPermissions(unsigned mode) {
+  for (const std::string& path : namePaths()) {
+    setSetMode(setAt(path), mode);
+    if (segmentAt(path) >= 0) setSegmentMode(segmentAt(path), mode);
   }
 }
 

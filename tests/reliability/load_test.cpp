@@ -25,6 +25,7 @@
 #include "counted.h"
 #include "fork_calls.h"
 #include "gtest/gtest.h"
+#include "ipcobjects.h"
 #include "nextcall.h"
 #include "process.h"
 
@@ -85,20 +86,8 @@ unsigned long mappedKilobytes() {
   return 0;
 }
 
-/// Semaphore sets in this namespace.
-int semaphoreSets() {
-  union {
-    int value;
-    seminfo* info;
-  } argument;
-  seminfo sets = {};
-  argument.info = &sets;
-  (void)semctl(0, 0, SEM_INFO, argument);
-  return sets.semusz;
-}
-
 struct Footprint {
-  int sets = 0;
+  unsigned sets = 0;
   unsigned keys = 0;
   unsigned long attached = 0;
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)

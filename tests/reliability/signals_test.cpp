@@ -6,7 +6,6 @@
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
-#include <sys/sem.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -14,8 +13,8 @@
 #include <functional>
 
 #include "CallTest.h"
-#include "RawQueues.h"
 #include "counted.h"
+#include "rawqueues.h"
 
 namespace armtest {
 namespace {
@@ -28,10 +27,6 @@ unsigned signalsPerWait() {
   const char* text = getenv("ARM_SIGNALS");
   const unsigned long count = text != nullptr ? strtoul(text, nullptr, 10) : 0;
   return count > 0 ? static_cast<unsigned>(count) : kShortSignals;
-}
-
-bool waitsForZero(const raw::Set& set, int number) {
-  return semctl(set.id(), number, GETZCNT) > 0;
 }
 
 /// Hand-laid queues and one call in a thread of its own.
@@ -51,7 +46,7 @@ class Scene {
   }
   void call() { go_.store(true); }
   /// Links the answer before the call asks for it.
-  void answerBefore() { replies.reply(ownHead(), raw::replyRecord(kAnswer)); }
+  void answerBefore() { replies.reply(ownHead(), replyRecord(kAnswer)); }
   size_t ownHead() { return replies.headOf(static_cast<uint32_t>(getpid()), word_.load()); }
 
   pthread_t thread() const { return thread_; }
@@ -64,8 +59,8 @@ class Scene {
     return end;
   }
 
-  raw::RequestQueue requests{8};
-  raw::ReplyQueue replies{3};
+  RequestQueue requests{8};
+  ReplyQueue replies{3};
 
  private:
   static void* run(void* self) {
@@ -115,14 +110,14 @@ const std::vector<Wait>& waits() {
          scene.answerBefore();
          scene.requests.lock();
        },
-       [](const Scene& scene) { return waitsForZero(scene.requests.set, 0); },
+       [](const Scene& scene) { return zeroWaiters(scene.requests.set.id(), 0) > 0; },
        [](Scene& scene) { scene.requests.unlock(); }},
       {"for the lock of the reply queue before the reply",
        [](Scene& scene) {
          scene.answerBefore();
          scene.replies.lock();
        },
-       [](const Scene& scene) { return waitsForZero(scene.replies.set, 0); },
+       [](const Scene& scene) { return zeroWaiters(scene.replies.set.id(), 0) > 0; },
        [](Scene& scene) { scene.replies.unlock(); }},
       {"for the lock of the reply queue after the reply",
        [](Scene& scene) {
@@ -130,17 +125,17 @@ const std::vector<Wait>& waits() {
          (void)waitUntil([&] { return sleepsForItsReply(scene); });
          const size_t head = scene.ownHead();
          scene.replies.lock();
-         (void)scene.replies.linkReply(head, raw::replyRecord(kAnswer));
+         (void)scene.replies.linkReply(head, replyRecord(kAnswer));
          scene.replies.waits.add(scene.replies.semaphore(head), 1);
        },
-       [](const Scene& scene) { return waitsForZero(scene.replies.set, 0); },
+       [](const Scene& scene) { return zeroWaiters(scene.replies.set.id(), 0) > 0; },
        [](Scene& scene) { scene.replies.unlock(); }},
       {"for the private lock of the semaphore that wakes the engine",
        [](Scene& scene) {
          scene.answerBefore();
          scene.requests.empty.setValue(1, 1);
        },
-       [](const Scene& scene) { return waitsForZero(scene.requests.empty, 1); },
+       [](const Scene& scene) { return zeroWaiters(scene.requests.empty.id(), 1) > 0; },
        [](Scene& scene) { scene.requests.empty.setValue(1, 0); }}};
   return all;
 }

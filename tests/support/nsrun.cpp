@@ -38,6 +38,8 @@
 #include <utility>
 #include <vector>
 
+#include "platform/semaphoreset.h"
+
 namespace {
 
 constexpr int kSetUpFailed = 125;
@@ -390,12 +392,6 @@ pid_t forkOrFail() {
 
 // ---- leftovers ----------------------------------------------------------------------------------
 
-union SemctlArgument {
-  int value;
-  semid_ds* set;
-  seminfo* info;
-};
-
 void reportLeftover(const char* kind, int id, key_t key) {
   std::fprintf(stderr, "nsrun: left behind: %s, id %d, key 0x%08x\n", kind, id,
                static_cast<unsigned>(key));
@@ -418,12 +414,12 @@ int countSegments() {
 int countSets() {
   int count = 0;
   seminfo info;
-  SemctlArgument argument;
-  argument.info = &info;
+  TSemArgument argument = {};
+  argument.buf = reinterpret_cast<semid_ds*>(&info);
   const int last = semctl(0, 0, SEM_INFO, argument);
   for (int index = 0; index <= last; ++index) {
     semid_ds set;
-    argument.set = &set;
+    argument.buf = &set;
     const int id = semctl(index, 0, SEM_STAT_ANY, argument);
     if (id < 0) continue;
     reportLeftover("semaphore set", id, set.sem_perm.__key);

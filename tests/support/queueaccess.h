@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/sem.h>
-
 #include <chrono>
 #include <cstdint>
 #include <cstring>
@@ -9,10 +7,10 @@
 #include "arm/TArmMessage.h"
 #include "arm/TArmReplyMessage.h"
 #include "core/EngineQueues.h"
-#include "ipc/CIPCQueue.h"
+#include "ipc/CReplySegment.h"
+#include "ipc/CRequestSegment.h"
+#include "ipc/CWakeSet.h"
 #include "ipc/EngineObjects.h"
-#include "ipc/ReplyQueueLayout.h"
-#include "ipc/RequestQueueLayout.h"
 #include "platform/CkesSharedMemory.h"
 #include "platform/sharedword.h"
 #include "system/NameFiles.h"
@@ -46,13 +44,12 @@ class QueueAccess {
       : queues_(queues),
         requests_(REQUEST_SEGMENT_NAME, false),
         replies_(REPLY_QUEUE_NAME, false),
-        view_(REPLY_QUEUE_NAME, false),
-        set_(armengine::openSemaphoreSet(
+        ring_(requests_.GetAddress(), requests_.GetSize()),
+        segment_(replies_.GetAddress(), replies_.GetSize()),
+        wake_(armengine::openSemaphoreSet(
             armengine::objectPath(REPLY_QUEUE_NAME, WAKE_SET_PATH_LIMIT), WAKE_SET_PROJECT)) {}
 
-  void setVersion(uint32_t version) {
-    storeShared(static_cast<TRequestQueueHeader*>(requests_.GetAddress())->arm_version, version);
-  }
+  void setVersion(uint32_t version) { storeShared(ring_->arm_version, version); }
 
   /// Gives a reply to a requester, waiting or not, however many there are; false when there is no
   /// room, also not after the departed have been removed.
@@ -65,54 +62,45 @@ class QueueAccess {
   /// Cancels the wait of a requester; false when it does not wait, or has its reply already.
   bool cancel(const TIPCIdentifier& to) {
     if (replies_.Lock() != 0) return false;
-    TIPCHeadItem* head = nullptr;
-    const bool waits = view_.FindHead(to, false, &head) == 0 &&
-                       loadShared(head->status) == HEAD_WAITING &&
+    TIPCHeadItem* head = segment_.FindOwned(to);
+    const bool waits = head != nullptr && loadShared(head->status) == HEAD_WAITING &&
                        loadShared(head->first_reply) == 0;
     if (waits) storeShared(head->status, HEAD_CANCELLED);
     (void)replies_.Unlock();
-    if (waits) raise(*head);
+    if (waits) (void)wake_.Raise(loadShared(head->semaphore), 1);
     return waits;
   }
 
  private:
-  using Item = TIPCReplyItem<TArmReplyMessage>;
-
   bool tryPut(const TIPCIdentifier& to, const TArmReplyMessage& reply) {
     if (replies_.Lock() != 0) return false;
-    TIPCHeadItem* head = nullptr;
-    const bool linked = view_.FindHead(to, true, &head) == 0 && link(head, reply);
+    TIPCHeadItem* head = segment_.FindOwned(to);
+    if (head == nullptr) head = segment_.Claim(to, wake_);
+    const bool linked = head != nullptr && link(head, reply);
     (void)replies_.Unlock();
-    if (linked) raise(*head);
+    if (linked) (void)wake_.Raise(loadShared(head->semaphore), 1);
     return linked;
   }
   bool link(TIPCHeadItem* head, const TArmReplyMessage& reply) {
-    auto* header = static_cast<TReplyQueueHeader*>(replies_.GetAddress());
-    const uint32_t offset = loadShared(header->free_list);
-    if (offset == 0) return false;
-    Item* item = itemAt(offset);
-    storeShared(header->free_list, loadShared(item->next));
-    storeShared(header->used_items, static_cast<uint16_t>(loadShared(header->used_items) + 1U));
+    const uint32_t offset = loadShared(segment_->free_list);
+    auto* item = segment_.Item(offset);
+    if (item == nullptr) return false;
+    storeShared(segment_->free_list, loadShared(item->next));
+    storeShared(segment_->used_items, static_cast<uint16_t>(loadShared(segment_->used_items) + 1U));
     std::memcpy(&item->record, &reply, sizeof reply);
     storeShared(item->next, 0U);
     uint32_t* last = &head->first_reply;
-    while (loadShared(*last) != 0) last = &itemAt(loadShared(*last))->next;
+    while (auto* before = segment_.Item(loadShared(*last))) last = &before->next;
     storeShared(*last, offset);
     return true;
-  }
-  Item* itemAt(uint32_t offset) {
-    return reinterpret_cast<Item*>(static_cast<uint8_t*>(replies_.GetAddress()) + offset);
-  }
-  void raise(const TIPCHeadItem& head) const {
-    sembuf add = {loadShared(head.semaphore), 1, 0};
-    (void)semop(set_, &add, 1);
   }
 
   armengine::EngineQueues& queues_;
   CkesSharedMemory requests_;
   CkesSharedMemory replies_;
-  CIPCQueue<TArmReplyMessage> view_;
-  int set_;
+  CRequestSegment<TArmMessage> ring_;
+  CReplySegment<TArmReplyMessage> segment_;
+  CWakeSet wake_;
 };
 
 }  // namespace armtest

@@ -11,10 +11,10 @@
 #include <vector>
 
 #include "calls.h"
-#include "ipcobjects.h"
 #include "platform/CkesThreadLibrary.h"
 #include "process.h"
 #include "records.h"
+#include "sleepers.h"
 
 namespace armtest {
 namespace {
@@ -24,10 +24,10 @@ char kName[] = "/var/kelp/semaphore";
 using Texts = std::vector<std::string>;
 
 int count() {
-  return semaphoreValue(setOf(kName), 0);
+  return semaphoreValue(setAt(kName), 0);
 }
 int privateLock() {
-  return semaphoreValue(setOf(kName), 1);
+  return semaphoreValue(setAt(kName), 1);
 }
 
 // ---- create -------------------------------------------------------------------------------------
@@ -69,7 +69,7 @@ TEST(CkesSemaphore, CreationMakesTheNameFileAndASetOfThree) {
   const CkesSemaphore semaphore(kName, 3, 7);
   ASSERT_TRUE(semaphore.IsInitialized());
   EXPECT_TRUE(exists(kName));
-  const int set = setOf(kName, 1);
+  const int set = setAt(kName, 1);
   EXPECT_EQ(3, semaphoreValue(set, 0));
   EXPECT_EQ(0, semaphoreValue(set, 1));
   EXPECT_EQ(7, semaphoreValue(set, 2));
@@ -88,11 +88,11 @@ TEST(CkesSemaphore, CreationAsksForASetOpenToAll) {
 
 TEST(CkesSemaphore, CreationOverAnExistingSetOfThreeResetsItsValues) {
   const CkesSemaphore first(kName, 3, 7);
-  const int set = setOf(kName);
+  const int set = setAt(kName);
   setSemaphore(set, 1, 1);
   const CkesSemaphore second(kName, 1, 4);
   EXPECT_TRUE(second.IsInitialized());
-  EXPECT_EQ(set, setOf(kName));
+  EXPECT_EQ(set, setAt(kName));
   EXPECT_EQ(1, semaphoreValue(set, 0));
   EXPECT_EQ(0, semaphoreValue(set, 1));
   EXPECT_EQ(4, semaphoreValue(set, 2));
@@ -102,7 +102,7 @@ TEST(CkesSemaphore, FirstOwnersDestructionRemovesATakenOverSetUnderEveryone) {
   auto* first = new CkesSemaphore(kName, 3, 7);
   CkesSemaphore second(kName, 1, 4);
   delete first;
-  EXPECT_EQ(-1, setOf(kName));
+  EXPECT_EQ(-1, setAt(kName));
   EXPECT_EQ(-141, second.Wait(0));
 }
 
@@ -111,14 +111,14 @@ TEST(CkesSemaphore, StaleSetOfFewerSemaphoresIsReplaced) {
   const CkesSemaphore semaphore(kName, 3, 7);
   EXPECT_TRUE(semaphore.IsInitialized());
   EXPECT_FALSE(setExists(stale));
-  EXPECT_EQ(7, semaphoreValue(setOf(kName), 2));
+  EXPECT_EQ(7, semaphoreValue(setAt(kName), 2));
 }
 
 TEST(CkesSemaphore, LargerSetIsTakenOver) {
   const int larger = makeSet(kName, 5);
   const CkesSemaphore semaphore(kName, 3, 7);
   EXPECT_TRUE(semaphore.IsInitialized());
-  EXPECT_EQ(larger, setOf(kName));
+  EXPECT_EQ(larger, setAt(kName));
 }
 
 TEST(CkesSemaphore, IsNotInitializedWithoutItsNameFile) {
@@ -162,7 +162,7 @@ TEST(CkesSemaphore, AnyValueThatCannotBeSetLeavesItNotInitialized) {
 TEST(CkesSemaphore, FailedCreationUndoesNothing) {
   calls::semctl.fail(-1, EPERM);
   { const CkesSemaphore semaphore(kName, 0, 1); }
-  EXPECT_TRUE(setExists(setOf(kName)));
+  EXPECT_TRUE(setExists(setAt(kName)));
 }
 
 TEST(CkesSemaphore, ValuesAreSetInOrder) {
@@ -275,7 +275,7 @@ TEST(CkesSemaphore, WaitIgnoresItsTimeLimitAndBlocksUntilAPost) {
   CkesSemaphore semaphore(kName, 0, 7);
   long result = -1;
   std::thread waiter([&] { result = semaphore.Wait(10); });
-  EXPECT_TRUE(sleeperComes(setOf(kName), 0));
+  EXPECT_TRUE(sleeperComes(setAt(kName), 0));
   EXPECT_EQ(0, semaphore.Post(1));
   waiter.join();
   EXPECT_EQ(0, result);
@@ -298,7 +298,7 @@ TEST(CkesSemaphore, WaitInOneProcessEndsWithAPostInAnother) {
     CkesSemaphore opener(kName);
     return opener.Wait(0) == 0 ? 42 : 1;
   });
-  EXPECT_TRUE(sleeperComes(setOf(kName), 0));
+  EXPECT_TRUE(sleeperComes(setAt(kName), 0));
   EXPECT_EQ(0, semaphore.Post(1));
   EXPECT_EQ(42, exitCodeOf(child));
 }
@@ -320,7 +320,7 @@ TEST(CkesSemaphore, WaitThatFailsOtherwiseGivesMinus141) {
 TEST(CkesSemaphore, SetRemovedUnderAWaiterGivesMinus141) {
   ASSERT_EQ(0, CkesThreadLibrary::Initialize());
   CkesSemaphore semaphore(kName, 0, 7);
-  const int set = setOf(kName);
+  const int set = setAt(kName);
   long result = 0;
   std::thread waiter([&] { result = semaphore.Wait(0); });
   EXPECT_TRUE(sleeperComes(set, 0));
@@ -426,14 +426,14 @@ TEST(CkesSemaphore, ResultOfThePrivateUnlockIsNotLookedAt) {
 
 TEST(CkesSemaphore, PostOfAnotherProcessIsWaitedFor) {
   CkesSemaphore semaphore(kName, 0, 7);
-  setSemaphore(setOf(kName), 1, 1);
+  setSemaphore(setAt(kName), 1, 1);
   const pid_t child = forkChild([] {
     CkesSemaphore opener(kName);
     return opener.Post(1) == 0 ? 42 : 1;
   });
-  EXPECT_TRUE(sleeperForZeroComes(setOf(kName), 1));
+  EXPECT_TRUE(sleeperForZeroComes(setAt(kName), 1));
   EXPECT_EQ(0, count());
-  setSemaphore(setOf(kName), 1, 0);
+  setSemaphore(setAt(kName), 1, 0);
   EXPECT_EQ(42, exitCodeOf(child));
   EXPECT_EQ(1, count());
 }
@@ -491,14 +491,14 @@ TEST(CkesSemaphore, PostToAnObjectNotInitializedGivesMinus140) {
 
 TEST(CkesSemaphore, CreatorRemovesTheSetButNotTheNameFile) {
   { const CkesSemaphore semaphore(kName, 0, 7); }
-  EXPECT_EQ(-1, setOf(kName));
+  EXPECT_EQ(-1, setAt(kName));
   EXPECT_TRUE(exists(kName));
 }
 
 TEST(CkesSemaphore, OpenerNeverRemovesTheSet) {
   const CkesSemaphore creator(kName, 0, 7);
   { const CkesSemaphore opener(kName); }
-  EXPECT_TRUE(setExists(setOf(kName)));
+  EXPECT_TRUE(setExists(setAt(kName)));
 }
 
 TEST(CkesSemaphore, NameIsCutTo127Characters) {

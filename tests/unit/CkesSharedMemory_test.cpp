@@ -15,10 +15,10 @@
 #include <vector>
 
 #include "calls.h"
-#include "ipcobjects.h"
 #include "platform/CkesThreadLibrary.h"
 #include "process.h"
 #include "records.h"
+#include "sleepers.h"
 
 namespace armtest {
 namespace {
@@ -170,7 +170,7 @@ TEST(CkesSharedMemory, CreatorIsNotAliveWhenTheSetIsGone) {
   const CkesSharedMemory creator(kSegmentFile, kSize, true);
   CkesSharedMemory segment(kSegmentFile, false);
   EXPECT_TRUE(segment.CreatorAlive());
-  (void)calls::semctl.real(setOf(kSegmentFile), 0, IPC_RMID, {});
+  (void)calls::semctl.real(setAt(kSegmentFile), 0, IPC_RMID, {});
   EXPECT_FALSE(segment.CreatorAlive());
 }
 
@@ -207,13 +207,13 @@ TEST(CkesSharedMemory, FailedOpenLeavesTheSegmentAttachedWhileTheObjectLives) {
   calls::semctl.fail(-1, EACCES);
   const CkesSharedMemory segment(kSegmentFile, false);
   EXPECT_EQ(-251, segment.GetInitResult());
-  EXPECT_EQ(2UL, attachments(segmentOf(kSegmentFile)));
+  EXPECT_EQ(2UL, attachments(segmentAt(kSegmentFile)));
 }
 
 TEST(CkesSharedMemory, FailedOpenByAnOwnerRemovesNothing) {
   const CkesSharedMemory creator(kSegmentFile, kSize, true);
-  const int set = setOf(kSegmentFile);
-  const int segment = segmentOf(kSegmentFile);
+  const int set = setAt(kSegmentFile);
+  const int segment = segmentAt(kSegmentFile);
   calls::semctl.fail(-1, EACCES);
   { const CkesSharedMemory opener(kSegmentFile, true); }
   EXPECT_TRUE(setExists(set));
@@ -368,14 +368,14 @@ TEST(CkesSharedMemory, CreationMakesTheNameFileAndAZeroedSegment) {
 
 TEST(CkesSharedMemory, SetIsProject1AndSegmentProject2OfTheNameFile) {
   const CkesSharedMemory segment(kSegmentFile, kSize, true);
-  EXPECT_TRUE(setExists(setOf(kSegmentFile, 1)));
-  EXPECT_TRUE(segmentExists(segmentOf(kSegmentFile, 2)));
+  EXPECT_TRUE(setExists(setAt(kSegmentFile, 1)));
+  EXPECT_TRUE(segmentExists(segmentAt(kSegmentFile, 2)));
 }
 
 TEST(CkesSharedMemory, CreatedSetIsFreeAndItsCreatorAlive) {
   CkesSharedMemory segment(kSegmentFile, kSize, true);
-  EXPECT_EQ(0, semaphoreValue(setOf(kSegmentFile), 0));
-  EXPECT_EQ(2, semaphoreValue(setOf(kSegmentFile), 1));
+  EXPECT_EQ(0, semaphoreValue(setAt(kSegmentFile), 0));
+  EXPECT_EQ(2, semaphoreValue(setAt(kSegmentFile), 1));
   EXPECT_TRUE(segment.CreatorAlive());
 }
 
@@ -409,13 +409,13 @@ TEST(CkesSharedMemory, CreationReplacesAnOldSetWhoeverMadeIt) {
   const CkesSharedMemory segment(kSegmentFile, kSize, true);
   EXPECT_EQ(0, segment.GetInitResult());
   EXPECT_FALSE(setExists(old));
-  EXPECT_EQ(0, semaphoreValue(setOf(kSegmentFile), 0));
-  EXPECT_EQ(2, semaphoreValue(setOf(kSegmentFile), 1));
+  EXPECT_EQ(0, semaphoreValue(setAt(kSegmentFile), 0));
+  EXPECT_EQ(2, semaphoreValue(setAt(kSegmentFile), 1));
 }
 
 TEST(CkesSharedMemory, CreationReplacesTheSetOfALivingCreator) {
   CkesSharedMemory first(kSegmentFile, kSize, false);
-  const int old = setOf(kSegmentFile);
+  const int old = setAt(kSegmentFile);
   const CkesSharedMemory second(kSegmentFile, kSize, true);
   EXPECT_EQ(0, second.GetInitResult());
   EXPECT_FALSE(setExists(old));
@@ -425,7 +425,7 @@ TEST(CkesSharedMemory, CreationReplacesTheSetOfALivingCreator) {
 TEST(CkesSharedMemory, CreationTakesAnUninitialisedSetAsItIs) {
   const int fresh = makeSet(kSegmentFile, 2);
   const CkesSharedMemory segment(kSegmentFile, kSize, true);
-  EXPECT_EQ(fresh, setOf(kSegmentFile));
+  EXPECT_EQ(fresh, setAt(kSegmentFile));
   EXPECT_EQ(2, semaphoreValue(fresh, 1));
 }
 
@@ -443,7 +443,7 @@ TEST(CkesSharedMemory, LargerSegmentIsReusedAndZeroedOverTheSizeAskedFor) {
   std::memset(address, 'x', 4096);
   const CkesSharedMemory segment(kSegmentFile, kSize, true);
   EXPECT_EQ(0, segment.GetInitResult());
-  EXPECT_EQ(old, segmentOf(kSegmentFile));
+  EXPECT_EQ(old, segmentAt(kSegmentFile));
   EXPECT_EQ(kSize, segment.GetSize());
   EXPECT_EQ(std::string(kSize, '\0') + "x", std::string(bytes(segment), kSize + 1));
   EXPECT_EQ(0, shmdt(address));
@@ -460,7 +460,7 @@ TEST(CkesSharedMemory, FailedCreationUndoesNothing) {
   const int segment = makeSegment(kSegmentFile, kSize - 1);
   { const CkesSharedMemory created(kSegmentFile, kSize, true); }
   EXPECT_TRUE(segmentExists(segment));
-  EXPECT_EQ(2, semaphoreValue(setOf(kSegmentFile), 1));
+  EXPECT_EQ(2, semaphoreValue(setAt(kSegmentFile), 1));
 }
 
 // ---- what a creation traces ---------------------------------------------------------------------
@@ -596,9 +596,9 @@ TEST(CkesSharedMemory, LockIsOneStepOfTwoRecordsAndUnlockDoesNotWait) {
 TEST(CkesSharedMemory, HeldLockIsSemaphore0AtOne) {
   CkesSharedMemory segment(kSegmentFile, kSize, true);
   EXPECT_EQ(0, segment.Lock());
-  EXPECT_EQ(1, semaphoreValue(setOf(kSegmentFile), 0));
+  EXPECT_EQ(1, semaphoreValue(setAt(kSegmentFile), 0));
   EXPECT_EQ(0, segment.Unlock());
-  EXPECT_EQ(0, semaphoreValue(setOf(kSegmentFile), 0));
+  EXPECT_EQ(0, semaphoreValue(setAt(kSegmentFile), 0));
 }
 
 TEST(CkesSharedMemory, AnotherProcessWaitsForTheLock) {
@@ -608,7 +608,7 @@ TEST(CkesSharedMemory, AnotherProcessWaitsForTheLock) {
     CkesSharedMemory opener(kSegmentFile, false);
     return opener.Lock() == 0 ? *bytes(opener) : 1;
   });
-  EXPECT_TRUE(sleeperForZeroComes(setOf(kSegmentFile), 0));
+  EXPECT_TRUE(sleeperForZeroComes(setAt(kSegmentFile), 0));
   *bytes(segment) = 42;
   EXPECT_EQ(0, segment.Unlock());
   EXPECT_EQ(42, exitCodeOf(child));
@@ -620,7 +620,7 @@ TEST(CkesSharedMemory, LockIsNotReentrant) {
     CkesSharedMemory opener(kSegmentFile, false);
     return opener.Lock() == 0 && opener.Lock() == 0 ? 0 : 1;
   });
-  EXPECT_TRUE(sleeperForZeroComes(setOf(kSegmentFile), 0));
+  EXPECT_TRUE(sleeperForZeroComes(setAt(kSegmentFile), 0));
   kill(child, SIGKILL);
   EXPECT_EQ(128 + SIGKILL, exitCodeOf(child));
 }
@@ -631,10 +631,10 @@ TEST(CkesSharedMemory, LockOfAKilledProcessIsReleased) {
     CkesSharedMemory opener(kSegmentFile, false);
     return opener.Lock() == 0 ? pause() : 1;
   });
-  EXPECT_TRUE(waitUntil([] { return semaphoreValue(setOf(kSegmentFile), 0) == 1; }));
+  EXPECT_TRUE(waitUntil([] { return semaphoreValue(setAt(kSegmentFile), 0) == 1; }));
   kill(child, SIGKILL);
   EXPECT_EQ(128 + SIGKILL, exitCodeOf(child));
-  EXPECT_EQ(0, semaphoreValue(setOf(kSegmentFile), 0));
+  EXPECT_EQ(0, semaphoreValue(setAt(kSegmentFile), 0));
   EXPECT_EQ(0, segment.Lock());
   EXPECT_EQ(0, segment.Unlock());
 }
@@ -681,7 +681,7 @@ TEST(CkesSharedMemory, UnlockOfAFreeLockFailsAtOnceWithMinus262) {
 
 TEST(CkesSharedMemory, LockOfARemovedSetGivesMinus261) {
   CkesSharedMemory segment(kSegmentFile, kSize, true);
-  (void)calls::semctl.real(setOf(kSegmentFile), 0, IPC_RMID, {});
+  (void)calls::semctl.real(setAt(kSegmentFile), 0, IPC_RMID, {});
   EXPECT_EQ(-261, segment.Lock());
   EXPECT_EQ("-261 CkesSharedMemory::Lock()", lastError());
 }
@@ -690,7 +690,7 @@ TEST(CkesSharedMemory, SetRemovedUnderASleeperGivesMinus261) {
   ASSERT_EQ(0, CkesThreadLibrary::Initialize());
   CkesSharedMemory segment(kSegmentFile, kSize, true);
   ASSERT_EQ(0, segment.Lock());
-  const int set = setOf(kSegmentFile);
+  const int set = setAt(kSegmentFile);
   long result = 0;
   std::thread sleeper([&] { result = segment.Lock(); });
   EXPECT_TRUE(sleeperForZeroComes(set, 0));
@@ -701,7 +701,7 @@ TEST(CkesSharedMemory, SetRemovedUnderASleeperGivesMinus261) {
 
 TEST(CkesSharedMemory, FailedLockIsTraced) {
   CkesSharedMemory segment(kSegmentFile, kSize, true);
-  const int set = setOf(kSegmentFile);
+  const int set = setAt(kSegmentFile);
   calls::semop.fail(-1, EINVAL);
   startTracing();
   EXPECT_EQ(-261, segment.Lock());
@@ -904,8 +904,8 @@ TEST(CkesSharedMemory, OwnerRemovesSetAndSegmentButNotTheNameFile) {
   int segment = -1;
   {
     const CkesSharedMemory owner(kSegmentFile, kSize, true);
-    set = setOf(kSegmentFile);
-    segment = segmentOf(kSegmentFile);
+    set = setAt(kSegmentFile);
+    segment = segmentAt(kSegmentFile);
   }
   EXPECT_FALSE(setExists(set));
   EXPECT_FALSE(segmentExists(segment));
@@ -914,16 +914,16 @@ TEST(CkesSharedMemory, OwnerRemovesSetAndSegmentButNotTheNameFile) {
 
 TEST(CkesSharedMemory, NonOwnerDetachesOnly) {
   { const CkesSharedMemory creator(kSegmentFile, kSize, false); }
-  EXPECT_TRUE(setExists(setOf(kSegmentFile)));
-  EXPECT_TRUE(segmentExists(segmentOf(kSegmentFile)));
-  EXPECT_EQ(0UL, attachments(segmentOf(kSegmentFile)));
+  EXPECT_TRUE(setExists(setAt(kSegmentFile)));
+  EXPECT_TRUE(segmentExists(segmentAt(kSegmentFile)));
+  EXPECT_EQ(0UL, attachments(segmentAt(kSegmentFile)));
 }
 
 TEST(CkesSharedMemory, OpenerThatOwnsRemovesSetAndSegment) {
   { const CkesSharedMemory creator(kSegmentFile, kSize, false); }
   { const CkesSharedMemory owner(kSegmentFile, true); }
-  EXPECT_EQ(-1, setOf(kSegmentFile));
-  EXPECT_EQ(-1, segmentOf(kSegmentFile));
+  EXPECT_EQ(-1, setAt(kSegmentFile));
+  EXPECT_EQ(-1, segmentAt(kSegmentFile));
 }
 
 // ---- the name -----------------------------------------------------------------------------------

@@ -1,24 +1,16 @@
-#include "RawQueues.h"
+#include "rawqueues.h"
 
-#include <fcntl.h>
-#include <sys/ipc.h>
 #include <sys/sem.h>
-#include <sys/shm.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-namespace raw {
-namespace {
+#include "unwatched.h"
 
-union SemArgument {
-  int val;
-  semid_ds* buf;
-  unsigned short* array;
-};
+namespace armtest {
+namespace {
 
 /// A laid queue that is not what the test asked for would make every result worthless.
 int need(int result, const char* what) {
@@ -27,127 +19,39 @@ int need(int result, const char* what) {
   std::abort();
 }
 
-int keyOf(const std::string& path, int project) {
-  touch(path);
-  return need(ftok(path.c_str(), project), "ftok");
-}
-
-/// A semop that the hooks on semop do not see.
-int operate(int set, sembuf* operations, size_t count) {
+void operate(int set, sembuf* operations, size_t count) {
+  const Unwatched own;
   int result = 0;
   do {
-    result = semtimedop(set, operations, count, nullptr);
+    result = semop(set, operations, count);
   } while (result < 0 && errno == EINTR);
-  return result;
-}
-
-template <typename T>
-T load(const uint8_t* address) {
-  return __atomic_load_n(reinterpret_cast<const T*>(address), __ATOMIC_SEQ_CST);
-}
-
-template <typename T>
-void store(uint8_t* address, T value) {
-  __atomic_store_n(reinterpret_cast<T*>(address), value, __ATOMIC_SEQ_CST);
+  need(result, "semop");
 }
 
 }  // namespace
 
-void touch(const std::string& path) {
-  const int file = need(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666), path.c_str());
-  close(file);
-}
+SemaphoreSet::SemaphoreSet(const std::string& path, int project, int semaphores)
+    : id_(need(makeSet(path, semaphores, project), "semget")), semaphores_(semaphores) {}
 
-// ---- semaphores ---------------------------------------------------------------------------------
-
-Set::Set(const std::string& path, int project, int semaphores)
-    : id_(need(semget(keyOf(path, project), semaphores, 0666 | IPC_CREAT | IPC_EXCL), "semget")) {}
-
-Set::~Set() {
-  remove();
-}
-
-int Set::value(int number) const {
-  return need(semctl(id_, number, GETVAL), "GETVAL");
-}
-
-bool Set::tryValue(int number, int value) {
-  SemArgument argument = {};
-  argument.val = value;
-  return semctl(id_, number, SETVAL, argument) == 0;
-}
-
-void Set::setValue(int number, int value) {
-  need(tryValue(number, value) ? 0 : -1, "SETVAL");
-}
-
-int Set::sleepers(int number) const {
-  return need(semctl(id_, number, GETNCNT), "GETNCNT");
-}
-
-void Set::add(int set, int number, int by) {
+void SemaphoreSet::add(int set, int number, int by) {
   sembuf operation = {static_cast<unsigned short>(number), static_cast<short>(by), 0};
-  need(operate(set, &operation, 1), "semop");
+  operate(set, &operation, 1);
 }
-
-void Set::remove() {
-  (void)semctl(id_, 0, IPC_RMID);
-}
-
-int findSet(const std::string& path, int project) {
-  const int key = ftok(path.c_str(), project);
-  return key == -1 ? -1 : semget(key, 0, 0);
-}
-
-// ---- segments -----------------------------------------------------------------------------------
 
 Segment::Segment(const std::string& path, size_t size)
-    : size_(size),
-      id_(need(shmget(keyOf(path, 2), size, 0666 | IPC_CREAT | IPC_EXCL | SHM_NORESERVE),
-               "shmget")),
-      start_(static_cast<uint8_t*>(shmat(id_, nullptr, 0))) {
-  need(reinterpret_cast<intptr_t>(start_) == -1 ? -1 : 0, "shmat");
-}
+    : size_(size), id_(need(makeSegment(path, size), "shmget")), memory_(id_) {}
 
-Segment::~Segment() {
-  shmdt(start_);
-  remove();
-}
-
-void Segment::remove() {
-  (void)shmctl(id_, IPC_RMID, nullptr);
-}
-
-size_t Segment::mappedSize() const {
-  return (size_ + 4095) / 4096 * 4096;
-}
-uint8_t Segment::u8(size_t offset) const {
-  return load<uint8_t>(start_ + offset);
-}
-uint16_t Segment::u16(size_t offset) const {
-  return load<uint16_t>(start_ + offset);
-}
-uint32_t Segment::u32(size_t offset) const {
-  return load<uint32_t>(start_ + offset);
-}
-void Segment::put8(size_t offset, uint8_t value) {
-  store(start_ + offset, value);
-}
-void Segment::put16(size_t offset, uint16_t value) {
-  store(start_ + offset, value);
-}
-void Segment::put32(size_t offset, uint32_t value) {
-  store(start_ + offset, value);
-}
-
-Bytes Segment::bytes(size_t offset, size_t length) const {
-  return Bytes(start_ + offset, start_ + offset + length);
-}
-
-unsigned long Segment::attachments() const {
-  shmid_ds info = {};
-  need(shmctl(id_, IPC_STAT, &info), "IPC_STAT");
-  return info.shm_nattch;
+void layReplies(Segment& memory, size_t capacity) {
+  const size_t items = 12 + 16 * capacity;
+  for (size_t i = 0; i < capacity; ++i) {
+    const size_t head = 12 + 16 * i;
+    memory.put16(head + 2, static_cast<uint16_t>(2 + i));
+    memory.put32(head + 4, 0xFFFFFFFF);
+    memory.put32(head + 8, 0xFFFFFFFF);
+    const size_t next = i + 1 < capacity ? items + 532 * (i + 1) : 0;
+    memory.put32(items + 532 * i + 528, static_cast<uint32_t>(next));
+  }
+  memory.put32(4, capacity > 0 ? static_cast<uint32_t>(items) : 0);
 }
 
 LockedSegment::LockedSegment(const std::string& path, size_t size)
@@ -157,7 +61,7 @@ LockedSegment::LockedSegment(const std::string& path, size_t size)
 
 void LockedSegment::lock() {
   sembuf operations[] = {{0, 0, 0}, {0, 1, 0}};
-  need(operate(set.id(), operations, 2), "lock");
+  operate(set.id(), operations, 2);
 }
 
 // ---- request queue ------------------------------------------------------------------------------
@@ -199,12 +103,7 @@ ReplyQueue::ReplyQueue(size_t capacity, size_t spareBytes, const std::string& na
       waits(name, 3, static_cast<int>(capacity) + 2),
       capacity_(capacity) {
   waits.setValue(0, 1);
-  for (size_t i = 0; i < capacity; ++i) {
-    setSemaphore(i, static_cast<uint16_t>(2 + i));
-    setOwner(i, 0xFFFFFFFF, 0xFFFFFFFF);
-    memory.put32(itemOffset(i) + 528, i + 1 < capacity ? itemOffset(i + 1) : 0);
-  }
-  memory.put32(4, capacity > 0 ? itemOffset(0) : 0);
+  layReplies(memory, capacity);
 }
 
 void ReplyQueue::setOwner(size_t head, uint32_t process, uint32_t thread) {
@@ -259,34 +158,28 @@ Bytes replyRecord(int32_t result, uint8_t correlatorFlag, uint8_t pattern) {
   return record;
 }
 
-uint32_t word(const Bytes& bytes, size_t offset) {
-  uint32_t value = 0;
-  std::memcpy(&value, bytes.data() + offset, 4);
-  return value;
-}
-
 // ---- engine -------------------------------------------------------------------------------------
 
-Engine::Engine(RequestQueue& requests, ReplyQueue& replies, const Bytes& reply)
+AnsweringEngine::AnsweringEngine(RequestQueue& requests, ReplyQueue& replies, const Bytes& reply)
     : requests_(requests), replies_(replies), reply_(reply), thread_([this] { run(); }) {}
 
-Engine::~Engine() {
+AnsweringEngine::~AnsweringEngine() {
   stop_ = true;
   requests_.empty.add(0, 1);
   thread_.join();
 }
 
-void Engine::setReply(const Bytes& reply) {
+void AnsweringEngine::setReply(const Bytes& reply) {
   const std::lock_guard<std::mutex> guard(mutex_);
   reply_ = reply;
 }
 
-std::vector<Bytes> Engine::taken() const {
+std::vector<Bytes> AnsweringEngine::taken() const {
   const std::lock_guard<std::mutex> guard(mutex_);
   return taken_;
 }
 
-void Engine::run() {
+void AnsweringEngine::run() {
   for (;;) {
     requests_.empty.add(0, -1);
     while (requests_.count() > 0) answer(requests_.take());
@@ -294,7 +187,7 @@ void Engine::run() {
   }
 }
 
-void Engine::answer(const Bytes& request) {
+void AnsweringEngine::answer(const Bytes& request) {
   Bytes reply;
   {
     const std::lock_guard<std::mutex> guard(mutex_);
@@ -307,4 +200,4 @@ void Engine::answer(const Bytes& request) {
   replies_.reply(head, reply);
 }
 
-}  // namespace raw
+}  // namespace armtest

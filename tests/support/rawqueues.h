@@ -8,78 +8,79 @@
 #include <thread>
 #include <vector>
 
+#include "bytes.h"
+#include "ipcobjects.h"
+
 /// The engine's side of both queues, laid by hand. Every offset, key and semaphore number in here
 /// is a bare number on purpose: the library's own structures must not be what the bytes are
 /// compared with.
-namespace raw {
+namespace armtest {
 
 inline const std::string AE = "/var/kelp/controls_ae.kelp";
 inline const std::string EA = "/var/kelp/controls_ea.kelp";
 
-using Bytes = std::vector<uint8_t>;
-
-/// Makes an empty file, so that ftok finds one.
-void touch(const std::string& path);
-
-/// A System V semaphore set at a project of a name file. Made with the given number of semaphores,
-/// all 0; removed with the object.
-class Set {
+/// A semaphore set at a project of a name file. Made with the given number of semaphores, all 0;
+/// removed with the object.
+class SemaphoreSet {
  public:
-  Set(const std::string& path, int project, int semaphores);
-  ~Set();
-  Set(const Set&) = delete;
-  Set& operator=(const Set&) = delete;
+  SemaphoreSet(const std::string& path, int project, int semaphores);
+  ~SemaphoreSet() { remove(); }
+  SemaphoreSet(const SemaphoreSet&) = delete;
+  SemaphoreSet& operator=(const SemaphoreSet&) = delete;
 
   int id() const { return id_; }
-  int value(int number) const;
-  void setValue(int number, int value);
+  int semaphores() const { return semaphores_; }
+  int value(int number) const { return semaphoreValue(id_, number); }
+  void setValue(int number, int value) { setSemaphore(id_, number, value); }
   /// The same; false when the set is gone.
-  bool tryValue(int number, int value);
+  bool tryValue(int number, int value) { return trySetSemaphore(id_, number, value); }
   /// Threads that sleep until the semaphore can be lowered.
-  int sleepers(int number) const;
+  int sleepers(int number) const { return semaphoreWaiters(id_, number); }
   /// One semop without flags; it may sleep.
   void add(int number, int by) { add(id_, number, by); }
   static void add(int set, int number, int by);
-  void remove();
+  void remove() { removeSet(id_); }
 
  private:
   int id_;
+  int semaphores_;
 };
 
-/// The identifier of the set at a project of a name file, -1 when there is none.
-int findSet(const std::string& path, int project);
-
-/// A System V segment at project 2 of a name file. Removed with the object.
+/// A segment at project 2 of a name file. Removed with the object.
 class Segment {
  public:
   Segment(const std::string& path, size_t size);
-  ~Segment();
+  ~Segment() { remove(); }
   Segment(const Segment&) = delete;
   Segment& operator=(const Segment&) = delete;
 
   size_t size() const { return size_; }
   /// The size with the rest of the last page, whose bytes are mapped but not the segment's.
-  size_t mappedSize() const;
-  uint8_t* at(size_t offset) { return start_ + offset; }
-  uint8_t u8(size_t offset) const;
-  uint16_t u16(size_t offset) const;
-  uint32_t u32(size_t offset) const;
-  void put8(size_t offset, uint8_t value);
-  void put16(size_t offset, uint16_t value);
-  void put32(size_t offset, uint32_t value);
-  Bytes bytes(size_t offset, size_t length) const;
+  size_t mappedSize() const { return (size_ + 4095) / 4096 * 4096; }
+  uint8_t* at(size_t offset) const { return static_cast<uint8_t*>(memory_.address()) + offset; }
+  uint8_t u8(size_t offset) const { return memory_.read<uint8_t>(offset); }
+  uint16_t u16(size_t offset) const { return memory_.read<uint16_t>(offset); }
+  uint32_t u32(size_t offset) const { return memory_.read<uint32_t>(offset); }
+  void put8(size_t offset, uint8_t value) { memory_.write(offset, value); }
+  void put16(size_t offset, uint16_t value) { memory_.write(offset, value); }
+  void put32(size_t offset, uint32_t value) { memory_.write(offset, value); }
+  Bytes bytes(size_t offset, size_t length) const { return {at(offset), at(offset) + length}; }
   /// Every mapped byte.
   Bytes all() const { return bytes(0, mappedSize()); }
   /// Attachments in all processes; the object itself is one.
-  unsigned long attachments() const;
+  unsigned long attachments() const { return armtest::attachments(id_); }
   /// Takes the segment out of its name's reach; whoever has attached it keeps it.
-  void remove();
+  void remove() { removeSegment(id_); }
 
  private:
   size_t size_;
   int id_;
-  uint8_t* start_;
+  Attached memory_;
 };
+
+/// Lays so many head records and items into a reply queue's segment of zeros: all heads are free
+/// and have the semaphores 2 to n + 1, all items are in the free list.
+void layReplies(Segment& memory, size_t capacity);
 
 /// A segment with its lock set: semaphore 0 the lock, semaphore 1 the creator's life.
 class LockedSegment {
@@ -92,7 +93,7 @@ class LockedSegment {
   void breakLock() { set.tryValue(0, 0); }
   void creatorDies() { set.setValue(1, 1); }
 
-  Set set;
+  SemaphoreSet set;
   Segment memory;
 };
 
@@ -122,15 +123,14 @@ class RequestQueue : public LockedSegment {
   /// Takes the oldest record, under the lock.
   Bytes take();
 
-  Set empty;
-  Set overflow;
+  SemaphoreSet empty;
+  SemaphoreSet overflow;
 
  private:
   size_t capacity_;
 };
 
-/// The reply queue: header of 12 bytes, head records of 16, items of 532. All heads are free and
-/// have the semaphores 2 to n + 1; all items are in the free list.
+/// The reply queue: header of 12 bytes, head records of 16, items of 532, as layReplies lays them.
 class ReplyQueue : public LockedSegment {
  public:
   explicit ReplyQueue(size_t capacity, size_t spareBytes = 0, const std::string& name = EA);
@@ -164,7 +164,7 @@ class ReplyQueue : public LockedSegment {
   /// The head that belongs to an identifier, claimed when there is none yet.
   size_t headOf(uint32_t process, uint32_t thread);
 
-  Set waits;
+  SemaphoreSet waits;
 
  private:
   size_t capacity_;
@@ -172,16 +172,15 @@ class ReplyQueue : public LockedSegment {
 
 /// A reply record of 528 bytes: the result word, the flag byte, every other byte from a pattern.
 Bytes replyRecord(int32_t result, uint8_t correlatorFlag = 0, uint8_t pattern = 0x30);
-uint32_t word(const Bytes& bytes, size_t offset);
 
 /// An engine that answers: a thread that takes every request and replies to its sender, always the
 /// same.
-class Engine {
+class AnsweringEngine {
  public:
-  Engine(RequestQueue& requests, ReplyQueue& replies, const Bytes& reply);
-  ~Engine();
-  Engine(const Engine&) = delete;
-  Engine& operator=(const Engine&) = delete;
+  AnsweringEngine(RequestQueue& requests, ReplyQueue& replies, const Bytes& reply);
+  ~AnsweringEngine();
+  AnsweringEngine(const AnsweringEngine&) = delete;
+  AnsweringEngine& operator=(const AnsweringEngine&) = delete;
 
   void setReply(const Bytes& reply);
   /// The requests taken so far.
@@ -200,4 +199,4 @@ class Engine {
   std::thread thread_;
 };
 
-}  // namespace raw
+}  // namespace armtest
