@@ -24,10 +24,10 @@
 #include "intl/intlcodeset.h"
 #include "ipc/arm_ipc.h"
 #include "queueaccess.h"
+#include "tracefile.h"
 
 namespace {
 
-constexpr const char* TRACE_FILE = "/var/orv/kestra/common/QDN/logs/trace-armdebug.log";
 constexpr std::size_t BODY_OFFSET = 12;
 
 /// Bytes of a request up to the end of its body, by its type; 0 for types that do not exist.
@@ -375,7 +375,7 @@ void callOnce(Input& input, InlineEngine& engine) {
 
 /// The library as it is after loading.
 void startAnew(bool tracing, bool basic) {
-  (void)unlink(TRACE_FILE);
+  (void)unlink(armtest::TRACE_FILE);
   VDebugRun = tracing ? 1 : 0;
   wcDebugSetLogFormat(basic ? 0 : 1);
   CloseIPC();

@@ -12,10 +12,12 @@
 #include "diag/libarmdebug.h"
 #include "diag/traceformat.h"
 #include "diag/wcdebug.h"
+#include "tracefile.h"
 
 namespace {
 
-constexpr const char* TRACE_FILE = "/var/orv/kestra/common/QDN/logs/trace-armdebug.log";
+using armtest::TRACE_FILE;
+
 constexpr int BASIC = 0;
 
 void emptyFile() {
@@ -35,6 +37,9 @@ std::string fileContent() {
   CHECK(close(file) == 0);
   return content;
 }
+
+// A text of any bytes may look like a record: it is compared where it must stand, and the trace not
+// split into records as traceRecords does.
 
 /// Takes a pattern off the front of a text: 9 stands for one digit, + for any further digits.
 bool takeOff(std::string& text, const std::string& pattern) {

@@ -4,8 +4,8 @@
 #include <stdlib.h>
 
 #include "CallTest.h"
-#include "TraceFile.h"
 #include "nextcall.h"
+#include "tracefile.h"
 
 namespace {
 

@@ -3,10 +3,10 @@
 #include <stdlib.h>
 
 #include "CallTest.h"
-#include "TraceFile.h"
 #include "arm/dllhook.h"
 #include "arm/libarmutils.h"
 #include "ipc/arm_ipc.h"
+#include "tracefile.h"
 
 namespace armtest {
 namespace {

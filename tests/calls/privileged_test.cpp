@@ -11,7 +11,7 @@
 #include <cstdlib>
 
 #include "CallTest.h"
-#include "TraceFile.h"
+#include "tracefile.h"
 
 namespace armtest {
 namespace {

@@ -8,9 +8,9 @@
 #include <cstring>
 
 #include "CallTest.h"
-#include "TraceFile.h"
 #include "ipcobjects.h"
 #include "nextcall.h"
+#include "tracefile.h"
 
 namespace {
 

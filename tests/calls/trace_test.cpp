@@ -6,7 +6,7 @@
 #include <cstdio>
 
 #include "CallTest.h"
-#include "TraceFile.h"
+#include "tracefile.h"
 
 namespace armtest {
 namespace {

@@ -11,12 +11,14 @@
 #include <sstream>
 
 #include "armext.h"
+#include "files.h"
 #include "process.h"
 #include "programs.h"
 
 namespace {
 
 using armtest::builtProgram;
+using armtest::contentOf;
 using armtest::EngineProcess;
 using armtest::linesWith;
 using armtest::Ran;
@@ -25,12 +27,6 @@ using armtest::waitUntil;
 using nlohmann::json;
 
 constexpr const char* EVENTS = "/tmp/events";
-
-std::string contentOf(const std::string& path) {
-  std::ostringstream content;
-  content << std::ifstream(path, std::ios::binary).rdbuf();
-  return content.str();
-}
 
 std::vector<json> eventsOf(const std::string& path) {
   std::vector<json> events;

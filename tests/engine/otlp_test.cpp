@@ -18,8 +18,8 @@
 namespace {
 
 using armtest::Background;
+using armtest::contentOf;
 using armtest::EngineProcess;
-using armtest::fileContent;
 using armtest::forkChild;
 using armtest::linesWith;
 using armtest::Ran;
@@ -49,7 +49,7 @@ class Receiver {
 
 std::vector<json> linesOf(const std::string& path) {
   std::vector<json> lines;
-  std::istringstream text(fileContent(path));
+  std::istringstream text(contentOf(path));
   for (std::string line; std::getline(text, line);) lines.push_back(json::parse(line));
   return lines;
 }

@@ -104,12 +104,6 @@ Background::~Background() {
   (void)close(output_);
 }
 
-std::string fileContent(const std::string& path) {
-  std::ostringstream content;
-  content << std::ifstream(path, std::ios::binary).rdbuf();
-  return content.str();
-}
-
 int32_t registerClass(const std::string& application, const std::string& name) {
   const int32_t id = w_ArmInit(0, const_cast<char*>(application.c_str()), nullptr, 0, nullptr, 0);
   return w_ArmGetID(0, id, const_cast<char*>(name.c_str()), nullptr, 0, nullptr, 0);

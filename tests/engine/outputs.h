@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "files.h"
 #include "programs.h"
 
 namespace armtest {
@@ -55,8 +56,5 @@ class Background {
 int32_t registerClass(const std::string& application, const std::string& name);
 /// Reports a finished transaction of a known length.
 void report(int32_t tran_class, int32_t status, int32_t milliseconds);
-
-/// The content of a file; empty when there is none.
-std::string fileContent(const std::string& path);
 
 }  // namespace armtest

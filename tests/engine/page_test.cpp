@@ -285,7 +285,7 @@ TEST_F(PageData, FilesOfThePageAreThoseOfTheSources) {
   const std::vector<std::string> names = pageFiles();
   EXPECT_EQ(16U, names.size());
   for (const std::string& name : names) {
-    const std::string source = armtest::fileContent(PAGE_SOURCES / name);
+    const std::string source = armtest::contentOf(PAGE_SOURCES / name);
     const std::string path = addressOf(name);
     const bool module = name.substr(name.find('.')) == ".js";
     EXPECT_FALSE(source.empty());
@@ -335,7 +335,7 @@ TEST(Demo, ThatKeepsItsEngineSaysWhereToLook) {
   });
   std::string out;
   ASSERT_TRUE(waitUntil([&out] {
-    out = armtest::fileContent("/tmp/demo");
+    out = armtest::contentOf("/tmp/demo");
     return out.find("\n  traces   /tmp/traces\n") != std::string::npos;
   })) << out;
   const std::string page = placeIn(out, "page");
@@ -352,7 +352,7 @@ TEST(Demo, ThatKeepsItsEngineSaysWhereToLook) {
     return httpGet(port, "/api/trace/" + id).find("\"trace\":\"" + id) != std::string::npos;
   })) << httpGet(port, "/api/trace/" + id);
   EXPECT_EQ(0, kill(demo, SIGINT));
-  EXPECT_EQ(0, armtest::exitCodeOf(demo)) << armtest::fileContent("/tmp/demo");
+  EXPECT_EQ(0, armtest::exitCodeOf(demo)) << armtest::contentOf("/tmp/demo");
 }
 
 TEST(PageOfAPrefix, NamesItAndUntracedTransactionsAreShownToo) {

@@ -8,17 +8,12 @@
 #include <fstream>
 #include <sstream>
 
+#include "files.h"
 #include "process.h"
 
 namespace armtest {
 
 namespace {
-
-std::string contentOf(const std::string& path) {
-  std::ostringstream content;
-  content << std::ifstream(path).rdbuf();
-  return content.str();
-}
 
 std::string readLine(std::FILE* file) {
   char* line = nullptr;

@@ -10,16 +10,16 @@
 #include <string>
 #include <vector>
 
-#include "ErrorTrail.h"
-#include "TraceLog.h"
 #include "arm/dllhook.h"
 #include "arm/libarmutils.h"
 #include "armext.h"
 #include "calls.h"
 #include "counted.h"
+#include "errortrail.h"
 #include "ipc/arm_ipc.h"
 #include "process.h"
 #include "rawqueues.h"
+#include "tracing.h"
 
 namespace armtest {
 namespace {

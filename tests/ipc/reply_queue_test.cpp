@@ -12,12 +12,12 @@
 #include <memory>
 #include <thread>
 
-#include "ErrorTrail.h"
-#include "TraceLog.h"
 #include "calls.h"
+#include "errortrail.h"
 #include "ipc/CIPCQueue.h"
 #include "process.h"
 #include "rawqueues.h"
+#include "tracing.h"
 
 namespace armtest {
 namespace {

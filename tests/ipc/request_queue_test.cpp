@@ -10,12 +10,12 @@
 #include <random>
 #include <thread>
 
-#include "ErrorTrail.h"
-#include "TraceLog.h"
 #include "calls.h"
+#include "errortrail.h"
 #include "ipc/CIPCSimpleQueue.h"
 #include "process.h"
 #include "rawqueues.h"
+#include "tracing.h"
 
 namespace armtest {
 namespace {

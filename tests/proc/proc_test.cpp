@@ -10,9 +10,9 @@
 #include <random>
 
 #include "CallTest.h"
-#include "TraceFile.h"
 #include "counted.h"
 #include "shared.h"
+#include "tracefile.h"
 
 namespace armtest {
 namespace {

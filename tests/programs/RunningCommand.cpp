@@ -11,6 +11,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "files.h"
 #include "process.h"
 #include "programs.h"
 
@@ -74,9 +75,7 @@ RunningCommand::~RunningCommand() {
 }
 
 std::string RunningCommand::output() const {
-  std::ostringstream content;
-  content << std::ifstream(file_).rdbuf();
-  return content.str();
+  return contentOf(file_);
 }
 
 bool RunningCommand::says(const std::string& piece) const {

@@ -25,9 +25,9 @@
 #include <vector>
 
 #include "CallTest.h"
-#include "TraceFile.h"
 #include "counted.h"
 #include "ipcobjects.h"
+#include "tracefile.h"
 
 namespace armtest {
 namespace {
@@ -486,7 +486,7 @@ TEST(Permissions, ThatAreTakenAwayAreMinus2) {
 // ---- log directory and trace file ---------------------------------------------------------------
 
 const std::string& complaint() {
-  static const std::string text = "Failed to open trace file [" + std::string(kTraceFile) +
+  static const std::string text = "Failed to open trace file [" + std::string(TRACE_FILE) +
                                   "], make sure that subdirectory exists\n";
   return text;
 }
@@ -527,16 +527,16 @@ TEST_F(TraceTarget, DirectoryThatCannotBeWrittenIsReportedOnce) {
 }
 
 TEST_F(TraceTarget, FileThatIsADirectoryIsReportedOnce) {
-  ASSERT_EQ(0, mkdir(kTraceFile, 0755));
+  ASSERT_EQ(0, mkdir(TRACE_FILE, 0755));
   expectCallsPrinting(complaint());
   counted("log directory or trace file that cannot be used", 1);
 }
 
 TEST_F(TraceTarget, FileThatCannotBeWrittenIsReportedOnce) {
-  ASSERT_TRUE(writeText(kTraceFile, "mine"));
-  ASSERT_EQ(0, chmod(kTraceFile, 0400));
+  ASSERT_TRUE(writeText(TRACE_FILE, "mine"));
+  ASSERT_EQ(0, chmod(TRACE_FILE, 0400));
   expectCallsPrinting(complaint());
-  EXPECT_EQ(4, sizeOf(kTraceFile));
+  EXPECT_EQ(4, sizeOf(TRACE_FILE));
   counted("log directory or trace file that cannot be used", 1);
 }
 
@@ -545,7 +545,7 @@ TEST_F(TraceTarget, FileThatCannotBeWrittenIsReportedOnce) {
 // 0600.
 TEST_F(TraceTarget, FileThatIsALinkIsAppendedToWhereItLeads) {
   ASSERT_TRUE(writeText("/tmp/elsewhere", "first line\n"));
-  ASSERT_EQ(0, symlink("/tmp/elsewhere", kTraceFile));
+  ASSERT_EQ(0, symlink("/tmp/elsewhere", TRACE_FILE));
   expectCallsPrinting("");
   EXPECT_EQ(0U, readTrace().find("first line\n"));
   EXPECT_LT(100, sizeOf("/tmp/elsewhere"));
@@ -553,7 +553,7 @@ TEST_F(TraceTarget, FileThatIsALinkIsAppendedToWhereItLeads) {
 }
 
 TEST_F(TraceTarget, FileThatIsADanglingLinkIsMadeWhereItLeads) {
-  ASSERT_EQ(0, symlink("/tmp/made", kTraceFile));
+  ASSERT_EQ(0, symlink("/tmp/made", TRACE_FILE));
   expectCallsPrinting("");
   struct stat info = {};
   ASSERT_EQ(0, stat("/tmp/made", &info));
@@ -563,22 +563,22 @@ TEST_F(TraceTarget, FileThatIsADanglingLinkIsMadeWhereItLeads) {
 }
 
 TEST_F(TraceTarget, FileThatIsALinkToItselfIsReportedOnce) {
-  ASSERT_EQ(0, symlink(kTraceFile, kTraceFile));
+  ASSERT_EQ(0, symlink(TRACE_FILE, TRACE_FILE));
   expectCallsPrinting(complaint());
   counted("log directory or trace file that cannot be used", 1);
 }
 
 TEST_F(TraceTarget, FileThatIsAFullDeviceLosesTheTrace) {
-  ASSERT_EQ(0, symlink("/dev/full", kTraceFile));
+  ASSERT_EQ(0, symlink("/dev/full", TRACE_FILE));
   expectCallsPrinting("");
   counted("trace file that is a link, a dangling link, a full device", 1);
 }
 
 TEST_F(TraceTarget, FileThatIsAPipeDoesNotBlockACall) {
-  ASSERT_EQ(0, mkfifo(kTraceFile, 0666));
+  ASSERT_EQ(0, mkfifo(TRACE_FILE, 0666));
   expectCallsPrinting("");
   // Somebody holds it open and reads nothing.
-  const int holder = open(kTraceFile, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+  const int holder = open(TRACE_FILE, O_RDWR | O_NONBLOCK | O_CLOEXEC);
   ASSERT_LE(0, holder);
   const std::string page(4096, 'x');
   while (write(holder, page.data(), page.size()) > 0) {
@@ -592,7 +592,7 @@ TEST_F(TraceTarget, FileThatIsATerminalDoesNotBecomeTheProcesssOwn) {
   const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
   ASSERT_LE(0, terminal) << "there is no terminal to be had";
   ASSERT_EQ(0, unlockpt(terminal));
-  ASSERT_EQ(0, symlink(ptsname(terminal), kTraceFile));
+  ASSERT_EQ(0, symlink(ptsname(terminal), TRACE_FILE));
   inAProcess([] {
     ASSERT_LT(0, setsid());
     EXPECT_EQ(0, wrongCalls());
@@ -609,7 +609,7 @@ class Properties : public TraceTarget {
   /// The trace goes to the default place.
   static void expectDefault() {
     expectCallsPrinting("");
-    EXPECT_LT(100, sizeOf(kTraceFile));
+    EXPECT_LT(100, sizeOf(TRACE_FILE));
   }
 };
 
@@ -659,7 +659,7 @@ TEST_F(Properties, OfAValueOf5000CharactersNameAPathThatCannotBeOpened) {
   const std::string path = "/" + std::string(4094, 'd');
   expectCallsPrinting("Failed to open trace file [" + path +
                       "], make sure that subdirectory exists\n");
-  EXPECT_EQ(-1, sizeOf(kTraceFile));
+  EXPECT_EQ(-1, sizeOf(TRACE_FILE));
   counted("properties of a gigabyte, NULs, 5,000 characters, a directory, a pipe, a dangling link",
           1);
 }

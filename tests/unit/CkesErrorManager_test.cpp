@@ -8,8 +8,8 @@
 
 #include "calls.h"
 #include "diag/CkesErrorStack.h"
+#include "errortrail.h"
 #include "platform/CkesThreadLibrary.h"
-#include "records.h"
 
 namespace armtest {
 namespace {
@@ -87,13 +87,13 @@ TEST(CkesErrorManager, ValueThatAnotherHasPutUnderTheKeyIsNoStackAndStaysUntouch
     EXPECT_EQ(before, foreign);
     EXPECT_EQ(foreign.data(), pthread_getspecific(stackKey));
   }).join();
-  EXPECT_EQ("-5 error", lastError());
+  EXPECT_EQ("-5 error", errorTrail());
 }
 
 TEST(CkesErrorManager, FirstOperationInitializesTheThreadLibrary) {
   EXPECT_EQ(0, CkesErrorManager::SetError(-5, "error"));
   EXPECT_TRUE(CkesThreadLibrary::IsInitialized());
-  EXPECT_EQ("-5 error", lastError());
+  EXPECT_EQ("-5 error", errorTrail());
 }
 
 TEST(CkesErrorManager, TrailIsErrorTextThenNames) {
@@ -121,11 +121,11 @@ TEST(CkesErrorManager, EachThreadHasItsOwnStack) {
   EXPECT_EQ(0, CkesErrorManager::SetError(-5, "here"));
   std::thread([] {
     EXPECT_EQ(0, CkesErrorManager::RegisterThread());
-    EXPECT_EQ("0 Error code not set.", lastError());
+    EXPECT_EQ("0 Error code not set.", errorTrail());
     EXPECT_EQ(0, CkesErrorManager::SetError(-6, "elsewhere"));
     EXPECT_EQ(0, CkesErrorManager::UnregisterThread());
   }).join();
-  EXPECT_EQ("-5 here", lastError());
+  EXPECT_EQ("-5 here", errorTrail());
 }
 
 TEST(CkesErrorManager, SecondRegistrationGivesMinus200) {
@@ -150,7 +150,7 @@ TEST(CkesErrorManager, ThreadCanRegisterAnew) {
     EXPECT_EQ(0, CkesErrorManager::SetError(-5, "error"));
     EXPECT_EQ(0, CkesErrorManager::UnregisterThread());
     EXPECT_EQ(0, CkesErrorManager::RegisterThread());
-    EXPECT_EQ("0 Error code not set.", lastError());
+    EXPECT_EQ("0 Error code not set.", errorTrail());
     EXPECT_EQ(0, CkesErrorManager::UnregisterThread());
   });
 }
@@ -230,7 +230,7 @@ TEST(CkesErrorManager, StackIsHandedOutAsItIs) {
   CkesErrorStack* stack = nullptr;
   EXPECT_EQ(0, CkesErrorManager::GetStack(&stack));
   stack->SetErrorCode(-6, "changed");
-  EXPECT_EQ("-6 changed", lastError());
+  EXPECT_EQ("-6 changed", errorTrail());
 }
 
 TEST(CkesErrorManager, CopyOfTheStackHasItsCodeAndTrail) {
@@ -247,13 +247,13 @@ TEST(CkesErrorManager, CopyOfTheStackHasItsCodeAndTrail) {
 
 TEST(CkesErrorManager, RecordReturnsTheCodeThatItRecords) {
   EXPECT_EQ(-5, CkesErrorManager::Record(-5, "error"));
-  EXPECT_EQ("-5 error", lastError());
+  EXPECT_EQ("-5 error", errorTrail());
 }
 
 TEST(CkesErrorManager, RecordLeavesTheLastErrorAtASuccess) {
   EXPECT_EQ(-5, CkesErrorManager::Record(-5, "error"));
   EXPECT_EQ(0, CkesErrorManager::Record(0, "success"));
-  EXPECT_EQ("-5 error", lastError());
+  EXPECT_EQ("-5 error", errorTrail());
 }
 
 TEST(CkesErrorManager, NothingIsPrinted) {

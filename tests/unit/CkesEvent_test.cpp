@@ -7,9 +7,9 @@
 #include <thread>
 
 #include "calls.h"
+#include "errortrail.h"
 #include "platform/CkesThreadLibrary.h"
 #include "process.h"
-#include "records.h"
 
 namespace armtest {
 namespace {
@@ -49,35 +49,35 @@ TEST(CkesEvent, WaitOnAnEventNotInitializedGivesMinus130) {
   breakEvents();
   CkesEvent event;
   EXPECT_EQ(-130, event.Wait());
-  EXPECT_EQ("-130 CkesEvent::Wait()", lastError());
+  EXPECT_EQ("-130 CkesEvent::Wait()", errorTrail());
 }
 
 TEST(CkesEvent, TimedWaitOnAnEventNotInitializedGivesMinus130) {
   breakEvents();
   CkesEvent event;
   EXPECT_EQ(-130, event.Wait(100));
-  EXPECT_EQ("-130 CkesEvent::Wait(long)", lastError());
+  EXPECT_EQ("-130 CkesEvent::Wait(long)", errorTrail());
 }
 
 TEST(CkesEvent, SignalOfAnEventNotInitializedGivesMinus130) {
   breakEvents();
   CkesEvent event;
   EXPECT_EQ(-130, event.Signal());
-  EXPECT_EQ("-130 CkesEvent::Signal()", lastError());
+  EXPECT_EQ("-130 CkesEvent::Signal()", errorTrail());
 }
 
 TEST(CkesEvent, PulseOfAnEventNotInitializedGivesMinus130UnderTheNameSignalAll) {
   breakEvents();
   CkesEvent event;
   EXPECT_EQ(-130, event.Pulse());
-  EXPECT_EQ("-130 CkesEvent::SignalAll()", lastError());
+  EXPECT_EQ("-130 CkesEvent::SignalAll()", errorTrail());
 }
 
 TEST(CkesEvent, ResetOfAnEventNotInitializedGivesMinus130) {
   breakEvents();
   CkesEvent event;
   EXPECT_EQ(-130, event.Reset());
-  EXPECT_EQ("-130 CkesEvent::Reset()", lastError());
+  EXPECT_EQ("-130 CkesEvent::Reset()", errorTrail());
 }
 
 TEST(CkesEvent, IsNotInitializedWithoutItsMutex) {
@@ -162,7 +162,7 @@ TEST(CkesEvent, AutomaticSignalThatNobodyWaitsForIsLost) {
   CkesEvent event;
   EXPECT_EQ(0, event.Signal());
   EXPECT_EQ(-132, event.Wait(100));
-  EXPECT_EQ("-132 CkesEvent::Wait(long)", lastError());
+  EXPECT_EQ("-132 CkesEvent::Wait(long)", errorTrail());
 }
 
 TEST(CkesEvent, AutomaticSignalClearsTheSignalledState) {
@@ -268,14 +268,14 @@ TEST(CkesEvent, FailingWaitGivesMinus133) {
   CkesEvent event;
   calls::pthread_cond_wait.fail(EINVAL, 0);
   EXPECT_EQ(-133, event.Wait());
-  EXPECT_EQ("-133 CkesEvent::Wait()", lastError());
+  EXPECT_EQ("-133 CkesEvent::Wait()", errorTrail());
 }
 
 TEST(CkesEvent, TimedWaitThatFailsOtherwiseThanByTimeGivesMinus133) {
   CkesEvent event;
   calls::pthread_cond_timedwait.fail(EINVAL, 0);
   EXPECT_EQ(-133, event.Wait(1));
-  EXPECT_EQ("-133 CkesEvent::Wait(long)", lastError());
+  EXPECT_EQ("-133 CkesEvent::Wait(long)", errorTrail());
 }
 
 TEST(CkesEvent, AnyWakeUpEndsAWaitWithoutALookAtTheState) {
@@ -329,7 +329,7 @@ TEST(CkesEvent, FailingSignalGivesMinus134) {
   CkesEvent event;
   calls::pthread_cond_signal.fail(EINVAL, 0);
   EXPECT_EQ(-134, event.Signal());
-  EXPECT_EQ("-134 CkesEvent::Signal()", lastError());
+  EXPECT_EQ("-134 CkesEvent::Signal()", errorTrail());
 }
 
 TEST(CkesEvent, FailingManualSignalSetsTheStateAllTheSame) {
@@ -350,7 +350,7 @@ TEST(CkesEvent, FailingPulseIsRecordedUnderTheNameSignalAll) {
   CkesEvent event;
   calls::pthread_cond_signal.fail(EINVAL, 0);
   EXPECT_EQ(-134, event.Pulse());
-  EXPECT_EQ("-134 CkesEvent::SignalAll()", lastError());
+  EXPECT_EQ("-134 CkesEvent::SignalAll()", errorTrail());
 }
 
 TEST(CkesEvent, FailingManualPulseClearsTheStateAllTheSame) {

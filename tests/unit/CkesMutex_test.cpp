@@ -8,9 +8,9 @@
 #include <thread>
 
 #include "calls.h"
+#include "errortrail.h"
 #include "platform/CkesThreadLibrary.h"
 #include "process.h"
-#include "records.h"
 
 namespace armtest {
 namespace {
@@ -53,7 +53,7 @@ TEST(CkesMutex, LockAndUnlockSucceedAndRecordNothing) {
   EXPECT_TRUE(mutex.IsInitialized());
   EXPECT_EQ(0, mutex.Lock());
   EXPECT_EQ(0, mutex.Unlock());
-  EXPECT_EQ("0 Error code not set.", lastError());
+  EXPECT_EQ("0 Error code not set.", errorTrail());
 }
 
 TEST(CkesMutex, TryLockTakesAFreeMutex) {
@@ -67,7 +67,7 @@ TEST(CkesMutex, TryLockOfAMutexHeldByAnotherThreadGivesMinus124AndRecordsIt) {
   CkesMutex mutex;
   const Holder holder(mutex);
   EXPECT_EQ(-124, mutex.TryLock());
-  EXPECT_EQ("-124 CkesMutex::TryLock()", lastError());
+  EXPECT_EQ("-124 CkesMutex::TryLock()", errorTrail());
 }
 
 TEST(CkesMutex, PassWaitsForTheHolderAndLeavesTheMutexFree) {
@@ -92,17 +92,17 @@ TEST(CkesMutex, FailuresOfPassAreThoseOfLockAndUnlock) {
   CkesMutex mutex;
   calls::pthread_mutex_lock.fail(EINVAL, 0, 0, 1);
   EXPECT_EQ(-122, mutex.Pass());
-  EXPECT_EQ("-122 CkesMutex::Lock()", lastError());
+  EXPECT_EQ("-122 CkesMutex::Lock()", errorTrail());
   calls::pthread_mutex_unlock.replace([](pthread_mutex_t* held) {
     (void)calls::pthread_mutex_unlock.real(held);
     return EPERM;
   });
   EXPECT_EQ(-123, mutex.Pass());
-  EXPECT_EQ("-123 CkesMutex::Unlock()", lastError());
+  EXPECT_EQ("-123 CkesMutex::Unlock()", errorTrail());
   calls::pthread_mutex_init.fail(EINVAL, 0, 0, 1);
   CkesMutex notInitialized;
   EXPECT_EQ(-120, notInitialized.Pass());
-  EXPECT_EQ("-120 CkesMutex::Lock()", lastError());
+  EXPECT_EQ("-120 CkesMutex::Lock()", errorTrail());
 }
 
 TEST(CkesMutex, IsNotReentrant) {
@@ -169,28 +169,28 @@ TEST(CkesMutex, LockOfAMutexNotInitializedGivesMinus120) {
   calls::pthread_mutex_init.fail(ENOMEM, 0);
   CkesMutex mutex;
   EXPECT_EQ(-120, mutex.Lock());
-  EXPECT_EQ("-120 CkesMutex::Lock()", lastError());
+  EXPECT_EQ("-120 CkesMutex::Lock()", errorTrail());
 }
 
 TEST(CkesMutex, UnlockOfAMutexNotInitializedGivesMinus120) {
   calls::pthread_mutex_init.fail(ENOMEM, 0);
   CkesMutex mutex;
   EXPECT_EQ(-120, mutex.Unlock());
-  EXPECT_EQ("-120 CkesMutex::Unlock()", lastError());
+  EXPECT_EQ("-120 CkesMutex::Unlock()", errorTrail());
 }
 
 TEST(CkesMutex, TryLockOfAMutexNotInitializedGivesMinus120) {
   calls::pthread_mutex_init.fail(ENOMEM, 0);
   CkesMutex mutex;
   EXPECT_EQ(-120, mutex.TryLock());
-  EXPECT_EQ("-120 CkesMutex::TryLock()", lastError());
+  EXPECT_EQ("-120 CkesMutex::TryLock()", errorTrail());
 }
 
 TEST(CkesMutex, FailingLockGivesMinus122) {
   CkesMutex mutex;
   calls::pthread_mutex_lock.fail(EINVAL, 0);
   EXPECT_EQ(-122, mutex.Lock());
-  EXPECT_EQ("-122 CkesMutex::Lock()", lastError());
+  EXPECT_EQ("-122 CkesMutex::Lock()", errorTrail());
 }
 
 TEST(CkesMutex, FailingUnlockGivesMinus123) {
@@ -201,14 +201,14 @@ TEST(CkesMutex, FailingUnlockGivesMinus123) {
     return EPERM;
   });
   EXPECT_EQ(-123, mutex.Unlock());
-  EXPECT_EQ("-123 CkesMutex::Unlock()", lastError());
+  EXPECT_EQ("-123 CkesMutex::Unlock()", errorTrail());
 }
 
 TEST(CkesMutex, TryLockThatFailsOtherwiseThanBusyGivesMinus122) {
   CkesMutex mutex;
   calls::pthread_mutex_trylock.fail(EINVAL, 0);
   EXPECT_EQ(-122, mutex.TryLock());
-  EXPECT_EQ("-122 CkesMutex::TryLock()", lastError());
+  EXPECT_EQ("-122 CkesMutex::TryLock()", errorTrail());
 }
 
 TEST(CkesMutex, UnlockOfAMutexNotHeldIsTolerated) {
@@ -217,7 +217,7 @@ TEST(CkesMutex, UnlockOfAMutexNotHeldIsTolerated) {
   EXPECT_EQ(0, mutex.Lock());
   EXPECT_EQ(0, mutex.Unlock());
   EXPECT_EQ(0, mutex.Unlock());
-  EXPECT_EQ("0 Error code not set.", lastError());
+  EXPECT_EQ("0 Error code not set.", errorTrail());
 }
 
 TEST(CkesMutex, UnlockByAThreadThatDoesNotHoldTheMutexDoesNotReleaseIt) {

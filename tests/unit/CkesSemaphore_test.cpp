@@ -11,10 +11,12 @@
 #include <vector>
 
 #include "calls.h"
+#include "errortrail.h"
+#include "files.h"
 #include "platform/CkesThreadLibrary.h"
 #include "process.h"
-#include "records.h"
 #include "sleepers.h"
+#include "tracing.h"
 
 namespace armtest {
 namespace {
@@ -260,7 +262,7 @@ TEST(CkesSemaphore, OpenTracesTheMissingSet) {
 
 TEST(CkesSemaphore, NothingIsTracedWithoutADebugRun) {
   const CkesSemaphore semaphore(kName);
-  EXPECT_FALSE(exists(kTraceFile));
+  EXPECT_FALSE(exists(TRACE_FILE));
 }
 
 // ---- wait and try -------------------------------------------------------------------------------
@@ -314,7 +316,7 @@ TEST(CkesSemaphore, WaitThatFailsOtherwiseGivesMinus141) {
   CkesSemaphore semaphore(kName, 1, 7);
   calls::semop.fail(-1, EIDRM);
   EXPECT_EQ(-141, semaphore.Wait(0));
-  EXPECT_EQ("-141 CkesSemaphore::Wait()", lastError());
+  EXPECT_EQ("-141 CkesSemaphore::Wait()", errorTrail());
 }
 
 TEST(CkesSemaphore, SetRemovedUnderAWaiterGivesMinus141) {
@@ -341,7 +343,7 @@ TEST(CkesSemaphore, TryWaitTakesOneUnit) {
 TEST(CkesSemaphore, TryWaitOnAZeroCountGivesMinus142AtOnce) {
   CkesSemaphore semaphore(kName, 0, 7);
   EXPECT_EQ(-142, semaphore.TryWait());
-  EXPECT_EQ("-142 CkesSemaphore::TryWait()", lastError());
+  EXPECT_EQ("-142 CkesSemaphore::TryWait()", errorTrail());
 }
 
 TEST(CkesSemaphore, InterruptedTryWaitIsNotRepeatedAndGivesMinus141) {
@@ -349,7 +351,7 @@ TEST(CkesSemaphore, InterruptedTryWaitIsNotRepeatedAndGivesMinus141) {
   calls::semop.fail(-1, EINTR, 0, 1);
   EXPECT_EQ(-141, semaphore.TryWait());
   EXPECT_EQ(1, calls::semop.count());
-  EXPECT_EQ("-141 CkesSemaphore::TryWait()", lastError());
+  EXPECT_EQ("-141 CkesSemaphore::TryWait()", errorTrail());
 }
 
 // ---- post ---------------------------------------------------------------------------------------
@@ -372,7 +374,7 @@ TEST(CkesSemaphore, PostThatExactlyReachesTheMaximumSucceeds) {
 TEST(CkesSemaphore, PostAtTheMaximumGivesMinus144AndAddsNothing) {
   CkesSemaphore semaphore(kName, 7, 7);
   EXPECT_EQ(-144, semaphore.Post(1));
-  EXPECT_EQ("-144 CkesSemaphore::Post(long)", lastError());
+  EXPECT_EQ("-144 CkesSemaphore::Post(long)", errorTrail());
   EXPECT_EQ(7, count());
 }
 
@@ -405,7 +407,7 @@ TEST(CkesSemaphore, PostWithoutThePrivateLockGivesMinus143) {
   CkesSemaphore semaphore(kName, 0, 7);
   calls::semop.fail(-1, EINVAL);
   EXPECT_EQ(-143, semaphore.Post(1));
-  EXPECT_EQ("-143 CkesSemaphore::Post(long)", lastError());
+  EXPECT_EQ("-143 CkesSemaphore::Post(long)", errorTrail());
   EXPECT_EQ(1, calls::semop.count());
 }
 
@@ -472,19 +474,19 @@ TEST(CkesSemaphore, PostersOfSeveralProcessesNeverPassTheMaximum) {
 TEST(CkesSemaphore, WaitOnAnObjectNotInitializedGivesMinus140) {
   CkesSemaphore semaphore(kName);
   EXPECT_EQ(-140, semaphore.Wait(10));
-  EXPECT_EQ("-140 CkesSemaphore::Wait()", lastError());
+  EXPECT_EQ("-140 CkesSemaphore::Wait()", errorTrail());
 }
 
 TEST(CkesSemaphore, TryWaitOnAnObjectNotInitializedGivesMinus140) {
   CkesSemaphore semaphore(kName);
   EXPECT_EQ(-140, semaphore.TryWait());
-  EXPECT_EQ("-140 CkesSemaphore::TryWait()", lastError());
+  EXPECT_EQ("-140 CkesSemaphore::TryWait()", errorTrail());
 }
 
 TEST(CkesSemaphore, PostToAnObjectNotInitializedGivesMinus140) {
   CkesSemaphore semaphore(kName);
   EXPECT_EQ(-140, semaphore.Post(1));
-  EXPECT_EQ("-140 CkesSemaphore::Post(long)", lastError());
+  EXPECT_EQ("-140 CkesSemaphore::Post(long)", errorTrail());
 }
 
 // ---- destruction and names ----------------------------------------------------------------------

@@ -15,10 +15,12 @@
 #include <vector>
 
 #include "calls.h"
+#include "errortrail.h"
+#include "files.h"
 #include "platform/CkesThreadLibrary.h"
 #include "process.h"
-#include "records.h"
 #include "sleepers.h"
+#include "tracing.h"
 
 namespace armtest {
 namespace {
@@ -352,7 +354,7 @@ TEST(CkesSharedMemory, OpenTracesADeadCreatorAsAFailedReadOfItsLiveness) {
 TEST(CkesSharedMemory, NothingIsTracedWithoutADebugRun) {
   { const CkesSharedMemory missing(kSegmentFile, false); }
   { const CkesSharedMemory created(kSegmentFile, kSize, true); }
-  EXPECT_FALSE(exists(kTraceFile));
+  EXPECT_FALSE(exists(TRACE_FILE));
 }
 
 // ---- create -------------------------------------------------------------------------------------
@@ -670,20 +672,20 @@ TEST(CkesSharedMemory, InterruptedUnlockIsNotRepeatedAndGivesMinus262) {
   calls::semop.fail(-1, EINTR, 0, 1);
   EXPECT_EQ(-262, segment.Unlock());
   EXPECT_EQ(1, calls::semop.count());
-  EXPECT_EQ("-262 CkesSharedMemory::Unlock()", lastError());
+  EXPECT_EQ("-262 CkesSharedMemory::Unlock()", errorTrail());
 }
 
 TEST(CkesSharedMemory, UnlockOfAFreeLockFailsAtOnceWithMinus262) {
   CkesSharedMemory segment(kSegmentFile, kSize, true);
   EXPECT_EQ(-262, segment.Unlock());
-  EXPECT_EQ("-262 CkesSharedMemory::Unlock()", lastError());
+  EXPECT_EQ("-262 CkesSharedMemory::Unlock()", errorTrail());
 }
 
 TEST(CkesSharedMemory, LockOfARemovedSetGivesMinus261) {
   CkesSharedMemory segment(kSegmentFile, kSize, true);
   (void)calls::semctl.real(setAt(kSegmentFile), 0, IPC_RMID, {});
   EXPECT_EQ(-261, segment.Lock());
-  EXPECT_EQ("-261 CkesSharedMemory::Lock()", lastError());
+  EXPECT_EQ("-261 CkesSharedMemory::Lock()", errorTrail());
 }
 
 TEST(CkesSharedMemory, SetRemovedUnderASleeperGivesMinus261) {
@@ -714,7 +716,7 @@ TEST(CkesSharedMemory, FailedUnlockIsNotTraced) {
   CkesSharedMemory segment(kSegmentFile, kSize, true);
   startTracing();
   EXPECT_EQ(-262, segment.Unlock());
-  EXPECT_FALSE(exists(kTraceFile));
+  EXPECT_FALSE(exists(TRACE_FILE));
 }
 
 // ---- read and write -----------------------------------------------------------------------------
@@ -760,14 +762,14 @@ TEST(CkesSharedMemory, ClippedReadRecordsNothing) {
   NumberedSegment segment;
   char buffer[5] = "";
   EXPECT_EQ(0, segment.Read(kSize - 4, 5, buffer));
-  EXPECT_EQ("0 Error code not set.", lastError());
+  EXPECT_EQ("0 Error code not set.", errorTrail());
 }
 
 TEST(CkesSharedMemory, ReadClippedToNothingGivesMinus253) {
   NumberedSegment segment;
   char buffer[2] = "-";
   EXPECT_EQ(-253, segment.Read(kSize - 1, 2, buffer));
-  EXPECT_EQ("-253 CkesSharedMemory::Read()", lastError());
+  EXPECT_EQ("-253 CkesSharedMemory::Read()", errorTrail());
   EXPECT_STREQ("-", buffer);
 }
 
@@ -776,14 +778,14 @@ TEST(CkesSharedMemory, WriteUpToTheEndIsNotClipped) {
   char text[] = "abcd";
   EXPECT_EQ(0, segment.Write(kSize - 4, 4, text));
   EXPECT_EQ("abcd", std::string(bytes(segment) + kSize - 4, 4));
-  EXPECT_EQ("0 Error code not set.", lastError());
+  EXPECT_EQ("0 Error code not set.", errorTrail());
 }
 
 TEST(CkesSharedMemory, ClippedWriteRecordsMinus255AndIsDoneOneByteShortOfTheEnd) {
   NumberedSegment segment;
   char text[] = "abcde";
   EXPECT_EQ(0, segment.Write(kSize - 4, 5, text));
-  EXPECT_EQ("-255 CkesSharedMemory::Write()", lastError());
+  EXPECT_EQ("-255 CkesSharedMemory::Write()", errorTrail());
   EXPECT_EQ("abc\x3f", std::string(bytes(segment) + kSize - 4, 4));
 }
 
@@ -791,7 +793,7 @@ TEST(CkesSharedMemory, WriteClippedToNothingGivesMinus254) {
   NumberedSegment segment;
   char text[] = "ab";
   EXPECT_EQ(-254, segment.Write(kSize - 1, 2, text));
-  EXPECT_EQ("-254 CkesSharedMemory::Write()", lastError());
+  EXPECT_EQ("-254 CkesSharedMemory::Write()", errorTrail());
   EXPECT_EQ('\x3f', bytes(segment)[kSize - 1]);
 }
 
@@ -833,7 +835,7 @@ TEST(CkesSharedMemory, ReadWithoutTheLockGivesItsCodeAndReadsNothing) {
   calls::semop.fail(-1, EINVAL);
   char byte = '-';
   EXPECT_EQ(-261, segment.Read(0, 1, &byte));
-  EXPECT_EQ("-261 CkesSharedMemory::Read()", lastError());
+  EXPECT_EQ("-261 CkesSharedMemory::Read()", errorTrail());
   EXPECT_EQ('-', byte);
 }
 
@@ -842,7 +844,7 @@ TEST(CkesSharedMemory, WriteWithoutTheLockGivesItsCodeAndWritesNothing) {
   calls::semop.fail(-1, EINVAL);
   char byte = 'x';
   EXPECT_EQ(-261, segment.Write(1, 1, &byte));
-  EXPECT_EQ("-261 CkesSharedMemory::Write()", lastError());
+  EXPECT_EQ("-261 CkesSharedMemory::Write()", errorTrail());
   EXPECT_EQ('\x01', bytes(segment)[1]);
 }
 
@@ -851,7 +853,7 @@ TEST(CkesSharedMemory, ReadReturnsTheResultOfItsUnlock) {
   calls::semop.fail(-1, EINVAL, 1);
   char byte = '-';
   EXPECT_EQ(-262, segment.Read(1, 1, &byte));
-  EXPECT_EQ("-262 CkesSharedMemory::Read()", lastError());
+  EXPECT_EQ("-262 CkesSharedMemory::Read()", errorTrail());
   EXPECT_EQ('\x01', byte);
 }
 
@@ -860,7 +862,7 @@ TEST(CkesSharedMemory, WriteReturnsTheResultOfItsUnlock) {
   calls::semop.fail(-1, EINVAL, 1);
   char byte = 'x';
   EXPECT_EQ(-262, segment.Write(1, 1, &byte));
-  EXPECT_EQ("-262 CkesSharedMemory::Write()", lastError());
+  EXPECT_EQ("-262 CkesSharedMemory::Write()", errorTrail());
   EXPECT_EQ('x', bytes(segment)[1]);
 }
 
@@ -870,26 +872,26 @@ TEST(CkesSharedMemory, ReadFromAnObjectNotInitializedGivesMinus260) {
   CkesSharedMemory segment(kSegmentFile, false);
   char byte = 0;
   EXPECT_EQ(-260, segment.Read(0, 1, &byte));
-  EXPECT_EQ("-260 CkesSharedMemory::Read()", lastError());
+  EXPECT_EQ("-260 CkesSharedMemory::Read()", errorTrail());
 }
 
 TEST(CkesSharedMemory, WriteToAnObjectNotInitializedGivesMinus260) {
   CkesSharedMemory segment(kSegmentFile, false);
   char byte = 0;
   EXPECT_EQ(-260, segment.Write(0, 1, &byte));
-  EXPECT_EQ("-260 CkesSharedMemory::Write()", lastError());
+  EXPECT_EQ("-260 CkesSharedMemory::Write()", errorTrail());
 }
 
 TEST(CkesSharedMemory, LockOfAnObjectNotInitializedGivesMinus260) {
   CkesSharedMemory segment(kSegmentFile, false);
   EXPECT_EQ(-260, segment.Lock());
-  EXPECT_EQ("-260 CkesSharedMemory::Lock()", lastError());
+  EXPECT_EQ("-260 CkesSharedMemory::Lock()", errorTrail());
 }
 
 TEST(CkesSharedMemory, UnlockOfAnObjectNotInitializedGivesMinus260) {
   CkesSharedMemory segment(kSegmentFile, false);
   EXPECT_EQ(-260, segment.Unlock());
-  EXPECT_EQ("-260 CkesSharedMemory::Unlock()", lastError());
+  EXPECT_EQ("-260 CkesSharedMemory::Unlock()", errorTrail());
 }
 
 TEST(CkesSharedMemory, CreatorOfAnObjectNotInitializedIsNotAlive) {

@@ -12,8 +12,8 @@
 #include "BodyThread.h"
 #include "calls.h"
 #include "diag/CkesErrorManager.h"
+#include "errortrail.h"
 #include "process.h"
-#include "records.h"
 
 namespace armtest {
 namespace {
@@ -160,7 +160,7 @@ TEST(CkesThreadLibrary, KeyThatCannotBeMadeGivesMinus103AndIsNotRecorded) {
   ASSERT_EQ(0, CkesThreadLibrary::Initialize());
   calls::pthread_key_create.fail(EAGAIN, 0);
   EXPECT_EQ(-103, createKey());
-  EXPECT_EQ("0 Error code not set.", lastError());
+  EXPECT_EQ("0 Error code not set.", errorTrail());
 }
 
 TEST(CkesThreadLibrary, KeysAreMadeWithoutADestructor) {
@@ -216,7 +216,7 @@ TEST(CkesThreadLibrary, ValueNeverSetIsNull) {
 TEST(CkesThreadLibrary, SetKeyValueOfAnUnknownKeyGivesMinus104) {
   ASSERT_EQ(0, CkesThreadLibrary::Initialize());
   EXPECT_EQ(-104, CkesThreadLibrary::SetKeyValue(1000000, nullptr));
-  EXPECT_EQ("-104 CkesThreadLibrary::SetKeyValue()", lastError());
+  EXPECT_EQ("-104 CkesThreadLibrary::SetKeyValue()", errorTrail());
 }
 
 TEST(CkesThreadLibrary, SetKeyValueThatFailsOtherwiseGivesMinus105) {
@@ -224,7 +224,7 @@ TEST(CkesThreadLibrary, SetKeyValueThatFailsOtherwiseGivesMinus105) {
   ASSERT_EQ(0, CkesThreadLibrary::CreateNewKey(&key));
   calls::pthread_setspecific.fail(ENOMEM, 0);
   EXPECT_EQ(-105, CkesThreadLibrary::SetKeyValue(key, nullptr));
-  EXPECT_EQ("-105 CkesThreadLibrary::SetKeyValue()", lastError());
+  EXPECT_EQ("-105 CkesThreadLibrary::SetKeyValue()", errorTrail());
 }
 
 TEST(CkesThreadLibrary, MainThreadIsCalledMainThread) {
@@ -241,7 +241,7 @@ TEST(CkesThreadLibrary, NameOfAThreadNeverNamedGivesMinus114) {
     char name[64] = "unchanged";
     EXPECT_EQ(-114, CkesThreadLibrary::GetCurrentThreadName(name));
     EXPECT_STREQ("unchanged", name);
-    EXPECT_EQ("-114 CkesThreadLibrary::GetCurrentThreadName()", lastError());
+    EXPECT_EQ("-114 CkesThreadLibrary::GetCurrentThreadName()", errorTrail());
     EXPECT_EQ(0, CkesErrorManager::UnregisterThread());
   }).join();
 }
@@ -345,7 +345,7 @@ TEST(CkesThreadLibrary, JoinAllAddsItsNameToTheTrailOfAFailedJoin) {
   BodyThread invalid([] {});
   CkesThread* threads[] = {&invalid};
   EXPECT_EQ(-106, CkesThreadLibrary::JoinAll(threads, 1));
-  EXPECT_EQ("-106 CkesThread::Join() CkesThreadLibrary::JoinAll()", lastError());
+  EXPECT_EQ("-106 CkesThread::Join() < CkesThreadLibrary::JoinAll()", errorTrail());
 }
 
 }  // namespace

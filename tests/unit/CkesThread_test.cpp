@@ -14,9 +14,9 @@
 #include "BodyThread.h"
 #include "calls.h"
 #include "diag/CkesErrorManager.h"
+#include "errortrail.h"
 #include "platform/CkesThreadLibrary.h"
 #include "process.h"
-#include "records.h"
 
 namespace armtest {
 namespace {
@@ -163,7 +163,7 @@ TEST(CkesThread, BodyHasAnErrorStackOfItsOwn) {
   ASSERT_EQ(0, CkesThreadLibrary::Initialize());
   (void)CkesErrorManager::SetError(-5, "main thread");
   std::string error;
-  BodyThread thread([&] { error = lastError(); });
+  BodyThread thread([&] { error = errorTrail(); });
   thread.finish();
   EXPECT_EQ("0 Error code not set.", error);
 }
@@ -200,7 +200,7 @@ TEST(CkesThread, SecondStartGivesMinus106) {
   BodyThread thread(nothing);
   EXPECT_EQ(0, thread.Start());
   EXPECT_EQ(-106, thread.Start());
-  EXPECT_EQ("-106 CkesThread::Start()", lastError());
+  EXPECT_EQ("-106 CkesThread::Start()", errorTrail());
   thread.awaitEnd();
 }
 
@@ -217,7 +217,7 @@ TEST(CkesThread, StartReturnsTheResultOfItsEventAndCountsAsStartedAllTheSame) {
     return EINVAL;
   });
   EXPECT_EQ(-134, thread.Start());
-  EXPECT_EQ("-134 CkesThread::Start()", lastError());
+  EXPECT_EQ("-134 CkesThread::Start()", errorTrail());
   EXPECT_NE(THREAD_CREATED, thread.GetState());
   thread.awaitEnd();
 }
@@ -256,13 +256,13 @@ TEST(CkesThread, GetIDOfAnInvalidThreadGivesMinus106) {
   BodyThread thread(nothing);
   unsigned long id = 0;
   EXPECT_EQ(-106, thread.GetID(&id));
-  EXPECT_EQ("-106 CkesThread::GetID()", lastError());
+  EXPECT_EQ("-106 CkesThread::GetID()", errorTrail());
 }
 
 TEST(CkesThread, SetPriorityOfARunningThreadGivesMinus2AndRecordsIt) {
   RunningThread running;
   EXPECT_EQ(-2, running.thread.SetPriority(THREAD_PRIORITY_NORMAL));
-  EXPECT_EQ("-2 CkesThread::SetPriority()", lastError());
+  EXPECT_EQ("-2 CkesThread::SetPriority()", errorTrail());
 }
 
 TEST(CkesThread, SetPriorityOfACreatedThreadGivesMinus2) {
@@ -275,7 +275,7 @@ TEST(CkesThread, SetPriorityOfAnInvalidThreadGivesMinus106) {
   breakThreads();
   BodyThread thread(nothing);
   EXPECT_EQ(-106, thread.SetPriority(THREAD_PRIORITY_NORMAL));
-  EXPECT_EQ("-106 CkesThread::SetPriority()", lastError());
+  EXPECT_EQ("-106 CkesThread::SetPriority()", errorTrail());
 }
 
 TEST(CkesThread, SetPriorityOfAFinishedThreadGivesMinus106) {
@@ -288,7 +288,7 @@ TEST(CkesThread, GetPriorityOfARunningThreadGivesMinus2AndRecordsIt) {
   RunningThread running;
   TThreadPriority priority = THREAD_PRIORITY_NORMAL;
   EXPECT_EQ(-2, running.thread.GetPriority(&priority));
-  EXPECT_EQ("-2 CkesThread::GetPriority()", lastError());
+  EXPECT_EQ("-2 CkesThread::GetPriority()", errorTrail());
 }
 
 TEST(CkesThread, GetPriorityOfACreatedThreadGivesMinus2) {
@@ -303,7 +303,7 @@ TEST(CkesThread, GetPriorityOfAFinishedThreadGivesMinus106) {
   thread.finish();
   TThreadPriority priority = THREAD_PRIORITY_NORMAL;
   EXPECT_EQ(-106, thread.GetPriority(&priority));
-  EXPECT_EQ("-106 CkesThread::GetPriority()", lastError());
+  EXPECT_EQ("-106 CkesThread::GetPriority()", errorTrail());
 }
 
 TEST(CkesThread, JoinOfAFinishedThreadAsksTheSystemForNothing) {
@@ -318,7 +318,7 @@ TEST(CkesThread, JoinOfAnInvalidThreadGivesMinus106) {
   breakThreads();
   BodyThread thread(nothing);
   EXPECT_EQ(-106, thread.Join());
-  EXPECT_EQ("-106 CkesThread::Join()", lastError());
+  EXPECT_EQ("-106 CkesThread::Join()", errorTrail());
 }
 
 bool isMainThreadAsleep() {
@@ -337,7 +337,7 @@ TEST(CkesThread, JoinOfItselfGivesMinus109) {
     // the main thread comes first.
     EXPECT_TRUE(waitUntil([&] { return is_awaited && isMainThreadAsleep(); }));
     result = self->Join();
-    error = lastError();
+    error = errorTrail();
   });
   self = &thread;
   EXPECT_EQ(0, thread.Start());
@@ -351,7 +351,7 @@ TEST(CkesThread, JoinThatFailsOtherwiseGivesMinus110) {
   RunningThread running;
   calls::pthread_join.fail(ESRCH, 0);
   EXPECT_EQ(-110, running.thread.Join());
-  EXPECT_EQ("-110 CkesThread::Join()", lastError());
+  EXPECT_EQ("-110 CkesThread::Join()", errorTrail());
 }
 
 TEST(CkesThread, JoinOfACreatedThreadWaitsForItsEnd) {
@@ -406,14 +406,14 @@ TEST(CkesThread, FailingTerminateGivesMinus112AndFinishesAllTheSame) {
   RunningThread running;
   calls::pthread_cancel.fail(ESRCH, 0);
   EXPECT_EQ(-112, running.thread.Terminate());
-  EXPECT_EQ("-112 CkesThread::Terminate()", lastError());
+  EXPECT_EQ("-112 CkesThread::Terminate()", errorTrail());
   EXPECT_EQ(THREAD_FINISHED, running.thread.GetState());
 }
 
 TEST(CkesThread, TerminateOfACreatedThreadGivesMinus106) {
   BodyThread thread(nothing);
   EXPECT_EQ(-106, thread.Terminate());
-  EXPECT_EQ("-106 CkesThread::Terminate()", lastError());
+  EXPECT_EQ("-106 CkesThread::Terminate()", errorTrail());
   EXPECT_EQ(THREAD_CREATED, thread.GetState());
   thread.finish();
 }
@@ -446,14 +446,14 @@ TEST(CkesThread, GiveWayFromAnotherThreadGivesMinus111) {
   RunningThread running;
   calls::sched_yield.watch();
   EXPECT_EQ(-111, running.thread.GiveWay());
-  EXPECT_EQ("-111 CkesThread::GiveWay()", lastError());
+  EXPECT_EQ("-111 CkesThread::GiveWay()", errorTrail());
   EXPECT_EQ(0, calls::sched_yield.count());
 }
 
 TEST(CkesThread, GiveWayOfACreatedThreadGivesMinus106) {
   BodyThread thread(nothing);
   EXPECT_EQ(-106, thread.GiveWay());
-  EXPECT_EQ("-106 CkesThread::GiveWay()", lastError());
+  EXPECT_EQ("-106 CkesThread::GiveWay()", errorTrail());
   thread.finish();
 }
 

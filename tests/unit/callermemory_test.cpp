@@ -7,7 +7,7 @@
 #include <cerrno>
 
 #include "calls.h"
-#include "records.h"
+#include "files.h"
 
 namespace armtest {
 namespace {

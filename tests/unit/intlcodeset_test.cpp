@@ -12,8 +12,9 @@
 #include "arm/libarmutils.h"
 #include "armext.h"
 #include "convertercalls.h"
+#include "files.h"
 #include "process.h"
-#include "records.h"
+#include "tracing.h"
 
 namespace armtest {
 namespace {
@@ -477,13 +478,13 @@ TEST(CodesetTrace, SuccessHasNoLine) {
   startTracing();
   EXPECT_EQ(0, Conversion("abc").result);
   EXPECT_EQ(-3004, SetExpectedCodeset("UTF-8"));
-  EXPECT_FALSE(exists(kTraceFile));
+  EXPECT_FALSE(exists(TRACE_FILE));
 }
 
 TEST(CodesetTrace, WithoutADebugRunNothingIsTraced) {
   EXPECT_EQ(-1003, SetExpectedCodeset("nonsense"));
   EXPECT_EQ(-1003, Conversion(repeated("a", 129).c_str()).result);
-  EXPECT_FALSE(exists(kTraceFile));
+  EXPECT_FALSE(exists(TRACE_FILE));
 }
 
 TEST(ExpectedCodeset, ConverterAndItsSettingAreMadeByTheFirstChoice) {

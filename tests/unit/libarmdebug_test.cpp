@@ -7,7 +7,8 @@
 #include <vector>
 
 #include "diag/wcdebug.h"
-#include "records.h"
+#include "files.h"
+#include "tracefile.h"
 
 namespace armtest {
 namespace {
@@ -17,7 +18,7 @@ using Texts = std::vector<std::string>;
 const Texts kFirstRecord = {"Debug run found in caller's environment.\n"};
 
 bool writesXml() {
-  return contentOf(kTraceFile).rfind("<Trace>\n", 0) == 0;
+  return contentOf(TRACE_FILE).rfind("<Trace>\n", 0) == 0;
 }
 
 void setSwitches(const char* run, const char* format) {
@@ -34,7 +35,7 @@ TEST(DebugSwitches, WithoutArmdebugNothingIsWritten) {
   EXPECT_FALSE(checkForDebugRun());
   checkDebug();
   EXPECT_EQ(0, VDebugRun);
-  EXPECT_FALSE(exists(kTraceFile));
+  EXPECT_FALSE(exists(TRACE_FILE));
 }
 
 TEST(DebugSwitches, EmptyArmdebugTurnsTracingOn) {
@@ -108,7 +109,7 @@ TEST(DebugSwitches, EnvironmentIsReadOnce) {
   setSwitches("1", "basic");
   checkDebug();
   EXPECT_EQ(0, VDebugRun);
-  EXPECT_FALSE(exists(kTraceFile));
+  EXPECT_FALSE(exists(TRACE_FILE));
 }
 
 TEST(DebugSwitches, TracingStaysOnWhenTheVariableGoes) {

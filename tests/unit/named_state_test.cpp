@@ -9,11 +9,12 @@
 #include "diag/util1.h"
 #include "diag/util2.h"
 #include "diag/wcdebug.h"
+#include "files.h"
 #include "ipc/CIPCUtils.h"
 #include "ipc/multiagent.h"
 #include "platform/CkesSharedMemory.h"
 #include "platform/CkesThreadLibrary.h"
-#include "records.h"
+#include "tracefile.h"
 
 namespace armtest {
 namespace {
@@ -70,7 +71,7 @@ TEST(NamedState, TraceOfXmlHasItsPieces) {
 }
 
 TEST(NamedState, TraceRemembersThatItHasComplained) {
-  writeContent(kPropertiesFile, "kestra_common_dir=/tmp/common\n");
+  writeContent(PROPERTIES_FILE, "kestra_common_dir=/tmp/common\n");
   EXPECT_FALSE(VTriedFileOnce);
   testing::internal::CaptureStdout();
   wcDebug("lost");

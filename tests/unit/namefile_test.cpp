@@ -5,7 +5,7 @@
 
 #include <cerrno>
 
-#include "records.h"
+#include "files.h"
 
 namespace armtest {
 namespace {

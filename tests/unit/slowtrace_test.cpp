@@ -26,9 +26,11 @@
 #include "calls.h"
 #include "counted.h"
 #include "diag/wcdebug.h"
+#include "files.h"
+#include "fixedstamp.h"
 #include "process.h"
-#include "records.h"
 #include "shared.h"
+#include "tracefile.h"
 
 namespace armtest {
 namespace {
@@ -83,7 +85,7 @@ class StoppedTime {
 class Taker {
  public:
   Taker() {
-    EXPECT_EQ(0, mkfifo(kTraceFile, 0600));
+    EXPECT_EQ(0, mkfifo(TRACE_FILE, 0600));
     calls::write.replace([this](int, const void* bytes, size_t count) -> ssize_t {
       const size_t now = std::min(count, room_);
       if (now == 0) {
@@ -173,8 +175,8 @@ class SlowReader {
 };
 
 int openPipe() {
-  EXPECT_EQ(0, mkfifo(kTraceFile, 0600));
-  return open(kTraceFile, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+  EXPECT_EQ(0, mkfifo(TRACE_FILE, 0600));
+  return open(TRACE_FILE, O_RDWR | O_NONBLOCK | O_CLOEXEC);
 }
 
 /// The master of a new terminal that is in the trace's place, and takes bytes as they are.
@@ -185,7 +187,7 @@ int openTerminal() {
   EXPECT_EQ(0, tcgetattr(terminal, &attributes));
   cfmakeraw(&attributes);
   EXPECT_EQ(0, tcsetattr(terminal, TCSANOW, &attributes));
-  EXPECT_EQ(0, symlink(ptsname(terminal), kTraceFile));
+  EXPECT_EQ(0, symlink(ptsname(terminal), TRACE_FILE));
   return terminal;
 }
 
@@ -217,7 +219,7 @@ TEST(SlowTrace, EveryRecordReachesTheReaderOfATerminal) {
   const StoppedTime time;
   const int terminal = openTerminal();
   // As long as somebody has it open, its contents stay.
-  const int held = open(kTraceFile, O_RDWR | O_NOCTTY | O_CLOEXEC);
+  const int held = open(TRACE_FILE, O_RDWR | O_NOCTTY | O_CLOEXEC);
   SlowReader reader(terminal, 300);
   writeMany();
   EXPECT_EQ(manyTexts(), textsOf(reader.allTo(manyTexts().back())));
@@ -313,7 +315,7 @@ TEST(SlowTrace, PipeThatNobodyReadsHoldsWholeRecords) {
 
 TEST(SlowTrace, TerminalThatNobodyReadsHoldsNoTornRecordOnceItIsRead) {
   const int terminal = openTerminal();
-  const int held = open(kTraceFile, O_RDWR | O_NOCTTY | O_CLOEXEC);
+  const int held = open(TRACE_FILE, O_RDWR | O_NOCTTY | O_CLOEXEC);
   {
     SleptTime time;
     for (int i = 0; i < 500; ++i) wcDebug("x");
@@ -429,8 +431,8 @@ TEST(SlowTrace, RestOfARecordIsNotWrittenInAnotherPlace) {
   taker.take(10);
   wcDebug("begun");
   EXPECT_EQ(10U, taker.taken().size());
-  ASSERT_EQ(0, rename(kTraceFile, (std::string(kTraceFile) + ".1").c_str()));
-  ASSERT_EQ(0, mkfifo(kTraceFile, 0600));
+  ASSERT_EQ(0, rename(TRACE_FILE, (std::string(TRACE_FILE) + ".1").c_str()));
+  ASSERT_EQ(0, mkfifo(TRACE_FILE, 0600));
   taker.takeAll();
   wcDebug("x");
   EXPECT_EQ(xmlRecord("x"), taker.taken());
@@ -494,7 +496,7 @@ TEST(SlowTrace, ThreadThatKeepsItsTurnCostsTheOthersOneSecondAltogether) {
   Taker taker;
   taker.takeAll();
   struct stat info = {};
-  ASSERT_EQ(0, stat(kTraceFile, &info));
+  ASSERT_EQ(0, stat(TRACE_FILE, &info));
   ASSERT_TRUE(beginSlowRecord(info));
   wcDebug("lost");
   EXPECT_EQ(1000, time.slept());
@@ -511,7 +513,7 @@ TEST(SlowTrace, ThreadThatKeepsItsTurnCostsTheOthersOneSecondAltogether) {
 /// there.
 int traceFromTheBackground() {
   (void)setsid();
-  const int terminal = open(kTraceFile, O_RDWR | O_CLOEXEC);
+  const int terminal = open(TRACE_FILE, O_RDWR | O_CLOEXEC);
   termios attributes = {};
   if (tcgetattr(terminal, &attributes) != 0) return 2;
   attributes.c_lflag |= TOSTOP;
@@ -577,23 +579,23 @@ class LeaseHolder {
 
 TEST(Lease, OnTheTraceFileIsWaitedFor) {
   const StoppedTime time;
-  writeContent(kTraceFile, "");
+  writeContent(TRACE_FILE, "");
   wcDebugSetLogFormat(0);
   testing::internal::CaptureStdout();
   {
-    const LeaseHolder holder(kTraceFile, 3);
+    const LeaseHolder holder(TRACE_FILE, 3);
     wcDebugWorker("abc", 0);
   }
   EXPECT_EQ("", testing::internal::GetCapturedStdout());
-  EXPECT_EQ("abc", contentOf(kTraceFile));
+  EXPECT_EQ("abc", contentOf(TRACE_FILE));
   counted("leases on the trace file and the properties", 1);
 }
 
 TEST(Lease, OnThePropertiesIsWaitedFor) {
   const StoppedTime time;
-  writeContent(kPropertiesFile, "kestra_common_dir=/a");
+  writeContent(PROPERTIES_FILE, "kestra_common_dir=/a");
   {
-    const LeaseHolder holder(kPropertiesFile, 3);
+    const LeaseHolder holder(PROPERTIES_FILE, 3);
     char path[100];
     EXPECT_STREQ("/a/QDN/logs/trace-armdebug.log", wcDebugGetLogFileSpec(path, sizeof path));
   }
@@ -627,12 +629,12 @@ TEST(Lease, OnTheTraceFileIsWaitedForAgainOnceTheFileWasOpened) {
   wcDebugWorker("def", 0);
   EXPECT_EQ(1000, time.slept());
   (void)testing::internal::GetCapturedStdout();
-  EXPECT_EQ("abcdef", contentOf(kTraceFile));
+  EXPECT_EQ("abcdef", contentOf(TRACE_FILE));
 }
 
 TEST(Lease, ThatIsNeverGivenBackGivesTheDefaultDirectory) {
   SleptTime time;
-  writeContent(kPropertiesFile, "kestra_common_dir=/a");
+  writeContent(PROPERTIES_FILE, "kestra_common_dir=/a");
   calls::open.fail(-1, EWOULDBLOCK);
   char path[100];
   EXPECT_STREQ("/var/orv/kestra/common/QDN/logs/trace-armdebug.log",

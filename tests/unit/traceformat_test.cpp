@@ -6,7 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "records.h"
+#include "files.h"
+#include "tracing.h"
 
 namespace armtest {
 namespace {
@@ -41,7 +42,7 @@ TEST(TraceFormat, FailureIsALineAndReturnsItsCode) {
 TEST(TraceFormat, FailureReturnsItsCodeWithoutADebugRun) {
   EXPECT_EQ(-252, traceFailure(-252, "%s", "text"));
   EXPECT_FALSE(traceFailure("%s", "text"));
-  EXPECT_FALSE(exists(kTraceFile));
+  EXPECT_FALSE(exists(TRACE_FILE));
 }
 
 TEST(TraceFormat, LongestNamesOfATransactionClassFit) {
@@ -60,7 +61,7 @@ TEST(TraceFormat, FinishedTextIsWrittenAsItIs) {
 
 TEST(TraceFormat, FinishedTextIsNotWrittenWithoutADebugRun) {
   traceText("text\n");
-  EXPECT_FALSE(exists(kTraceFile));
+  EXPECT_FALSE(exists(TRACE_FILE));
 }
 
 /// What is traced of a text of 5000 characters: how many of them, and what follows.

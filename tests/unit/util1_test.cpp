@@ -8,7 +8,7 @@
 #include <string>
 
 #include "calls.h"
-#include "records.h"
+#include "files.h"
 
 namespace armtest {
 namespace {

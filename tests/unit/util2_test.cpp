@@ -6,7 +6,8 @@
 
 #include <string>
 
-#include "records.h"
+#include "files.h"
+#include "tracefile.h"
 
 namespace armtest {
 namespace {
@@ -24,7 +25,7 @@ std::string filled(int len, Fill fill) {
 
 /// The log directory that a properties file of this content gives.
 std::string dirFor(const std::string& content, int len = 4096) {
-  writeContent(kPropertiesFile, content);
+  writeContent(PROPERTIES_FILE, content);
   return filled(len, findCommonLogDir);
 }
 
@@ -51,7 +52,7 @@ TEST(LogLocation, WithoutAPropertiesFileTheDefaultHolds) {
 }
 
 TEST(LogLocation, TraceFileLiesInTheDirectoryOfTheProperties) {
-  writeContent(kPropertiesFile, "kestra_common_dir=/opt/common\n");
+  writeContent(PROPERTIES_FILE, "kestra_common_dir=/opt/common\n");
   EXPECT_EQ("/opt/common/QDN/logs/trace-armdebug.log", traceFile());
 }
 
@@ -73,18 +74,18 @@ TEST(LogLocation, NoRoomForThePathIsLeftAlone) {
 
 TEST(LogLocation, PathBehindAnOverlongDirectoryIsCut) {
   const std::string longDir = "/" + std::string(4999, 'd');
-  writeContent(kPropertiesFile, "kestra_common_dir=" + longDir);
+  writeContent(PROPERTIES_FILE, "kestra_common_dir=" + longDir);
   EXPECT_EQ(longDir.substr(0, 4095), traceFile());
 }
 
 TEST(LogLocation, PropertiesAreReadAnewByEveryCall) {
   EXPECT_EQ(std::string(kDefaultDir) + "trace-armdebug.log", traceFile());
-  writeContent(kPropertiesFile, "kestra_common_dir=/a");
+  writeContent(PROPERTIES_FILE, "kestra_common_dir=/a");
   EXPECT_EQ("/a/QDN/logs/trace-armdebug.log", traceFile());
 }
 
 TEST(LogLocation, NoDirectoryIsMade) {
-  writeContent(kPropertiesFile, "kestra_common_dir=/tmp/common");
+  writeContent(PROPERTIES_FILE, "kestra_common_dir=/tmp/common");
   EXPECT_EQ("/tmp/common/QDN/logs/trace-armdebug.log", traceFile());
   EXPECT_FALSE(exists("/tmp/common"));
 }
@@ -108,13 +109,13 @@ TEST(LogDirectory, KeyBehindAZeroByteIsNotSeen) {
 }
 
 TEST(LogDirectory, FileWithoutRightsGivesTheDefault) {
-  writeContent(kPropertiesFile, "kestra_common_dir=/a\n");
-  EXPECT_EQ(0, chmod(kPropertiesFile, 0));
+  writeContent(PROPERTIES_FILE, "kestra_common_dir=/a\n");
+  EXPECT_EQ(0, chmod(PROPERTIES_FILE, 0));
   EXPECT_EQ(kDefaultDir, filled(4096, findCommonLogDir));
 }
 
 TEST(LogDirectory, DirectoryInPlaceOfTheFileGivesTheDefault) {
-  EXPECT_EQ(0, mkdir(kPropertiesFile, 0755));
+  EXPECT_EQ(0, mkdir(PROPERTIES_FILE, 0755));
   EXPECT_EQ(kDefaultDir, filled(4096, findCommonLogDir));
 }
 
@@ -307,7 +308,7 @@ TEST(LogBuffers, DefaultDirectoryIsPaddedWithZeros) {
 }
 
 TEST(LogBuffers, DirectoryOfTheFileIsPaddedWithZeros) {
-  writeContent(kPropertiesFile, "kestra_common_dir=/opt/common");
+  writeContent(PROPERTIES_FILE, "kestra_common_dir=/opt/common");
   EXPECT_EQ(padded("/opt/common/QDN/logs/", 100), allBytes(100, findCommonLogDir));
   EXPECT_EQ(padded("/opt/common/QDN", 16), allBytes(16, findCommonLogDir));
 }

@@ -17,8 +17,10 @@
 
 #include "calls.h"
 #include "counted.h"
+#include "files.h"
+#include "fixedstamp.h"
 #include "process.h"
-#include "records.h"
+#include "tracefile.h"
 
 namespace armtest {
 namespace {
@@ -26,7 +28,7 @@ namespace {
 using Texts = std::vector<std::string>;
 
 std::string trace() {
-  return contentOf(kTraceFile);
+  return contentOf(TRACE_FILE);
 }
 
 /// The number of times that the trace file's lines contain a text.
@@ -72,7 +74,7 @@ TEST(TraceXml, DebuglnGivesTheSameAsDebug) {
 
 TEST(TraceXml, ContinuationWritesNothing) {
   wcDebugWorker("x", 0);
-  EXPECT_TRUE(exists(kTraceFile));
+  EXPECT_TRUE(exists(TRACE_FILE));
   EXPECT_EQ("", trace());
 }
 
@@ -254,7 +256,7 @@ TEST(TraceFormatChoice, TakesEffectFromTheNextRecordOn) {
 
 TEST(TraceFile, NullTextMakesNoFile) {
   wcDebug(nullptr);
-  EXPECT_FALSE(exists(kTraceFile));
+  EXPECT_FALSE(exists(TRACE_FILE));
 }
 
 TEST(TraceFile, NullTextPreparesNothing) {
@@ -273,7 +275,7 @@ TEST(TraceFile, IsReadableAndWritableByItsOwnerOnly) {
   umask(0);
   wcDebug("x");
   struct stat info = {};
-  ASSERT_EQ(0, stat(kTraceFile, &info));
+  ASSERT_EQ(0, stat(TRACE_FILE, &info));
   EXPECT_EQ(0600U, info.st_mode & 07777U);
 }
 
@@ -281,12 +283,12 @@ TEST(TraceFile, UmaskStillApplies) {
   umask(0200);
   wcDebug("x");
   struct stat info = {};
-  ASSERT_EQ(0, stat(kTraceFile, &info));
+  ASSERT_EQ(0, stat(TRACE_FILE, &info));
   EXPECT_EQ(0400U, info.st_mode & 07777U);
 }
 
 TEST(TraceFile, IsAppendedTo) {
-  writeContent(kTraceFile, "before\n");
+  writeContent(TRACE_FILE, "before\n");
   wcDebugSetLogFormat(0);
   wcDebugWorker("abc", 0);
   EXPECT_EQ("before\nabc", trace());
@@ -336,7 +338,7 @@ TEST(TraceFile, IsNeverHeldOpen) {
 TEST(TraceFile, RemovedFileIsMadeAgain) {
   wcDebugSetLogFormat(0);
   wcDebugWorker("abc", 0);
-  EXPECT_EQ(0, unlink(kTraceFile));
+  EXPECT_EQ(0, unlink(TRACE_FILE));
   wcDebugWorker("def", 0);
   EXPECT_EQ("def", trace());
 }
@@ -440,7 +442,7 @@ TEST(TraceStamp, SecondsAreStoredWithoutTheMilliseconds) {
 constexpr const char* kElsewhere = "/tmp/common/QDN/logs/trace-armdebug.log";
 
 void moveTraceElsewhere() {
-  writeContent(kPropertiesFile, "kestra_common_dir=/tmp/common\n");
+  writeContent(PROPERTIES_FILE, "kestra_common_dir=/tmp/common\n");
 }
 
 void makeDirectoryElsewhere() {
@@ -536,7 +538,7 @@ TEST(TracePlace, IsNotToldWithoutRoom) {
 TEST(TracePlace, AskingForItMakesNoFile) {
   char path[64];
   (void)wcDebugGetLogFileSpec(path, sizeof path);
-  EXPECT_FALSE(exists(kTraceFile));
+  EXPECT_FALSE(exists(TRACE_FILE));
 }
 
 // ---- threads ------------------------------------------------------------------------------------

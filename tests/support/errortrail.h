@@ -4,6 +4,8 @@
 
 #include "diag/CkesErrorManager.h"
 
+namespace armtest {
+
 /// The calling thread's last error: its code, then the trail, as "code text1 < text2 < ...".
 inline std::string errorTrail() {
   long code = 0;
@@ -20,3 +22,5 @@ inline std::string errorTrail() {
   }
   return trail;
 }
+
+}  // namespace armtest
