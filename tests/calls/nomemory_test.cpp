@@ -1,4 +1,5 @@
-// The results when the library finds no memory. This program has its own malloc.
+// The results when the library finds no memory. This program has its own malloc, made of the C
+// library's by its name: nextCall would allocate on its way there.
 
 #include <unistd.h>
 

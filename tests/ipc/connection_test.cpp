@@ -780,8 +780,7 @@ TEST_F(EngineStatus, AttachWithoutTheSwitchWritesNothing) {
   processAttach();
   processDetach();
   EXPECT_EQ(0, VDebugRun);
-  char path[4096];
-  EXPECT_FALSE(std::ifstream(wcDebugGetLogFileSpec(path, sizeof path)).is_open());
+  EXPECT_FALSE(traceExists());
 }
 
 // ---- closed between a post and its wait ---------------------------------------------------------

@@ -139,8 +139,7 @@ TEST(RequestQueueOpening, FailsOnceWhenTheOverflowSemaphoreIsReplacedMeanwhile) 
 
 TEST(RequestQueueOpening, WithoutTracingLogsNothing) {
   EXPECT_FALSE(Queue(kName).IsInitialized());
-  char path[4096];
-  EXPECT_FALSE(std::ifstream(wcDebugGetLogFileSpec(path, sizeof path)).is_open());
+  EXPECT_FALSE(traceExists());
 }
 
 TEST(RequestQueueOpening, WithoutMemoryForASegmentFailsWithItsText) {
