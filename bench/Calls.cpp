@@ -36,11 +36,11 @@ void start() {
 }
 
 void startBare() {
-  expect(floor_start(tran_id) > 0);
+  expect(floorStart(tran_id) > 0);
 }
 
 void startBareScanning() {
-  expect(floor_start_scanning(tran_id) > 0);
+  expect(floorStartScanning(tran_id) > 0);
 }
 
 void startIgnored() {
@@ -84,7 +84,7 @@ Call callNamed(const std::string& name) {
 bool prepareCalls() {
   const arm_int32_t application = arm_init("bench", "bench", 0, nullptr, 0);
   tran_id = arm_getid(application, "transaction", "", 0, nullptr, 0);
-  if (application > 0 && tran_id > 0 && floor_open() == 0) return true;
+  if (application > 0 && tran_id > 0 && floorOpen() == 0) return true;
   (void)std::fprintf(stderr, "no engine answers: arm_init gave %d, arm_getid %d\n", application,
                      tran_id);
   return false;

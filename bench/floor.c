@@ -59,7 +59,7 @@ static struct request_header* requests;
 static struct reply_header* replies;
 static __thread uint16_t own_head;
 
-static key_t key_of(const char* name, int project) {
+static key_t keyOf(const char* name, int project) {
   const char* prefix = getenv("ARM_AGENT_PREFIX");
   char path[256];
   (void)snprintf(path, sizeof path, "/var/kelp/%s%s%s", name, prefix != NULL ? "." : "",
@@ -67,27 +67,27 @@ static key_t key_of(const char* name, int project) {
   return ftok(path, project);
 }
 
-static int set_of(const char* name, int project) {
-  return semget(key_of(name, project), 0, 0);
+static int setOf(const char* name, int project) {
+  return semget(keyOf(name, project), 0, 0);
 }
 
-static void* segment_of(const char* name, size_t* size) {
-  const int id = shmget(key_of(name, 2), 0, 0);
+static void* segmentOf(const char* name, size_t* size) {
+  const int id = shmget(keyOf(name, 2), 0, 0);
   void* address = shmat(id, NULL, 0);
   struct shmid_ds info;
   *size = shmctl(id, IPC_STAT, &info) == 0 ? info.shm_segsz : 0;
   return address;
 }
 
-int floor_open(void) {
+int floorOpen(void) {
   size_t request_size = 0;
   size_t reply_size = 0;
-  request_set = set_of("controls_ae.kelp_mem", 1);
-  empty_set = set_of("controls_ae.kelp_emp", 1);
-  reply_set = set_of("controls_ea.kelp", 1);
-  wake_set = set_of("controls_ea.kelp", 3);
-  requests = segment_of("controls_ae.kelp_mem", &request_size);
-  replies = segment_of("controls_ea.kelp", &reply_size);
+  request_set = setOf("controls_ae.kelp_mem", 1);
+  empty_set = setOf("controls_ae.kelp_emp", 1);
+  reply_set = setOf("controls_ea.kelp", 1);
+  wake_set = setOf("controls_ea.kelp", 3);
+  requests = segmentOf("controls_ae.kelp_mem", &request_size);
+  replies = segmentOf("controls_ea.kelp", &reply_size);
   if (request_set < 0 || empty_set < 0 || reply_set < 0 || wake_set < 0) return -1;
   if (request_size == 0 || reply_size == 0) return -1;
   slots = (uint16_t)((request_size - REQUEST_HEADER) / RECORD_SIZE);
@@ -110,11 +110,11 @@ static void unlock(int set, unsigned short semaphore) {
   (void)semop(set, &one, 1);
 }
 
-static int engine_lives(void) {
+static int engineLives(void) {
   return semctl(request_set, CREATOR, GETVAL) == ENGINE_LIVES;
 }
 
-static uint32_t own_thread(void) {
+static uint32_t ownThread(void) {
 #ifdef __LP64__
   static __thread uint32_t id;
   if (id == 0) id = (uint32_t)syscall(SYS_gettid);
@@ -127,7 +127,7 @@ static uint32_t own_thread(void) {
 static void fill(struct start_record* record, int32_t tran_id) {
   struct timeval now;
   record->process = getpid();
-  record->thread = own_thread();
+  record->thread = ownThread();
   record->type = MSG_START;
   record->tran_id = tran_id;
   (void)gettimeofday(&now, NULL);
@@ -135,7 +135,7 @@ static void fill(struct start_record* record, int32_t tran_id) {
   record->nanoseconds = (uint32_t)now.tv_usec * 1000U;
 }
 
-static void wake_engine(void) {
+static void wakeEngine(void) {
   struct sembuf add = {EMPTY_COUNT, 1, 0};
   lock(empty_set, EMPTY_LOCK);
   (void)semctl(empty_set, EMPTY_COUNT, GETVAL);
@@ -148,21 +148,21 @@ static void post(const struct start_record* record) {
   lock(request_set, LOCK);
   memcpy(ring + (size_t)requests->tail * RECORD_SIZE, record, RECORD_SIZE);
   requests->tail = (uint16_t)((requests->tail + 1) % slots);
-  if (++requests->count == 1) wake_engine();
+  if (++requests->count == 1) wakeEngine();
   unlock(request_set, LOCK);
 }
 
-static int is_of(const struct head* head, int32_t process, uint32_t thread) {
+static int isOf(const struct head* head, int32_t process, uint32_t thread) {
   return head->process == process && head->thread == thread;
 }
 
-static struct head* find_head(int32_t process, uint32_t thread) {
+static struct head* findHead(int32_t process, uint32_t thread) {
   struct head* all = (struct head*)(replies + 1);
   for (int wanted = 0; wanted < 2; ++wanted) {
     const int32_t p = wanted == 0 ? process : -1;
     const uint32_t t = wanted == 0 ? thread : UINT32_MAX;
     for (uint16_t i = 0; i < heads; ++i) {
-      if (!is_of(&all[i], p, t)) continue;
+      if (!isOf(&all[i], p, t)) continue;
       own_head = i;
       if (wanted == 0) return &all[i];
       all[i].process = process;
@@ -174,12 +174,12 @@ static struct head* find_head(int32_t process, uint32_t thread) {
   abort();
 }
 
-static struct head* remembered_head(int32_t process, uint32_t thread) {
+static struct head* rememberedHead(int32_t process, uint32_t thread) {
   struct head* head = (struct head*)(replies + 1) + own_head;
-  return is_of(head, process, thread) ? head : find_head(process, thread);
+  return isOf(head, process, thread) ? head : findHead(process, thread);
 }
 
-static void take_first(struct head* head, void* reply) {
+static void takeFirst(struct head* head, void* reply) {
   const uint32_t offset = head->first_reply;
   uint8_t* item = (uint8_t*)replies + offset;
   memcpy(reply, item, REPLY_SIZE);
@@ -192,11 +192,11 @@ static void take_first(struct head* head, void* reply) {
 static int32_t receive(int scanning) {
   int32_t reply[REPLY_SIZE / 4];
   const int32_t process = getpid();
-  const uint32_t thread = own_thread();
+  const uint32_t thread = ownThread();
   struct head* head;
-  if (!engine_lives()) return -2;
+  if (!engineLives()) return -2;
   lock(reply_set, LOCK);
-  head = scanning ? find_head(process, thread) : remembered_head(process, thread);
+  head = scanning ? findHead(process, thread) : rememberedHead(process, thread);
   do {
     struct sembuf take = {head->semaphore, -1, 0};
     head->status = 1;
@@ -204,7 +204,7 @@ static int32_t receive(int scanning) {
     operate(wake_set, &take, 1);
     lock(reply_set, LOCK);
   } while (head->first_reply == 0);
-  take_first(head, reply);
+  takeFirst(head, reply);
   if (semctl(wake_set, head->semaphore, GETNCNT) == 0) head->status = 0;
   unlock(reply_set, LOCK);
   return reply[0];
@@ -213,17 +213,17 @@ static int32_t receive(int scanning) {
 static int32_t start(int32_t tran_id, int scanning) {
   /* Cleared once, since nothing ever writes to what a start does not use. */
   static __thread struct start_record record;
-  if (!engine_lives()) return -2;
+  if (!engineLives()) return -2;
   fill(&record, tran_id);
-  if (!engine_lives()) return -2;
+  if (!engineLives()) return -2;
   post(&record);
   return receive(scanning);
 }
 
-int32_t floor_start(int32_t tran_id) {
+int32_t floorStart(int32_t tran_id) {
   return start(tran_id, 0);
 }
 
-int32_t floor_start_scanning(int32_t tran_id) {
+int32_t floorStartScanning(int32_t tran_id) {
   return start(tran_id, 1);
 }

@@ -15,13 +15,13 @@ extern "C" {
  */
 
 /** Opens both queues for the process.  0, or -1 when no engine is there. */
-int floor_open(void);
+int floorOpen(void);
 
 /** Starts one transaction of a class, without a data block.  The engine's result. */
-int32_t floor_start(int32_t tran_id);
+int32_t floorStart(int32_t tran_id);
 
 /** The same, looking for the caller's head record from the first one on in every call. */
-int32_t floor_start_scanning(int32_t tran_id);
+int32_t floorStartScanning(int32_t tran_id);
 
 #ifdef __cplusplus
 }

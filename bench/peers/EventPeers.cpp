@@ -11,7 +11,7 @@
 
 #include "Peer.h"
 
-extern "C" void bench_trace(int tran_id, int handle);
+extern "C" void benchTrace(int tran_id, int handle);
 
 namespace bench {
 
@@ -54,7 +54,7 @@ class StatsdPeer : public Peer {
 class TracepointPeer : public Peer {
  public:
   TracepointPeer(const char* begin, const char* end) : begin_(begin), end_(end) {}
-  void exchange() override { bench_trace(1, ++handle_); }
+  void exchange() override { benchTrace(1, ++handle_); }
   void begin() override { run(begin_); }
   void end() override { run(end_); }
 
@@ -86,13 +86,13 @@ class HistogramPeer : public Peer {
 
 }  // namespace
 
-std::vector<NamedPeer> makeEventPeers(bool traceSession) {
+std::vector<NamedPeer> makeEventPeers(bool trace_session) {
   std::vector<NamedPeer> peers;
   peers.push_back({"UDP line in the manner of statsd", std::make_unique<StatsdPeer>()});
   peers.push_back({"prometheus-cpp histogram", std::make_unique<HistogramPeer>()});
   peers.push_back(
       {"LTTng tracepoint, not recorded", std::make_unique<TracepointPeer>(nullptr, nullptr)});
-  if (traceSession) {
+  if (trace_session) {
     peers.push_back(
         {"LTTng tracepoint, recorded",
          std::make_unique<TracepointPeer>("lttng start >/dev/null", "lttng stop >/dev/null")});

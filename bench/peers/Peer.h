@@ -44,7 +44,7 @@ std::vector<NamedPeer> makeKernelPeers();
 std::vector<NamedPeer> makeBusPeers();
 /// What does not wait for an answer. With a trace session, the tracepoint is also measured with the
 /// session recording.
-std::vector<NamedPeer> makeEventPeers(bool traceSession);
+std::vector<NamedPeer> makeEventPeers(bool trace_session);
 
 /// Ends the program with a message about what failed.
 [[noreturn]] void failPeer(const char* what);

@@ -2,8 +2,8 @@
 #define LTTNG_UST_TRACEPOINT_DEFINE
 #include "tracepoints.h"
 
-void bench_trace(int tran_id, int handle);
+void benchTrace(int tran_id, int handle);
 
-void bench_trace(int tran_id, int handle) {
+void benchTrace(int tran_id, int handle) {
   lttng_ust_tracepoint(bench, start, tran_id, handle);
 }

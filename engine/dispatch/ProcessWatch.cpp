@@ -24,12 +24,12 @@ bool procIsOurs() {
 }  // namespace
 
 std::optional<uint64_t> startOfProcess(int32_t process) {
-  static const bool ours = procIsOurs();
-  if (!ours) return processExists(process) ? std::optional<uint64_t>(0) : std::nullopt;
+  static const bool OURS = procIsOurs();
+  if (!OURS) return processExists(process) ? std::optional<uint64_t>(0) : std::nullopt;
   const auto stat = processStat(process);
   if (!stat || stat->ended) return std::nullopt;
-  static const auto ticks_per_second = static_cast<uint64_t>(sysconf(_SC_CLK_TCK));
-  return stat->start_ticks * (SECOND / ticks_per_second);
+  static const auto TICKS_PER_SECOND = static_cast<uint64_t>(sysconf(_SC_CLK_TCK));
+  return stat->start_ticks * (SECOND / TICKS_PER_SECOND);
 }
 
 ProcessWatch::ProcessWatch(std::chrono::milliseconds between_checks)

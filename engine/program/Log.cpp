@@ -12,8 +12,8 @@
 namespace armengine {
 
 void writeLog(Urgency urgency, const std::string& sentence) {
-  static const bool journal = std::getenv("JOURNAL_STREAM") != nullptr;
-  const std::string mark = journal ? "<" + std::to_string(static_cast<int>(urgency)) + ">" : "";
+  static const bool JOURNAL = std::getenv("JOURNAL_STREAM") != nullptr;
+  const std::string mark = JOURNAL ? "<" + std::to_string(static_cast<int>(urgency)) + ">" : "";
   (void)std::fprintf(stderr, "%sarmengine: %s\n", mark.c_str(), sentence.c_str());
 }
 

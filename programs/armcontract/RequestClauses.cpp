@@ -285,11 +285,11 @@ void checkWaitingWriter(Bench& bench) {
 }
 
 void checkLocksAreFree(Bench& bench) {
-  const auto isFree = [&bench](const LockedSegment& queue) {
+  const auto is_free = [&bench](const LockedSegment& queue) {
     return comesTrue(bench.patience(), [&] { return queue.lock_set.value(wire::LOCK) == 0; });
   };
-  need(isFree(bench.requests()), "the request queue's stays taken");
-  need(isFree(bench.replies()), "the reply queue's stays taken");
+  need(is_free(bench.requests()), "the request queue's stays taken");
+  need(is_free(bench.replies()), "the reply queue's stays taken");
 }
 
 }  // namespace
