@@ -97,6 +97,11 @@ lint() {
     configure_quietly amd64-clang && python3 -B tools/checksources.py build/amd64-clang tidy $CHECKED_FOLDERS
 }
 
+# Of the tests only the names are checked.
+lint_names() {
+    configure_quietly amd64 && python3 -B tools/checksources.py build/amd64 names tests
+}
+
 # What clang's warnings say of the other width.
 warnings_of_clang() {
     configure_quietly i386-clang && python3 -B tools/checksources.py build/i386-clang syntax $CHECKED_FOLDERS
@@ -131,9 +136,10 @@ in_background() { # STEP...
     BACKGROUND=$!
 }
 
-background_step() { # STEP : lint, warnings, or a preset to be built
+background_step() { # STEP : lint, names, warnings, or a preset to be built
     case $1 in
     lint) lint ;;
+    names) lint_names ;;
     warnings) warnings_of_clang ;;
     *) build_areas "$1" $(areas_of "$1") ;;
     esac
@@ -184,7 +190,7 @@ test_all() {
     for preset in i386 amd64; do
         check "build of $preset" build_areas $preset $(areas_of $preset)
     done
-    in_background amd64-tsan amd64-asan warnings lint
+    in_background amd64-tsan amd64-asan warnings names lint
     for preset in i386 amd64; do
         run_areas $preset "$(areas_of $preset)"
     done
@@ -194,6 +200,7 @@ test_all() {
     done
     check "warnings of clang, 32-bit" await warnings
     check "lint" await lint
+    check "names in the tests" await names
     check "protocol model, a short round" model_round
 }
 
