@@ -36,8 +36,8 @@ std::size_t poisoned(const Mapping& mapping) {
 }
 
 Peer* current = nullptr;
-thread_local bool peerActs = false;
-int failedInARow = 0;
+thread_local bool peer_acts = false;
+int failed_in_a_row = 0;
 std::map<const void*, Mapping> mappings;
 
 std::size_t wholePages(std::size_t size) {
@@ -46,7 +46,7 @@ std::size_t wholePages(std::size_t size) {
 }
 
 bool letPeerAct() {
-  if (current == nullptr || peerActs) return false;
+  if (current == nullptr || peer_acts) return false;
   const PeerActs acts;
   current->act();
   return true;
@@ -55,8 +55,8 @@ bool letPeerAct() {
 /// Cuts short what would go on for ever: the library drains the overflow semaphore until nothing is
 /// left, whatever else goes wrong.
 int failed(int error) {
-  if (error != EAGAIN && ++failedInARow > REPEATED_FAILURES) error = EAGAIN;
-  if (error == EAGAIN) failedInARow = 0;
+  if (error != EAGAIN && ++failed_in_a_row > REPEATED_FAILURES) error = EAGAIN;
+  if (error == EAGAIN) failed_in_a_row = 0;
   errno = error;
   return -1;
 }
@@ -65,14 +65,14 @@ int failed(int error) {
 
 void setPeer(Peer* peer) {
   current = peer;
-  failedInARow = 0;
+  failed_in_a_row = 0;
 }
 
-PeerActs::PeerActs() : before_(peerActs) {
-  peerActs = true;
+PeerActs::PeerActs() : before_(peer_acts) {
+  peer_acts = true;
 }
 PeerActs::~PeerActs() {
-  peerActs = before_;
+  peer_acts = before_;
 }
 
 namespace {
@@ -86,7 +86,7 @@ int operate(int set, sembuf* operations, std::size_t count) {
   }
   for (int tries = 0; tries < ENDLESS; ++tries) {
     if (calls::semop.real(set, attempt.data(), count) == 0) {
-      failedInARow = 0;
+      failed_in_a_row = 0;
       return 0;
     }
     if (errno != EAGAIN || !waits) return failed(errno);

@@ -82,11 +82,11 @@ void checkRequest(const TArmMessage& message) {
     checkText(bytes, 16, 3620);
     checkText(bytes, 3636, 128);
   }
-  int32_t metricLength = 0;
-  std::memcpy(&metricLength, bytes + 16, sizeof metricLength);
+  int32_t metric_length = 0;
+  std::memcpy(&metric_length, bytes + 16, sizeof metric_length);
   if (message.msg_type != 19) return;
-  CHECK(metricLength >= 1 && metricLength <= 4096);
-  CHECK(std::all_of(bytes + 20 + metricLength, bytes + sizeof message,
+  CHECK(metric_length >= 1 && metric_length <= 4096);
+  CHECK(std::all_of(bytes + 20 + metric_length, bytes + sizeof message,
                     [](uint8_t byte) { return byte == 0; }));
 }
 
@@ -211,13 +211,13 @@ class Arguments {
   }
 
   /// Null, or a block of a size that depends on its format word.
-  void* block(const std::function<std::size_t(int32_t)>& sizeOf) {
+  void* block(const std::function<std::size_t(int32_t)>& size_of) {
     const uint8_t kind = input_.byte();
     if (kind >= 0xf0) return nullptr;
     constexpr int32_t FORMATS[] = {1, 2, 101, 0};
     int32_t format = FORMATS[kind % 4];
     if (kind >= 0xc0) format = number();
-    std::string bytes(sizeOf(format), '\0');
+    std::string bytes(size_of(format), '\0');
     bytes.replace(0, sizeof format, reinterpret_cast<const char*>(&format), sizeof format);
     const std::string content = input_.bytes(input_.byte());
     for (std::size_t i = sizeof format; i < bytes.size() && i - 4 < content.size(); ++i) {
@@ -333,10 +333,10 @@ void chooseCodeset(Input& input) {
 
 /// A call that posts.  Its result is the answer's, or one of its own.
 void measure(Input& input, InlineEngine& engine) {
-  const unsigned requestsBefore = engine.requests();
+  const unsigned requests_before = engine.requests();
   const uint8_t which = input.byte();
   Arguments from(input);
-  const std::function<int32_t()> CALLS[] = {[&] { return initOne(from, false); },
+  const std::function<int32_t()> calls[] = {[&] { return initOne(from, false); },
                                             [&] { return initOne(from, true); },
                                             [&] { return getidOne(from, false); },
                                             [&] { return getidOne(from, true); },
@@ -349,10 +349,10 @@ void measure(Input& input, InlineEngine& engine) {
                                             [&] { return completeOne(from, false); },
                                             [&] { return completeOne(from, true); },
                                             [&] { return associate(from); }};
-  const int32_t result = CALLS[which % std::size(CALLS)]();
+  const int32_t result = calls[which % std::size(calls)]();
   if (!engine.isHonest()) return;
-  if (engine.requests() > requestsBefore) {
-    CHECK(engine.requests() == requestsBefore + 1);
+  if (engine.requests() > requests_before) {
+    CHECK(engine.requests() == requests_before + 1);
     CHECK(result == engine.answered().result);
   } else {
     CHECK(result == 0 || result == -1 || result == -2 || result == -1003 || result == IGNOREID);

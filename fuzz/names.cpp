@@ -46,15 +46,15 @@ void readAgent(const std::string* agent, int size) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   constexpr const char* VARIABLE = "ARM_AGENT_PREFIX";
   Input input(data, size);
-  const bool hasAgent = input.flag();
-  const bool hasSuffix = input.flag();
+  const bool has_agent = input.flag();
+  const bool has_suffix = input.flag();
   const int limit = static_cast<int>(input.half() % 9000) - 2;
   const std::string name = input.text(5000);
   const std::string suffix = input.text(300);
   std::string agent = input.rest();
   agent = agent.substr(0, agent.find('\0'));
-  CHECK((hasAgent ? setenv(VARIABLE, agent.c_str(), 1) : unsetenv(VARIABLE)) == 0);
-  buildName(name, hasSuffix ? &suffix : nullptr, hasAgent ? &agent : nullptr, limit);
-  readAgent(hasAgent ? &agent : nullptr, limit);
+  CHECK((has_agent ? setenv(VARIABLE, agent.c_str(), 1) : unsetenv(VARIABLE)) == 0);
+  buildName(name, has_suffix ? &suffix : nullptr, has_agent ? &agent : nullptr, limit);
+  readAgent(has_agent ? &agent : nullptr, limit);
   return 0;
 }

@@ -51,11 +51,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   Input input(data, size);
   HostileQueue queue;
   buildReplyQueue(queue, input);
-  const bool lockTaken = input.byte() >= 0xf0;
-  if (lockTaken) queue.setValue(REPLY_LOCK, 0, 1);
+  const bool lock_taken = input.byte() >= 0xf0;
+  if (lock_taken) queue.setValue(REPLY_LOCK, 0, 1);
   const bool remove = input.byte() >= 0xf0;
   ScriptedPeer peer(queue, input, REPLY_FRONT);
   use(input, remove);
-  if (!peer.touchedSemaphores() && !lockTaken) CHECK(queue.set(REPLY_LOCK).value(0) <= 0);
+  if (!peer.touchedSemaphores() && !lock_taken) CHECK(queue.set(REPLY_LOCK).value(0) <= 0);
   return 0;
 }

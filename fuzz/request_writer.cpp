@@ -64,10 +64,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   Input input(data, size);
   HostileQueue queue;
   buildRequestQueue(queue, input);
-  const bool lockTaken = input.byte() >= 0xf0;
-  if (lockTaken) queue.setValue(REQUEST_LOCK, 0, 1);
+  const bool lock_taken = input.byte() >= 0xf0;
+  if (lock_taken) queue.setValue(REQUEST_LOCK, 0, 1);
   ScriptedPeer peer(queue, input, REQUEST_FRONT);
   use(queue, input);
-  if (!peer.touchedSemaphores() && !lockTaken) CHECK(queue.set(REQUEST_LOCK).value(0) <= 0);
+  if (!peer.touchedSemaphores() && !lock_taken) CHECK(queue.set(REQUEST_LOCK).value(0) <= 0);
   return 0;
 }

@@ -14,17 +14,17 @@ std::map<std::string, std::vector<char>> membersOfArchive(const std::string& pat
   const std::vector<char> archive = bytesOfFile(path);
   const std::string all(archive.begin(), archive.end());
   std::map<std::string, std::vector<char>> members;
-  std::string longNames;
+  std::string long_names;
   // Header of a member: name of 16 characters, the size in decimal digits at 48, 60 in all.
   for (size_t at = 8; at + 60 <= all.size();) {
     std::string name = all.substr(at, 16);
     const size_t size = std::stoul(all.substr(at + 48, 10));
     const size_t content = at + 60;
     if (name[0] == '/' && name[1] >= '0' && name[1] <= '9') {
-      name = longNames.substr(std::stoul(name.substr(1)));
+      name = long_names.substr(std::stoul(name.substr(1)));
     }
     if (name.substr(0, 2) == "//") {
-      longNames = all.substr(content, size);
+      long_names = all.substr(content, size);
     } else if (name[0] != '/') {
       members[name.substr(0, name.find('/'))].assign(
           archive.begin() + static_cast<long>(content),
@@ -45,9 +45,9 @@ ElfFile::ElfFile(std::vector<char> bytes) : bytes_(std::move(bytes)) {
 }
 
 bool ElfFile::isElf() const {
-  constexpr unsigned char kWidth = sizeof(void*) == 8 ? ELFCLASS64 : ELFCLASS32;
+  constexpr unsigned char WIDTH = sizeof(void*) == 8 ? ELFCLASS64 : ELFCLASS32;
   return bytes_.size() > sizeof(ElfW(Ehdr)) && std::memcmp(bytes_.data(), ELFMAG, SELFMAG) == 0 &&
-         bytes_[EI_CLASS] == kWidth;
+         bytes_[EI_CLASS] == WIDTH;
 }
 
 template <typename T>
@@ -98,7 +98,7 @@ void ElfFile::readVersions() {
 }
 
 void ElfFile::readSymbols() {
-  constexpr ElfW(Half) kHidden = 0x8000;
+  constexpr ElfW(Half) HIDDEN = 0x8000;
   const std::vector<ElfW(Sym)> table = tableOf<ElfW(Sym)>(SHT_DYNSYM);
   const std::vector<ElfW(Half)> versions = tableOf<ElfW(Half)>(SHT_GNU_versym);
   for (size_t i = 1; i < table.size(); ++i) {
@@ -107,7 +107,7 @@ void ElfFile::readSymbols() {
     const ElfW(Half) version = i < versions.size() ? versions[i] : ElfW(Half){0};
     const size_t index = version & 0x7FFFU;
     if (symbol.defined && index > 1 && index < versionOf_.size()) {
-      symbol.version = ((version & kHidden) != 0 ? "@" : "@@") + versionOf_[index];
+      symbol.version = ((version & HIDDEN) != 0 ? "@" : "@@") + versionOf_[index];
     }
     symbols_.push_back(symbol);
   }

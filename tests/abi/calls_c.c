@@ -2,26 +2,26 @@
 
 #include "armext.h"
 
-const struct exported_call calls_of_c[] = {
-    {"arm_init", (any_function)&arm_init},
-    {"arm_getid", (any_function)&arm_getid},
-    {"arm_start", (any_function)&arm_start},
-    {"arm_update", (any_function)&arm_update},
-    {"arm_stop", (any_function)&arm_stop},
-    {"arm_end", (any_function)&arm_end},
-    {"w_ArmInit", (any_function)&w_ArmInit},
-    {"w_ArmGetID", (any_function)&w_ArmGetID},
-    {"arm_transactionReport", (any_function)&arm_transactionReport},
-    {"arm_transactionInstanceReport", (any_function)&arm_transactionInstanceReport},
-    {"arm_completeTransaction", (any_function)&arm_completeTransaction},
-    {"arm_completeTransactionInstance", (any_function)&arm_completeTransactionInstance},
-    {"arm_associateMetricData", (any_function)&arm_associateMetricData},
-    {"arm_getCorrelatorKey", (any_function)&arm_getCorrelatorKey},
-    {"SetExpectedCodeset", (any_function)&SetExpectedCodeset},
-    {"GetExpectedCodeset", (any_function)&GetExpectedCodeset},
+const struct ExportedCall CALLS_OF_C[] = {
+    {"arm_init", (AnyFunction)&arm_init},
+    {"arm_getid", (AnyFunction)&arm_getid},
+    {"arm_start", (AnyFunction)&arm_start},
+    {"arm_update", (AnyFunction)&arm_update},
+    {"arm_stop", (AnyFunction)&arm_stop},
+    {"arm_end", (AnyFunction)&arm_end},
+    {"w_ArmInit", (AnyFunction)&w_ArmInit},
+    {"w_ArmGetID", (AnyFunction)&w_ArmGetID},
+    {"arm_transactionReport", (AnyFunction)&arm_transactionReport},
+    {"arm_transactionInstanceReport", (AnyFunction)&arm_transactionInstanceReport},
+    {"arm_completeTransaction", (AnyFunction)&arm_completeTransaction},
+    {"arm_completeTransactionInstance", (AnyFunction)&arm_completeTransactionInstance},
+    {"arm_associateMetricData", (AnyFunction)&arm_associateMetricData},
+    {"arm_getCorrelatorKey", (AnyFunction)&arm_getCorrelatorKey},
+    {"SetExpectedCodeset", (AnyFunction)&SetExpectedCodeset},
+    {"GetExpectedCodeset", (AnyFunction)&GetExpectedCodeset},
     {NULL, NULL}};
 
-const struct layout_fact layout_of_c[] = {
+const struct LayoutFact LAYOUT_OF_C[] = {
     {"arm_int32_t", sizeof(arm_int32_t), 4},
     {"arm_uint32_t", sizeof(arm_uint32_t), 4},
     {"arm_uint16_t", sizeof(arm_uint16_t), 2},

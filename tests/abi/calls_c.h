@@ -9,22 +9,22 @@
 extern "C" {
 #endif
 
-typedef void (*any_function)(void);
+typedef void (*AnyFunction)(void);
 
-struct exported_call {
+struct ExportedCall {
   const char* name;
-  any_function address;
+  AnyFunction address;
 };
 
-struct layout_fact {
+struct LayoutFact {
   const char* what;
   size_t found;
   size_t expected;
 };
 
 /* Both end in an entry without a name. */
-extern const struct exported_call calls_of_c[];
-extern const struct layout_fact layout_of_c[];
+extern const struct ExportedCall CALLS_OF_C[];
+extern const struct LayoutFact LAYOUT_OF_C[];
 
 #ifdef __cplusplus
 }

@@ -16,7 +16,7 @@ void* versioned(const char* name) {
   return dlvsym(RTLD_DEFAULT, name, "VERS_1.0");
 }
 
-void* plain(any_function function) {
+void* plain(AnyFunction function) {
   return reinterpret_cast<void*>(function);
 }
 
@@ -28,7 +28,7 @@ void expectCall(const char* name, Function* function) {
 
 TEST(Calls, EachIsTheOneOfItsVersionInC) {
   std::set<std::string> names;
-  for (const exported_call* call = calls_of_c; call->name != nullptr; ++call) {
+  for (const ExportedCall* call = CALLS_OF_C; call->name != nullptr; ++call) {
     EXPECT_NE(nullptr, versioned(call->name)) << call->name;
     EXPECT_EQ(versioned(call->name), plain(call->address)) << call->name;
     names.insert(call->name);
@@ -56,7 +56,7 @@ TEST(Calls, EachIsTheOneOfItsVersionInCpp) {
 }
 
 TEST(Calls, HaveNoOtherVersion) {
-  for (const exported_call* call = calls_of_c; call->name != nullptr; ++call) {
+  for (const ExportedCall* call = CALLS_OF_C; call->name != nullptr; ++call) {
     EXPECT_EQ(nullptr, dlvsym(RTLD_DEFAULT, call->name, "VERS_2.0")) << call->name;
   }
 }
@@ -70,7 +70,7 @@ TEST(Calls, InternalOnesCannotBeFound) {
 
 TEST(Headers, LayoutIsTheContractsInC) {
   size_t facts = 0;
-  for (const layout_fact* fact = layout_of_c; fact->what != nullptr; ++fact, ++facts) {
+  for (const LayoutFact* fact = LAYOUT_OF_C; fact->what != nullptr; ++fact, ++facts) {
     EXPECT_EQ(fact->expected, fact->found) << fact->what;
   }
   EXPECT_EQ(21U, facts);

@@ -19,7 +19,7 @@ struct Call {
 
 arm_user_data1_t g_block = {};
 
-const std::vector<Call> kCalls = {
+const std::vector<Call> CALLS = {
     {"arm_init", [] { (void)arm_init("name", "user", 0, nullptr, 0); }},
     {"arm_init of the login name", [] { (void)arm_init("name", "*", 0, nullptr, 0); }},
     {"arm_init of no name", [] { (void)arm_init(nullptr, nullptr, 0, nullptr, 0); }},
@@ -46,11 +46,11 @@ const std::vector<Call> kCalls = {
     {"SetExpectedCodeset of an unknown one", [] { (void)SetExpectedCodeset("no-such-set"); }}};
 
 void expectErrnoUntouched() {
-  constexpr int kOurs = 4711;
-  for (const Call& call : kCalls) {
-    errno = kOurs;
+  constexpr int OURS = 4711;
+  for (const Call& call : CALLS) {
+    errno = OURS;
     call.make();
-    EXPECT_EQ(kOurs, errno) << call.name;
+    EXPECT_EQ(OURS, errno) << call.name;
   }
 }
 

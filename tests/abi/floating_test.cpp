@@ -11,21 +11,21 @@
 namespace {
 
 /// Functions that may use the unit all the same.
-const std::set<std::string> kAllowed = {};
+const std::set<std::string> ALLOWED = {};
 
 /// What x87 and MMX share, and instructions that any exception can come of.  64-bit code copies
 /// with SSE's registers, 32-bit code does not even do that.
 bool usesTheUnit(const std::string& instruction) {
-  static const std::regex kUnit(
+  static const std::regex UNIT(
       R"(^(f[a-z0-9]+|emms|ldmxcsr|stmxcsr|x(save|rstor)[a-z0-9]*)\b|%(st|mm[0-7])\b)");
-  static const std::regex kArithmetic(
+  static const std::regex ARITHMETIC(
       R"(^v?((add|sub|mul|div|sqrt|min|max|round|rcp|rsqrt|cmp[a-z]*|u?comi)[sp][sd]|cvt[a-z0-9]+|fn?m(add|sub)[a-z0-9]+)\b)");
-  if (std::regex_search(instruction, kUnit)) return true;
+  if (std::regex_search(instruction, UNIT)) return true;
 #if defined(__LP64__)
-  return std::regex_search(instruction, kArithmetic);
+  return std::regex_search(instruction, ARITHMETIC);
 #else
   static const std::regex kVector(R"(%[xyz]mm)");
-  return std::regex_search(instruction, kArithmetic) || std::regex_search(instruction, kVector);
+  return std::regex_search(instruction, ARITHMETIC) || std::regex_search(instruction, kVector);
 #endif
 }
 
@@ -34,31 +34,31 @@ template <typename Look>
 void disassemble(const std::string& library, Look&& look) {
   std::FILE* output = popen(("objdump -d --no-show-raw-insn " + library).c_str(), "r");
   ASSERT_NE(nullptr, output);
-  static const std::regex kFunction(R"(^[0-9a-f]+ <(.*)>:\n$)");
-  static const std::regex kInstruction(R"(^ *[0-9a-f]+:\t(.*[^\s])\s*$)");
+  static const std::regex FUNCTION(R"(^[0-9a-f]+ <(.*)>:\n$)");
+  static const std::regex INSTRUCTION(R"(^ *[0-9a-f]+:\t(.*[^\s])\s*$)");
   std::string function;
   std::smatch parts;
   char buffer[4096];
   while (std::fgets(buffer, sizeof buffer, output) != nullptr) {
     const std::string line = buffer;
-    if (std::regex_match(line, parts, kFunction)) function = parts[1];
-    if (std::regex_match(line, parts, kInstruction)) look(function, parts[1].str());
+    if (std::regex_match(line, parts, FUNCTION)) function = parts[1];
+    if (std::regex_match(line, parts, INSTRUCTION)) look(function, parts[1].str());
   }
   EXPECT_EQ(0, pclose(output)) << "objdump of the package binutils";
 }
 
 TEST(FloatingPoint, IsUsedByNoFunction) {
   size_t instructions = 0;
-  bool seesCalls = false;
+  bool sees_calls = false;
   disassemble(ARM_BUILD_DIR "/lib/libarm.so",
               [&](const std::string& function, const std::string& instruction) {
                 ++instructions;
-                seesCalls = seesCalls || function.rfind("arm_start", 0) == 0;
-                if (kAllowed.count(function) != 0) return;
+                sees_calls = sees_calls || function.rfind("arm_start", 0) == 0;
+                if (ALLOWED.count(function) != 0) return;
                 EXPECT_FALSE(usesTheUnit(instruction)) << function << ": " << instruction;
               });
   EXPECT_LT(5000U, instructions);
-  EXPECT_TRUE(seesCalls);
+  EXPECT_TRUE(sees_calls);
 }
 
 TEST(FloatingPoint, InstructionsAreTold) {

@@ -20,7 +20,7 @@ extern char** environ;
 
 namespace {
 
-constexpr const char* kLibrary = ARM_BUILD_DIR "/lib/libarm.so";
+constexpr const char* LIBRARY = ARM_BUILD_DIR "/lib/libarm.so";
 
 std::string contentOf(const std::string& path) {
   std::ifstream file(path);
@@ -97,7 +97,7 @@ class CapturedOutput {
 class Load : public testing::Test {
  protected:
   static void loadAndUnload() {
-    void* library = dlopen(kLibrary, RTLD_NOW | RTLD_LOCAL);
+    void* library = dlopen(LIBRARY, RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(nullptr, library) << dlerror();
     EXPECT_NE(nullptr, dlsym(library, "arm_init"));
     EXPECT_EQ(0, dlclose(library));
@@ -161,7 +161,7 @@ TEST_F(Load, WithTracingAskedForStillWritesNothing) {
 
 TEST_F(Load, MayBeRepeated) {
   for (int i = 0; i < 20; ++i) loadAndUnload();
-  void* library = dlopen(kLibrary, RTLD_NOW);
+  void* library = dlopen(LIBRARY, RTLD_NOW);
   ASSERT_NE(nullptr, library);
   using Key = const char* (*)();
   const Key key = reinterpret_cast<Key>(dlsym(library, "arm_getCorrelatorKey"));

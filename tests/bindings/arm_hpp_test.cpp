@@ -49,16 +49,16 @@ class ArmHpp : public CallsWithEngine {
   const arm::transaction_class& order() const { return *class_; }
   std::vector<int32_t> typesTaken() const {
     std::vector<int32_t> types;
-    for (uint32_t i = 0; i < engine.taken(); ++i) {
-      types.push_back(static_cast<int32_t>(word(engine.record(i), 8)));
+    for (uint32_t i = 0; i < engine_.taken(); ++i) {
+      types.push_back(static_cast<int32_t>(word(engine_.record(i), 8)));
     }
     return types;
   }
   /// Completion statuses of all stops.
   std::vector<uint32_t> statuses() const {
     std::vector<uint32_t> all;
-    for (uint32_t i = 0; i < engine.taken(); ++i) {
-      const Bytes record = engine.record(i);
+    for (uint32_t i = 0; i < engine_.taken(); ++i) {
+      const Bytes record = engine_.record(i);
       if (word(record, 8) == STOP) all.push_back(word(record, 16));
     }
     return all;
@@ -73,10 +73,10 @@ using Statuses = std::vector<uint32_t>;
 
 TEST_F(ArmHpp, ApplicationAndClassAreRegisteredAndTheApplicationEndsOnce) {
   EXPECT_EQ((Types{INIT, GETID, END}), typesTaken());
-  EXPECT_EQ("shop", textAt(engine.record(0), 12, 128));
-  EXPECT_EQ(static_cast<uint32_t>(APPLICATION), word(engine.record(1), 12));
-  EXPECT_EQ("order", textAt(engine.record(1), 16, 3620));
-  EXPECT_EQ(static_cast<uint32_t>(APPLICATION), word(engine.record(2), 12));
+  EXPECT_EQ("shop", textAt(engine_.record(0), 12, 128));
+  EXPECT_EQ(static_cast<uint32_t>(APPLICATION), word(engine_.record(1), 12));
+  EXPECT_EQ("order", textAt(engine_.record(1), 16, 3620));
+  EXPECT_EQ(static_cast<uint32_t>(APPLICATION), word(engine_.record(2), 12));
   EXPECT_EQ(CLASS, order().id());
 }
 
@@ -110,7 +110,7 @@ TEST_F(ArmHpp, DescriptionsOfMetricsGoWithTheClass) {
       .describe<7, arm::metric_type::string32>("region");
   const arm::transaction_class described(arm::application("shop"), "order", "detail", metrics);
   // Its application has ended since.
-  const Bytes record = engine.record(engine.taken() - 2);
+  const Bytes record = engine_.record(engine_.taken() - 2);
   EXPECT_EQ(CLASS, described.id());
   EXPECT_EQ("detail", textAt(record, 3636, 128));
   EXPECT_EQ(344U, word(record, 4112));
@@ -134,13 +134,13 @@ TEST_F(ArmHpp, TransactionStartsAtOnceAndStopsGood) {
     EXPECT_EQ(HANDLE, measured.handle());
     EXPECT_TRUE(static_cast<bool>(measured));
     EXPECT_EQ((Types{INIT, GETID, END, START}), typesTaken());
-    EXPECT_EQ(static_cast<uint32_t>(CLASS), word(engine.last(), 12));
-    EXPECT_EQ(0U, word(engine.last(), 276));
+    EXPECT_EQ(static_cast<uint32_t>(CLASS), word(engine_.last(), 12));
+    EXPECT_EQ(0U, word(engine_.last(), 276));
   }
   EXPECT_EQ((Types{INIT, GETID, END, START, STOP}), typesTaken());
-  EXPECT_EQ(static_cast<uint32_t>(HANDLE), word(engine.last(), 12));
-  EXPECT_EQ(0U, word(engine.last(), 16));
-  EXPECT_EQ(0U, word(engine.last(), 280));
+  EXPECT_EQ(static_cast<uint32_t>(HANDLE), word(engine_.last(), 12));
+  EXPECT_EQ(0U, word(engine_.last(), 16));
+  EXPECT_EQ(0U, word(engine_.last(), 280));
 }
 
 void leaveByException(const arm::transaction_class& of, const char* mark) {
@@ -223,8 +223,8 @@ TEST_F(ArmHpp, MovedTransactionStopsOnceWithItsStatus) {
 }
 
 TEST_F(ArmHpp, NothingIsAskedForWhatIsNotRegistered) {
-  const uint32_t before = engine.taken();
-  engine.reply(INIT, -7);
+  const uint32_t before = engine_.taken();
+  engine_.reply(INIT, -7);
   {
     const arm::application refused("a");
     EXPECT_FALSE(static_cast<bool>(refused));
@@ -237,17 +237,17 @@ TEST_F(ArmHpp, NothingIsAskedForWhatIsNotRegistered) {
     EXPECT_EQ(-7, measured.update("text"));
     EXPECT_EQ(-7, measured.stop());
   }
-  EXPECT_EQ(before + 1, engine.taken());
+  EXPECT_EQ(before + 1, engine_.taken());
 }
 
 TEST_F(ArmHpp, HandleZeroIsStopped) {
-  engine.reply(START, 0);
+  engine_.reply(START, 0);
   { const arm::transaction measured(order()); }
   EXPECT_EQ((Statuses{0}), statuses());
 }
 
 TEST_F(ArmHpp, WithoutAnEngineEveryObjectDoesNothing) {
-  engine.quit();
+  engine_.quit();
   const arm::application application("a");
   EXPECT_EQ(-2, application.id());
   const arm::transaction_class of(application, "order");
@@ -282,8 +282,8 @@ TEST_F(ArmHpp, MetricsLieAtTheirOffsetsAndAreMarked) {
   putWord(expected, 48, -1);
   putWord(expected, 52, -1);
   putText(expected, 56, "a region");
-  EXPECT_EQ(256U, word(engine.last(), 276));
-  expectSameBytes(expected, slice(engine.last(), 20, 256));
+  EXPECT_EQ(256U, word(engine_.last(), 276));
+  expectSameBytes(expected, slice(engine_.last(), 20, 256));
 }
 
 TEST_F(ArmHpp, EveryTypeOfMetricHasTheBytesOfItsType) {
@@ -307,25 +307,25 @@ TEST_F(ArmHpp, EveryTypeOfMetricHasTheBytesOfItsType) {
 TEST_F(ArmHpp, UpdatesCarryNothingMetricsOrText) {
   const arm::transaction measured(order());
   EXPECT_EQ(104, measured.update());
-  EXPECT_EQ(0U, word(engine.last(), 1044));
+  EXPECT_EQ(0U, word(engine_.last(), 1044));
   arm::data_block block;
   EXPECT_EQ(104, measured.update(block.gauge32<1>(3)));
-  EXPECT_EQ(256U, word(engine.last(), 1044));
-  EXPECT_EQ(3U, word(engine.last(), 28));
+  EXPECT_EQ(256U, word(engine_.last(), 1044));
+  EXPECT_EQ(3U, word(engine_.last(), 28));
   EXPECT_EQ(104, measured.update(std::string(2000, 'x')));
-  EXPECT_EQ(1024U, word(engine.last(), 1044));
-  EXPECT_EQ(2U, word(engine.last(), 20));
-  EXPECT_EQ(std::string(1020, 'x'), textAt(engine.last(), 24, 1020));
+  EXPECT_EQ(1024U, word(engine_.last(), 1044));
+  EXPECT_EQ(2U, word(engine_.last(), 20));
+  EXPECT_EQ(std::string(1020, 'x'), textAt(engine_.last(), 24, 1020));
   EXPECT_EQ(104, measured.update("short"));
-  EXPECT_EQ("short", textAt(engine.last(), 24, 1020));
+  EXPECT_EQ("short", textAt(engine_.last(), 24, 1020));
 }
 
 TEST_F(ArmHpp, LastMetricsGoWithTheStop) {
   arm::transaction measured(order());
   arm::data_block block;
   EXPECT_EQ(105, measured.stop(arm::status::failed, block.counter32<1>(4)));
-  EXPECT_EQ(256U, word(engine.last(), 280));
-  EXPECT_EQ(4U, word(engine.last(), 32));
+  EXPECT_EQ(256U, word(engine_.last(), 280));
+  EXPECT_EQ(4U, word(engine_.last(), 32));
   EXPECT_EQ((Statuses{2}), statuses());
 }
 
@@ -333,7 +333,7 @@ TEST_F(ArmHpp, LastMetricsGoWithTheStop) {
 
 TEST_F(ArmHpp, CorrelatorIsHandedBackOnRequestOnly) {
   const Correlator given = makeCorrelator(0x11);
-  engine.replyWithCorrelator(START, HANDLE, 1, given);
+  engine_.replyWithCorrelator(START, HANDLE, 1, given);
   arm::data_block block;
   { const arm::transaction unasked(order(), block); }
   EXPECT_FALSE(block.correlator());
@@ -348,23 +348,23 @@ TEST_F(ArmHpp, ChildCarriesTheCorrelatorOfItsParent) {
   raw.bytes[1] = 168;
   raw.bytes[167] = 9;
   const arm::transaction child(order(), arm::correlator(raw));
-  EXPECT_EQ(0x80, engine.last()[24]);
-  EXPECT_EQ(Bytes(raw.bytes, raw.bytes + 168), slice(engine.last(), 20 + 88, 168));
+  EXPECT_EQ(0x80, engine_.last()[24]);
+  EXPECT_EQ(Bytes(raw.bytes, raw.bytes + 168), slice(engine_.last(), 20 + 88, 168));
   const arm::transaction orphan(order(), arm::correlator());
-  EXPECT_EQ(0, engine.last()[24]);
+  EXPECT_EQ(0, engine_.last()[24]);
 }
 
 TEST_F(ArmHpp, IgnoredTransactionIsNoErrorAndPostsNothing) {
   arm_correlator_t raw = {};
   raw.bytes[1] = 168;
   raw.bytes[109] = 1;
-  const uint32_t before = engine.taken();
+  const uint32_t before = engine_.taken();
   arm::transaction child(order(), arm::correlator(raw));
   EXPECT_EQ(IGNOREID, child.handle());
   EXPECT_FALSE(static_cast<bool>(child));
   EXPECT_EQ(0, child.update());
   EXPECT_EQ(0, child.stop());
-  EXPECT_EQ(before, engine.taken());
+  EXPECT_EQ(before, engine_.taken());
 }
 
 arm::correlator patterned() {

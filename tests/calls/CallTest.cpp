@@ -14,7 +14,7 @@ namespace armtest {
 
 namespace {
 
-const time_t kBegin = time(nullptr);
+const time_t BEGIN = time(nullptr);
 
 int32_t callMetricData() {
   const char data[] = "12345678";
@@ -89,7 +89,7 @@ size_t timeOffset(int32_t type) {
 }
 
 void expectTimeOfNow(Bytes& expected, const Bytes& actual, size_t offset) {
-  EXPECT_GE(word(actual, offset), static_cast<uint32_t>(kBegin));
+  EXPECT_GE(word(actual, offset), static_cast<uint32_t>(BEGIN));
   EXPECT_LE(word(actual, offset), static_cast<uint32_t>(now()));
   EXPECT_LT(word(actual, offset + 4), 1000000000U);
   EXPECT_EQ(0U, word(actual, offset + 4) % 1000);
@@ -115,7 +115,7 @@ Correlator makeCorrelator(uint8_t first) {
 }
 
 const std::vector<PostingCall>& postingCalls() {
-  static const std::vector<PostingCall> calls = {
+  static const std::vector<PostingCall> CALLS = {
       {"arm_init", 1, [] { return arm_init("app", "user", 0, nullptr, 0); }},
       {"w_ArmInit", 1, [] { return w_ArmInit(0, "app", "user", 0, nullptr, 0); }},
       {"arm_getid", 2, [] { return arm_getid(5, "class", "detail", 0, nullptr, 0); }},
@@ -133,7 +133,7 @@ const std::vector<PostingCall>& postingCalls() {
        [] { return arm_completeTransactionInstance(5, 6, 7); }},
       {"arm_associateMetricData", 19, callMetricData},
   };
-  return calls;
+  return CALLS;
 }
 
 }  // namespace armtest

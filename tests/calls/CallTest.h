@@ -74,16 +74,16 @@ class CallInThread {
 /// Tests without an engine, unless they start one.
 class Calls : public testing::Test {
  protected:
-  ScriptedEngine engine;
+  ScriptedEngine engine_;
 };
 
 /// Tests with an engine of the default capacities.
 class CallsWithEngine : public Calls {
  protected:
-  void SetUp() override { ASSERT_TRUE(engine.start()); }
+  void SetUp() override { ASSERT_TRUE(engine_.start()); }
 
   /// Fails unless the engine has taken exactly so many requests in all.
-  void expectTaken(uint32_t count) const { EXPECT_EQ(count, engine.taken()); }
+  void expectTaken(uint32_t count) const { EXPECT_EQ(count, engine_.taken()); }
 };
 
 }  // namespace armtest

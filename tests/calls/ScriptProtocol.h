@@ -9,18 +9,18 @@
 
 namespace armtest {
 
-inline constexpr size_t kRecordSize = 4116;
-inline constexpr size_t kCorrelatorSize = 168;
+inline constexpr size_t RECORD_SIZE = 4116;
+inline constexpr size_t CORRELATOR_SIZE = 168;
 /// Requests that the mapping keeps; later ones are only counted.
-inline constexpr unsigned kKeptRecords = 512;
+inline constexpr unsigned KEPT_RECORDS = 512;
 
 /// File descriptors that the engine program inherits.
-inline constexpr int kEngineSocket = 3;
-inline constexpr int kEngineMapping = 4;
+inline constexpr int ENGINE_SOCKET = 3;
+inline constexpr int ENGINE_MAPPING = 4;
 
 struct EngineLog {
   std::atomic<uint32_t> taken;
-  uint8_t records[kKeptRecords][kRecordSize];
+  uint8_t records[KEPT_RECORDS][RECORD_SIZE];
 };
 
 /// What becomes of a request.
@@ -32,19 +32,19 @@ enum class Reaction : int32_t {
 };
 
 enum class Op : uint32_t {
-  addRule,       ///< type, reaction, result, correlator flag, times, correlator
-  forgetRules,   ///< back to the default answers
-  release,       ///< sends the answers held; gives how many
-  cancel,        ///< process, thread; gives 1 when there was such a requester
-  put,           ///< process, thread, result: links a reply that nobody has asked for
-  requestState,  ///< state of the request queue
-  replyState,    ///< state of the reply queue
-  ready,         ///< the ready word
-  version,       ///< the version word
-  pause,         ///< takes no more requests
-  resume,        ///< takes requests again
-  headsInUse,
-  usedItems,
+  add_rule,       ///< type, reaction, result, correlator flag, times, correlator
+  forget_rules,   ///< back to the default answers
+  release,        ///< sends the answers held; gives how many
+  cancel,         ///< process, thread; gives 1 when there was such a requester
+  put,            ///< process, thread, result: links a reply that nobody has asked for
+  request_state,  ///< state of the request queue
+  reply_state,    ///< state of the reply queue
+  ready,          ///< the ready word
+  version,        ///< the version word
+  pause,          ///< takes no more requests
+  resume,         ///< takes requests again
+  heads_in_use,
+  used_items,
   reclaim,  ///< frees the head records of the departed; gives how many
   quit      ///< removes everything and ends
 };
@@ -52,7 +52,7 @@ enum class Op : uint32_t {
 struct Command {
   Op op;
   int32_t values[5];
-  uint8_t correlator[kCorrelatorSize];
+  uint8_t correlator[CORRELATOR_SIZE];
 };
 
 struct Answer {

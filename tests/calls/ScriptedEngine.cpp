@@ -45,14 +45,14 @@ bool ScriptedEngine::start(const EngineSetup& setup) {
     leftovers_ = false;
     return true;
   }
-  ADD_FAILURE() << "the scripted engine " << setup.buildDir
+  ADD_FAILURE() << "the scripted engine " << setup.build_dir
                 << "/bin/scripted_engine did not start: " << answer.why;
   reap();
   return false;
 }
 
 void ScriptedEngine::launch(const EngineSetup& setup, int socket) {
-  const std::string program = setup.buildDir + "/bin/scripted_engine";
+  const std::string program = setup.build_dir + "/bin/scripted_engine";
   const std::string requests = std::to_string(setup.requests);
   const std::string requesters = std::to_string(setup.requesters);
   std::vector<const char*> arguments = {program.c_str(), requests.c_str(), requesters.c_str(),
@@ -67,8 +67,8 @@ void ScriptedEngine::launch(const EngineSetup& setup, int socket) {
   // Far away first: either number may be in use here.
   posix_spawn_file_actions_adddup2(&actions, socket, 100);
   posix_spawn_file_actions_adddup2(&actions, mapping_, 101);
-  posix_spawn_file_actions_adddup2(&actions, 100, kEngineSocket);
-  posix_spawn_file_actions_adddup2(&actions, 101, kEngineMapping);
+  posix_spawn_file_actions_adddup2(&actions, 100, ENGINE_SOCKET);
+  posix_spawn_file_actions_adddup2(&actions, 101, ENGINE_MAPPING);
   const int error = posix_spawn(&process_, program.c_str(), &actions, nullptr,
                                 const_cast<char**>(arguments.data()), environment.data());
   posix_spawn_file_actions_destroy(&actions);
@@ -99,34 +99,34 @@ void ScriptedEngine::kill() {
 }
 
 void ScriptedEngine::reply(int32_t type, int32_t result, int32_t times) {
-  expectZero(command(Op::addRule, {type, int32_t(Reaction::reply), result, 0, times}));
+  expectZero(command(Op::add_rule, {type, int32_t(Reaction::reply), result, 0, times}));
 }
 
 void ScriptedEngine::replyWithCorrelator(int32_t type, int32_t result, int32_t flag,
                                          const Correlator& correlator) {
   expectZero(
-      command(Op::addRule, {type, int32_t(Reaction::reply), result, flag, -1}, correlator.data()));
+      command(Op::add_rule, {type, int32_t(Reaction::reply), result, flag, -1}, correlator.data()));
 }
 
 void ScriptedEngine::hold(int32_t type, int32_t times, int32_t result) {
-  expectZero(command(Op::addRule, {type, int32_t(Reaction::hold), result, 0, times}));
+  expectZero(command(Op::add_rule, {type, int32_t(Reaction::hold), result, 0, times}));
 }
 
 void ScriptedEngine::drop(int32_t type, int32_t times) {
-  expectZero(command(Op::addRule, {type, int32_t(Reaction::drop), 0, 0, times}));
+  expectZero(command(Op::add_rule, {type, int32_t(Reaction::drop), 0, 0, times}));
 }
 
 void ScriptedEngine::derive(int32_t type) {
-  expectZero(command(Op::addRule, {type, int32_t(Reaction::derive), 0, 0, -1}));
+  expectZero(command(Op::add_rule, {type, int32_t(Reaction::derive), 0, 0, -1}));
 }
 
 Bytes ScriptedEngine::record(uint32_t number) const {
-  if (number >= taken() || number >= kKeptRecords) {
+  if (number >= taken() || number >= KEPT_RECORDS) {
     ADD_FAILURE() << "the engine has no record " << number;
-    return Bytes(kRecordSize, 0);
+    return Bytes(RECORD_SIZE, 0);
   }
   const uint8_t* first = log_->records[number];
-  return Bytes(first, first + kRecordSize);
+  return Bytes(first, first + RECORD_SIZE);
 }
 
 bool ScriptedEngine::waitTaken(uint32_t count) const {
@@ -142,14 +142,14 @@ bool ScriptedEngine::waitSleepers(int count) const {
 }
 
 int ScriptedEngine::sleepers() const {
-  constexpr int kProject = 3;
-  constexpr int kFirstHead = 2;
+  constexpr int PROJECT = 3;
+  constexpr int FIRST_HEAD = 2;
   std::string path = "/var/kelp/controls_ea.kelp";
   if (setup_.prefixed) path += "." + setup_.prefix;
-  const int set = setAt(path, kProject);
+  const int set = setAt(path, PROJECT);
   if (set < 0) return 0;
   int sum = 0;
-  for (int number = kFirstHead; number < kFirstHead + setup_.requesters; ++number) {
+  for (int number = FIRST_HEAD; number < FIRST_HEAD + setup_.requesters; ++number) {
     const int sleeping = semaphoreWaiters(set, number);
     if (sleeping > 0) sum += sleeping;
   }
@@ -164,7 +164,7 @@ int32_t ScriptedEngine::command(Op op, std::array<int32_t, 5> values, const uint
   Command message = {};
   message.op = op;
   std::memcpy(message.values, values.data(), sizeof message.values);
-  if (correlator != nullptr) std::memcpy(message.correlator, correlator, kCorrelatorSize);
+  if (correlator != nullptr) std::memcpy(message.correlator, correlator, CORRELATOR_SIZE);
   Answer answer = {};
   const bool sent = socket_ >= 0 && send(socket_, &message, sizeof message, MSG_NOSIGNAL) ==
                                         static_cast<ssize_t>(sizeof message);

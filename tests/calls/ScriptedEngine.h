@@ -12,7 +12,7 @@
 
 namespace armtest {
 
-using Correlator = std::array<uint8_t, kCorrelatorSize>;
+using Correlator = std::array<uint8_t, CORRELATOR_SIZE>;
 
 /// How a scripted engine is started.
 struct EngineSetup {
@@ -20,8 +20,8 @@ struct EngineSetup {
   int requesters = 64;  ///< head records of the reply queue
   bool ready = true;    ///< the ready word
   bool prefixed = false;
-  std::string prefix;                    ///< value of ARM_AGENT_PREFIX, when prefixed
-  std::string buildDir = ARM_BUILD_DIR;  ///< build tree of the engine program
+  std::string prefix;                     ///< value of ARM_AGENT_PREFIX, when prefixed
+  std::string build_dir = ARM_BUILD_DIR;  ///< build tree of the engine program
 };
 
 /// An engine in a process of its own that does what the test says, and records every request that
@@ -52,7 +52,7 @@ class ScriptedEngine {
   void hold(int32_t type = 0, int32_t times = -1, int32_t result = 4711);
   void drop(int32_t type = 0, int32_t times = -1);
   void derive(int32_t type = 0);
-  void forget() { (void)command(Op::forgetRules); }
+  void forget() { (void)command(Op::forget_rules); }
 
   /// Sends the answers held; returns how many.
   int release() { return command(Op::release); }
@@ -62,16 +62,16 @@ class ScriptedEngine {
   void put(int32_t process, int32_t thread, int32_t result) {
     expectZero(command(Op::put, {process, thread, result}));
   }
-  void setRequestState(int32_t state) { expectZero(command(Op::requestState, {state})); }
-  void setReplyState(int32_t state) { expectZero(command(Op::replyState, {state})); }
+  void setRequestState(int32_t state) { expectZero(command(Op::request_state, {state})); }
+  void setReplyState(int32_t state) { expectZero(command(Op::reply_state, {state})); }
   void setReady(bool ready) { expectZero(command(Op::ready, {ready ? 1 : 0})); }
   void setVersion(int32_t version) { expectZero(command(Op::version, {version})); }
   void pause() { expectZero(command(Op::pause)); }
   void resume() { expectZero(command(Op::resume)); }
   /// Frees the head records of processes that have ended; returns how many.
   int reclaim() { return command(Op::reclaim); }
-  int headsInUse() { return command(Op::headsInUse); }
-  int usedItems() { return command(Op::usedItems); }
+  int headsInUse() { return command(Op::heads_in_use); }
+  int usedItems() { return command(Op::used_items); }
 
   /// Requests taken since the object was made.
   uint32_t taken() const { return log_->taken.load(); }

@@ -19,8 +19,8 @@ extern "C" int putenv(char* text) __THROW {
     --failures;
     return -1;
   }
-  static auto* const real = armtest::nextCall<int(char*)>("putenv");
-  return real(text);
+  static auto* const REAL = armtest::nextCall<int(char*)>("putenv");
+  return REAL(text);
 }
 
 namespace armtest {
@@ -42,7 +42,7 @@ TEST_F(RefusedEnvironment, EmptiesTheFirstNameOnlyBecauseTheSecondIsNotRefused) 
   EXPECT_EQ(101, arm_init("name", "user", 0, nullptr, 0));
   Bytes expected = blankRecord(1);
   putText(expected, 140, "user");
-  expectSameBytes(expected, engine.last());
+  expectSameBytes(expected, engine_.last());
 }
 
 TEST_F(RefusedEnvironment, IsMinus3ForALoginNameWithoutConversion) {

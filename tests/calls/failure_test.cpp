@@ -27,8 +27,8 @@ TEST(TestedLibrary, IsTheSharedOneThatIsShipped) {
 
 TEST_F(EveryCall, ReturnsTheWordOfTheEngineUnchanged) {
   for (const int32_t result : {1, 0, 2147483647, -1, -17, INT_MIN}) {
-    engine.forget();
-    engine.reply(0, result);
+    engine_.forget();
+    engine_.reply(0, result);
     for (const PostingCall& one : postingCalls()) EXPECT_EQ(result, one.call()) << one.name;
   }
 }
@@ -38,37 +38,37 @@ TEST_F(EveryCall, PostsExactlyOneRequestOfItsTypeFromTheCallingThread) {
   for (const PostingCall& one : postingCalls()) {
     EXPECT_EQ(100 + one.type, one.call()) << one.name;
     expectTaken(++count);
-    EXPECT_EQ(static_cast<uint32_t>(one.type), word(engine.last(), 8)) << one.name;
-    EXPECT_EQ(static_cast<uint32_t>(getpid()), word(engine.last(), 0)) << one.name;
-    EXPECT_EQ(ownThreadWord(), word(engine.last(), 4)) << one.name;
+    EXPECT_EQ(static_cast<uint32_t>(one.type), word(engine_.last(), 8)) << one.name;
+    EXPECT_EQ(static_cast<uint32_t>(getpid()), word(engine_.last(), 0)) << one.name;
+    EXPECT_EQ(ownThreadWord(), word(engine_.last(), 4)) << one.name;
   }
 }
 
 TEST_F(EveryCall, WaitsWithoutALimitUntilTheLateReplyComes) {
-  engine.hold(0, -1, 99);
+  engine_.hold(0, -1, 99);
   uint32_t count = 0;
   for (const PostingCall& one : postingCalls()) {
     CallInThread call(one.call);
-    ASSERT_TRUE(engine.waitTaken(++count) && engine.waitSleepers(1)) << one.name;
-    EXPECT_EQ(1, engine.release());
+    ASSERT_TRUE(engine_.waitTaken(++count) && engine_.waitSleepers(1)) << one.name;
+    EXPECT_EQ(1, engine_.release());
     EXPECT_EQ(99, call.result()) << one.name;
   }
 }
 
 TEST_F(EveryCall, TakesAReplyThatWasLinkedBeforeTheWaitAtOnce) {
-  engine.drop();
+  engine_.drop();
   for (const PostingCall& one : postingCalls()) {
-    engine.put(getpid(), static_cast<int32_t>(ownThreadWord()), 1000 + one.type);
+    engine_.put(getpid(), static_cast<int32_t>(ownThreadWord()), 1000 + one.type);
     EXPECT_EQ(1000 + one.type, one.call()) << one.name;
   }
 }
 
 TEST_F(EveryCall, FindsTheReplyThatTheSameThreadDidNotFetch) {
-  engine.put(getpid(), static_cast<int32_t>(ownThreadWord()), 7000);
+  engine_.put(getpid(), static_cast<int32_t>(ownThreadWord()), 7000);
   EXPECT_EQ(7000, arm_start(5, 0, nullptr, 0));
   EXPECT_EQ(103, arm_update(5, 0, nullptr, 0));
-  ASSERT_TRUE(engine.waitTaken(2));
-  engine.drop();
+  ASSERT_TRUE(engine_.waitTaken(2));
+  engine_.drop();
   EXPECT_EQ(104, arm_stop(5, 0, 0, nullptr, 0));
 }
 
@@ -110,74 +110,74 @@ TEST_F(EveryCallWithoutEngine, ReturnsMinus2EvenForIgnoredTransactions) {
 TEST_F(Failures, EngineThatIsNotReadyCannotBeUsed) {
   EngineSetup setup;
   setup.ready = false;
-  ASSERT_TRUE(engine.start(setup));
+  ASSERT_TRUE(engine_.start(setup));
   for (const PostingCall& one : postingCalls()) EXPECT_EQ(-2, one.call()) << one.name;
-  engine.setReady(true);
+  engine_.setReady(true);
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
 }
 
 TEST_F(Failures, ReadyWordIsLookedAtOnlyWhenOpening) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
-  engine.setReady(false);
+  engine_.setReady(false);
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
 }
 
 TEST_F(Failures, RequestQueueThatIsStoppedWhenOpeningCannotBeUsed) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   for (const int32_t state : {1, 2, 3}) {
-    engine.setRequestState(state);
+    engine_.setRequestState(state);
     EXPECT_EQ(-2, arm_start(5, 0, nullptr, 0)) << state;
   }
-  engine.setRequestState(0);
+  engine_.setRequestState(0);
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
 }
 
 TEST_F(Failures, ReplyQueueThatIsStoppedWhenOpeningCannotBeUsed) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   for (const int32_t state : {1, 2, 3}) {
-    engine.setReplyState(state);
+    engine_.setReplyState(state);
     EXPECT_EQ(-2, arm_start(5, 0, nullptr, 0)) << state;
   }
-  engine.setReplyState(0);
+  engine_.setReplyState(0);
   // The mutexes that were unlocked twice still work.
   for (const PostingCall& one : postingCalls()) EXPECT_EQ(100 + one.type, one.call()) << one.name;
 }
 
 TEST_F(Failures, EngineThatEndsIsMinus2AndOneThatComesBackIsUsedByTheNextCall) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   for (const PostingCall& one : postingCalls()) {
     EXPECT_EQ(100 + one.type, one.call()) << one.name;
-    engine.quit();
+    engine_.quit();
     EXPECT_EQ(-2, one.call()) << one.name;
-    ASSERT_TRUE(engine.start());
+    ASSERT_TRUE(engine_.start());
   }
 }
 
 TEST_F(Failures, EngineThatIsKilledIsMinus2) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
-  engine.kill();
+  engine_.kill();
   for (const PostingCall& one : postingCalls()) EXPECT_EQ(-2, one.call()) << one.name;
 }
 
 TEST_F(Failures, EngineRestartedWithOtherCapacitiesIsUsedByTheNextCall) {
   EngineSetup setup;
-  ASSERT_TRUE(engine.start(setup));
+  ASSERT_TRUE(engine_.start(setup));
   for (const int size : {64, 3, 1, 500, 2}) {
     EXPECT_EQ(103, arm_start(5, 0, nullptr, 0)) << size;
-    engine.kill();
+    engine_.kill();
     setup.requests = size;
     setup.requesters = size;
-    ASSERT_TRUE(engine.start(setup));
+    ASSERT_TRUE(engine_.start(setup));
   }
   for (const PostingCall& one : postingCalls()) EXPECT_EQ(100 + one.type, one.call()) << one.name;
 }
 
 TEST_F(Failures, WrongVersionWordIsRepairedByTheReopeningThatItCauses) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
-  engine.setVersion(50299);
+  engine_.setVersion(50299);
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
 }
@@ -187,110 +187,110 @@ TEST_F(Failures, WrongVersionWordIsRepairedByTheReopeningThatItCauses) {
 TEST_F(Failures, FullRingIsMinus8AtOnceForEveryCallAndOnlyTheRefusedAreLost) {
   EngineSetup setup;
   setup.requests = 2;
-  ASSERT_TRUE(engine.start(setup));
+  ASSERT_TRUE(engine_.start(setup));
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
-  engine.derive();
-  engine.pause();
+  engine_.derive();
+  engine_.pause();
   CallInThread first([] { return arm_start(1, 0, nullptr, 0); });
   CallInThread second([] { return arm_start(2, 0, nullptr, 0); });
-  ASSERT_TRUE(engine.waitSleepers(2));
+  ASSERT_TRUE(engine_.waitSleepers(2));
   for (const PostingCall& one : postingCalls()) EXPECT_EQ(-8, one.call()) << one.name;
-  EXPECT_EQ(1U, engine.taken());
-  engine.resume();
+  EXPECT_EQ(1U, engine_.taken());
+  engine_.resume();
   EXPECT_EQ(derivedResult(1), first.result());
   EXPECT_EQ(derivedResult(2), second.result());
-  EXPECT_EQ(3U, engine.taken());
+  EXPECT_EQ(3U, engine_.taken());
   EXPECT_EQ(derivedResult(3), arm_start(3, 0, nullptr, 0));
-  EXPECT_EQ(4U, engine.taken());
+  EXPECT_EQ(4U, engine_.taken());
 }
 
 TEST_F(Failures, RingOfOneSlotServesCallAfterCall) {
   EngineSetup setup;
   setup.requests = 1;
-  ASSERT_TRUE(engine.start(setup));
+  ASSERT_TRUE(engine_.start(setup));
   for (const PostingCall& one : postingCalls()) EXPECT_EQ(100 + one.type, one.call()) << one.name;
 }
 
 // ---- failures of a queue ------------------------------------------------------------------------
 
 TEST_F(Failures, RequestQueueStoppedAfterOpeningIsMinus9) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
   for (const int32_t state : {1, 2, 77}) {
-    engine.setRequestState(state);
+    engine_.setRequestState(state);
     for (const PostingCall& one : postingCalls()) EXPECT_EQ(-9, one.call()) << one.name;
   }
-  engine.setRequestState(0);
+  engine_.setRequestState(0);
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
-  EXPECT_EQ(2U, engine.taken());
+  EXPECT_EQ(2U, engine_.taken());
 }
 
 TEST_F(Failures, ReplyQueueStoppedAfterOpeningIsMinus9ThoughTheRequestIsPosted) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
-  engine.setReplyState(1);
-  engine.drop();
+  engine_.setReplyState(1);
+  engine_.drop();
   for (const PostingCall& one : postingCalls()) EXPECT_EQ(-9, one.call()) << one.name;
-  EXPECT_TRUE(engine.waitTaken(1 + 13));
+  EXPECT_TRUE(engine_.waitTaken(1 + 13));
 }
 
 TEST_F(Failures, WaitThatTheEngineCancelsIsMinus9ForEveryCall) {
-  ASSERT_TRUE(engine.start());
-  engine.hold();
+  ASSERT_TRUE(engine_.start());
+  engine_.hold();
   uint32_t count = 0;
   for (const PostingCall& one : postingCalls()) {
     CallInThread call(one.call);
-    ASSERT_TRUE(engine.waitTaken(++count) && engine.waitSleepers(1)) << one.name;
-    const Bytes record = engine.last();
-    EXPECT_TRUE(engine.cancel(static_cast<int32_t>(word(record, 0)),
-                              static_cast<int32_t>(word(record, 4))));
+    ASSERT_TRUE(engine_.waitTaken(++count) && engine_.waitSleepers(1)) << one.name;
+    const Bytes record = engine_.last();
+    EXPECT_TRUE(engine_.cancel(static_cast<int32_t>(word(record, 0)),
+                               static_cast<int32_t>(word(record, 4))));
     EXPECT_EQ(-9, call.result()) << one.name;
   }
 }
 
 TEST_F(Failures, WaitThatTheEngineStopsWithState1IsMinus9ForEveryCall) {
-  ASSERT_TRUE(engine.start());
-  engine.hold();
+  ASSERT_TRUE(engine_.start());
+  engine_.hold();
   uint32_t count = 0;
   for (const PostingCall& one : postingCalls()) {
     CallInThread call(one.call);
-    ASSERT_TRUE(engine.waitTaken(++count) && engine.waitSleepers(1)) << one.name;
-    engine.setReplyState(1);
+    ASSERT_TRUE(engine_.waitTaken(++count) && engine_.waitSleepers(1)) << one.name;
+    engine_.setReplyState(1);
     EXPECT_EQ(-9, call.result()) << one.name;
-    engine.setReplyState(0);
+    engine_.setReplyState(0);
   }
 }
 
 TEST_F(Failures, WaitThatTheEngineStopsWithState2IsMinus9AndARestartHeals) {
-  ASSERT_TRUE(engine.start());
-  engine.hold();
+  ASSERT_TRUE(engine_.start());
+  engine_.hold();
   CallInThread call([] { return arm_start(5, 0, nullptr, 0); });
-  ASSERT_TRUE(engine.waitTaken(1) && engine.waitSleepers(1));
-  engine.setReplyState(2);
+  ASSERT_TRUE(engine_.waitTaken(1) && engine_.waitSleepers(1));
+  engine_.setReplyState(2);
   EXPECT_EQ(-9, call.result());
-  engine.quit();
-  ASSERT_TRUE(engine.start());
+  engine_.quit();
+  ASSERT_TRUE(engine_.start());
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
 }
 
 TEST_F(Failures, WaitWhoseEngineQuitsIsMinus9) {
-  ASSERT_TRUE(engine.start());
-  engine.hold();
+  ASSERT_TRUE(engine_.start());
+  engine_.hold();
   CallInThread call([] { return arm_start(5, 0, nullptr, 0); });
-  ASSERT_TRUE(engine.waitTaken(1) && engine.waitSleepers(1));
-  engine.quit();
+  ASSERT_TRUE(engine_.waitTaken(1) && engine_.waitSleepers(1));
+  engine_.quit();
   EXPECT_EQ(-9, call.result());
 }
 
 TEST_F(Failures, WaitWhoseEngineIsKilledAndReplacedIsMinus9ForEveryCall) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   uint32_t count = 0;
   for (const PostingCall& one : postingCalls()) {
-    engine.hold();
+    engine_.hold();
     CallInThread call(one.call);
-    ASSERT_TRUE(engine.waitTaken(++count) && engine.waitSleepers(1)) << one.name;
-    engine.kill();
-    ASSERT_TRUE(engine.start());
+    ASSERT_TRUE(engine_.waitTaken(++count) && engine_.waitSleepers(1)) << one.name;
+    engine_.kill();
+    ASSERT_TRUE(engine_.start());
     EXPECT_EQ(-9, call.result()) << one.name;
   }
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
@@ -299,19 +299,19 @@ TEST_F(Failures, WaitWhoseEngineIsKilledAndReplacedIsMinus9ForEveryCall) {
 TEST_F(Failures, CallThatGetsNoHeadRecordIsMinus9ThoughItsRequestIsPosted) {
   EngineSetup setup;
   setup.requesters = 1;
-  ASSERT_TRUE(engine.start(setup));
-  engine.hold(3, 1, 31);
+  ASSERT_TRUE(engine_.start(setup));
+  engine_.hold(3, 1, 31);
   CallInThread holder([] { return arm_start(5, 0, nullptr, 0); });
-  ASSERT_TRUE(engine.waitTaken(1) && engine.waitSleepers(1));
-  engine.drop();
+  ASSERT_TRUE(engine_.waitTaken(1) && engine_.waitSleepers(1));
+  engine_.drop();
   for (const PostingCall& one : postingCalls()) EXPECT_EQ(-9, one.call()) << one.name;
-  EXPECT_TRUE(engine.waitTaken(1 + 13));
-  EXPECT_EQ(1, engine.release());
+  EXPECT_TRUE(engine_.waitTaken(1 + 13));
+  EXPECT_EQ(1, engine_.release());
   EXPECT_EQ(31, holder.result());
   // An idle head is handed on.
-  engine.forget();
+  engine_.forget();
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
-  EXPECT_EQ(1, engine.headsInUse());
+  EXPECT_EQ(1, engine_.headsInUse());
 }
 
 }  // namespace

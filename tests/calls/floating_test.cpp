@@ -75,18 +75,18 @@ class FloatingPointUnit : public testing::TestWithParam<HostAndTracing> {
  protected:
   void SetUp() override {
     if (std::get<bool>(GetParam())) setenv("ARMDEBUG", "", 1);
-    const size_t head = replies.headOf(static_cast<uint32_t>(getpid()), ownThreadWord());
-    for (int32_t i = 0; i < 13; ++i) replies.reply(head, replyRecord(4000 + i));
+    const size_t head = replies_.headOf(static_cast<uint32_t>(getpid()), ownThreadWord());
+    for (int32_t i = 0; i < 13; ++i) replies_.reply(head, replyRecord(4000 + i));
   }
 
-  RequestQueue requests{13};
-  ReplyQueue replies{13};
+  RequestQueue requests_{13};
+  ReplyQueue replies_{13};
 };
 
 TEST_P(FloatingPointUnit, IsNotTouchedAndEveryRequestCounts) {
   // The words that say where the records are. What stands behind them is nobody's, and stays.
-  requests.setRing(0, 7, 7);
-  requests.memory.put16(6, 0xABCD);
+  requests_.setRing(0, 7, 7);
+  requests_.memory.put16(6, 0xABCD);
   int32_t posted = 0;
   for (const PostingCall& one : postingCalls()) {
     Unit before;
@@ -100,14 +100,14 @@ TEST_P(FloatingPointUnit, IsNotTouchedAndEveryRequestCounts) {
     ASSERT_EQ(4000 + posted, result) << one.name;
     const size_t slot = static_cast<size_t>(7 + posted) % 13;
     ++posted;
-    EXPECT_EQ(posted, requests.count()) << one.name;
-    EXPECT_EQ(7, requests.head()) << one.name;
-    EXPECT_EQ((7 + posted) % 13, requests.tail()) << one.name;
-    EXPECT_EQ(0xABCD, requests.memory.u16(6)) << one.name;
-    EXPECT_EQ(static_cast<uint32_t>(one.type), word(requests.slot(slot), 8)) << one.name;
+    EXPECT_EQ(posted, requests_.count()) << one.name;
+    EXPECT_EQ(7, requests_.head()) << one.name;
+    EXPECT_EQ((7 + posted) % 13, requests_.tail()) << one.name;
+    EXPECT_EQ(0xABCD, requests_.memory.u16(6)) << one.name;
+    EXPECT_EQ(static_cast<uint32_t>(one.type), word(requests_.slot(slot), 8)) << one.name;
   }
   EXPECT_EQ(13, posted);
-  EXPECT_FALSE(requests.locked());
+  EXPECT_FALSE(requests_.locked());
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -62,7 +62,7 @@ TEST_F(Hooks, AreSilentWithoutTheSwitch) {
 
 TEST_F(Hooks, StatusIs0WithAnEngineAndMinus2Without) {
   EXPECT_EQ(0, CheckEngineStatus());
-  engine.quit();
+  engine_.quit();
   EXPECT_EQ(-2, CheckEngineStatus());
   EXPECT_FALSE(IPCInitialized);
 }

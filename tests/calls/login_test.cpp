@@ -31,7 +31,7 @@ class LoginName : public CallsWithEngine {
     fclose(file);
   }
 
-  std::string sentUser() const { return textAt(engine.last(), 140, 128); }
+  std::string sentUser() const { return textAt(engine_.last(), 140, 128); }
 };
 
 TEST_F(LoginName, ReplacesTheUserStar) {
@@ -40,7 +40,7 @@ TEST_F(LoginName, ReplacesTheUserStar) {
   Bytes expected = blankRecord(1);
   putText(expected, 12, "a");
   putText(expected, 140, "tester");
-  expectSameBytes(expected, engine.last());
+  expectSameBytes(expected, engine_.last());
 }
 
 TEST_F(LoginName, ReplacesTheUserStarWithoutConversionToo) {
@@ -66,7 +66,7 @@ TEST_F(LoginName, IsConvertedWhateverTheConvertArgument) {
   EXPECT_EQ("m\xC3\xBCller", sentUser());
   EXPECT_EQ(101, w_ArmInit(0, "\xE9", "*", 0, nullptr, 0));
   EXPECT_EQ("m\xC3\xBCller", sentUser());
-  EXPECT_EQ("\xE9", textAt(engine.last(), 12, 128));
+  EXPECT_EQ("\xE9", textAt(engine_.last(), 12, 128));
 }
 
 TEST_F(LoginName, NothingIsSentBehindItsConvertedZeroCharacter) {
@@ -76,7 +76,7 @@ TEST_F(LoginName, NothingIsSentBehindItsConvertedZeroCharacter) {
   Bytes expected = blankRecord(1);
   putText(expected, 12, "a");
   putText(expected, 140, "A");
-  expectSameBytes(expected, engine.last());
+  expectSameBytes(expected, engine_.last());
 }
 
 TEST_F(LoginName, OfAnUnknownUserIsTheEmptyUserAndNothingIsConverted) {

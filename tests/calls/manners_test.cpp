@@ -15,15 +15,15 @@ namespace {
 
 using Manners = Calls;
 
-constexpr int kErrno = 12321;
+constexpr int ERRNO = 12321;
 
 void expectErrnoUntouched(const char* name) {
-  EXPECT_EQ(kErrno, errno) << name;
-  errno = kErrno;
+  EXPECT_EQ(ERRNO, errno) << name;
+  errno = ERRNO;
 }
 
 void expectErrnoUntouchedByEveryCall() {
-  errno = kErrno;
+  errno = ERRNO;
   for (const PostingCall& one : postingCalls()) {
     (void)one.call();
     expectErrnoUntouched(one.name);
@@ -39,7 +39,7 @@ void expectErrnoUntouchedByEveryCall() {
 }
 
 TEST_F(Manners, ErrnoIsUntouchedWithAnEngine) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   expectErrnoUntouchedByEveryCall();
 }
 
@@ -50,12 +50,12 @@ TEST_F(Manners, ErrnoIsUntouchedWithoutAnEngine) {
 TEST_F(Manners, ErrnoIsUntouchedWithTracing) {
   setenv("ARMDEBUG", "1", 1);
   expectErrnoUntouchedByEveryCall();
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   expectErrnoUntouchedByEveryCall();
 }
 
 TEST_F(Manners, ErrnoIsUntouchedByTheCodesetCalls) {
-  errno = kErrno;
+  errno = ERRNO;
   EXPECT_EQ(nullptr, GetExpectedCodeset());
   expectErrnoUntouched("GetExpectedCodeset");
   EXPECT_EQ(-1003, SetExpectedCodeset("no such code set"));
@@ -67,24 +67,24 @@ TEST_F(Manners, ErrnoIsUntouchedByTheCodesetCalls) {
 TEST_F(Manners, ErrnoIsUntouchedWhenTheWaitFailsAndWhenTheRingIsFull) {
   EngineSetup setup;
   setup.requests = 1;
-  ASSERT_TRUE(engine.start(setup));
+  ASSERT_TRUE(engine_.start(setup));
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
-  engine.pause();
-  int errnoAfter = 0;
-  CallInThread call([&errnoAfter] {
-    errno = kErrno;
+  engine_.pause();
+  int errno_after = 0;
+  CallInThread call([&errno_after] {
+    errno = ERRNO;
     const int32_t result = arm_start(5, 0, nullptr, 0);
-    errnoAfter = errno;
+    errno_after = errno;
     return result;
   });
-  ASSERT_TRUE(engine.waitSleepers(1));
-  errno = kErrno;
+  ASSERT_TRUE(engine_.waitSleepers(1));
+  errno = ERRNO;
   EXPECT_EQ(-8, arm_start(5, 0, nullptr, 0));
   expectErrnoUntouched("arm_start that is refused");
-  engine.kill();
-  ASSERT_TRUE(engine.start(setup));
+  engine_.kill();
+  ASSERT_TRUE(engine_.start(setup));
   EXPECT_EQ(-9, call.result());
-  EXPECT_EQ(kErrno, errnoAfter);
+  EXPECT_EQ(ERRNO, errno_after);
 }
 
 /// Catches what the process writes to standard output and standard error.
@@ -127,9 +127,9 @@ void makeEveryCall() {
 TEST_F(Manners, NothingIsPrinted) {
   CaughtOutput output;
   makeEveryCall();
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   makeEveryCall();
-  engine.kill();
+  engine_.kill();
   makeEveryCall();
   EXPECT_EQ("", output.end());
 }
@@ -138,9 +138,9 @@ TEST_F(Manners, NothingIsPrintedWithTracing) {
   setenv("ARMDEBUG", "1", 1);
   CaughtOutput output;
   makeEveryCall();
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   makeEveryCall();
-  engine.quit();
+  engine_.quit();
   makeEveryCall();
   EXPECT_EQ("", output.end());
 }
@@ -148,7 +148,7 @@ TEST_F(Manners, NothingIsPrintedWithTracing) {
 TEST_F(Manners, MissingTraceDirectoryIsPrintedOnceAndChangesNoResult) {
   ASSERT_EQ(0, rmdir("/var/orv/kestra/common/QDN/logs"));
   setenv("ARMDEBUG", "1", 1);
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   CaughtOutput output;
   for (const PostingCall& one : postingCalls()) EXPECT_EQ(100 + one.type, one.call()) << one.name;
   EXPECT_EQ(
@@ -164,25 +164,25 @@ class GuardedMemory {
  public:
   explicit GuardedMemory(const Bytes& content) {
     pages_ = static_cast<uint8_t*>(
-        mmap(nullptr, 2 * kPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    mprotect(pages_ + kPage, kPage, PROT_NONE);
-    start_ = pages_ + kPage - content.size();
+        mmap(nullptr, 2 * PAGE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    mprotect(pages_ + PAGE, PAGE, PROT_NONE);
+    start_ = pages_ + PAGE - content.size();
     std::memcpy(start_, content.data(), content.size());
   }
-  ~GuardedMemory() { munmap(pages_, 2 * kPage); }
+  ~GuardedMemory() { munmap(pages_, 2 * PAGE); }
   GuardedMemory(const GuardedMemory&) = delete;
   GuardedMemory& operator=(const GuardedMemory&) = delete;
-  void protect() { mprotect(pages_, kPage, PROT_READ); }
+  void protect() { mprotect(pages_, PAGE, PROT_READ); }
   uint8_t* get() { return start_; }
 
  private:
-  static constexpr size_t kPage = 8192;
+  static constexpr size_t PAGE = 8192;
   uint8_t* pages_;
   uint8_t* start_;
 };
 
 TEST_F(Manners, NothingIsReadBehindABlockOfTheStandardsSize) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   GuardedMemory format1(makeBlock(256, 1));
   GuardedMemory format2(makeBlock(1024, 2));
   GuardedMemory format101(makeBlock(344, 101));
@@ -197,7 +197,7 @@ TEST_F(Manners, NothingIsReadBehindABlockOfTheStandardsSize) {
 }
 
 TEST_F(Manners, OnlyTheFormatWordOfAnotherFormatIsRead) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   Bytes word5(4);
   word5[0] = 5;
   GuardedMemory block(word5);
@@ -206,7 +206,7 @@ TEST_F(Manners, OnlyTheFormatWordOfAnotherFormatIsRead) {
 }
 
 TEST_F(Manners, NothingIsReadBehindAString) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   GuardedMemory name(Bytes{'n', 0});
   const char* text = reinterpret_cast<const char*>(name.get());
   for (const uint8_t convert : Bytes{0, 1}) {
@@ -214,15 +214,15 @@ TEST_F(Manners, NothingIsReadBehindAString) {
     EXPECT_EQ(102, w_ArmGetID(convert, 5, text, text, 0, nullptr, 0));
   }
   // One that is too long is looked at no further than its limit.
-  GuardedMemory longName(Bytes(3620, 'n'));
-  const char* endless = reinterpret_cast<const char*>(longName.get());
+  GuardedMemory long_name(Bytes(3620, 'n'));
+  const char* endless = reinterpret_cast<const char*>(long_name.get());
   EXPECT_EQ(-1, arm_getid(5, endless, "d", 0, nullptr, 0));
   EXPECT_EQ(-1, arm_init(endless + 3620 - 128, "u", 0, nullptr, 0));
 }
 
 TEST_F(Manners, BlocksWithoutARequestAreNeverWrittenTo) {
-  ASSERT_TRUE(engine.start());
-  engine.replyWithCorrelator(0, 1, 1, makeCorrelator(1));
+  ASSERT_TRUE(engine_.start());
+  engine_.replyWithCorrelator(0, 1, 1, makeCorrelator(1));
   GuardedMemory block(makeBlock(1024, 1, 0xB0));
   block.protect();
   EXPECT_EQ(1, arm_start(5, 0, block.get(), 256));

@@ -18,28 +18,28 @@ using ReturnedCorrelator = CallsWithEngine;
 // ---- arm_start ----------------------------------------------------------------------------------
 
 TEST_F(ArmStart, RecordHoldsIdBlockAndTimeAtTheirOffsetsAndZerosElsewhere) {
-  engine.reply(3, 31);
+  engine_.reply(3, 31);
   Bytes block = makeBlock(256, 1, 0x10);
   EXPECT_EQ(31, arm_start(8, 0, block.data(), 256));
   Bytes expected = blankRecord(3);
   putWord(expected, 12, 8);
   putBytes(expected, 20, block);
   putWord(expected, 276, 256);
-  expectTimeOfNow(expected, engine.last(), 280);
-  expectSameBytes(expected, engine.last());
+  expectTimeOfNow(expected, engine_.last(), 280);
+  expectSameBytes(expected, engine_.last());
 }
 
 TEST_F(ArmStart, WithoutABlockSizeIs0WhateverTheCallerGave) {
   EXPECT_EQ(103, arm_start(8, 0, nullptr, 256));
   Bytes expected = blankRecord(3);
   putWord(expected, 12, 8);
-  expectTimeOfNow(expected, engine.last(), 280);
-  expectSameBytes(expected, engine.last());
+  expectTimeOfNow(expected, engine_.last(), 280);
+  expectSameBytes(expected, engine_.last());
 }
 
 TEST_F(ArmStart, FlagsOfTheCallerAreDropped) {
   EXPECT_EQ(103, arm_start(8, -1, nullptr, 0));
-  EXPECT_EQ(0U, word(engine.last(), 16));
+  EXPECT_EQ(0U, word(engine_.last(), 16));
 }
 
 TEST_F(ArmStart, BlockOfFormat5SendsSize0AndNoBytes) {
@@ -47,27 +47,27 @@ TEST_F(ArmStart, BlockOfFormat5SendsSize0AndNoBytes) {
   EXPECT_EQ(103, arm_start(8, 0, block.data(), 256));
   Bytes expected = blankRecord(3);
   putWord(expected, 12, 8);
-  expectTimeOfNow(expected, engine.last(), 280);
-  expectSameBytes(expected, engine.last());
+  expectTimeOfNow(expected, engine_.last(), 280);
+  expectSameBytes(expected, engine_.last());
 }
 
 TEST_F(ArmStart, AnyPositiveSizeSendsAll256Bytes) {
   Bytes block = makeBlock(256, 1);
   EXPECT_EQ(103, arm_start(8, 0, block.data(), 1));
-  EXPECT_EQ(block, slice(engine.last(), 20, 256));
-  EXPECT_EQ(1U, word(engine.last(), 276));
+  EXPECT_EQ(block, slice(engine_.last(), 20, 256));
+  EXPECT_EQ(1U, word(engine_.last(), 276));
   EXPECT_EQ(103, arm_start(8, 0, block.data(), INT_MAX));
-  EXPECT_EQ(block, slice(engine.last(), 20, 256));
-  EXPECT_EQ(0x7FFFFFFFU, word(engine.last(), 276));
+  EXPECT_EQ(block, slice(engine_.last(), 20, 256));
+  EXPECT_EQ(0x7FFFFFFFU, word(engine_.last(), 276));
 }
 
 TEST_F(ArmStart, SizeOf0OrLessIsSentAsGivenWithoutTheBlock) {
   Bytes block = makeBlock(256, 1);
   EXPECT_EQ(103, arm_start(8, 0, block.data(), 0));
-  EXPECT_EQ(Bytes(256, 0), slice(engine.last(), 20, 256));
+  EXPECT_EQ(Bytes(256, 0), slice(engine_.last(), 20, 256));
   EXPECT_EQ(103, arm_start(8, 0, block.data(), -3));
-  EXPECT_EQ(Bytes(256, 0), slice(engine.last(), 20, 256));
-  EXPECT_EQ(0xFFFFFFFDU, word(engine.last(), 276));
+  EXPECT_EQ(Bytes(256, 0), slice(engine_.last(), 20, 256));
+  EXPECT_EQ(0xFFFFFFFDU, word(engine_.last(), 276));
 }
 
 TEST_F(ArmStart, BlockAtAnOddAddressIsSent) {
@@ -75,7 +75,7 @@ TEST_F(ArmStart, BlockAtAnOddAddressIsSent) {
   const Bytes block = makeBlock(256, 1);
   memory.insert(memory.end(), block.begin(), block.end());
   EXPECT_EQ(103, arm_start(8, 0, memory.data() + 3, 256));
-  EXPECT_EQ(block, slice(engine.last(), 20, 256));
+  EXPECT_EQ(block, slice(engine_.last(), 20, 256));
 }
 
 TEST_F(ArmStart, NegativeIdIsRejectedWithoutPosting) {
@@ -86,12 +86,12 @@ TEST_F(ArmStart, NegativeIdIsRejectedWithoutPosting) {
 
 TEST_F(ArmStart, Id0IsAccepted) {
   EXPECT_EQ(103, arm_start(0, 0, nullptr, 0));
-  EXPECT_EQ(0U, word(engine.last(), 12));
+  EXPECT_EQ(0U, word(engine_.last(), 12));
 }
 
 TEST_F(ArmStart, IgnoreIdIsAnOrdinaryTransactionId) {
   EXPECT_EQ(103, arm_start(2147483647, 0, nullptr, 0));
-  EXPECT_EQ(0x7FFFFFFFU, word(engine.last(), 12));
+  EXPECT_EQ(0x7FFFFFFFU, word(engine_.last(), 12));
 }
 
 // ---- the ignore rule ----------------------------------------------------------------------------
@@ -102,10 +102,10 @@ Bytes ignoredBlock(uint8_t flags, int32_t format = 1) {
   return block;
 }
 
-void expectIgnored(uint8_t flags, uint8_t flagsAfter, int32_t format = 1, int32_t id = 8) {
+void expectIgnored(uint8_t flags, uint8_t flags_after, int32_t format = 1, int32_t id = 8) {
   Bytes block = ignoredBlock(flags, format);
   Bytes expected = block;
-  expected[4] = flagsAfter;
+  expected[4] = flags_after;
   EXPECT_EQ(2147483647, arm_start(id, 0, block.data(), 256)) << int(flags);
   expectSameBytes(expected, block);
 }
@@ -162,7 +162,7 @@ TEST_F(IgnoreRule, NeedsTheBitOfAParentCorrelator) {
 }
 
 TEST_F(IgnoreRule, ComesAfterTheEngine) {
-  engine.quit();
+  engine_.quit();
   Bytes block = ignoredBlock(0xC0);
   const Bytes before = block;
   EXPECT_EQ(-2, arm_start(8, 0, block.data(), 256));
@@ -181,17 +181,17 @@ Bytes withCorrelator(const Bytes& block, const Correlator& correlator) {
 using BlockCall = std::function<int32_t(void*)>;
 
 const std::vector<BlockCall>& callsWithBlock() {
-  static const std::vector<BlockCall> calls = {
+  static const std::vector<BlockCall> CALLS = {
       [](void* block) { return arm_start(8, 0, block, 256); },
       [](void* block) { return arm_transactionReport(8, 0, block, 256, 1, 0, 0, 0); },
       [](void* block) { return arm_transactionInstanceReport(8, 0, block, 256, 1, 0, 0, 0); },
   };
-  return calls;
+  return CALLS;
 }
 
 TEST_F(ReturnedCorrelator, IsStoredWithBit20WhenRequestedAndGiven) {
   const Correlator correlator = makeCorrelator(1);
-  engine.replyWithCorrelator(0, 50, 1, correlator);
+  engine_.replyWithCorrelator(0, 50, 1, correlator);
   for (const BlockCall& call : callsWithBlock()) {
     Bytes block = makeBlock(256, 1, 0x40);
     const Bytes expected = withCorrelator(block, correlator);
@@ -203,7 +203,7 @@ TEST_F(ReturnedCorrelator, IsStoredWithBit20WhenRequestedAndGiven) {
 
 TEST_F(ReturnedCorrelator, ReplacesTheParentsAndKeepsTheOtherFlags) {
   const Correlator correlator = makeCorrelator(9);
-  engine.replyWithCorrelator(0, 50, 0x80, correlator);
+  engine_.replyWithCorrelator(0, 50, 0x80, correlator);
   for (const BlockCall& call : callsWithBlock()) {
     Bytes block = makeBlock(256, 1, 0xD7);
     const Bytes sent = block;
@@ -212,13 +212,13 @@ TEST_F(ReturnedCorrelator, ReplacesTheParentsAndKeepsTheOtherFlags) {
     EXPECT_EQ(0xF7, block[4]);
     expectSameBytes(expected, block);
     // The engine got the parent's.
-    const size_t offset = word(engine.last(), 8) == 3 ? 20 : 32;
-    expectSameBytes(sent, slice(engine.last(), offset, 256));
+    const size_t offset = word(engine_.last(), 8) == 3 ? 20 : 32;
+    expectSameBytes(sent, slice(engine_.last(), offset, 256));
   }
 }
 
 TEST_F(ReturnedCorrelator, WithoutTheFlagOfTheReplyTheBlockStaysUnchanged) {
-  engine.replyWithCorrelator(0, 50, 0, makeCorrelator(1));
+  engine_.replyWithCorrelator(0, 50, 0, makeCorrelator(1));
   for (const BlockCall& call : callsWithBlock()) {
     Bytes block = makeBlock(256, 1, 0x40);
     const Bytes before = block;
@@ -228,7 +228,7 @@ TEST_F(ReturnedCorrelator, WithoutTheFlagOfTheReplyTheBlockStaysUnchanged) {
 }
 
 TEST_F(ReturnedCorrelator, WithoutARequestTheBlockStaysUnchanged) {
-  engine.replyWithCorrelator(0, 50, 1, makeCorrelator(1));
+  engine_.replyWithCorrelator(0, 50, 1, makeCorrelator(1));
   for (const BlockCall& call : callsWithBlock()) {
     Bytes block = makeBlock(256, 1, 0xB0);
     const Bytes before = block;
@@ -239,7 +239,7 @@ TEST_F(ReturnedCorrelator, WithoutARequestTheBlockStaysUnchanged) {
 
 TEST_F(ReturnedCorrelator, IsStoredWhateverTheFormatWord) {
   const Correlator correlator = makeCorrelator(1);
-  engine.replyWithCorrelator(0, 50, 1, correlator);
+  engine_.replyWithCorrelator(0, 50, 1, correlator);
   for (const BlockCall& call : callsWithBlock()) {
     Bytes block = makeBlock(256, 5, 0x40);
     const Bytes expected = withCorrelator(block, correlator);
@@ -250,7 +250,7 @@ TEST_F(ReturnedCorrelator, IsStoredWhateverTheFormatWord) {
 
 TEST_F(ReturnedCorrelator, IsStoredWithANegativeResultToo) {
   const Correlator correlator = makeCorrelator(1);
-  engine.replyWithCorrelator(0, -5, 1, correlator);
+  engine_.replyWithCorrelator(0, -5, 1, correlator);
   for (const BlockCall& call : callsWithBlock()) {
     Bytes block = makeBlock(256, 1, 0x40);
     const Bytes expected = withCorrelator(block, correlator);
@@ -261,7 +261,7 @@ TEST_F(ReturnedCorrelator, IsStoredWithANegativeResultToo) {
 
 TEST_F(ReturnedCorrelator, IsStoredInABlockAtAnOddAddress) {
   const Correlator correlator = makeCorrelator(1);
-  engine.replyWithCorrelator(0, 50, 1, correlator);
+  engine_.replyWithCorrelator(0, 50, 1, correlator);
   for (const BlockCall& call : callsWithBlock()) {
     Bytes memory(1);
     const Bytes block = makeBlock(256, 1, 0x40);
@@ -275,12 +275,12 @@ TEST_F(ReturnedCorrelator, IsStoredInABlockAtAnOddAddress) {
 }
 
 TEST_F(ReturnedCorrelator, WithoutABlockIsLost) {
-  engine.replyWithCorrelator(0, 50, 1, makeCorrelator(1));
+  engine_.replyWithCorrelator(0, 50, 1, makeCorrelator(1));
   for (const BlockCall& call : callsWithBlock()) EXPECT_EQ(50, call(nullptr));
 }
 
 TEST_F(ReturnedCorrelator, NeverComesBackFromUpdateOrStop) {
-  engine.replyWithCorrelator(0, 50, 1, makeCorrelator(1));
+  engine_.replyWithCorrelator(0, 50, 1, makeCorrelator(1));
   Bytes block = makeBlock(256, 1, 0x40);
   const Bytes before = block;
   EXPECT_EQ(50, arm_update(8, 0, block.data(), 256));
@@ -289,14 +289,14 @@ TEST_F(ReturnedCorrelator, NeverComesBackFromUpdateOrStop) {
 }
 
 TEST_F(ReturnedCorrelator, IsNotStoredWhenTheWaitFails) {
-  engine.hold();
+  engine_.hold();
   Bytes block = makeBlock(256, 1, 0x40);
   const Bytes before = block;
   CallInThread call([&] { return arm_start(8, 0, block.data(), 256); });
-  ASSERT_TRUE(engine.waitTaken(1) && engine.waitSleepers(1));
-  const Bytes record = engine.last();
+  ASSERT_TRUE(engine_.waitTaken(1) && engine_.waitSleepers(1));
+  const Bytes record = engine_.last();
   EXPECT_TRUE(
-      engine.cancel(static_cast<int32_t>(word(record, 0)), static_cast<int32_t>(word(record, 4))));
+      engine_.cancel(static_cast<int32_t>(word(record, 0)), static_cast<int32_t>(word(record, 4))));
   EXPECT_EQ(-9, call.result());
   expectSameBytes(before, block);
 }
@@ -311,8 +311,8 @@ TEST_F(ArmUpdate, RecordOfAFormat1BlockHolds256BytesAndTheFlags) {
   putWord(expected, 16, 0x0A0B0C0D);
   putBytes(expected, 20, slice(block, 0, 256));
   putWord(expected, 1044, 256);
-  expectTimeOfNow(expected, engine.last(), 1048);
-  expectSameBytes(expected, engine.last());
+  expectTimeOfNow(expected, engine_.last(), 1048);
+  expectSameBytes(expected, engine_.last());
 }
 
 TEST_F(ArmUpdate, RecordOfAFormat2BlockHolds1024Bytes) {
@@ -322,8 +322,8 @@ TEST_F(ArmUpdate, RecordOfAFormat2BlockHolds1024Bytes) {
   putWord(expected, 12, 6);
   putBytes(expected, 20, block);
   putWord(expected, 1044, 1024);
-  expectTimeOfNow(expected, engine.last(), 1048);
-  expectSameBytes(expected, engine.last());
+  expectTimeOfNow(expected, engine_.last(), 1048);
+  expectSameBytes(expected, engine_.last());
 }
 
 TEST_F(ArmUpdate, BlockOfAnotherFormatSendsSize0AndNoBytes) {
@@ -332,8 +332,8 @@ TEST_F(ArmUpdate, BlockOfAnotherFormatSendsSize0AndNoBytes) {
     EXPECT_EQ(104, arm_update(6, 0, block.data(), 1024));
     Bytes expected = blankRecord(4);
     putWord(expected, 12, 6);
-    expectTimeOfNow(expected, engine.last(), 1048);
-    expectSameBytes(expected, engine.last());
+    expectTimeOfNow(expected, engine_.last(), 1048);
+    expectSameBytes(expected, engine_.last());
   }
 }
 
@@ -341,14 +341,14 @@ TEST_F(ArmUpdate, SizeOfTheCallerIsSentAsGivenAndNotComparedWithWhatIsCopied) {
   Bytes block = makeBlock(1024, 2);
   for (const int32_t size : {0, -7, 1, 100000}) {
     EXPECT_EQ(104, arm_update(6, 0, block.data(), size));
-    EXPECT_EQ(block, slice(engine.last(), 20, 1024));
-    EXPECT_EQ(static_cast<uint32_t>(size), word(engine.last(), 1044));
+    EXPECT_EQ(block, slice(engine_.last(), 20, 1024));
+    EXPECT_EQ(static_cast<uint32_t>(size), word(engine_.last(), 1044));
   }
 }
 
 TEST_F(ArmUpdate, SizeWithoutABlockIsSentAs0) {
   EXPECT_EQ(104, arm_update(6, 0, nullptr, 1024));
-  EXPECT_EQ(0U, word(engine.last(), 1044));
+  EXPECT_EQ(0U, word(engine_.last(), 1044));
 }
 
 TEST_F(ArmUpdate, IgnoreIdReturns0WithoutPosting) {
@@ -386,44 +386,44 @@ TEST_F(ArmStop, RecordHoldsHandleStatusFlagsBlockAndTime) {
   putWord(expected, 20, 0x0A0B0C0D);
   putBytes(expected, 24, block);
   putWord(expected, 280, 256);
-  expectTimeOfNow(expected, engine.last(), 284);
-  expectSameBytes(expected, engine.last());
+  expectTimeOfNow(expected, engine_.last(), 284);
+  expectSameBytes(expected, engine_.last());
 }
 
 TEST_F(ArmStop, BlockOfAnyFormatIsSent) {
   for (const int32_t format : {0, 2, 5, 101}) {
     Bytes block = makeBlock(256, format);
     EXPECT_EQ(105, arm_stop(6, 0, 0, block.data(), 17));
-    EXPECT_EQ(block, slice(engine.last(), 24, 256));
-    EXPECT_EQ(17U, word(engine.last(), 280));
+    EXPECT_EQ(block, slice(engine_.last(), 24, 256));
+    EXPECT_EQ(17U, word(engine_.last(), 280));
   }
 }
 
 TEST_F(ArmStop, SizeOf0OrLessIsSentAsGivenWithoutTheBlock) {
   Bytes block = makeBlock(256, 1);
   EXPECT_EQ(105, arm_stop(6, 0, 0, block.data(), 0));
-  EXPECT_EQ(Bytes(256, 0), slice(engine.last(), 24, 256));
+  EXPECT_EQ(Bytes(256, 0), slice(engine_.last(), 24, 256));
   EXPECT_EQ(105, arm_stop(6, 0, 0, block.data(), -4));
-  EXPECT_EQ(Bytes(256, 0), slice(engine.last(), 24, 256));
-  EXPECT_EQ(0xFFFFFFFCU, word(engine.last(), 280));
+  EXPECT_EQ(Bytes(256, 0), slice(engine_.last(), 24, 256));
+  EXPECT_EQ(0xFFFFFFFCU, word(engine_.last(), 280));
 }
 
 TEST_F(ArmStop, SizeWithoutABlockIsSentAs0) {
   EXPECT_EQ(105, arm_stop(6, 0, 0, nullptr, 256));
-  EXPECT_EQ(0U, word(engine.last(), 280));
+  EXPECT_EQ(0U, word(engine_.last(), 280));
 }
 
 TEST_F(ArmStop, StatusIsSentAsGiven) {
   for (const int32_t status : {0, 1, 2, 3, -1, INT_MIN}) {
     EXPECT_EQ(105, arm_stop(6, status, 0, nullptr, 0));
-    EXPECT_EQ(static_cast<uint32_t>(status), word(engine.last(), 16));
+    EXPECT_EQ(static_cast<uint32_t>(status), word(engine_.last(), 16));
   }
 }
 
 TEST_F(ArmStop, Handle0IsAcceptedUnlikeInUpdate) {
   EXPECT_EQ(105, arm_stop(0, 0, 0, nullptr, 0));
-  EXPECT_EQ(0U, word(engine.last(), 12));
-  EXPECT_EQ(5U, word(engine.last(), 8));
+  EXPECT_EQ(0U, word(engine_.last(), 12));
+  EXPECT_EQ(5U, word(engine_.last(), 8));
 }
 
 TEST_F(ArmStop, NegativeHandleIsRejected) {

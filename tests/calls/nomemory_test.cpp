@@ -11,8 +11,8 @@
 namespace {
 
 /// Size of the text that the library keeps for the environment: "ICU_DATA", "=", the directory, 0.
-constexpr size_t kEnvironmentText = 8 + 1 + 34 + 1;
-size_t refused = kEnvironmentText;
+constexpr size_t ENVIRONMENT_TEXT = 8 + 1 + 34 + 1;
+size_t refused = ENVIRONMENT_TEXT;
 bool refuse = false;
 /// Allocations until one is refused, of whatever size; 0 for none.
 int allocations_left = 0;
@@ -57,7 +57,7 @@ TEST_F(NoMemory, ForALongerEnvironmentIsMinus3OnceAndNotTriedAgain) {
 }
 
 /// What an allocation that was refused during an opening leaves to the next ones.
-enum Left { everything, utf8, nothing };
+enum Left { EVERYTHING, UTF8, NOTHING };
 
 /// In a process of its own: refuses one allocation of the opening, then opens with all memory.
 Left openAfterRefusal(int allocation) {
@@ -65,11 +65,11 @@ Left openAfterRefusal(int allocation) {
     allocations_left = allocation;
     const arm_int32_t first = SetExpectedCodeset("ISO-2022-JP");
     allocations_left = 0;
-    if (first == 0) return everything;
-    if (first != -1003 && first != -3) return nothing;
+    if (first == 0) return EVERYTHING;
+    if (first != -1003 && first != -3) return NOTHING;
     const arm_int32_t second = SetExpectedCodeset("ISO-2022-JP");
-    if (second == 0) return everything;
-    return second == -1003 && SetExpectedCodeset("UTF-8") == 0 ? utf8 : nothing;
+    if (second == 0) return EVERYTHING;
+    return second == -1003 && SetExpectedCodeset("UTF-8") == 0 ? UTF8 : NOTHING;
   })));
 }
 
@@ -88,8 +88,8 @@ TEST_F(NoMemory, ForTheNamesOfCodesetsHidesThemForGoodButNotUTF8) {
   int hidden = 0;
   for (int allocation = 1; allocation <= allocations; ++allocation) {
     const Left left = openAfterRefusal(allocation);
-    EXPECT_NE(nothing, left) << allocation;
-    if (left == utf8) ++hidden;
+    EXPECT_NE(NOTHING, left) << allocation;
+    if (left == UTF8) ++hidden;
   }
   EXPECT_LT(0, hidden);
   EXPECT_GT(allocations / 2, hidden);

@@ -16,13 +16,13 @@
 namespace armtest {
 namespace {
 
-constexpr const char* kClient = ARM_BUILD_DIR "/bin/privileged_client";
-constexpr int kNoEngine = 254;  // -2 as an exit code
+constexpr const char* CLIENT = ARM_BUILD_DIR "/bin/privileged_client";
+constexpr int NO_ENGINE = 254;  // -2 as an exit code
 
 #if __SIZEOF_POINTER__ == 4
-constexpr size_t kStackPointer = offsetof(user_regs_struct, esp);
+constexpr size_t STACK_POINTER = offsetof(user_regs_struct, esp);
 #else
-constexpr size_t kStackPointer = offsetof(user_regs_struct, rsp);
+constexpr size_t STACK_POINTER = offsetof(user_regs_struct, rsp);
 #endif
 
 /// The memory of a stopped process as words.
@@ -51,7 +51,7 @@ class Words {
 /// Marks a program that has just been executed as one with raised privileges.
 void markAsPrivileged(pid_t process) {
   const Words words(process);
-  const long stack = ptrace(PTRACE_PEEKUSER, process, kStackPointer, nullptr);
+  const long stack = ptrace(PTRACE_PEEKUSER, process, STACK_POINTER, nullptr);
   const unsigned long environment =
       words.behindZero(static_cast<unsigned long>(stack) + sizeof(long));
   unsigned long entry = words.behindZero(environment);
@@ -76,12 +76,12 @@ class CallersEnvironment : public CallsWithEngine {
   static int run(bool privileged) {
     const pid_t client = forkChild([] {
       ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
-      execl(kClient, kClient, nullptr);
+      execl(CLIENT, CLIENT, nullptr);
       return 127;
     });
     int status = 0;
     EXPECT_EQ(client, waitpid(client, &status, 0));
-    EXPECT_TRUE(WIFSTOPPED(status)) << kClient << " was not executed: " << status;
+    EXPECT_TRUE(WIFSTOPPED(status)) << CLIENT << " was not executed: " << status;
     if (privileged) markAsPrivileged(client);
     EXPECT_EQ(0, ptrace(PTRACE_DETACH, client, nullptr, nullptr));
     return exitCodeOf(client);
@@ -89,7 +89,7 @@ class CallersEnvironment : public CallsWithEngine {
 };
 
 TEST_F(CallersEnvironment, SteersAProgramWithoutPrivileges) {
-  EXPECT_EQ(kNoEngine, run(false));
+  EXPECT_EQ(NO_ENGINE, run(false));
   expectTaken(0);
   const std::string trace = readTrace();
   EXPECT_NE(std::string::npos, trace.find(" - Debug run found in caller's environment.\n"));

@@ -17,21 +17,20 @@ struct ReportCall {
   int32_t (*call)(int32_t, int32_t, void*, int32_t, int32_t, int32_t, int32_t, int32_t);
 };
 
-constexpr ReportCall kReports[] = {{16, arm_transactionReport},
-                                   {17, arm_transactionInstanceReport}};
+constexpr ReportCall REPORTS[] = {{16, arm_transactionReport}, {17, arm_transactionInstanceReport}};
 
 struct CompletionCall {
   int32_t type;
   int32_t (*call)(int32_t, int32_t, int32_t);
 };
 
-constexpr CompletionCall kCompletions[] = {{15, arm_completeTransaction},
-                                           {18, arm_completeTransactionInstance}};
+constexpr CompletionCall COMPLETIONS[] = {{15, arm_completeTransaction},
+                                          {18, arm_completeTransactionInstance}};
 
 // ---- reports ------------------------------------------------------------------------------------
 
 TEST_F(Reports, RecordHoldsHandleValuesBlockAndTimeButNotTheSecondArgument) {
-  for (const ReportCall& report : kReports) {
+  for (const ReportCall& report : REPORTS) {
     Bytes block = makeBlock(256, 1);
     EXPECT_EQ(100 + report.type, report.call(3, 0x66666666, block.data(), 256, 1, 4, 5, 6));
     Bytes expected = blankRecord(report.type);
@@ -41,20 +40,20 @@ TEST_F(Reports, RecordHoldsHandleValuesBlockAndTimeButNotTheSecondArgument) {
     putWord(expected, 24, 6);
     putBytes(expected, 32, block);
     putWord(expected, 288, 256);
-    expectTimeOfNow(expected, engine.last(), 292);
-    expectSameBytes(expected, engine.last());
+    expectTimeOfNow(expected, engine_.last(), 292);
+    expectSameBytes(expected, engine_.last());
   }
 }
 
 TEST_F(Reports, WithoutATimeStampTheTimeIs0) {
-  for (const ReportCall& report : kReports) {
+  for (const ReportCall& report : REPORTS) {
     EXPECT_EQ(100 + report.type, report.call(3, 0, nullptr, 0, 0, 4, 5, 6));
-    EXPECT_EQ(Bytes(8, 0), slice(engine.last(), 292, 8));
+    EXPECT_EQ(Bytes(8, 0), slice(engine_.last(), 292, 8));
   }
 }
 
 TEST_F(Reports, AnyTimeStampArgumentButZeroAsksForTheTime) {
-  for (const ReportCall& report : kReports) {
+  for (const ReportCall& report : REPORTS) {
     for (const int32_t stamp : {1, -1, INT_MIN}) {
       EXPECT_EQ(100 + report.type, report.call(3, 0, nullptr, 0, stamp, 4, 5, 6));
       Bytes expected = blankRecord(report.type);
@@ -62,21 +61,21 @@ TEST_F(Reports, AnyTimeStampArgumentButZeroAsksForTheTime) {
       putWord(expected, 16, 4);
       putWord(expected, 20, 5);
       putWord(expected, 24, 6);
-      expectTimeOfNow(expected, engine.last(), 292);
-      expectSameBytes(expected, engine.last());
+      expectTimeOfNow(expected, engine_.last(), 292);
+      expectSameBytes(expected, engine_.last());
     }
   }
 }
 
 TEST_F(Reports, IgnoreIdReturns0WithoutPostingBeforeTheValuesAreChecked) {
-  for (const ReportCall& report : kReports) {
+  for (const ReportCall& report : REPORTS) {
     EXPECT_EQ(0, report.call(2147483647, 0, nullptr, 0, 1, -1, -1, -1));
   }
   expectTaken(0);
 }
 
 TEST_F(Reports, NegativeHandleOrOneOfTheFirstTwoValuesIsRejected) {
-  for (const ReportCall& report : kReports) {
+  for (const ReportCall& report : REPORTS) {
     EXPECT_EQ(-1, report.call(-1, 0, nullptr, 0, 1, 4, 5, 6));
     EXPECT_EQ(-1, report.call(3, 0, nullptr, 0, 1, -1, 5, 6));
     EXPECT_EQ(-1, report.call(3, 0, nullptr, 0, 1, 4, -1, 6));
@@ -85,61 +84,61 @@ TEST_F(Reports, NegativeHandleOrOneOfTheFirstTwoValuesIsRejected) {
 }
 
 TEST_F(Reports, ThirdValueIsNotChecked) {
-  for (const ReportCall& report : kReports) {
+  for (const ReportCall& report : REPORTS) {
     EXPECT_EQ(100 + report.type, report.call(3, 0, nullptr, 0, 1, 4, 5, -1));
-    EXPECT_EQ(0xFFFFFFFFU, word(engine.last(), 24));
+    EXPECT_EQ(0xFFFFFFFFU, word(engine_.last(), 24));
   }
 }
 
 TEST_F(Reports, HandleAndValuesOf0AreAccepted) {
-  for (const ReportCall& report : kReports) {
+  for (const ReportCall& report : REPORTS) {
     EXPECT_EQ(100 + report.type, report.call(0, -1, nullptr, 0, 0, 0, 0, 0));
-    expectSameBytes(blankRecord(report.type), engine.last());
+    expectSameBytes(blankRecord(report.type), engine_.last());
   }
 }
 
 TEST_F(Reports, BlockOfAnotherFormatSendsSize0AndNoBytes) {
-  for (const ReportCall& report : kReports) {
+  for (const ReportCall& report : REPORTS) {
     Bytes block = makeBlock(256, 2);
     EXPECT_EQ(100 + report.type, report.call(0, 0, block.data(), 256, 0, 0, 0, 0));
-    expectSameBytes(blankRecord(report.type), engine.last());
+    expectSameBytes(blankRecord(report.type), engine_.last());
   }
 }
 
 TEST_F(Reports, IgnoredParentMakesNoDifference) {
-  for (const ReportCall& report : kReports) {
+  for (const ReportCall& report : REPORTS) {
     Bytes block = makeBlock(256, 1, 0xC0);
     block[197] = 1;
     const Bytes before = block;
     EXPECT_EQ(100 + report.type, report.call(0, 0, block.data(), 256, 0, 0, 0, 0));
     expectSameBytes(before, block);
-    expectSameBytes(before, slice(engine.last(), 32, 256));
+    expectSameBytes(before, slice(engine_.last(), 32, 256));
   }
 }
 
 // ---- completions --------------------------------------------------------------------------------
 
 TEST_F(Completions, RecordHoldsHandleValuesAndTime) {
-  for (const CompletionCall& completion : kCompletions) {
+  for (const CompletionCall& completion : COMPLETIONS) {
     EXPECT_EQ(100 + completion.type, completion.call(3, 4, -5));
     Bytes expected = blankRecord(completion.type);
     putWord(expected, 12, 3);
     putWord(expected, 16, 4);
     putWord(expected, 20, -5);
-    expectTimeOfNow(expected, engine.last(), 24);
-    expectSameBytes(expected, engine.last());
+    expectTimeOfNow(expected, engine_.last(), 24);
+    expectSameBytes(expected, engine_.last());
   }
 }
 
 TEST_F(Completions, IgnoreIdReturns0WithoutPostingBeforeTheValuesAreChecked) {
-  for (const CompletionCall& completion : kCompletions) {
+  for (const CompletionCall& completion : COMPLETIONS) {
     EXPECT_EQ(0, completion.call(2147483647, -1, -1));
   }
   expectTaken(0);
 }
 
 TEST_F(Completions, NegativeHandleOrFirstValueIsRejected) {
-  for (const CompletionCall& completion : kCompletions) {
+  for (const CompletionCall& completion : COMPLETIONS) {
     EXPECT_EQ(-1, completion.call(-1, 0, 0));
     EXPECT_EQ(-1, completion.call(0, -1, 0));
   }
@@ -147,7 +146,7 @@ TEST_F(Completions, NegativeHandleOrFirstValueIsRejected) {
 }
 
 TEST_F(Completions, HandleAndValuesOf0AreAccepted) {
-  for (const CompletionCall& completion : kCompletions) {
+  for (const CompletionCall& completion : COMPLETIONS) {
     EXPECT_EQ(100 + completion.type, completion.call(0, 0, 0));
   }
   expectTaken(2);
@@ -162,7 +161,7 @@ TEST_F(MetricData, RecordHoldsHandleLengthAndBytesAndNoTime) {
   putWord(expected, 12, 3);
   putWord(expected, 16, 100);
   putBytes(expected, 20, data);
-  expectSameBytes(expected, engine.last());
+  expectSameBytes(expected, engine_.last());
 }
 
 TEST_F(MetricData, Length4096FillsTheRecordToItsLastByte) {
@@ -172,15 +171,15 @@ TEST_F(MetricData, Length4096FillsTheRecordToItsLastByte) {
   putWord(expected, 12, 3);
   putWord(expected, 16, 4096);
   putBytes(expected, 20, data);
-  expectSameBytes(expected, engine.last());
-  EXPECT_EQ(data.back(), engine.last()[4115]);
+  expectSameBytes(expected, engine_.last());
+  EXPECT_EQ(data.back(), engine_.last()[4115]);
 }
 
 TEST_F(MetricData, Length1IsAccepted) {
   const uint8_t byte = 0x5A;
   EXPECT_EQ(119, arm_associateMetricData(0, &byte, 1));
-  EXPECT_EQ(0x5A, engine.last()[20]);
-  EXPECT_EQ(0, engine.last()[21]);
+  EXPECT_EQ(0x5A, engine_.last()[20]);
+  EXPECT_EQ(0, engine_.last()[21]);
 }
 
 TEST_F(MetricData, Lengths4097And0AndLessAreRejected) {
@@ -205,7 +204,7 @@ TEST_F(MetricData, IgnoreIdReturns0WithoutPostingBeforeTheBufferIsChecked) {
 TEST_F(MetricData, BufferAtAnOddAddressIsSent) {
   const Bytes data = makeBlock(10, 1);
   EXPECT_EQ(119, arm_associateMetricData(3, data.data() + 1, 9));
-  EXPECT_EQ(slice(data, 1, 9), slice(engine.last(), 20, 9));
+  EXPECT_EQ(slice(data, 1, 9), slice(engine_.last(), 20, 9));
 }
 
 // ---- the correlator key -------------------------------------------------------------------------
@@ -215,9 +214,9 @@ TEST_F(CorrelatorKey, IsNamedWithoutAnEngine) {
 }
 
 TEST_F(CorrelatorKey, PostsNothing) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   EXPECT_STREQ("ARM_CORRELATOR", arm_getCorrelatorKey());
-  EXPECT_EQ(0U, engine.taken());
+  EXPECT_EQ(0U, engine_.taken());
 }
 
 }  // namespace

@@ -22,13 +22,13 @@ TEST(ReusedSegment, RepliesReachEachThreadOfALayoutThatIsSmallerThanItsSegment) 
   RequestQueue requests(8);
   ReplyQueue replies(3, 5 * 548);
   const AnsweringEngine engine(requests, replies, replyRecord(78));
-  const auto callTwentyTimes = [] {
+  const auto call_twenty_times = [] {
     int32_t sum = 0;
     for (int i = 0; i < 20; ++i) sum += arm_start(5, 0, nullptr, 0);
     return sum;
   };
-  CallInThread other(callTwentyTimes);
-  EXPECT_EQ(20 * 78, callTwentyTimes());
+  CallInThread other(call_twenty_times);
+  EXPECT_EQ(20 * 78, call_twenty_times());
   EXPECT_EQ(20 * 78, other.result());
   EXPECT_EQ(2, replies.headsInUse());
 }

@@ -26,8 +26,8 @@
 namespace armtest {
 namespace {
 
-constexpr int kForever = -1;
-constexpr int32_t kAnyType = 0;
+constexpr int FOREVER = -1;
+constexpr int32_t ANY_TYPE = 0;
 
 struct Rule {
   int32_t type;
@@ -35,7 +35,7 @@ struct Rule {
   int32_t result;
   int32_t flag;
   int32_t times;
-  uint8_t correlator[kCorrelatorSize];
+  uint8_t correlator[CORRELATOR_SIZE];
 };
 
 struct HeldReply {
@@ -110,7 +110,7 @@ bool Engine::waitWhilePaused() {
 
 void Engine::handle(const TArmMessage& message) {
   const uint32_t number = log_.taken.load();
-  if (number < kKeptRecords) std::memcpy(log_.records[number], &message, kRecordSize);
+  if (number < KEPT_RECORDS) std::memcpy(log_.records[number], &message, RECORD_SIZE);
   const std::lock_guard<std::mutex> lock(mutex_);
   const Rule rule = ruleFor(message);
   const TArmReplyMessage reply = makeReply(rule);
@@ -124,8 +124,8 @@ void Engine::handle(const TArmMessage& message) {
 Rule Engine::ruleFor(const TArmMessage& message) {
   Rule found = {message.msg_type, Reaction::reply, defaultResult(message.msg_type), 0, 0, {}};
   for (Rule& rule : rules_) {
-    if (rule.times == 0 || (rule.type != kAnyType && rule.type != message.msg_type)) continue;
-    if (rule.times != kForever) --rule.times;
+    if (rule.times == 0 || (rule.type != ANY_TYPE && rule.type != message.msg_type)) continue;
+    if (rule.times != FOREVER) --rule.times;
     found = rule;
     break;
   }
@@ -187,9 +187,9 @@ int32_t Engine::execute(const Command& command) {
   const int32_t value = command.values[0];
   const TIPCIdentifier requester = {value, static_cast<uint32_t>(command.values[1])};
   switch (command.op) {
-    case Op::addRule:
+    case Op::add_rule:
       return addRule(command);
-    case Op::forgetRules: {
+    case Op::forget_rules: {
       const std::lock_guard<std::mutex> lock(mutex_);
       rules_.clear();
       return 0;
@@ -200,10 +200,10 @@ int32_t Engine::execute(const Command& command) {
       return access_.cancel(requester) ? 1 : 0;
     case Op::put:
       return deliver(requester, makeReply({0, Reaction::reply, command.values[2], 0, 0, {}}));
-    case Op::requestState:
+    case Op::request_state:
       queues_.requests().setState(static_cast<uint32_t>(value));
       return 0;
-    case Op::replyState:
+    case Op::reply_state:
       queues_.replies().setState(static_cast<uint32_t>(value));
       return 0;
     case Op::ready:
@@ -216,9 +216,9 @@ int32_t Engine::execute(const Command& command) {
       return pause();
     case Op::resume:
       return resume();
-    case Op::headsInUse:
+    case Op::heads_in_use:
       return static_cast<int32_t>(queues_.replies().headsInUse());
-    case Op::usedItems:
+    case Op::used_items:
       return static_cast<int32_t>(queues_.replies().usedItems());
     case Op::reclaim:
       return static_cast<int32_t>(queues_.replies().reclaimDeparted());
@@ -233,13 +233,13 @@ void sendAnswer(int32_t value, const std::string& why = "") {
   Answer answer = {};
   answer.value = value;
   std::snprintf(answer.why, sizeof answer.why, "%s", why.c_str());
-  if (send(kEngineSocket, &answer, sizeof answer, MSG_NOSIGNAL) < 0) _exit(EXIT_FAILURE);
+  if (send(ENGINE_SOCKET, &answer, sizeof answer, MSG_NOSIGNAL) < 0) _exit(EXIT_FAILURE);
 }
 
 void Engine::obey() {
   for (;;) {
     Command command;
-    const ssize_t length = recv(kEngineSocket, &command, sizeof command, MSG_WAITALL);
+    const ssize_t length = recv(ENGINE_SOCKET, &command, sizeof command, MSG_WAITALL);
     // The test has gone.
     if (length != static_cast<ssize_t>(sizeof command)) _exit(EXIT_FAILURE);
     const int32_t value = execute(command);
@@ -256,7 +256,7 @@ int run(int argc, char** argv) {
   options.ready = std::strcmp(argv[3], "1") == 0;
   if (argc > 4) options.prefix = argv[4];
   void* mapping =
-      mmap(nullptr, sizeof(EngineLog), PROT_READ | PROT_WRITE, MAP_SHARED, kEngineMapping, 0);
+      mmap(nullptr, sizeof(EngineLog), PROT_READ | PROT_WRITE, MAP_SHARED, ENGINE_MAPPING, 0);
   if (mapping == MAP_FAILED) return EXIT_FAILURE;
 
   std::string why;

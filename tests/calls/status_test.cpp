@@ -14,43 +14,43 @@
 
 namespace {
 
-int keysOfOverflowSemaphore = 0;
-int keysOfReplySet = 0;
-int setsOpened = 0;
+int keys_of_overflow_semaphore = 0;
+int keys_of_reply_set = 0;
+int sets_opened = 0;
 /// When set, every opening of a reply queue is followed by this version word.
-bool spoilVersion = false;
+bool spoil_version = false;
 
-constexpr const char* kRequestSegment = "/var/kelp/controls_ae.kelp_mem";
-constexpr int kReplySetProject = 3;
-constexpr size_t kVersionOffset = 20;
+constexpr const char* REQUEST_SEGMENT = "/var/kelp/controls_ae.kelp_mem";
+constexpr int REPLY_SET_PROJECT = 3;
+constexpr size_t VERSION_OFFSET = 20;
 
 key_t realFtok(const char* path, int project) {
-  static auto* const real = armtest::nextCall<key_t(const char*, int)>("ftok");
-  return real(path, project);
+  static auto* const REAL = armtest::nextCall<key_t(const char*, int)>("ftok");
+  return REAL(path, project);
 }
 
 void writeVersion(uint32_t version) {
-  armtest::Attached(kRequestSegment).write(kVersionOffset, version);
+  armtest::Attached(REQUEST_SEGMENT).write(VERSION_OFFSET, version);
 }
 
 }  // namespace
 
 extern "C" key_t ftok(const char* path, int project) __THROW;
 extern "C" key_t ftok(const char* path, int project) __THROW {
-  if (std::strcmp(path, "/var/kelp/controls_ae.kelp_ovr") == 0) ++keysOfOverflowSemaphore;
-  if (project == kReplySetProject) ++keysOfReplySet;
+  if (std::strcmp(path, "/var/kelp/controls_ae.kelp_ovr") == 0) ++keys_of_overflow_semaphore;
+  if (project == REPLY_SET_PROJECT) ++keys_of_reply_set;
   return realFtok(path, project);
 }
 
 extern "C" int semget(key_t key, int count, int flags) __THROW;
 extern "C" int semget(key_t key, int count, int flags) __THROW {
-  static auto* const real = armtest::nextCall<int(key_t, int, int)>("semget");
-  ++setsOpened;
-  if (spoilVersion && count == 2 &&
-      key == realFtok("/var/kelp/controls_ea.kelp", kReplySetProject)) {
+  static auto* const REAL = armtest::nextCall<int(key_t, int, int)>("semget");
+  ++sets_opened;
+  if (spoil_version && count == 2 &&
+      key == realFtok("/var/kelp/controls_ea.kelp", REPLY_SET_PROJECT)) {
     writeVersion(12345);
   }
-  return real(key, count, flags);
+  return REAL(key, count, flags);
 }
 
 namespace armtest {
@@ -60,10 +60,10 @@ class EngineStatus : public Calls {
  protected:
   /// Attempts to open the connection since the last look.
   static int attempts() {
-    const int count = keysOfOverflowSemaphore;
-    keysOfOverflowSemaphore = 0;
-    keysOfReplySet = 0;
-    setsOpened = 0;
+    const int count = keys_of_overflow_semaphore;
+    keys_of_overflow_semaphore = 0;
+    keys_of_reply_set = 0;
+    sets_opened = 0;
     return count;
   }
 };
@@ -71,29 +71,29 @@ class EngineStatus : public Calls {
 TEST_F(EngineStatus, OfAnAbsentEngineIsOneAttemptPerCall) {
   for (const PostingCall& one : postingCalls()) {
     EXPECT_EQ(-2, one.call()) << one.name;
-    EXPECT_EQ(1, keysOfOverflowSemaphore) << one.name;
-    EXPECT_EQ(0, setsOpened) << one.name;
+    EXPECT_EQ(1, keys_of_overflow_semaphore) << one.name;
+    EXPECT_EQ(0, sets_opened) << one.name;
     (void)attempts();
   }
 }
 
 TEST_F(EngineStatus, OfAConnectedProcessOpensNothing) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
-  EXPECT_EQ(1, keysOfReplySet);
+  EXPECT_EQ(1, keys_of_reply_set);
   EXPECT_EQ(1, attempts());
   for (const PostingCall& one : postingCalls()) {
     EXPECT_EQ(100 + one.type, one.call()) << one.name;
-    EXPECT_EQ(0, setsOpened) << one.name;
+    EXPECT_EQ(0, sets_opened) << one.name;
     EXPECT_EQ(0, attempts()) << one.name;
   }
 }
 
 TEST_F(EngineStatus, OfAnEngineThatWentAwayIsOneSecondAttemptAndThenOnePerCall) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
   (void)attempts();
-  engine.quit();
+  engine_.quit();
   for (const PostingCall& one : postingCalls()) {
     EXPECT_EQ(-2, one.call()) << one.name;
     EXPECT_EQ(1, attempts()) << one.name;
@@ -101,11 +101,11 @@ TEST_F(EngineStatus, OfAnEngineThatWentAwayIsOneSecondAttemptAndThenOnePerCall) 
 }
 
 TEST_F(EngineStatus, OfARestartedEngineIsOneAttempt) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
   for (const PostingCall& one : postingCalls()) {
-    engine.kill();
-    ASSERT_TRUE(engine.start());
+    engine_.kill();
+    ASSERT_TRUE(engine_.start());
     (void)attempts();
     EXPECT_EQ(100 + one.type, one.call()) << one.name;
     EXPECT_EQ(1, attempts()) << one.name;
@@ -113,10 +113,10 @@ TEST_F(EngineStatus, OfARestartedEngineIsOneAttempt) {
 }
 
 TEST_F(EngineStatus, OfAWrongVersionWordIsOneAttemptThatRepairsIt) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
   (void)attempts();
-  engine.setVersion(1);
+  engine_.setVersion(1);
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
   EXPECT_EQ(1, attempts());
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
@@ -124,15 +124,15 @@ TEST_F(EngineStatus, OfAWrongVersionWordIsOneAttemptThatRepairsIt) {
 }
 
 TEST_F(EngineStatus, OfAVersionWordThatStaysWrongIsMinus2AfterTwoAttempts) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   setenv("ARMDEBUG", "1", 1);
   setenv("ARMDEBUGFORMAT", "basic", 1);
   (void)attempts();
-  spoilVersion = true;
+  spoil_version = true;
   EXPECT_EQ(-2, arm_init("a", "u", 0, nullptr, 0));
   EXPECT_EQ(2, attempts());
-  spoilVersion = false;
-  EXPECT_EQ(0U, engine.taken());
+  spoil_version = false;
+  EXPECT_EQ(0U, engine_.taken());
   const Lines texts = basicTexts(readTrace());
   ASSERT_LT(4U, texts.size());
   const Lines end(texts.end() - 4, texts.end());

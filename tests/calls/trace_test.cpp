@@ -11,13 +11,13 @@
 namespace armtest {
 namespace {
 
-const Lines kFirstLine = {"Debug run found in caller's environment."};
+const Lines FIRST_LINE = {"Debug run found in caller's environment."};
 
-const Lines kOpenRequestSegment = {
+const Lines OPEN_REQUEST_SEGMENT = {
     "CkesSharedMemory_UNIX::implOpen ENTER - name = /var/kelp/controls_ae.kelp_mem",
     "CkesSharedMemory_UNIX::implOpen EXIT - name = /var/kelp/controls_ae.kelp_mem"};
 
-const Lines kOpenReplyQueue = {
+const Lines OPEN_REPLY_QUEUE = {
     "CIPCQueue<T>::CIPCQueue(const char*,bool) ENTER, name[/var/kelp/controls_ea.kelp] remove[0]",
     "CkesSharedMemory_UNIX::implOpen ENTER - name = /var/kelp/controls_ea.kelp",
     "CkesSharedMemory_UNIX::implOpen EXIT - name = /var/kelp/controls_ea.kelp",
@@ -26,16 +26,16 @@ const Lines kOpenReplyQueue = {
     "CIPCQueue<T>::CIPCQueue(const char*,bool) EXIT, name[/var/kelp/controls_ea.kelp] remove[0] "
     "VInitialized[1]"};
 
-const Lines kOpen = kOpenRequestSegment + kOpenReplyQueue;
+const Lines OPEN = OPEN_REQUEST_SEGMENT + OPEN_REPLY_QUEUE;
 
 /// Without name files: what the attempt to open writes.
-const Lines kNoNameFiles = {
+const Lines NO_NAME_FILES = {
     "CkesSemaphore_LINUX::implOpen ftok call failed[2] for i_Name[/var/kelp/controls_ae.kelp_ovr]",
     "CIPCSimpleQueue Failed on VOverflowSem", "InitializeIPC, OutQueue failure",
     "InitializeIPC, OutQueue is not Initialized"};
 
-const Lines kOpenFailed = {"CheckEngineStatus, InitializeIPC failed"};
-const Lines kStatusFailed = {"  \aCheckEngineStatus failed"};
+const Lines OPEN_FAILED = {"CheckEngineStatus, InitializeIPC failed"};
+const Lines STATUS_FAILED = {"  \aCheckEngineStatus failed"};
 
 void expectTexts(const Lines& expected, const Lines& actual, int line = __builtin_LINE()) {
   EXPECT_EQ(expected, actual) << "from line " << line;
@@ -53,7 +53,7 @@ class Trace : public Calls {
 
   /// Connects, and leaves an empty trace.
   void connect() {
-    ASSERT_TRUE(engine.start());
+    ASSERT_TRUE(engine_.start());
     ASSERT_EQ(101, arm_init("a", "u", 0, nullptr, 0));
     clearTrace();
   }
@@ -77,7 +77,7 @@ using TraceSwitch = Calls;
 
 // ---- whole programs -----------------------------------------------------------------------------
 
-const Lines kWholeProgram = kFirstLine + Lines{"libarm:arm_init ENTER"} + kOpen +
+const Lines WHOLE_PROGRAM = FIRST_LINE + Lines{"libarm:arm_init ENTER"} + OPEN +
                             Lines{"  app[editor]user[somebody]",
                                   "libarm:arm_init EXIT[101]",
                                   "libarm:arm_getid ENTER",
@@ -109,18 +109,18 @@ void runWholeProgram() {
 }
 
 TEST_F(Trace, OfAWholeProgramInTheBasicFormat) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   runWholeProgram();
-  expectTexts(kWholeProgram, takeTexts());
+  expectTexts(WHOLE_PROGRAM, takeTexts());
 }
 
 /// The texts of the program's records: those that the writer of lines ended carry no newline.
 Lines xmlTexts(const Lines& lines) {
   Lines texts;
   for (const std::string& line : lines) {
-    const bool endedByWriter =
+    const bool ended_by_writer =
         line.find("CkesSharedMemory_UNIX::") == 0 || line.find("CIPCQueue_LINUX::") == 0;
-    texts.push_back(endedByWriter ? line : line + "\n");
+    texts.push_back(ended_by_writer ? line : line + "\n");
   }
   return texts;
 }
@@ -128,17 +128,17 @@ Lines xmlTexts(const Lines& lines) {
 TEST_F(TraceXml, OfAWholeProgramIsTheDefaultFormat) {
   setenv("ARMDEBUG", "1", 1);
   unsetenv("ARMDEBUGFORMAT");
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   runWholeProgram();
-  EXPECT_EQ(xmlTrace(xmlTexts(kWholeProgram)), withoutTimes(readTrace()));
+  EXPECT_EQ(xmlTrace(xmlTexts(WHOLE_PROGRAM)), withoutTimes(readTrace()));
 }
 
 TEST_F(TraceXml, OfAnErrorLineHoldsTheBellAndTheNewlineAsTheyAre) {
   setenv("ARMDEBUG", "1", 1);
   unsetenv("ARMDEBUGFORMAT");
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   EXPECT_EQ(-1, arm_init(nullptr, nullptr, 0, nullptr, 0));
-  EXPECT_EQ(xmlTrace(xmlTexts(kFirstLine + Lines{"libarm:arm_init ENTER"} + kOpen +
+  EXPECT_EQ(xmlTrace(xmlTexts(FIRST_LINE + Lines{"libarm:arm_init ENTER"} + OPEN +
                               Lines{"  \aappl_name is NULL", "libarm:arm_init EXIT[-1]"})),
             withoutTimes(readTrace()));
 }
@@ -163,20 +163,20 @@ TEST_F(Trace, OfUpdateReportsCompletionsAndMetricDataIsEmpty) {
   makeSilentCalls(-1);
   makeSilentCalls(2147483647);
   EXPECT_FALSE(traceExists());
-  EXPECT_EQ(1U + 6U, engine.taken());
+  EXPECT_EQ(1U + 6U, engine_.taken());
 }
 
 TEST_F(Trace, OfUpdateReportsCompletionsAndMetricDataIsEmptyWhenTheyFailToo) {
   EngineSetup setup;
   setup.requests = 1;
   setup.requesters = 2;
-  ASSERT_TRUE(engine.start(setup));
+  ASSERT_TRUE(engine_.start(setup));
   ASSERT_EQ(101, arm_init("a", "u", 0, nullptr, 0));
   clearTrace();
-  engine.setReplyState(1);
-  engine.drop();
+  engine_.setReplyState(1);
+  engine_.drop();
   makeSilentCalls(5);
-  engine.setRequestState(1);
+  engine_.setRequestState(1);
   makeSilentCalls(5);
   EXPECT_FALSE(traceExists());
 }
@@ -184,32 +184,32 @@ TEST_F(Trace, OfUpdateReportsCompletionsAndMetricDataIsEmptyWhenTheyFailToo) {
 TEST_F(Trace, OfASilentCallWithoutAnEngineHasTheLinesOfTheStatusCheckAlone) {
   settleSwitch();
   EXPECT_EQ(-2, arm_update(5, 0, nullptr, 0));
-  expectTexts(kNoNameFiles + kOpenFailed, takeTexts());
+  expectTexts(NO_NAME_FILES + OPEN_FAILED, takeTexts());
   EXPECT_EQ(-2, arm_completeTransaction(5, 0, 0));
-  expectTexts(kNoNameFiles + kOpenFailed, takeTexts());
+  expectTexts(NO_NAME_FILES + OPEN_FAILED, takeTexts());
 }
 
 // ---- ENTER, EXIT and the error lines ------------------------------------------------------------
 
 TEST_F(Trace, OfACallWithoutAnEngineNamesTheFailedStatusCheck) {
   EXPECT_EQ(-2, arm_init("a", "u", 0, nullptr, 0));
-  expectTexts(kFirstLine + Lines{"libarm:arm_init ENTER"} + kNoNameFiles + kOpenFailed +
-                  kStatusFailed + Lines{"libarm:arm_init EXIT[-2]"},
+  expectTexts(FIRST_LINE + Lines{"libarm:arm_init ENTER"} + NO_NAME_FILES + OPEN_FAILED +
+                  STATUS_FAILED + Lines{"libarm:arm_init EXIT[-2]"},
               takeTexts());
   EXPECT_EQ(-2, arm_getid(5, "n", "d", 0, nullptr, 0));
-  expectTexts(Lines{"libarm:arm_getid ENTER"} + kNoNameFiles + kOpenFailed + kStatusFailed +
+  expectTexts(Lines{"libarm:arm_getid ENTER"} + NO_NAME_FILES + OPEN_FAILED + STATUS_FAILED +
                   Lines{"libarm:arm_getid EXIT[-2]"},
               takeTexts());
   EXPECT_EQ(-2, arm_start(5, 0, nullptr, 0));
-  expectTexts(Lines{"libarm:arm_start ENTER"} + kNoNameFiles + kOpenFailed + kStatusFailed +
+  expectTexts(Lines{"libarm:arm_start ENTER"} + NO_NAME_FILES + OPEN_FAILED + STATUS_FAILED +
                   Lines{"libarm:arm_start EXIT [-2]"},
               takeTexts());
   EXPECT_EQ(-2, arm_stop(5, 0, 0, nullptr, 0));
-  expectTexts(Lines{"libarm:arm_stop ENTER"} + kNoNameFiles + kOpenFailed + kStatusFailed +
+  expectTexts(Lines{"libarm:arm_stop ENTER"} + NO_NAME_FILES + OPEN_FAILED + STATUS_FAILED +
                   Lines{"libarm:arm_stop EXIT[-2]"},
               takeTexts());
   EXPECT_EQ(-2, arm_end(5, 0, nullptr, 0));
-  expectTexts(Lines{"libarm:arm_end ENTER"} + kNoNameFiles + kOpenFailed + kStatusFailed +
+  expectTexts(Lines{"libarm:arm_end ENTER"} + NO_NAME_FILES + OPEN_FAILED + STATUS_FAILED +
                   Lines{"libarm:arm_end EXIT [-2]"},
               takeTexts());
 }
@@ -219,12 +219,12 @@ TEST_F(Trace, OfRejectedRegistrations) {
   EXPECT_EQ(-1, arm_init(nullptr, "u", 0, nullptr, 0));
   expectTexts(Lines{"libarm:arm_init ENTER", "  \aappl_name is NULL", "libarm:arm_init EXIT[-1]"},
               takeTexts());
-  const Lines tooLong = {"libarm:arm_init ENTER", "  \aSome param is too long",
-                         "libarm:arm_init EXIT[-1]"};
+  const Lines too_long = {"libarm:arm_init ENTER", "  \aSome param is too long",
+                          "libarm:arm_init EXIT[-1]"};
   EXPECT_EQ(-1, arm_init("", "u", 0, nullptr, 0));
-  expectTexts(tooLong, takeTexts());
+  expectTexts(too_long, takeTexts());
   EXPECT_EQ(-1, arm_init("a", std::string(128, 'u').c_str(), 0, nullptr, 0));
-  expectTexts(tooLong, takeTexts());
+  expectTexts(too_long, takeTexts());
   const Lines invalid = {"libarm:arm_getid ENTER", "  \aappl_id or trans name is invalid",
                          "libarm:arm_getid EXIT[-1]"};
   EXPECT_EQ(-1, arm_getid(0, "n", "d", 0, nullptr, 0));
@@ -262,7 +262,7 @@ TEST_F(Trace, OfRejectedAndIgnoredMeasurements) {
 
 TEST_F(Trace, OfAFailedPost) {
   connect();
-  engine.setRequestState(1);
+  engine_.setRequestState(1);
   const Lines failed = {"  \aIPCPostToEngine failed"};
   EXPECT_EQ(-9, arm_init("a", "u", 0, nullptr, 0));
   expectTexts(Lines({"libarm:arm_init ENTER", "  app[a]user[u]"}) + failed +
@@ -289,24 +289,24 @@ TEST_F(Trace, OfAFailedPost) {
 TEST_F(Trace, OfAFullRing) {
   EngineSetup setup;
   setup.requests = 1;
-  ASSERT_TRUE(engine.start(setup));
+  ASSERT_TRUE(engine_.start(setup));
   ASSERT_EQ(101, arm_init("a", "u", 0, nullptr, 0));
-  engine.pause();
+  engine_.pause();
   CallInThread blocked([] { return arm_update(1, 0, nullptr, 0); });
-  ASSERT_TRUE(engine.waitSleepers(1));
+  ASSERT_TRUE(engine_.waitSleepers(1));
   clearTrace();
   EXPECT_EQ(-8, arm_start(1, 0, nullptr, 0));
   expectTexts(Lines{"libarm:arm_start ENTER", "  tran_id[1]", "  \aIPCPostToEngine failed",
                     "libarm:arm_start EXIT [-8]"},
               takeTexts());
-  engine.resume();
+  engine_.resume();
   EXPECT_EQ(104, blocked.result());
 }
 
 TEST_F(Trace, OfAFailedWaitIsMisspelledInArmEndAlone) {
   connect();
-  engine.setReplyState(1);
-  engine.drop();
+  engine_.setReplyState(1);
+  engine_.drop();
   const Lines failed = {"  \aIPCGetFromEngine failed"};
   EXPECT_EQ(-9, arm_init("a", "u", 0, nullptr, 0));
   expectTexts(Lines({"libarm:arm_init ENTER", "  app[a]user[u]"}) + failed +
@@ -332,17 +332,17 @@ TEST_F(Trace, OfAFailedWaitIsMisspelledInArmEndAlone) {
 
 // ---- conversions --------------------------------------------------------------------------------
 
-constexpr const char* kUnconvertible = "\xED\xA0\x80";
-const Lines kSecondStepFailed = {"ConvertStrUTF8()->w_strToUTF8() ICU ERROR Code [10] "};
+constexpr const char* UNCONVERTIBLE = "\xED\xA0\x80";
+const Lines SECOND_STEP_FAILED = {"ConvertStrUTF8()->w_strToUTF8() ICU ERROR Code [10] "};
 
 TEST_F(Trace, OfANameThatCannotBeConverted) {
   connect();
   ASSERT_EQ(-3004, SetExpectedCodeset("CESU-8"));
-  const std::string longName(127, '\xFF');
-  EXPECT_EQ(101, arm_init(longName.c_str(), "u", 0, nullptr, 0));
+  const std::string long_name(127, '\xFF');
+  EXPECT_EQ(101, arm_init(long_name.c_str(), "u", 0, nullptr, 0));
   expectTexts(
       Lines({"libarm:arm_init ENTER", "ConvertStrUTF8()->w_strToUTF8() ICU ERROR Code [15] ",
-             "Conversion of appl_name[" + longName + "] failed[-1003]", "  app[]user[u]",
+             "Conversion of appl_name[" + long_name + "] failed[-1003]", "  app[]user[u]",
              "libarm:arm_init EXIT[101]"}),
       takeTexts());
 }
@@ -350,12 +350,12 @@ TEST_F(Trace, OfANameThatCannotBeConverted) {
 TEST_F(Trace, OfTwoNamesThatCannotBeConverted) {
   ASSERT_EQ(0, SetExpectedCodeset("CESU-8"));
   connect();
-  EXPECT_EQ(-1003, arm_init(kUnconvertible, kUnconvertible, 0, nullptr, 0));
+  EXPECT_EQ(-1003, arm_init(UNCONVERTIBLE, UNCONVERTIBLE, 0, nullptr, 0));
   expectTexts(
-      Lines{"libarm:arm_init ENTER"} + kSecondStepFailed +
-          Lines{std::string("Conversion of appl_name[") + kUnconvertible + "] failed[-1003]"} +
-          kSecondStepFailed +
-          Lines{std::string("Conversion of appl_user_id[") + kUnconvertible + "] failed[-1003]",
+      Lines{"libarm:arm_init ENTER"} + SECOND_STEP_FAILED +
+          Lines{std::string("Conversion of appl_name[") + UNCONVERTIBLE + "] failed[-1003]"} +
+          SECOND_STEP_FAILED +
+          Lines{std::string("Conversion of appl_user_id[") + UNCONVERTIBLE + "] failed[-1003]",
                 "  \aUTF-8 conversion failed", "libarm:arm_init EXIT[-1003]"},
       takeTexts());
 }
@@ -363,12 +363,12 @@ TEST_F(Trace, OfTwoNamesThatCannotBeConverted) {
 TEST_F(Trace, OfClassNamesThatCannotBeConvertedHasNoConversionLine) {
   ASSERT_EQ(0, SetExpectedCodeset("CESU-8"));
   connect();
-  EXPECT_EQ(102, arm_getid(1, kUnconvertible, "d", 0, nullptr, 0));
-  expectTexts(Lines{"libarm:arm_getid ENTER"} + kSecondStepFailed +
+  EXPECT_EQ(102, arm_getid(1, UNCONVERTIBLE, "d", 0, nullptr, 0));
+  expectTexts(Lines{"libarm:arm_getid ENTER"} + SECOND_STEP_FAILED +
                   Lines{"  applID[1] transname[] transdetail[d]", "libarm:arm_getid EXIT[102]"},
               takeTexts());
-  EXPECT_EQ(-1003, arm_getid(1, "n", kUnconvertible, 0, nullptr, 0));
-  expectTexts(Lines{"libarm:arm_getid ENTER"} + kSecondStepFailed +
+  EXPECT_EQ(-1003, arm_getid(1, "n", UNCONVERTIBLE, 0, nullptr, 0));
+  expectTexts(Lines{"libarm:arm_getid ENTER"} + SECOND_STEP_FAILED +
                   Lines{"  \aUTF-8 conversion failed", "libarm:arm_getid EXIT[-1003]"},
               takeTexts());
 }
@@ -445,11 +445,11 @@ Lines startLines(const Lines& connection) {
          Lines{"  tran_id[5]", "libarm:arm_start EXIT [103]"};
 }
 
-const Lines kFoundDead = {"IsEngineAlive: CreatorAlive failed",
+const Lines FOUND_DEAD = {"IsEngineAlive: CreatorAlive failed",
                           "CheckEngineStatus, IsEngineAlive failed"};
-const Lines kTryAgain = {"CheckEngineStatus, Try to InitializeIPC again."};
+const Lines TRY_AGAIN = {"CheckEngineStatus, Try to InitializeIPC again."};
 /// The old reply queue tries to lock the segment whose set is gone.
-const Lines kOldReplyQueue = {
+const Lines OLD_REPLY_QUEUE = {
     "CkesSharedMemory::implLock: semop on VSemaphore[*] failed [-1] errno[*]"};
 
 Lines masked(const Lines& texts) {
@@ -458,18 +458,18 @@ Lines masked(const Lines& texts) {
 
 TEST_F(Trace, OfARestartShowsTheLockOfTheOldReplyQueueBeforeTheSecondTry) {
   connect();
-  engine.kill();
-  ASSERT_TRUE(engine.start());
+  engine_.kill();
+  ASSERT_TRUE(engine_.start());
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
-  expectTexts(startLines(kFoundDead + kOldReplyQueue + kTryAgain + kOpen), masked(takeTexts()));
+  expectTexts(startLines(FOUND_DEAD + OLD_REPLY_QUEUE + TRY_AGAIN + OPEN), masked(takeTexts()));
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
   expectTexts(startLines({}), takeTexts());
 }
 
 TEST_F(Trace, OfTheLockOfARemovedSetNamesErrno22) {
   connect();
-  engine.kill();
-  ASSERT_TRUE(engine.start());
+  engine_.kill();
+  ASSERT_TRUE(engine_.start());
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
   const Lines texts = withoutNumbers(takeTexts(), {"VSemaphore["});
   ASSERT_LT(3U, texts.size());
@@ -478,27 +478,27 @@ TEST_F(Trace, OfTheLockOfARemovedSetNamesErrno22) {
 
 TEST_F(Trace, OfARestartSeenByASilentCallHasTheLinesOfTheConnectionAlone) {
   connect();
-  engine.kill();
-  ASSERT_TRUE(engine.start());
+  engine_.kill();
+  ASSERT_TRUE(engine_.start());
   EXPECT_EQ(104, arm_update(5, 0, nullptr, 0));
-  expectTexts(kFoundDead + kOldReplyQueue + kTryAgain + kOpen, masked(takeTexts()));
+  expectTexts(FOUND_DEAD + OLD_REPLY_QUEUE + TRY_AGAIN + OPEN, masked(takeTexts()));
 }
 
 TEST_F(Trace, OfAnEngineThatEndedInGoodOrder) {
   connect();
-  engine.quit();
+  engine_.quit();
   EXPECT_EQ(-2, arm_start(5, 0, nullptr, 0));
-  expectTexts(Lines{"libarm:arm_start ENTER"} + kFoundDead + kOldReplyQueue + kTryAgain +
-                  kNoNameFiles + Lines{"CheckEngineStatus, 2nd try at InitializeIPC failed."} +
-                  kStatusFailed + Lines{"libarm:arm_start EXIT [-2]"},
+  expectTexts(Lines{"libarm:arm_start ENTER"} + FOUND_DEAD + OLD_REPLY_QUEUE + TRY_AGAIN +
+                  NO_NAME_FILES + Lines{"CheckEngineStatus, 2nd try at InitializeIPC failed."} +
+                  STATUS_FAILED + Lines{"libarm:arm_start EXIT [-2]"},
               masked(takeTexts()));
   EXPECT_EQ(-2, arm_start(5, 0, nullptr, 0));
-  expectTexts(Lines{"libarm:arm_start ENTER"} + kNoNameFiles + kOpenFailed + kStatusFailed +
+  expectTexts(Lines{"libarm:arm_start ENTER"} + NO_NAME_FILES + OPEN_FAILED + STATUS_FAILED +
                   Lines{"libarm:arm_start EXIT [-2]"},
               takeTexts());
 }
 
-const Lines kOpenOfADeadEngine = {
+const Lines OPEN_OF_A_DEAD_ENGINE = {
     "CkesSharedMemory_UNIX::implOpen ENTER - name = /var/kelp/controls_ae.kelp_mem",
     "CkesSharedMemory_UNIX::implOpen - ERROR - semctl(VSemaphore, 1, GETVAL) failed where errno = "
     "*, sem_val = 1",
@@ -506,33 +506,33 @@ const Lines kOpenOfADeadEngine = {
 
 TEST_F(Trace, OfAnEngineThatWasKilled) {
   connect();
-  engine.kill();
+  engine_.kill();
   EXPECT_EQ(-2, arm_start(5, 0, nullptr, 0));
   // Its sets are still there: the old reply queue is locked without a failure.
-  expectTexts(Lines{"libarm:arm_start ENTER"} + kFoundDead + kTryAgain + kOpenOfADeadEngine +
-                  Lines{"CheckEngineStatus, 2nd try at InitializeIPC failed."} + kStatusFailed +
+  expectTexts(Lines{"libarm:arm_start ENTER"} + FOUND_DEAD + TRY_AGAIN + OPEN_OF_A_DEAD_ENGINE +
+                  Lines{"CheckEngineStatus, 2nd try at InitializeIPC failed."} + STATUS_FAILED +
                   Lines{"libarm:arm_start EXIT [-2]"},
               withoutNumbers(takeTexts(), {"where errno = "}));
   EXPECT_EQ(-2, arm_start(5, 0, nullptr, 0));
-  expectTexts(Lines{"libarm:arm_start ENTER"} + kOpenOfADeadEngine + kOpenFailed + kStatusFailed +
-                  Lines{"libarm:arm_start EXIT [-2]"},
+  expectTexts(Lines{"libarm:arm_start ENTER"} + OPEN_OF_A_DEAD_ENGINE + OPEN_FAILED +
+                  STATUS_FAILED + Lines{"libarm:arm_start EXIT [-2]"},
               withoutNumbers(takeTexts(), {"where errno = "}));
 }
 
 TEST_F(Trace, OfAWrongVersionWord) {
   connect();
-  engine.setVersion(50299);
+  engine_.setVersion(50299);
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
   expectTexts(startLines(Lines{"IsEngineAlive: OutQueue version[50299] does not match libarm "
                                "version[50300]",
                                "CheckEngineStatus, IsEngineAlive failed"} +
-                         kTryAgain + kOpen),
+                         TRY_AGAIN + OPEN),
               takeTexts());
 }
 
 TEST_F(Trace, OfAVersionWordWithAllBitsSetIsUnsigned) {
   connect();
-  engine.setVersion(-1);
+  engine_.setVersion(-1);
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
   const Lines texts = takeTexts();
   ASSERT_LT(1U, texts.size());
@@ -543,43 +543,43 @@ TEST_F(Trace, OfAVersionWordWithAllBitsSetIsUnsigned) {
 TEST_F(Trace, OfAnEngineThatIsNotReadyNamesNoSecondReason) {
   EngineSetup setup;
   setup.ready = false;
-  ASSERT_TRUE(engine.start(setup));
+  ASSERT_TRUE(engine_.start(setup));
   settleSwitch();
   EXPECT_EQ(-2, arm_update(5, 0, nullptr, 0));
-  expectTexts(kOpenRequestSegment + Lines{"InitializeIPC, OutQueue failure"} + kOpenFailed,
+  expectTexts(OPEN_REQUEST_SEGMENT + Lines{"InitializeIPC, OutQueue failure"} + OPEN_FAILED,
               takeTexts());
 }
 
 TEST_F(Trace, OfARequestQueueThatIsStopped) {
-  ASSERT_TRUE(engine.start());
-  engine.setRequestState(1);
+  ASSERT_TRUE(engine_.start());
+  engine_.setRequestState(1);
   settleSwitch();
   EXPECT_EQ(-2, arm_update(5, 0, nullptr, 0));
-  expectTexts(kOpenRequestSegment +
+  expectTexts(OPEN_REQUEST_SEGMENT +
                   Lines{"CIPCSimpleQueue VQueueState is bad", "InitializeIPC, OutQueue failure",
                         "InitializeIPC, OutQueue is not Initialized"} +
-                  kOpenFailed,
+                  OPEN_FAILED,
               takeTexts());
 }
 
 TEST_F(Trace, OfAReplyQueueThatIsStopped) {
-  ASSERT_TRUE(engine.start());
-  engine.setReplyState(1);
+  ASSERT_TRUE(engine_.start());
+  engine_.setReplyState(1);
   settleSwitch();
   EXPECT_EQ(-2, arm_update(5, 0, nullptr, 0));
-  Lines refused = kOpen;
+  Lines refused = OPEN;
   refused.back().replace(refused.back().find("VInitialized[1]"), 15, "VInitialized[0]");
-  expectTexts(refused + Lines{"InitializeIPC, Failed to create InQueue"} + kOpenFailed,
+  expectTexts(refused + Lines{"InitializeIPC, Failed to create InQueue"} + OPEN_FAILED,
               takeTexts());
 }
 
 TEST_F(Trace, OfAMissingReplyQueueHasTwoBlanksBehindTheSecondDash) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   ASSERT_EQ(0, rename("/var/kelp/controls_ea.kelp", "/var/kelp/away"));
   settleSwitch();
   EXPECT_EQ(-2, arm_update(5, 0, nullptr, 0));
   expectTexts(
-      kOpenRequestSegment +
+      OPEN_REQUEST_SEGMENT +
           Lines{"CIPCQueue<T>::CIPCQueue(const char*,bool) ENTER, "
                 "name[/var/kelp/controls_ea.kelp] remove[0]",
                 "CkesSharedMemory_UNIX::implOpen ENTER - name = /var/kelp/controls_ea.kelp",
@@ -588,11 +588,11 @@ TEST_F(Trace, OfAMissingReplyQueueHasTwoBlanksBehindTheSecondDash) {
                 "CIPCQueue<T>::CIPCQueue(const char*,bool) - ERROR "
                 "-VSharedMemory->GetInitResult() = -250",
                 "InitializeIPC, Failed to create InQueue"} +
-          kOpenFailed,
+          OPEN_FAILED,
       takeTexts());
   ASSERT_EQ(0, rename("/var/kelp/away", "/var/kelp/controls_ea.kelp"));
   EXPECT_EQ(104, arm_update(5, 0, nullptr, 0));
-  expectTexts(kOpen, takeTexts());
+  expectTexts(OPEN, takeTexts());
 }
 
 TEST_F(Trace, OfAPrefixedEngineShowsItsPaths) {
@@ -600,7 +600,7 @@ TEST_F(Trace, OfAPrefixedEngineShowsItsPaths) {
   EngineSetup setup;
   setup.prefixed = true;
   setup.prefix = "agent2";
-  ASSERT_TRUE(engine.start(setup));
+  ASSERT_TRUE(engine_.start(setup));
   EXPECT_EQ(101, arm_init("a", "u", 0, nullptr, 0));
   const Lines texts = takeTexts();
   ASSERT_LT(7U, texts.size());
@@ -620,14 +620,14 @@ TEST_F(Trace, OfAPrefixedEngineShowsItsPaths) {
 TEST_F(TraceSwitch, IsNotSettledBeforeTheFirstRegistration) {
   setenv("ARMDEBUG", "1", 1);
   setenv("ARMDEBUGFORMAT", "basic", 1);
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
   EXPECT_EQ(102, arm_getid(5, "n", "d", 0, nullptr, 0));
   EXPECT_EQ(106, arm_end(5, 0, nullptr, 0));
   EXPECT_FALSE(traceExists());
   EXPECT_EQ(101, w_ArmInit(0, "a", "u", 0, nullptr, 0));
   expectTexts(
-      kFirstLine + Lines({"libarm:arm_init ENTER", "  app[a]user[u]", "libarm:arm_init EXIT[101]"}),
+      FIRST_LINE + Lines({"libarm:arm_init ENTER", "  app[a]user[u]", "libarm:arm_init EXIT[101]"}),
       basicTexts(readTrace()));
   clearTrace();
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
@@ -638,21 +638,21 @@ TEST_F(TraceSwitch, IsSettledByARegistrationThatIsRejectedToo) {
   setenv("ARMDEBUG", "1", 1);
   setenv("ARMDEBUGFORMAT", "basic", 1);
   EXPECT_EQ(-2, arm_init(nullptr, nullptr, 0, nullptr, 0));
-  EXPECT_EQ(kFirstLine, Lines{basicTexts(readTrace()).front()});
+  EXPECT_EQ(FIRST_LINE, Lines{basicTexts(readTrace()).front()});
 }
 
 TEST_F(TraceSwitch, IsOnWithAnEmptyValue) {
   setenv("ARMDEBUG", "", 1);
   setenv("ARMDEBUGFORMAT", "basic", 1);
   EXPECT_EQ(-2, arm_init("a", "u", 0, nullptr, 0));
-  EXPECT_EQ(kFirstLine, Lines{basicTexts(readTrace()).front()});
+  EXPECT_EQ(FIRST_LINE, Lines{basicTexts(readTrace()).front()});
 }
 
 TEST_F(TraceSwitch, IsOffWithoutTheVariableWhateverTheFormatVariableSays) {
   unsetenv("ARMDEBUG");
   setenv("ARMDEBUGFORMAT", "basic", 1);
   for (const PostingCall& one : postingCalls()) EXPECT_EQ(-2, one.call());
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   for (const PostingCall& one : postingCalls()) EXPECT_EQ(100 + one.type, one.call());
   EXPECT_FALSE(traceExists());
 }

@@ -54,11 +54,11 @@ bool putFiller() {
   return CIPCSimpleQueue<TArmMessage>(REQUEST_QUEUE_NAME).Put(filler) == 0;
 }
 
-int serve(Ring ring, int readyPipe) {
+int serve(Ring ring, int ready_pipe) {
   std::string why;
   const auto queues = armengine::EngineQueues::create({}, &why);
   if (queues == nullptr || (ring == Ring::occupied && !putFiller())) return 1;
-  if (write(readyPipe, "r", 1) != 1) return 1;
+  if (write(ready_pipe, "r", 1) != 1) return 1;
   if (ring == Ring::empty) {
     serveEmpty(*queues);
   } else {

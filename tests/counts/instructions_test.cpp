@@ -15,7 +15,7 @@ namespace armtest {
 
 namespace {
 
-constexpr int kCalls = 50;
+constexpr int CALLS = 50;
 
 struct Profile {
   long instructions = 0;
@@ -26,7 +26,7 @@ class Instructions : public testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(engine_.isReady()); }
 
-  /// What the counter has seen of kCalls calls.
+  /// What the counter has seen of CALLS calls.
   static Profile count(const std::string& name) {
     const std::string client = std::string(ARM_BUILD_DIR) + "/bin/counts_client";
     const std::string path = "/tmp/counts." + name;
@@ -38,7 +38,7 @@ class Instructions : public testing::Test {
     const pid_t counter = forkChild([&] {
       execlp("valgrind", "valgrind", "--quiet", "--tool=callgrind", "--toggle-collect=countedCalls",
              ("--callgrind-out-file=" + path).c_str(), client.c_str(), "instructions", name.c_str(),
-             std::to_string(kCalls).c_str(), nullptr);
+             std::to_string(CALLS).c_str(), nullptr);
       return 127;
     });
     EXPECT_EQ(0, exitCodeOf(counter)) << "valgrind and " << client;
@@ -47,12 +47,12 @@ class Instructions : public testing::Test {
 
  private:
   static Profile read(const std::string& path) {
-    static const std::regex kTotal(R"(^(?:totals|summary): (\d+).*)");
+    static const std::regex TOTAL(R"(^(?:totals|summary): (\d+).*)");
     Profile profile;
     std::ifstream file(path);
     for (std::string line; std::getline(file, line);) {
       std::smatch parts;
-      if (std::regex_match(line, parts, kTotal)) profile.instructions = std::stol(parts[1]);
+      if (std::regex_match(line, parts, TOTAL)) profile.instructions = std::stol(parts[1]);
       profile.text += line + "\n";
     }
     EXPECT_GT(profile.instructions, 0) << path;
@@ -65,8 +65,8 @@ class Instructions : public testing::Test {
 TEST_F(Instructions, AreAtMostTwiceThoseOfABareClient) {
   const long library = count("arm").instructions;
   const long bare = count("floor").instructions;
-  std::printf("instructions per call: library %ld, bare client %ld\n", library / kCalls,
-              bare / kCalls);
+  std::printf("instructions per call: library %ld, bare client %ld\n", library / CALLS,
+              bare / CALLS);
   EXPECT_LE(library, 2 * bare);
 }
 

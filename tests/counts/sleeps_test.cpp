@@ -14,8 +14,8 @@ namespace armtest {
 
 namespace {
 
-constexpr int kSleepyCalls = 300;
-constexpr int kRuns = 5;
+constexpr int SLEEPY_CALLS = 300;
+constexpr int RUNS = 5;
 
 /// Keeps this process, and those that it starts, on the processor that it runs on.
 void stayOnOneProcessor() {
@@ -43,13 +43,13 @@ TEST(Sleeps, ACallSleepsForItsReplyAndHardlyEverBesides) {
   const CountingEngine engine(CountingEngine::Ring::empty);
   ASSERT_TRUE(engine.isReady());
   long fewest = LONG_MAX;
-  for (int run = 0; run < kRuns; ++run) {
-    const long sleeps = sleepsOf(kSleepyCalls);
+  for (int run = 0; run < RUNS; ++run) {
+    const long sleeps = sleepsOf(SLEEPY_CALLS);
     ASSERT_GE(sleeps, 0) << "counts_client failed";
     fewest = std::min(fewest, sleeps);
   }
-  std::printf("sleeps per call: %.2f\n", static_cast<double>(fewest) / kSleepyCalls);
-  EXPECT_LE(fewest, kSleepyCalls * 3 / 2);
+  std::printf("sleeps per call: %.2f\n", static_cast<double>(fewest) / SLEEPY_CALLS);
+  EXPECT_LE(fewest, SLEEPY_CALLS * 3 / 2);
 }
 
 }  // namespace

@@ -24,17 +24,17 @@ using Steps = std::vector<std::string>;
 using Ring = CountingEngine::Ring;
 
 // "set operation"; the operations of a semop are written number:change:flags.
-const std::string kRequestsLock = "requests 0:0:0 0:1:SEM_UNDO";
-const std::string kRequestsUnlock = "requests 0:-1:SEM_UNDO|IPC_NOWAIT";
-const std::string kRepliesLock = "replies 0:0:0 0:1:SEM_UNDO";
-const std::string kRepliesUnlock = "replies 0:-1:SEM_UNDO|IPC_NOWAIT";
+const std::string REQUESTS_LOCK = "requests 0:0:0 0:1:SEM_UNDO";
+const std::string REQUESTS_UNLOCK = "requests 0:-1:SEM_UNDO|IPC_NOWAIT";
+const std::string REPLIES_LOCK = "replies 0:0:0 0:1:SEM_UNDO";
+const std::string REPLIES_UNLOCK = "replies 0:-1:SEM_UNDO|IPC_NOWAIT";
 
-const Steps kBeforeWake = {"requests GETVAL 1", "getpid", "requests GETVAL 1", kRequestsLock};
-const Steps kWake = {"empty 1:0:0 1:1:SEM_UNDO", "empty GETVAL 0", "empty 0:1:0",
-                     "empty 1:-1:SEM_UNDO|IPC_NOWAIT"};
-const Steps kAfterWake = {kRequestsUnlock, "getpid",         "replies GETVAL 1",
-                          kRepliesLock,    kRepliesUnlock,   "wake 2:-1:0",
-                          kRepliesLock,    "wake GETNCNT 2", kRepliesUnlock};
+const Steps BEFORE_WAKE = {"requests GETVAL 1", "getpid", "requests GETVAL 1", REQUESTS_LOCK};
+const Steps WAKE = {"empty 1:0:0 1:1:SEM_UNDO", "empty GETVAL 0", "empty 0:1:0",
+                    "empty 1:-1:SEM_UNDO|IPC_NOWAIT"};
+const Steps AFTER_WAKE = {REQUESTS_UNLOCK, "getpid",         "replies GETVAL 1",
+                          REPLIES_LOCK,    REPLIES_UNLOCK,   "wake 2:-1:0",
+                          REPLIES_LOCK,    "wake GETNCNT 2", REPLIES_UNLOCK};
 
 Steps operator+(Steps left, const Steps& right) {
   left.insert(left.end(), right.begin(), right.end());
@@ -42,14 +42,14 @@ Steps operator+(Steps left, const Steps& right) {
 }
 
 Steps idleExchange() {
-  return kBeforeWake + kWake + kAfterWake;
+  return BEFORE_WAKE + WAKE + AFTER_WAKE;
 }
 
 Steps busyExchange() {
-  return kBeforeWake + kAfterWake;
+  return BEFORE_WAKE + AFTER_WAKE;
 }
 
-const std::vector<std::string> kPostingCalls = {"arm_init",
+const std::vector<std::string> POSTING_CALLS = {"arm_init",
                                                 "w_ArmInit",
                                                 "arm_getid",
                                                 "w_ArmGetID",
@@ -62,7 +62,7 @@ const std::vector<std::string> kPostingCalls = {"arm_init",
                                                 "arm_completeTransactionInstance",
                                                 "arm_associateMetricData",
                                                 "arm_end"};
-const std::vector<std::string> kLocalCalls = {"arm_getCorrelatorKey", "SetExpectedCodeset",
+const std::vector<std::string> LOCAL_CALLS = {"arm_getCorrelatorKey", "SetExpectedCodeset",
                                               "GetExpectedCodeset"};
 
 /// The semaphore sets of the connection, by their numbers in a trace.
@@ -78,25 +78,25 @@ std::map<std::string, std::string> setNames() {
 
 /// One line of the trace in the form of the lists above; a line of any other kind stays as it is.
 std::string stepOf(const std::string& line, const std::map<std::string, std::string>& names) {
-  static const std::regex kGetpid(R"(^getpid\(\).*)");
-  static const std::regex kControl(R"(^semctl\((\d+), (\d+), (?:IPC_64\|)?(\w+).*)");
-  static const std::regex kOperate(R"(^sem(?:timed)?op(?:_time64)?\((\d+), \[(.*)\], \d.*)");
-  static const std::regex kOperation(
+  static const std::regex GETPID(R"(^getpid\(\).*)");
+  static const std::regex CONTROL(R"(^semctl\((\d+), (\d+), (?:IPC_64\|)?(\w+).*)");
+  static const std::regex OPERATE(R"(^sem(?:timed)?op(?:_time64)?\((\d+), \[(.*)\], \d.*)");
+  static const std::regex OPERATION(
       R"(\{(?:sem_num=)?(\d+), (?:sem_op=)?(-?\d+), (?:sem_flg=)?([^}]*)\})");
   std::smatch parts;
-  if (std::regex_match(line, kGetpid)) return "getpid";
-  const auto nameOf = [&names](const std::string& number) {
+  if (std::regex_match(line, GETPID)) return "getpid";
+  const auto name_of = [&names](const std::string& number) {
     const auto name = names.find(number);
     return name != names.end() ? name->second : "set " + number;
   };
-  if (std::regex_match(line, parts, kControl)) {
-    return nameOf(parts[1]) + " " + parts[3].str() + " " + parts[2].str();
+  if (std::regex_match(line, parts, CONTROL)) {
+    return name_of(parts[1]) + " " + parts[3].str() + " " + parts[2].str();
   }
-  if (!std::regex_match(line, parts, kOperate)) return line;
-  std::string step = nameOf(parts[1]);
+  if (!std::regex_match(line, parts, OPERATE)) return line;
+  std::string step = name_of(parts[1]);
   const std::string operations = parts[2];
-  for (std::sregex_iterator each(operations.begin(), operations.end(), kOperation), end;
-       each != end; ++each) {
+  for (std::sregex_iterator each(operations.begin(), operations.end(), OPERATION), end; each != end;
+       ++each) {
     step += " " + (*each)[1].str() + ":" + (*each)[2].str() + ":" + (*each)[3].str();
   }
   return step;
@@ -104,14 +104,14 @@ std::string stepOf(const std::string& line, const std::map<std::string, std::str
 
 /// The steps between the marks of each call.
 std::map<std::string, Steps> readTrace(const std::string& path) {
-  static const std::regex kMark(R"re(^write\(-1, "(\w+)", \d+\) .*)re");
+  static const std::regex MARK(R"re(^write\(-1, "(\w+)", \d+\) .*)re");
   const std::map<std::string, std::string> names = setNames();
   std::map<std::string, Steps> calls;
   Steps* current = nullptr;
   std::ifstream trace(path);
   for (std::string line; std::getline(trace, line);) {
     std::smatch parts;
-    if (std::regex_match(line, parts, kMark)) {
+    if (std::regex_match(line, parts, MARK)) {
       current = parts[1] == "end" ? nullptr : &calls[parts[1]];
     } else if (current != nullptr) {
       current->push_back(stepOf(line, names));
@@ -147,20 +147,20 @@ TEST_F(SystemCalls, ACallToAnIdleEngineMakesSeventeen) {
   const CountingEngine engine(Ring::empty);
   ASSERT_TRUE(engine.isReady());
   ASSERT_EQ(17U, idleExchange().size());
-  expectSteps(idleExchange(), kPostingCalls, trace());
+  expectSteps(idleExchange(), POSTING_CALLS, trace());
 }
 
 TEST_F(SystemCalls, ACallThatFindsTheRingOccupiedMakesThirteen) {
   const CountingEngine engine(Ring::occupied);
   ASSERT_TRUE(engine.isReady());
   ASSERT_EQ(13U, busyExchange().size());
-  expectSteps(busyExchange(), kPostingCalls, trace());
+  expectSteps(busyExchange(), POSTING_CALLS, trace());
 }
 
 TEST_F(SystemCalls, CallsThatNeedNoEngineMakeNone) {
   const CountingEngine engine(Ring::empty);
   ASSERT_TRUE(engine.isReady());
-  expectSteps({}, kLocalCalls, trace());
+  expectSteps({}, LOCAL_CALLS, trace());
 }
 
 // The creator's semaphore is read, and nothing else is done.
@@ -176,14 +176,14 @@ TEST_F(SystemCalls, CallsWithArgumentsThatAreRefusedMakeOne) {
   const CountingEngine engine(Ring::empty);
   ASSERT_TRUE(engine.isReady());
   const auto calls = trace("rejected");
-  EXPECT_EQ(kPostingCalls.size(), calls.size());
+  EXPECT_EQ(POSTING_CALLS.size(), calls.size());
   for (const auto& [name, steps] : calls) EXPECT_EQ(Steps{"requests GETVAL 1"}, steps) << name;
 }
 
 // The first name file is looked for.
 TEST_F(SystemCalls, CallsWithoutAnEngineMakeOne) {
   const auto calls = trace();
-  for (const std::string& name : kPostingCalls) {
+  for (const std::string& name : POSTING_CALLS) {
     ASSERT_EQ(1U, calls.count(name)) << name;
     const Steps& steps = calls.at(name);
     ASSERT_EQ(1U, steps.size()) << name;
@@ -191,7 +191,7 @@ TEST_F(SystemCalls, CallsWithoutAnEngineMakeOne) {
         steps[0], std::regex(R"re(^\w*stat\w*\(.*"/var/kelp/controls_ae\.kelp_ovr".* ENOENT)re")))
         << steps[0];
   }
-  expectSteps({}, kLocalCalls, calls);
+  expectSteps({}, LOCAL_CALLS, calls);
 }
 
 // How the C library finds the name is its own matter.

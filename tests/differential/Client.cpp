@@ -20,11 +20,11 @@ namespace differential {
 
 namespace {
 
-constexpr int kErrorBefore = 4711;
+constexpr int ERROR_BEFORE = 4711;
 
 void storeText(CallOutcome& outcome, const char* text) {
-  outcome.isText = true;
-  outcome.isNull = text == nullptr;
+  outcome.is_text = true;
+  outcome.is_null = text == nullptr;
   if (text != nullptr) strncpy(outcome.text, text, sizeof outcome.text - 1);
 }
 
@@ -42,33 +42,33 @@ int32_t callNumber(const CallOrder& order) {
   const char* first = static_cast<const char*>(m[0]);
   const char* second = static_cast<const char*>(m[1]);
   switch (order.function) {
-    case kArmInit:
+    case ARM_INIT:
       return arm_init(first, second, n[0], m[2], n[1]);
-    case kWArmInit:
+    case W_ARM_INIT:
       return w_ArmInit(static_cast<unsigned char>(n[2]), first, second, n[0], m[2], n[1]);
-    case kArmGetid:
+    case ARM_GETID:
       return arm_getid(n[0], first, second, n[1], m[2], n[2]);
-    case kWArmGetID:
+    case W_ARM_GET_ID:
       return w_ArmGetID(static_cast<unsigned char>(n[3]), n[0], first, second, n[1], m[2], n[2]);
-    case kArmStart:
+    case ARM_START:
       return arm_start(n[0], n[1], m[0], n[2]);
-    case kArmUpdate:
+    case ARM_UPDATE:
       return arm_update(n[0], n[1], m[0], n[2]);
-    case kArmStop:
+    case ARM_STOP:
       return arm_stop(n[0], n[1], n[2], m[0], n[3]);
-    case kArmEnd:
+    case ARM_END:
       return arm_end(n[0], n[1], m[0], n[2]);
-    case kTransactionReport:
+    case TRANSACTION_REPORT:
       return arm_transactionReport(n[0], n[1], m[0], n[2], n[3], n[4], n[5], n[6]);
-    case kTransactionInstanceReport:
+    case TRANSACTION_INSTANCE_REPORT:
       return arm_transactionInstanceReport(n[0], n[1], m[0], n[2], n[3], n[4], n[5], n[6]);
-    case kCompleteTransaction:
+    case COMPLETE_TRANSACTION:
       return arm_completeTransaction(n[0], n[1], n[2]);
-    case kCompleteTransactionInstance:
+    case COMPLETE_TRANSACTION_INSTANCE:
       return arm_completeTransactionInstance(n[0], n[1], n[2]);
-    case kAssociateMetricData:
+    case ASSOCIATE_METRIC_DATA:
       return arm_associateMetricData(n[0], m[0], n[1]);
-    case kSetExpectedCodeset:
+    case SET_EXPECTED_CODESET:
       return SetExpectedCodeset(first);
     default:
       setEnvironment(first, second);
@@ -77,16 +77,16 @@ int32_t callNumber(const CallOrder& order) {
 }
 
 void call(const CallOrder& order, CallOutcome& outcome) {
-  outcome.isText = false;
-  errno = kErrorBefore;
-  if (order.function == kGetCorrelatorKey) {
+  outcome.is_text = false;
+  errno = ERROR_BEFORE;
+  if (order.function == GET_CORRELATOR_KEY) {
     storeText(outcome, arm_getCorrelatorKey());
-  } else if (order.function == kGetExpectedCodeset) {
+  } else if (order.function == GET_EXPECTED_CODESET) {
     storeText(outcome, GetExpectedCodeset());
   } else {
     outcome.result = callNumber(order);
   }
-  outcome.error = errno - kErrorBefore;
+  outcome.error = errno - ERROR_BEFORE;
 }
 
 void callAndWatch(const CallOrder& order, CallOutcome& outcome) {
@@ -94,8 +94,8 @@ void callAndWatch(const CallOrder& order, CallOutcome& outcome) {
   call(order, outcome);
   clock_gettime(CLOCK_REALTIME, &outcome.end);
   const char* data = getenv("ICU_DATA");
-  outcome.hasIcuData = data != nullptr;
-  if (data != nullptr) strncpy(outcome.icuData, data, sizeof outcome.icuData - 1);
+  outcome.has_icu_data = data != nullptr;
+  if (data != nullptr) strncpy(outcome.icu_data, data, sizeof outcome.icu_data - 1);
 }
 
 }  // namespace
@@ -115,7 +115,7 @@ void Client::start(const std::vector<std::string>& environment, int threads, int
     close(ends_[static_cast<size_t>(i)].write);
   }
   // Every thread has said who it is.
-  for (int i = 0; i < threads; ++i) (void)awaitCall(i, kPatienceSeconds * 1000);
+  for (int i = 0; i < threads; ++i) (void)awaitCall(i, PATIENCE_SECONDS * 1000);
 }
 
 [[noreturn]] void Client::live(const std::vector<std::string>& environment, int threads,
@@ -139,7 +139,7 @@ void Client::work(int thread) {
   board_.threads[thread] = {uint64_t{pthread_self()}, static_cast<uint32_t>(syscall(SYS_gettid))};
   char byte = 0;
   do {
-    board_.callIsOver.store(true);
+    board_.call_is_over.store(true);
     if (write(ends_[static_cast<size_t>(thread)].write, &byte, 1) != 1) return;
     if (read(orders_[static_cast<size_t>(thread)].read, &byte, 1) != 1) return;
     callAndWatch(board_.call, board_.outcome);
@@ -148,14 +148,14 @@ void Client::work(int thread) {
 
 void Client::beginCall(int thread) {
   const char byte = 0;
-  board_.callIsOver.store(false);
+  board_.call_is_over.store(false);
   (void)!write(orders_[static_cast<size_t>(thread)].write, &byte, 1);
 }
 
 Client::Wait Client::awaitCall(int thread, int milliseconds) {
   const int end = ends_[static_cast<size_t>(thread)].read;
   pollfd readable = {end, POLLIN, 0};
-  if (poll(&readable, 1, milliseconds) == 0) return Wait::notYet;
+  if (poll(&readable, 1, milliseconds) == 0) return Wait::not_yet;
   char byte = 0;
   return read(end, &byte, 1) == 1 ? Wait::over : Wait::dead;
 }

@@ -15,15 +15,15 @@ namespace differential {
 
 namespace {
 
-constexpr int kProjects[kSets] = {1, 1, 1, 1, 3};
-constexpr int kSegmentProject = 2;
-constexpr int kSegmentNames[kSegments] = {kRequestLock, kReplyLock};
-constexpr size_t kSlots = 28;
-constexpr size_t kHeads = 12;
-constexpr size_t kItemSize = 532;
-constexpr int kMostUnits = 32766;
-constexpr uint32_t kStrangersThread = 0x51;
-constexpr int32_t kStrangersProcess = 0x7ffffff0;
+constexpr int PROJECTS[SETS] = {1, 1, 1, 1, 3};
+constexpr int SEGMENT_PROJECT = 2;
+constexpr int SEGMENT_NAMES[SEGMENTS] = {REQUEST_LOCK, REPLY_LOCK};
+constexpr size_t SLOTS = 28;
+constexpr size_t HEADS = 12;
+constexpr size_t ITEM_SIZE = 532;
+constexpr int MOST_UNITS = 32766;
+constexpr uint32_t STRANGERS_THREAD = 0x51;
+constexpr int32_t STRANGERS_PROCESS = 0x7ffffff0;
 
 int makeSet(const std::string& path, int project, int semaphores) {
   return semget(ftok(path.c_str(), project), semaphores, IPC_CREAT | IPC_EXCL | 0666);
@@ -38,7 +38,7 @@ void change(int set, int number, int by, int flags = 0) {
 void makeCountingSet(int set) {
   (void)semctl(set, 0, SETVAL, 0);
   (void)semctl(set, 1, SETVAL, 0);
-  (void)semctl(set, 2, SETVAL, kMostUnits);
+  (void)semctl(set, 2, SETVAL, MOST_UNITS);
 }
 
 void beginLife(int set) {
@@ -64,14 +64,14 @@ struct Engine::Head {
 // ---- objects ------------------------------------------------------------------------------------
 
 void Engine::make() {
-  const int semaphores[kSets] = {3, 3, 2, 2, layout_.heads + 2};
-  const size_t sizes[kSegments] = {layout_.requestSize, layout_.replySize};
-  for (int i = 0; i < kSets; ++i) {
+  const int semaphores[SETS] = {3, 3, 2, 2, layout_.heads + 2};
+  const size_t sizes[SEGMENTS] = {layout_.request_size, layout_.reply_size};
+  for (int i = 0; i < SETS; ++i) {
     close(open(layout_.paths[i].c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0666));
-    sets_[i] = makeSet(layout_.paths[i], kProjects[i], semaphores[i]);
+    sets_[i] = makeSet(layout_.paths[i], PROJECTS[i], semaphores[i]);
   }
-  for (int i = 0; i < kSegments; ++i) {
-    const key_t key = ftok(layout_.paths[kSegmentNames[i]].c_str(), kSegmentProject);
+  for (int i = 0; i < SEGMENTS; ++i) {
+    const key_t key = ftok(layout_.paths[SEGMENT_NAMES[i]].c_str(), SEGMENT_PROJECT);
     segments_[i] = shmget(key, sizes[i], IPC_CREAT | IPC_EXCL | 0666);
     memory_[i] = static_cast<uint8_t*>(shmat(segments_[i], nullptr, 0));
   }
@@ -79,30 +79,30 @@ void Engine::make() {
 }
 
 void Engine::find() {
-  for (int i = 0; i < kSets; ++i) {
-    sets_[i] = semget(ftok(layout_.paths[i].c_str(), kProjects[i]), 0, 0);
+  for (int i = 0; i < SETS; ++i) {
+    sets_[i] = semget(ftok(layout_.paths[i].c_str(), PROJECTS[i]), 0, 0);
   }
-  for (int i = 0; i < kSegments; ++i) {
-    segments_[i] = shmget(ftok(layout_.paths[kSegmentNames[i]].c_str(), kSegmentProject), 0, 0);
+  for (int i = 0; i < SEGMENTS; ++i) {
+    segments_[i] = shmget(ftok(layout_.paths[SEGMENT_NAMES[i]].c_str(), SEGMENT_PROJECT), 0, 0);
     memory_[i] = static_cast<uint8_t*>(shmat(segments_[i], nullptr, 0));
   }
 }
 
 void Engine::layOut() {
   const size_t n = layout_.heads;
-  makeCountingSet(sets_[kOverflowSet]);
-  makeCountingSet(sets_[kEmptySet]);
+  makeCountingSet(sets_[OVERFLOW_SET]);
+  makeCountingSet(sets_[EMPTY_SET]);
   for (size_t i = 0; i < n; ++i) {
-    heads()[i] = {0, 0, static_cast<uint16_t>(2 + (i + layout_.firstNumber) % n), -1, ~0U, 0};
+    heads()[i] = {0, 0, static_cast<uint16_t>(2 + (i + layout_.first_number) % n), -1, ~0U, 0};
     const uint32_t next =
-        i + 1 < n ? static_cast<uint32_t>(kHeads + 16 * n + kItemSize * (i + 1)) : 0;
-    std::memcpy(memory_[kReplies] + kHeads + 16 * n + kItemSize * i + kReplySize, &next, 4);
+        i + 1 < n ? static_cast<uint32_t>(HEADS + 16 * n + ITEM_SIZE * (i + 1)) : 0;
+    std::memcpy(memory_[REPLIES] + HEADS + 16 * n + ITEM_SIZE * i + REPLY_SIZE, &next, 4);
   }
-  word(kReplies, 4) = n != 0 ? static_cast<uint32_t>(kHeads + 16 * n) : 0;
-  change(sets_[kWakeSet], 0, 1);
-  beginLife(sets_[kRequestLock]);
-  beginLife(sets_[kReplyLock]);
-  word(kRequests, 24) = layout_.ready ? 1 : 0;
+  word(REPLIES, 4) = n != 0 ? static_cast<uint32_t>(HEADS + 16 * n) : 0;
+  change(sets_[WAKE_SET], 0, 1);
+  beginLife(sets_[REQUEST_LOCK]);
+  beginLife(sets_[REPLY_LOCK]);
+  word(REQUESTS, 24) = layout_.ready ? 1 : 0;
 }
 
 void Engine::removeSet(int set) {
@@ -114,10 +114,10 @@ void Engine::removeSegment(int segment) {
 }
 
 void Engine::removeAll() {
-  for (int set : {kRequestLock, kReplyLock, kOverflowSet, kEmptySet}) removeSet(set);
-  removeSegment(kRequests);
-  removeSegment(kReplies);
-  removeSet(kWakeSet);
+  for (int set : {REQUEST_LOCK, REPLY_LOCK, OVERFLOW_SET, EMPTY_SET}) removeSet(set);
+  removeSegment(REQUESTS);
+  removeSegment(REPLIES);
+  removeSet(WAKE_SET);
 }
 
 void Engine::removeNames() {
@@ -125,7 +125,7 @@ void Engine::removeNames() {
 }
 
 void Engine::settleDeath() {
-  for (int set : {kRequestLock, kReplyLock}) {
+  for (int set : {REQUEST_LOCK, REPLY_LOCK}) {
     if (semctl(sets_[set], 1, GETVAL) > 1) (void)semctl(sets_[set], 1, SETVAL, 1);
   }
 }
@@ -154,19 +154,19 @@ void Engine::unlock(int set) const {
 }
 
 uint16_t Engine::ringCount() const {
-  return half(kRequests, 0);
+  return half(REQUESTS, 0);
 }
 
 bool Engine::sleepsOnEmpty() const {
-  return semctl(sets_[kEmptySet], 0, GETNCNT) == 1;
+  return semctl(sets_[EMPTY_SET], 0, GETNCNT) == 1;
 }
 
 bool Engine::hasLostEmpty() const {
-  return semctl(sets_[kEmptySet], 0, GETVAL) < 0;
+  return semctl(sets_[EMPTY_SET], 0, GETVAL) < 0;
 }
 
 void Engine::raiseEmpty() {
-  change(sets_[kEmptySet], 0, 1);
+  change(sets_[EMPTY_SET], 0, 1);
 }
 
 // ---- the request queue --------------------------------------------------------------------------
@@ -174,16 +174,16 @@ void Engine::raiseEmpty() {
 [[noreturn]] void Engine::serve() {
   sembuf wait = {0, -1, 0};
   for (;;) {
-    if (semop(sets_[kEmptySet], &wait, 1) == 0) {
-      board_.wakeUps.fetch_add(1);
+    if (semop(sets_[EMPTY_SET], &wait, 1) == 0) {
+      board_.wake_ups.fetch_add(1);
     } else {
       usleep(200);
     }
     TakenRecord record;
     while (take(record)) {
-      if (std::memcmp(record.bytes, &kStrangersProcess, 4) == 0) continue;
+      if (std::memcmp(record.bytes, &STRANGERS_PROCESS, 4) == 0) continue;
       const uint32_t number = board_.taken.load();
-      if (number < kMostTaken) board_.records[number] = record;
+      if (number < MOST_TAKEN) board_.records[number] = record;
       board_.taken.store(number + 1);
       react(record);
     }
@@ -192,37 +192,37 @@ void Engine::raiseEmpty() {
 }
 
 bool Engine::take(TakenRecord& record) {
-  if (ringCount() == 0 || !lock(kRequestLock)) return false;
+  if (ringCount() == 0 || !lock(REQUEST_LOCK)) return false;
   const bool any = ringCount() != 0;
   if (any) {
-    record.slot = half(kRequests, 2);
-    std::memcpy(record.bytes, memory_[kRequests] + kSlots + kRecordSize * record.slot, kRecordSize);
-    const size_t capacity = (layout_.requestSize - kSlots) / kRecordSize;
-    half(kRequests, 2) = static_cast<uint16_t>((record.slot + 1U) % capacity);
-    --half(kRequests, 0);
+    record.slot = half(REQUESTS, 2);
+    std::memcpy(record.bytes, memory_[REQUESTS] + SLOTS + RECORD_SIZE * record.slot, RECORD_SIZE);
+    const size_t capacity = (layout_.request_size - SLOTS) / RECORD_SIZE;
+    half(REQUESTS, 2) = static_cast<uint16_t>((record.slot + 1U) % capacity);
+    --half(REQUESTS, 0);
   }
-  unlock(kRequestLock);
+  unlock(REQUEST_LOCK);
   return any;
 }
 
 void Engine::fill(uint16_t count) {
-  const size_t capacity = (layout_.requestSize - kSlots) / kRecordSize;
-  const bool locked = lock(kRequestLock);
+  const size_t capacity = (layout_.request_size - SLOTS) / RECORD_SIZE;
+  const bool locked = lock(REQUEST_LOCK);
   while (ringCount() < count && ringCount() < capacity) {
-    uint16_t& tail = half(kRequests, 4);
-    uint8_t* slot = memory_[kRequests] + kSlots + kRecordSize * tail;
-    std::memset(slot, 0x5A, kRecordSize);
-    std::memcpy(slot, &kStrangersProcess, 4);
+    uint16_t& tail = half(REQUESTS, 4);
+    uint8_t* slot = memory_[REQUESTS] + SLOTS + RECORD_SIZE * tail;
+    std::memset(slot, 0x5A, RECORD_SIZE);
+    std::memcpy(slot, &STRANGERS_PROCESS, 4);
     tail = static_cast<uint16_t>((tail + 1U) % capacity);
-    ++half(kRequests, 0);
+    ++half(REQUESTS, 0);
   }
-  if (locked) unlock(kRequestLock);
+  if (locked) unlock(REQUEST_LOCK);
 }
 
 // ---- the reply queue ----------------------------------------------------------------------------
 
 Engine::Head* Engine::heads() const {
-  return reinterpret_cast<Head*>(memory_[kReplies] + kHeads);
+  return reinterpret_cast<Head*>(memory_[REPLIES] + HEADS);
 }
 
 Engine::Head* Engine::findHead(int32_t process, uint32_t thread) const {
@@ -233,12 +233,12 @@ Engine::Head* Engine::findHead(int32_t process, uint32_t thread) const {
 }
 
 Engine::Head* Engine::claimHead(int32_t process, uint32_t thread) const {
-  const bool anyFree = half(kReplies, 2) < layout_.heads;
+  const bool any_free = half(REPLIES, 2) < layout_.heads;
   for (Head* head = heads(); head != heads() + layout_.heads; ++head) {
     const bool idle = head->status == 0 && head->first == 0 &&
-                      semctl(sets_[kWakeSet], head->number, GETNCNT) == 0;
-    if (anyFree ? head->process != -1 || head->thread != ~0U : !idle) continue;
-    if (anyFree) ++half(kReplies, 2);
+                      semctl(sets_[WAKE_SET], head->number, GETNCNT) == 0;
+    if (any_free ? head->process != -1 || head->thread != ~0U : !idle) continue;
+    if (any_free) ++half(REPLIES, 2);
     *head = {0, 0, head->number, process, thread, 0};
     return head;
   }
@@ -246,77 +246,77 @@ Engine::Head* Engine::claimHead(int32_t process, uint32_t thread) const {
 }
 
 int Engine::freeItems() const {
-  return layout_.heads - half(kReplies, 0);
+  return layout_.heads - half(REPLIES, 0);
 }
 
 // Behind what the list holds: first in, first out.
 void Engine::append(Head* head, const uint8_t* reply) {
-  const uint32_t item = word(kReplies, 4);
-  word(kReplies, 4) = word(kReplies, item + kReplySize);
-  std::memcpy(memory_[kReplies] + item, reply, kReplySize);
-  word(kReplies, item + kReplySize) = 0;
+  const uint32_t item = word(REPLIES, 4);
+  word(REPLIES, 4) = word(REPLIES, item + REPLY_SIZE);
+  std::memcpy(memory_[REPLIES] + item, reply, REPLY_SIZE);
+  word(REPLIES, item + REPLY_SIZE) = 0;
   uint32_t* last = &head->first;
-  while (*last != 0) last = &word(kReplies, *last + kReplySize);
+  while (*last != 0) last = &word(REPLIES, *last + REPLY_SIZE);
   *last = item;
-  ++half(kReplies, 0);
+  ++half(REPLIES, 0);
 }
 
-bool Engine::link(int32_t process, uint32_t thread, const uint8_t (*replies)[kReplySize],
+bool Engine::link(int32_t process, uint32_t thread, const uint8_t (*replies)[REPLY_SIZE],
                   int count) {
-  if (semctl(sets_[kWakeSet], 0, GETVAL) < 0 || !lock(kReplyLock)) return false;
-  Head* head = word(kReplies, 8) == 0 && freeItems() > 0 ? findHead(process, thread) : nullptr;
-  if (head == nullptr && word(kReplies, 8) == 0 && freeItems() > 0) {
+  if (semctl(sets_[WAKE_SET], 0, GETVAL) < 0 || !lock(REPLY_LOCK)) return false;
+  Head* head = word(REPLIES, 8) == 0 && freeItems() > 0 ? findHead(process, thread) : nullptr;
+  if (head == nullptr && word(REPLIES, 8) == 0 && freeItems() > 0) {
     head = claimHead(process, thread);
   }
   int linked = 0;
   while (head != nullptr && linked < count && freeItems() > 0) append(head, replies[linked++]);
-  unlock(kReplyLock);
-  if (linked > 0) change(sets_[kWakeSet], head->number, linked);
+  unlock(REPLY_LOCK);
+  if (linked > 0) change(sets_[WAKE_SET], head->number, linked);
   return linked > 0;
 }
 
 void Engine::occupy(uint8_t status) {
   for (Head* head = heads(); head != heads() + layout_.heads; ++head) {
     if (head->process != -1 || head->thread != ~0U) continue;
-    const uint32_t thread = kStrangersThread + static_cast<uint32_t>(head - heads());
-    *head = {status, 0, head->number, kStrangersProcess, thread, 0};
-    ++half(kReplies, 2);
+    const uint32_t thread = STRANGERS_THREAD + static_cast<uint32_t>(head - heads());
+    *head = {status, 0, head->number, STRANGERS_PROCESS, thread, 0};
+    ++half(REPLIES, 2);
   }
 }
 
 bool Engine::sleeps(const Head* head) const {
-  return head->status == 1 && semctl(sets_[kWakeSet], head->number, GETNCNT) > 0;
+  return head->status == 1 && semctl(sets_[WAKE_SET], head->number, GETNCNT) > 0;
 }
 
 bool Engine::waitForSleeper(int32_t process, uint32_t thread) {
   for (;;) {
     const Head* head = findHead(process, thread);
     if (head != nullptr && sleeps(head)) return true;
-    if (board_.callIsOver.load()) return false;
+    if (board_.call_is_over.load()) return false;
     rest();
   }
 }
 
 void Engine::cancel(int32_t process, uint32_t thread) {
-  if (!waitForSleeper(process, thread) || !lock(kReplyLock)) return;
+  if (!waitForSleeper(process, thread) || !lock(REPLY_LOCK)) return;
   Head* head = findHead(process, thread);
   head->status = 3;
-  unlock(kReplyLock);
-  change(sets_[kWakeSet], head->number, 1);
+  unlock(REPLY_LOCK);
+  change(sets_[WAKE_SET], head->number, 1);
 }
 
-void Engine::setState(int segment, int lockSet, uint32_t state) {
-  (void)lock(lockSet);
+void Engine::setState(int segment, int lock_set, uint32_t state) {
+  (void)lock(lock_set);
   word(segment, 8) = state;
-  if (segment == kReplies) wakeAll();
-  unlock(lockSet);
+  if (segment == REPLIES) wakeAll();
+  unlock(lock_set);
 }
 
 void Engine::wakeAll() const {
   for (int i = 0; i < layout_.heads; ++i) {
     const int number = heads()[i].number;
-    const int sleepers = semctl(sets_[kWakeSet], number, GETNCNT);
-    if (sleepers > 0) change(sets_[kWakeSet], number, sleepers);
+    const int sleepers = semctl(sets_[WAKE_SET], number, GETNCNT);
+    if (sleepers > 0) change(sets_[WAKE_SET], number, sleepers);
   }
 }
 
@@ -325,7 +325,8 @@ void Engine::wakeAll() const {
 // A caller with a reply of its own takes that one first, whatever the processors do.
 void Engine::replyWhenDrained(int32_t process, uint32_t thread, int count) {
   const Head* head = findHead(process, thread);
-  while (head != nullptr && head->first != 0 && !sleeps(head) && !board_.callIsOver.load()) rest();
+  while (head != nullptr && head->first != 0 && !sleeps(head) && !board_.call_is_over.load())
+    rest();
   if (!link(process, thread, board_.answer.replies, count)) cancel(process, thread);
 }
 
@@ -335,8 +336,8 @@ void Engine::react(const TakenRecord& record) {
   std::memcpy(&process, record.bytes, 4);
   std::memcpy(&thread, record.bytes + 4, 4);
   const Reaction reaction = board_.answer.reaction;
-  if (reaction == Reaction::reply || reaction == Reaction::replyTwice) {
-    replyWhenDrained(process, thread, reaction == Reaction::replyTwice ? 2 : 1);
+  if (reaction == Reaction::reply || reaction == Reaction::reply_twice) {
+    replyWhenDrained(process, thread, reaction == Reaction::reply_twice ? 2 : 1);
     return;
   }
   if (reaction == Reaction::cancel) {
@@ -345,19 +346,19 @@ void Engine::react(const TakenRecord& record) {
   }
   if (!waitForSleeper(process, thread)) return;
   switch (reaction) {
-    case Reaction::wakeThenReply:
-      change(sets_[kWakeSet], findHead(process, thread)->number, 1);
+    case Reaction::wake_then_reply:
+      change(sets_[WAKE_SET], findHead(process, thread)->number, 1);
       if (waitForSleeper(process, thread)) replyWhenDrained(process, thread, 1);
       break;
-    case Reaction::replyState1:
-      setState(kReplies, kReplyLock, 1);
+    case Reaction::reply_state1:
+      setState(REPLIES, REPLY_LOCK, 1);
       break;
-    case Reaction::replyState2:
-      setState(kReplies, kReplyLock, 2);
+    case Reaction::reply_state2:
+      setState(REPLIES, REPLY_LOCK, 2);
       break;
     case Reaction::stop:
-      setState(kRequests, kRequestLock, 2);
-      setState(kReplies, kReplyLock, 2);
+      setState(REQUESTS, REQUEST_LOCK, 2);
+      setState(REPLIES, REPLY_LOCK, 2);
       removeAll();
       removeNames();
       _exit(0);

@@ -10,16 +10,16 @@
 namespace differential {
 
 /// The semaphore sets and segments of an engine, in this order on the wire too.
-enum SetNumber { kOverflowSet, kEmptySet, kRequestLock, kReplyLock, kWakeSet, kSets };
-enum SegmentNumber { kRequests, kReplies, kSegments };
+enum SetNumber { OVERFLOW_SET, EMPTY_SET, REQUEST_LOCK, REPLY_LOCK, WAKE_SET, SETS };
+enum SegmentNumber { REQUESTS, REPLIES, SEGMENTS };
 
 /// How an engine is laid out.
 struct EngineLayout {
-  std::string paths[kSets];  ///< the name file of each set; segments share their lock set's
-  uint32_t requestSize;
-  uint32_t replySize;
+  std::string paths[SETS];  ///< the name file of each set; segments share their lock set's
+  uint32_t request_size;
+  uint32_t reply_size;
   uint16_t heads;
-  uint16_t firstNumber;  ///< rotates the semaphore numbers of the head records
+  uint16_t first_number;  ///< rotates the semaphore numbers of the head records
   bool ready;
 };
 
@@ -38,7 +38,7 @@ class Engine {
   [[noreturn]] void serve();
 
   /// Links replies for a requester, or does nothing where there is no way to.
-  bool link(int32_t process, uint32_t thread, const uint8_t (*replies)[kReplySize], int count);
+  bool link(int32_t process, uint32_t thread, const uint8_t (*replies)[REPLY_SIZE], int count);
   /// Writes records of somebody else until the ring holds so many.
   void fill(uint16_t count);
   /// Gives every free head record to somebody else.
@@ -74,7 +74,7 @@ class Engine {
   bool waitForSleeper(int32_t process, uint32_t thread);
   bool sleeps(const Head* head) const;
   void cancel(int32_t process, uint32_t thread);
-  void setState(int segment, int lockSet, uint32_t state);
+  void setState(int segment, int lock_set, uint32_t state);
   void wakeAll() const;
   Head* heads() const;
   Head* findHead(int32_t process, uint32_t thread) const;
@@ -86,9 +86,9 @@ class Engine {
 
   Board& board_;
   EngineLayout layout_;
-  int sets_[kSets] = {-1, -1, -1, -1, -1};
-  int segments_[kSegments] = {-1, -1};
-  uint8_t* memory_[kSegments] = {nullptr, nullptr};
+  int sets_[SETS] = {-1, -1, -1, -1, -1};
+  int segments_[SEGMENTS] = {-1, -1};
+  uint8_t* memory_[SEGMENTS] = {nullptr, nullptr};
 };
 
 }  // namespace differential

@@ -30,25 +30,25 @@ namespace {
 
 enum class Step : uint8_t {
   call,
-  startEngine,
-  stopEngine,
-  killEngine,
-  setWord,
-  setSemaphore,
-  removeSet,
-  removeSegment,
-  hideName,
-  showName,
-  fillRing,
-  drainRing,
-  occupyHeads,
-  linkReply,
-  makeDirectory
+  start_engine,
+  stop_engine,
+  kill_engine,
+  set_word,
+  set_semaphore,
+  remove_set,
+  remove_segment,
+  hide_name,
+  show_name,
+  fill_ring,
+  drain_ring,
+  occupy_heads,
+  link_reply,
+  make_directory
 };
 
 enum class Verdict : uint8_t { done, hangs, died };
 
-constexpr size_t kPageSize = 4096;
+constexpr size_t PAGE_SIZE = 4096;
 
 [[noreturn]] void fail(const char* what) {
   std::perror(what);
@@ -77,7 +77,7 @@ void writeFile(const std::string& path, const std::string& content) {
 }
 
 bool endsTheEngine(Reaction reaction) {
-  return reaction == Reaction::die || reaction == Reaction::dieWakeSetFirst ||
+  return reaction == Reaction::die || reaction == Reaction::die_wake_set_first ||
          reaction == Reaction::stop;
 }
 
@@ -89,25 +89,25 @@ struct Arena {
   size_t length = 0;
 
   static Arena make() {
-    void* start = mmap(nullptr, kArenaSize + kPageSize, PROT_READ | PROT_WRITE,
+    void* start = mmap(nullptr, ARENA_SIZE + PAGE_SIZE, PROT_READ | PROT_WRITE,
                        MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (start == MAP_FAILED) fail("mmap");
     uint8_t* first = static_cast<uint8_t*>(start);
-    if (mprotect(first + kArenaSize, kPageSize, PROT_NONE) != 0) fail("mprotect");
-    return {first, first + kArenaSize};
+    if (mprotect(first + ARENA_SIZE, PAGE_SIZE, PROT_NONE) != 0) fail("mprotect");
+    return {first, first + ARENA_SIZE};
   }
 
   void* place(const std::string& bytes, size_t behind) {
-    std::memset(start, kMarginByte, kArenaSize);
+    std::memset(start, MARGIN_BYTE, ARENA_SIZE);
     length = bytes.size();
-    offset = kArenaSize - behind - length;
+    offset = ARENA_SIZE - behind - length;
     std::memcpy(start + offset, bytes.data(), length);
     return start + offset;
   }
 
   bool marginsAreWhole() const {
-    for (size_t i = 0; i < kArenaSize; ++i) {
-      if ((i < offset || i >= offset + length) && start[i] != kMarginByte) return false;
+    for (size_t i = 0; i < ARENA_SIZE; ++i) {
+      if ((i < offset || i >= offset + length) && start[i] != MARGIN_BYTE) return false;
     }
     return true;
   }
@@ -142,13 +142,13 @@ class Player {
   void finish();
 
   Board& board_;
-  Arena arenas_[kArenas] = {Arena::make(), Arena::make(), Arena::make()};
+  Arena arenas_[ARENAS] = {Arena::make(), Arena::make(), Arena::make()};
   std::string loginShown_;
 
   std::unique_ptr<Client> client_;
   std::unique_ptr<Engine> engine_;
   pid_t engineProcess_ = -1;
-  std::string paths_[kSets];
+  std::string paths_[SETS];
   std::string trace_;
   std::string madeDirectory_;
   off_t traced_ = 0;
@@ -189,22 +189,22 @@ void Player::readHead(WireReader& script) {
   trace_ = script.text();
   traced_ = 0;
   const std::string properties = script.text();
-  constexpr char kProperties[] = "/etc/orv/kestra/common/cfg/log.properties";
-  unlink(kProperties);
-  if (!properties.empty()) writeFile(kProperties, properties);
+  constexpr char PROPERTIES[] = "/etc/orv/kestra/common/cfg/log.properties";
+  unlink(PROPERTIES);
+  if (!properties.empty()) writeFile(PROPERTIES, properties);
   const std::string login = script.text();
   if (login != loginShown_) writeFile("/etc/passwd", login);
   loginShown_ = login;
   for (std::string& path : paths_) path = script.text();
   board_.taken.store(0);
-  board_.wakeUps.store(0);
+  board_.wake_ups.store(0);
   reportedTaken_ = reportedWakeUps_ = ownRaises_ = 0;
   output_ = memfd_create("output", MFD_CLOEXEC);
   const int threads = script.number<uint8_t>();
   client_ = std::make_unique<Client>(board_);
   client_->start(environment, threads, output_);
   seen_.number(static_cast<int32_t>(client_->process()));
-  for (int i = 0; i < kMostThreads; ++i) {
+  for (int i = 0; i < MOST_THREADS; ++i) {
     seen_.number(board_.threads[i].self);
     seen_.number(board_.threads[i].number);
   }
@@ -217,59 +217,59 @@ void Player::step(WireReader& script) {
   const int first = script.number<int32_t>();
   const int second = script.number<int32_t>();
   const int third = script.number<int32_t>();
-  const bool engineWasThere = engine_ != nullptr;
+  const bool engine_was_there = engine_ != nullptr;
   switch (what) {
     case Step::call:
       callStep(script);
       break;
-    case Step::startEngine:
+    case Step::start_engine:
       startEngine(script);
       break;
-    case Step::hideName:
+    case Step::hide_name:
       (void)rename(paths_[first].c_str(), (paths_[first] + ".away").c_str());
       break;
-    case Step::showName:
+    case Step::show_name:
       (void)rename((paths_[first] + ".away").c_str(), paths_[first].c_str());
       break;
-    case Step::makeDirectory:
+    case Step::make_directory:
       makeDirectory(trace_.substr(0, trace_.rfind('/')));
       break;
-    case Step::stopEngine:
-      if (engineWasThere) stopEngine();
+    case Step::stop_engine:
+      if (engine_was_there) stopEngine();
       break;
-    case Step::killEngine:
-      if (engineWasThere) killEngine();
+    case Step::kill_engine:
+      if (engine_was_there) killEngine();
       break;
-    case Step::setWord:
-      if (engineWasThere) std::memcpy(engine_->memory(first) + second, &third, 4);
+    case Step::set_word:
+      if (engine_was_there) std::memcpy(engine_->memory(first) + second, &third, 4);
       break;
-    case Step::setSemaphore:
-      if (engineWasThere) (void)semctl(engine_->set(first), second, SETVAL, third);
+    case Step::set_semaphore:
+      if (engine_was_there) (void)semctl(engine_->set(first), second, SETVAL, third);
       break;
-    case Step::removeSet:
-      if (engineWasThere) engine_->removeSet(first);
+    case Step::remove_set:
+      if (engine_was_there) engine_->removeSet(first);
       break;
-    case Step::removeSegment:
-      if (engineWasThere) engine_->removeSegment(first);
+    case Step::remove_segment:
+      if (engine_was_there) engine_->removeSegment(first);
       break;
-    case Step::fillRing:
-      if (engineWasThere) engine_->fill(static_cast<uint16_t>(first));
+    case Step::fill_ring:
+      if (engine_was_there) engine_->fill(static_cast<uint16_t>(first));
       break;
-    case Step::drainRing:
-      if (engineWasThere && !engine_->hasLostEmpty()) {
+    case Step::drain_ring:
+      if (engine_was_there && !engine_->hasLostEmpty()) {
         engine_->raiseEmpty();
         if (engineProcess_ > 0) ++ownRaises_;
       }
       break;
-    case Step::occupyHeads:
-      if (engineWasThere) engine_->occupy(static_cast<uint8_t>(first));
+    case Step::occupy_heads:
+      if (engine_was_there) engine_->occupy(static_cast<uint8_t>(first));
       break;
-    case Step::linkReply: {
-      uint8_t reply[1][kReplySize];
-      std::memcpy(reply[0], script.bytes(kReplySize), kReplySize);
+    case Step::link_reply: {
+      uint8_t reply[1][REPLY_SIZE];
+      std::memcpy(reply[0], script.bytes(REPLY_SIZE), REPLY_SIZE);
       const uint32_t number = first == 0 ? board_.threads[second].number
                                          : static_cast<uint32_t>(board_.threads[second].self);
-      if (engineWasThere) (void)engine_->link(client_->process(), number, reply, 1);
+      if (engine_was_there) (void)engine_->link(client_->process(), number, reply, 1);
       break;
     }
   }
@@ -298,23 +298,23 @@ void Player::callStep(WireReader& script) {
   CallOrder& order = board_.call;
   order.function = script.number<uint8_t>();
   for (int32_t& number : order.numbers) number = script.number<int32_t>();
-  bool used[kArenas];
-  for (int i = 0; i < kArenas; ++i) order.memory[i] = readMemory(script, arenas_[i], used[i]);
+  bool used[ARENAS];
+  for (int i = 0; i < ARENAS; ++i) order.memory[i] = readMemory(script, arenas_[i], used[i]);
   board_.answer.reaction = script.number<Reaction>();
   for (uint8_t* reply : board_.answer.replies) {
-    std::memcpy(reply, script.bytes(kReplySize), kReplySize);
+    std::memcpy(reply, script.bytes(REPLY_SIZE), REPLY_SIZE);
   }
   board_.outcome = {};
-  const uint16_t inRing = engine_ != nullptr ? engine_->ringCount() : 0;
+  const uint16_t in_ring = engine_ != nullptr ? engine_->ringCount() : 0;
   client_->beginCall(thread);
-  if (engineProcess_ > 0 && inRing != 0) serveFilledRing(inRing);
+  if (engineProcess_ > 0 && in_ring != 0) serveFilledRing(in_ring);
   if (engineProcess_ > 0 && endsTheEngine(board_.answer.reaction)) awaitEngineEnd();
   const Verdict verdict = awaitCall(thread);
   seen_.number(verdict);
   over_ = verdict != Verdict::done;
   if (over_) return;
   reportCall();
-  for (int i = 0; i < kArenas; ++i) {
+  for (int i = 0; i < ARENAS; ++i) {
     if (!used[i]) continue;
     seen_.number(uint8_t{arenas_[i].marginsAreWhole()});
     seen_.bytes(arenas_[i].start + arenas_[i].offset, arenas_[i].length);
@@ -324,26 +324,26 @@ void Player::callStep(WireReader& script) {
 // ---- calls --------------------------------------------------------------------------------------
 
 Verdict Player::awaitCall(int thread) {
-  const Client::Wait wait = client_->awaitCall(thread, kPatienceSeconds * 1000);
+  const Client::Wait wait = client_->awaitCall(thread, PATIENCE_SECONDS * 1000);
   if (restGoes_) engine_->removeAll();
   restGoes_ = false;
   if (wait == Client::Wait::over) return Verdict::done;
-  return wait == Client::Wait::notYet ? Verdict::hangs : Verdict::died;
+  return wait == Client::Wait::not_yet ? Verdict::hangs : Verdict::died;
 }
 
 // A ring that was not empty tells the engine nothing: it looks by itself.
 void Player::serveFilledRing(uint16_t before) {
-  while (engine_->ringCount() == before && !board_.callIsOver.load()) usleep(50);
+  while (engine_->ringCount() == before && !board_.call_is_over.load()) usleep(50);
   if (engine_->ringCount() == before) return;
   engine_->raiseEmpty();
   ++ownRaises_;
 }
 
 void Player::awaitEngineEnd() {
-  while (!board_.callIsOver.load() && !engineHasEnded()) usleep(50);
+  while (!board_.call_is_over.load() && !engineHasEnded()) usleep(50);
   if (engineProcess_ > 0 || board_.answer.reaction == Reaction::stop) return;
   if (board_.answer.reaction == Reaction::die) engine_->removeAll();
-  engine_->removeSet(kWakeSet);
+  engine_->removeSet(WAKE_SET);
   restGoes_ = true;
 }
 
@@ -357,15 +357,15 @@ bool Player::engineHasEnded() {
 void Player::reportCall() {
   const CallOutcome& outcome = board_.outcome;
   seen_.number(outcome.result);
-  seen_.number(uint8_t{outcome.isText && !outcome.isNull});
+  seen_.number(uint8_t{outcome.is_text && !outcome.is_null});
   seen_.text(outcome.text);
   seen_.number(outcome.error);
   for (const timespec& time : {outcome.begin, outcome.end}) {
     seen_.number(static_cast<uint32_t>(time.tv_sec));
     seen_.number(static_cast<uint32_t>(time.tv_nsec));
   }
-  seen_.number(uint8_t{outcome.hasIcuData});
-  seen_.text(outcome.icuData);
+  seen_.number(uint8_t{outcome.has_icu_data});
+  seen_.text(outcome.icu_data);
 }
 
 void Player::reportTaken() {
@@ -373,11 +373,11 @@ void Player::reportTaken() {
   seen_.number(taken - reportedTaken_);
   for (; reportedTaken_ < taken; ++reportedTaken_) {
     seen_.number(board_.records[reportedTaken_].slot);
-    seen_.bytes(board_.records[reportedTaken_].bytes, kRecordSize);
+    seen_.bytes(board_.records[reportedTaken_].bytes, RECORD_SIZE);
   }
-  const uint32_t wakeUps = board_.wakeUps.load() - ownRaises_;
-  seen_.number(wakeUps - reportedWakeUps_);
-  reportedWakeUps_ = wakeUps;
+  const uint32_t wake_ups = board_.wake_ups.load() - ownRaises_;
+  seen_.number(wake_ups - reportedWakeUps_);
+  reportedWakeUps_ = wake_ups;
 }
 
 void Player::reportTrace() {
@@ -395,29 +395,29 @@ void Player::startEngine(WireReader& script) {
     engine_->forget();
   }
   EngineLayout layout;
-  for (int i = 0; i < kSets; ++i) layout.paths[i] = paths_[i];
-  layout.requestSize = script.number<uint32_t>();
-  layout.replySize = script.number<uint32_t>();
+  for (int i = 0; i < SETS; ++i) layout.paths[i] = paths_[i];
+  layout.request_size = script.number<uint32_t>();
+  layout.reply_size = script.number<uint32_t>();
   layout.heads = script.number<uint16_t>();
-  layout.firstNumber = script.number<uint16_t>();
+  layout.first_number = script.number<uint16_t>();
   layout.ready = script.number<uint8_t>() != 0;
   engine_ = std::make_unique<Engine>(board_, layout);
-  board_.engineIsUp.store(false);
+  board_.engine_is_up.store(false);
   engineProcess_ = fork();
   if (engineProcess_ == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     close_range(3, ~0U, 0);
     engine_->make();
-    board_.engineIsUp.store(true);
+    board_.engine_is_up.store(true);
     engine_->serve();
   }
-  while (!board_.engineIsUp.load()) usleep(20);
+  while (!board_.engine_is_up.load()) usleep(20);
   engine_->find();
   reportEngine();
 }
 
 void Player::reportEngine() {
-  for (int i = 0; i < kSets; ++i) seen_.number(static_cast<int32_t>(engine_->set(i)));
+  for (int i = 0; i < SETS; ++i) seen_.number(static_cast<int32_t>(engine_->set(i)));
   for (const std::string& path : paths_) {
     struct stat info = {};
     (void)stat(path.c_str(), &info);
@@ -437,7 +437,7 @@ void Player::reapEngine() {
 
 void Player::stopEngine() {
   const uint32_t stopped = 2;
-  for (int i = 0; i < kSegments; ++i) std::memcpy(engine_->memory(i) + 8, &stopped, 4);
+  for (int i = 0; i < SEGMENTS; ++i) std::memcpy(engine_->memory(i) + 8, &stopped, 4);
   engine_->removeAll();
   engine_->removeNames();
   reapEngine();
@@ -460,15 +460,15 @@ void Player::awaitQuietEngine() {
 void Player::reportWorld() {
   seen_.number(uint8_t{engine_ != nullptr});
   if (engine_ == nullptr) return;
-  for (int i = 0; i < kSets; ++i) {
+  for (int i = 0; i < SETS; ++i) {
     const int heads = engine_->layout().heads;
-    const int semaphores[kSets] = {3, 3, 2, 2, heads + 2};
+    const int semaphores[SETS] = {3, 3, 2, 2, heads + 2};
     for (int number = 0; number < semaphores[i]; ++number) {
       seen_.number(static_cast<int16_t>(semctl(engine_->set(i), number, GETVAL)));
     }
   }
-  seen_.bytes(engine_->memory(kRequests), 28);
-  seen_.bytes(engine_->memory(kReplies), engine_->layout().replySize);
+  seen_.bytes(engine_->memory(REQUESTS), 28);
+  seen_.bytes(engine_->memory(REPLIES), engine_->layout().reply_size);
 }
 
 // ---- the end ------------------------------------------------------------------------------------

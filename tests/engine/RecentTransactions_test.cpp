@@ -46,13 +46,13 @@ class Recent : public ::testing::Test {
                Outcome outcome = Outcome::good) {
     Event event;
     event.type = ARM_MSG_STOP;
-    event.time = now;
+    event.time = now_;
     event.process = 7;
     event.subject.tran_class = of;
     event.subject.application = of->application;
     event.subject.handle = ++handle_;
     event.id = handle_;
-    event.subject.start = now - duration;
+    event.subject.start = now_ - duration;
     event.subject.duration = duration;
     event.subject.outcome = outcome;
     event.subject.context.trace_id[0] = trace;
@@ -65,10 +65,10 @@ class Recent : public ::testing::Test {
   }
   void finish(const std::shared_ptr<const ClassInfo>& of, uint64_t duration, uint8_t trace = 0,
               Outcome outcome = Outcome::good) {
-    recent.consume(stopOf(of, duration, trace, outcome), {});
+    recent_.consume(stopOf(of, duration, trace, outcome), {});
   }
   DurationCounts together(uint64_t seconds) {
-    return recent.since(now - seconds * SECOND).at(std::nullopt);
+    return recent_.since(now_ - seconds * SECOND).at(std::nullopt);
   }
   static TraceId traceId(uint8_t trace) {
     TraceId id = {};
@@ -77,9 +77,9 @@ class Recent : public ::testing::Test {
     return id;
   }
 
-  uint64_t now = BEGIN;
-  RecentTransactions recent{[this] { return now; }};
-  std::shared_ptr<const ClassInfo> order = classNamed("shop", "order");
+  uint64_t now_ = BEGIN;
+  RecentTransactions recent_{[this] { return now_; }};
+  std::shared_ptr<const ClassInfo> order_ = classNamed("shop", "order");
 
  private:
   int32_t handle_ = 0;
@@ -142,11 +142,11 @@ TEST(ClassKeys, TellNamesApart) {
 }
 
 TEST_F(Recent, CountsGoIntoTheSlotsOfTwoSecondsAndLeaveAfterFiveMinutes) {
-  for (int i = 0; i < 3; ++i) finish(order, 5 * MS);
-  now += 10 * SECOND;
-  finish(order, 7 * MS, 0, Outcome::failed);
+  for (int i = 0; i < 3; ++i) finish(order_, 5 * MS);
+  now_ += 10 * SECOND;
+  finish(order_, 7 * MS, 0, Outcome::failed);
   finish(classNamed("shop", "search"), 9 * MS, 0, Outcome::aborted);
-  const auto slots = recent.history(keyOf("shop", "order"));
+  const auto slots = recent_.history(keyOf("shop", "order"));
   ASSERT_TRUE(slots);
   ASSERT_EQ(2U, slots->size());
   EXPECT_EQ(BEGIN / SECOND / 2, slots->at(0).number);
@@ -159,84 +159,84 @@ TEST_F(Recent, CountsGoIntoTheSlotsOfTwoSecondsAndLeaveAfterFiveMinutes) {
   EXPECT_EQ(5U, together(300).total);
   EXPECT_EQ(2U, together(300).errors);
   EXPECT_EQ(2U, together(4).total);
-  now += 289 * SECOND;
+  now_ += 289 * SECOND;
   EXPECT_EQ(5U, together(300).total);
-  now += 2 * SECOND;
+  now_ += 2 * SECOND;
   EXPECT_EQ(2U, together(300).total) << "the first slot is over";
-  now += 300 * SECOND;
+  now_ += 300 * SECOND;
   EXPECT_EQ(0U, together(300).total);
-  EXPECT_TRUE(recent.history(std::nullopt)->empty());
-  EXPECT_FALSE(recent.history(keyOf("shop", "unheard of")));
+  EXPECT_TRUE(recent_.history(std::nullopt)->empty());
+  EXPECT_FALSE(recent_.history(keyOf("shop", "unheard of")));
 }
 
 TEST_F(Recent, ClockThatIsSetBackLosesNothing) {
-  finish(order, MS);
-  now -= 3600 * SECOND;
-  finish(order, MS);
-  const auto slots = recent.history(std::nullopt);
+  finish(order_, MS);
+  now_ -= 3600 * SECOND;
+  finish(order_, MS);
+  const auto slots = recent_.history(std::nullopt);
   ASSERT_EQ(1U, slots->size());
   EXPECT_EQ(2U, slots->at(0).counts.total);
 }
 
 TEST_F(Recent, AbandonedInstancesAreShownButHaveNoResponseTime) {
-  Event event = stopOf(order, 4 * SECOND);
+  Event event = stopOf(order_, 4 * SECOND);
   event.type = armengine::EVENT_ABANDONED;
-  recent.consume(event, {});
+  recent_.consume(event, {});
   EXPECT_EQ(0U, together(300).total);
-  const auto slow = recent.slowest(0, std::nullopt, 10);
+  const auto slow = recent_.slowest(0, std::nullopt, 10);
   ASSERT_EQ(1U, slow.size());
   EXPECT_TRUE(slow[0].abandoned);
 }
 
 TEST_F(Recent, OnlyEndsOfInstancesCount) {
-  Event event = stopOf(order, MS);
+  Event event = stopOf(order_, MS);
   event.result = -103;
-  recent.consume(event, {});
+  recent_.consume(event, {});
   event.result = 0;
   event.type = ARM_MSG_UPDATE;
-  recent.consume(event, {});
+  recent_.consume(event, {});
   event.type = ARM_MSG_TRANS_REPORT;
-  recent.consume(event, {});
+  recent_.consume(event, {});
   EXPECT_EQ(0U, together(300).total) << "a report on an open instance is its progress";
   event.id = 4711;
-  recent.consume(event, {});
+  recent_.consume(event, {});
   EXPECT_EQ(1U, together(300).total) << "a report for a class is an instance of its own";
   event.type = ARM_MSG_COMPLETE_TRANS;
   event.subject.handle = 0;
-  recent.consume(event, {});
+  recent_.consume(event, {});
   EXPECT_EQ(1U, together(300).total) << "a completion of a class changes nothing";
 }
 
 TEST_F(Recent, SlowestAreInOrderAndOfTheWindowAndClassAskedFor) {
   const auto search = classNamed("shop", "search");
-  for (uint64_t i = 1; i <= 50; ++i) finish(i % 2 == 0 ? search : order, i * MS);
-  auto slow = recent.slowest(0, std::nullopt, 3);
+  for (uint64_t i = 1; i <= 50; ++i) finish(i % 2 == 0 ? search : order_, i * MS);
+  auto slow = recent_.slowest(0, std::nullopt, 3);
   ASSERT_EQ(3U, slow.size());
   EXPECT_EQ(50 * MS, slow[0].duration);
   EXPECT_EQ(49 * MS, slow[1].duration);
   EXPECT_EQ(48 * MS, slow[2].duration);
   EXPECT_EQ("search", slow[0].of->name);
-  slow = recent.slowest(0, keyOf("shop", "order"), 100);
+  slow = recent_.slowest(0, keyOf("shop", "order"), 100);
   ASSERT_EQ(25U, slow.size()) << "all of the last ones count, and each once";
   EXPECT_EQ(49 * MS, slow[0].duration);
   EXPECT_EQ(1 * MS, slow[24].duration);
-  now += 20 * SECOND;
-  finish(order, 2 * MS);
-  slow = recent.slowest(now - 10 * SECOND, std::nullopt, 100);
+  now_ += 20 * SECOND;
+  finish(order_, 2 * MS);
+  slow = recent_.slowest(now_ - 10 * SECOND, std::nullopt, 100);
   ASSERT_EQ(1U, slow.size());
   EXPECT_EQ(2 * MS, slow[0].duration);
 }
 
 TEST_F(Recent, SlowOneAndItsTraceOutliveManyQuickOnes) {
-  finish(order, 3 * MS, 9);
-  finish(order, 5 * SECOND, 9);
-  recent.flush();
-  finish(order, 2 * MS, 9);
-  for (std::size_t i = 0; i < RecentTransactions::MOST_LAST + 1; ++i) finish(order, 1000, 1);
-  const auto slow = recent.slowest(0, std::nullopt, 1);
+  finish(order_, 3 * MS, 9);
+  finish(order_, 5 * SECOND, 9);
+  recent_.flush();
+  finish(order_, 2 * MS, 9);
+  for (std::size_t i = 0; i < RecentTransactions::MOST_LAST + 1; ++i) finish(order_, 1000, 1);
+  const auto slow = recent_.slowest(0, std::nullopt, 1);
   ASSERT_EQ(1U, slow.size());
   EXPECT_EQ(5 * SECOND, slow[0].duration);
-  const auto trace = recent.trace(traceId(9));
+  const auto trace = recent_.trace(traceId(9));
   EXPECT_TRUE(trace.complete);
   ASSERT_EQ(3U, trace.spans.size());
   EXPECT_EQ(5 * SECOND, trace.spans[0].duration) << "by start";
@@ -244,32 +244,32 @@ TEST_F(Recent, SlowOneAndItsTraceOutliveManyQuickOnes) {
   EXPECT_EQ(2 * MS, trace.spans[2].duration);
   // Slices are used again after five minutes: nothing of the trace is left then.
   for (int i = 0; i < 31; ++i) {
-    now += 10 * SECOND;
-    finish(order, 1000, 1);
+    now_ += 10 * SECOND;
+    finish(order_, 1000, 1);
   }
-  recent.flush();
-  EXPECT_TRUE(recent.trace(traceId(9)).spans.empty());
+  recent_.flush();
+  EXPECT_TRUE(recent_.trace(traceId(9)).spans.empty());
 }
 
 TEST_F(Recent, TraceOfManySpansIsCutAndSaysSo) {
-  for (std::size_t i = 0; i < RecentTransactions::MOST_OF_TRACE; ++i) finish(order, 1000, 5);
-  EXPECT_TRUE(recent.trace(traceId(5)).complete);
-  recent.flush();
-  EXPECT_TRUE(recent.trace(traceId(5)).complete);
-  finish(order, 1000, 5);
-  const auto trace = recent.trace(traceId(5));
+  for (std::size_t i = 0; i < RecentTransactions::MOST_OF_TRACE; ++i) finish(order_, 1000, 5);
+  EXPECT_TRUE(recent_.trace(traceId(5)).complete);
+  recent_.flush();
+  EXPECT_TRUE(recent_.trace(traceId(5)).complete);
+  finish(order_, 1000, 5);
+  const auto trace = recent_.trace(traceId(5));
   EXPECT_FALSE(trace.complete);
   EXPECT_EQ(RecentTransactions::MOST_OF_TRACE, trace.spans.size());
 }
 
 TEST_F(Recent, TraceThatIsCutKeepsItsLongestSpans) {
-  for (int i = 0; i < 3000; ++i) finish(order, 1000, 5);
-  finish(order, 5 * SECOND, 5);
-  EXPECT_EQ(5 * SECOND, recent.trace(traceId(5)).spans[0].duration);
-  recent.flush();
-  finish(order, 6 * SECOND, 5);
-  finish(order, 999, 5);
-  const auto trace = recent.trace(traceId(5));
+  for (int i = 0; i < 3000; ++i) finish(order_, 1000, 5);
+  finish(order_, 5 * SECOND, 5);
+  EXPECT_EQ(5 * SECOND, recent_.trace(traceId(5)).spans[0].duration);
+  recent_.flush();
+  finish(order_, 6 * SECOND, 5);
+  finish(order_, 999, 5);
+  const auto trace = recent_.trace(traceId(5));
   EXPECT_FALSE(trace.complete);
   ASSERT_EQ(RecentTransactions::MOST_OF_TRACE, trace.spans.size());
   EXPECT_EQ(6 * SECOND, trace.spans[0].duration);
@@ -280,14 +280,14 @@ TEST_F(Recent, TraceThatIsCutKeepsItsLongestSpans) {
 TEST_F(Recent, SavedSpansTogetherAreBounded) {
   constexpr std::size_t EACH = 900;
   for (uint8_t trace = 1; trace <= 100; ++trace) {
-    for (std::size_t i = 0; i < EACH; ++i) finish(order, 1000, trace);
-    finish(order, SECOND + trace * MS, trace);
-    recent.flush();
-    now += SECOND;
+    for (std::size_t i = 0; i < EACH; ++i) finish(order_, 1000, trace);
+    finish(order_, SECOND + trace * MS, trace);
+    recent_.flush();
+    now_ += SECOND;
   }
   std::size_t spans = 0;
   for (uint8_t trace = 1; trace <= 80; ++trace) {
-    const auto of_one = recent.trace(traceId(trace)).spans;
+    const auto of_one = recent_.trace(traceId(trace)).spans;
     ASSERT_FALSE(of_one.empty());
     EXPECT_EQ(SECOND + trace * MS, of_one[0].duration) << "the slow one itself is there";
     spans += of_one.size();
@@ -298,20 +298,20 @@ TEST_F(Recent, SavedSpansTogetherAreBounded) {
 TEST_F(Recent, HistoriesAreBoundedAndIdleOnesMakeRoom) {
   constexpr std::size_t MOST = RecentTransactions::MOST_HISTORIES;
   for (std::size_t i = 0; i <= MOST; ++i) finish(classNamed("shop", std::to_string(i)), MS);
-  EXPECT_EQ(MOST + 1, recent.since(0).size()) << "with the one of all together";
-  EXPECT_FALSE(recent.history(keyOf("shop", std::to_string(MOST))));
+  EXPECT_EQ(MOST + 1, recent_.since(0).size()) << "with the one of all together";
+  EXPECT_FALSE(recent_.history(keyOf("shop", std::to_string(MOST))));
   EXPECT_EQ(MOST + 1, together(300).total) << "all together miss nothing";
-  now += 301 * SECOND;
+  now_ += 301 * SECOND;
   finish(classNamed("shop", std::to_string(MOST)), MS);
-  EXPECT_EQ(MOST + 1, recent.since(0).size());
-  EXPECT_EQ(1U, recent.history(keyOf("shop", std::to_string(MOST)))->size());
+  EXPECT_EQ(MOST + 1, recent_.since(0).size());
+  EXPECT_EQ(1U, recent_.history(keyOf("shop", std::to_string(MOST)))->size());
 }
 
 TEST_F(Recent, NamesAreShortenedAndTheirNumberIsBounded) {
   const std::string longest(3619, 'x');
   finish(classNamed("shop", longest), 5 * SECOND);
   for (int i = 0; i < 25000; ++i) finish(classNamed("shop", std::to_string(i)), 1000);
-  const auto slow = recent.slowest(0, keyOf("shop", longest), 1);
+  const auto slow = recent_.slowest(0, keyOf("shop", longest), 1);
   ASSERT_EQ(1U, slow.size());
   EXPECT_EQ(512U, slow[0].of->name.size());
 }

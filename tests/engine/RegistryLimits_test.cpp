@@ -100,28 +100,28 @@ class IdleTest : public testing::Test {
     idle.idle_seconds = 100;
     return idle;
   }
-  Registry registry{1, settings()};
-  int32_t application = registry.addApplication("a", "", 77).result;
-  int32_t id = registry.addClass(application, "order", "").result;
+  Registry registry_{1, settings()};
+  int32_t application_ = registry_.addApplication("a", "", 77).result;
+  int32_t id_ = registry_.addClass(application_, "order", "").result;
 };
 
 TEST_F(IdleTest, UnusedStatisticsGoAndTheClassStaysUsable) {
-  EXPECT_EQ(0, registry.stop(registry.start(id, {}, 0).result, 0, 1).result);
-  EXPECT_TRUE(registry.expire(50).classes.empty());
-  EXPECT_EQ(1U, registry.expire(100).classes.size());
-  EXPECT_TRUE(registry.statistics().empty());
-  EXPECT_EQ(1U, registry.counters().expired_classes.get());
-  EXPECT_EQ(0, registry.stop(registry.start(id, {}, 0).result, 0, 1).result);
-  EXPECT_EQ(1U, entryOf(registry, "a", "order")->good.get());
+  EXPECT_EQ(0, registry_.stop(registry_.start(id_, {}, 0).result, 0, 1).result);
+  EXPECT_TRUE(registry_.expire(50).classes.empty());
+  EXPECT_EQ(1U, registry_.expire(100).classes.size());
+  EXPECT_TRUE(registry_.statistics().empty());
+  EXPECT_EQ(1U, registry_.counters().expired_classes.get());
+  EXPECT_EQ(0, registry_.stop(registry_.start(id_, {}, 0).result, 0, 1).result);
+  EXPECT_EQ(1U, entryOf(registry_, "a", "order")->good.get());
 }
 
 TEST_F(IdleTest, UseAndOpenInstancesKeepStatistics) {
-  EXPECT_TRUE(registry.expire(90).classes.empty());
-  const int32_t handle = registry.start(id, {}, 0).result;
-  EXPECT_TRUE(registry.expire(5000).classes.empty());
-  EXPECT_EQ(0, registry.stop(handle, 0, 1).result);
-  EXPECT_TRUE(registry.expire(5050).classes.empty());
-  EXPECT_EQ(1U, registry.expire(5100).classes.size());
+  EXPECT_TRUE(registry_.expire(90).classes.empty());
+  const int32_t handle = registry_.start(id_, {}, 0).result;
+  EXPECT_TRUE(registry_.expire(5000).classes.empty());
+  EXPECT_EQ(0, registry_.stop(handle, 0, 1).result);
+  EXPECT_TRUE(registry_.expire(5050).classes.empty());
+  EXPECT_EQ(1U, registry_.expire(5100).classes.size());
 }
 
 TEST_F(IdleTest, ZeroKeepsThemForEver) {
@@ -133,31 +133,31 @@ TEST_F(IdleTest, ZeroKeepsThemForEver) {
 }
 
 TEST_F(IdleTest, ApplicationOfAnEndedProcessGoesAfterAWhile) {
-  (void)registry.expire(10);
-  registry.processEnded(77);
-  EXPECT_TRUE(registry.expire(60).applications.empty());
-  ASSERT_EQ(1U, registry.expire(110).applications.size());
-  EXPECT_EQ(0U, registry.applications());
-  EXPECT_FALSE(registry.isClass(id));
+  (void)registry_.expire(10);
+  registry_.processEnded(77);
+  EXPECT_TRUE(registry_.expire(60).applications.empty());
+  ASSERT_EQ(1U, registry_.expire(110).applications.size());
+  EXPECT_EQ(0U, registry_.applications());
+  EXPECT_FALSE(registry_.isClass(id_));
 }
 
 TEST_F(IdleTest, ApplicationThatAnotherProcessUsesStays) {
-  (void)registry.expire(10);
-  registry.processEnded(77);
+  (void)registry_.expire(10);
+  registry_.processEnded(77);
   StartData by_child;
   by_child.process = 78;
-  EXPECT_EQ(0, registry.stop(registry.start(id, by_child, 0).result, 0, 1).result);
-  EXPECT_TRUE(registry.expire(5000).applications.empty());
-  registry.processEnded(78);
-  (void)registry.expire(5050);
-  EXPECT_EQ(1U, registry.expire(5200).applications.size());
+  EXPECT_EQ(0, registry_.stop(registry_.start(id_, by_child, 0).result, 0, 1).result);
+  EXPECT_TRUE(registry_.expire(5000).applications.empty());
+  registry_.processEnded(78);
+  (void)registry_.expire(5050);
+  EXPECT_EQ(1U, registry_.expire(5200).applications.size());
 }
 
 TEST_F(IdleTest, ApplicationWithAnOpenInstanceStays) {
-  registry.processEnded(77);
-  const int32_t handle = registry.start(id, {}, 0).result;
-  EXPECT_TRUE(registry.expire(5000).applications.empty());
-  EXPECT_EQ(0, registry.update(handle).result);
+  registry_.processEnded(77);
+  const int32_t handle = registry_.start(id_, {}, 0).result;
+  EXPECT_TRUE(registry_.expire(5000).applications.empty());
+  EXPECT_EQ(0, registry_.update(handle).result);
 }
 
 // ---- abandoned instances ------------------------------------------------------------------------
@@ -165,15 +165,15 @@ TEST_F(IdleTest, ApplicationWithAnOpenInstanceStays) {
 TEST(Abandoned, InstancesOfAProcessBeforeATimeAreFound) {
   Registry registry(1);
   const int32_t id = registry.addClass(registry.addApplication("a").result, "order", "").result;
-  const auto startBy = [&](int32_t process, uint64_t seen) {
+  const auto start_by = [&](int32_t process, uint64_t seen) {
     StartData data;
     data.process = process;
     data.seen = seen;
     return registry.start(id, data, 0).result;
   };
-  const int32_t early = startBy(7, 100);
-  const int32_t late = startBy(7, 200);
-  const int32_t other = startBy(8, 100);
+  const int32_t early = start_by(7, 100);
+  const int32_t late = start_by(7, 200);
+  const int32_t other = start_by(8, 100);
   EXPECT_EQ((std::vector<int32_t>{early}), registry.openOf(7, 200));
   EXPECT_EQ((std::vector<int32_t>{early, late}), registry.openOf(7, 201));
   EXPECT_EQ(0, registry.update(other, nullptr, 7).result) << "it belongs to whoever used it last";
@@ -202,22 +202,22 @@ TEST(Abandoned, TheyAreCountedApart) {
 class TracesTest : public testing::Test {
  protected:
   void make(const RegistrySettings& settings) {
-    registry = std::make_unique<Registry>(5, settings);
-    application = registry->addApplication("shop").result;
-    id = registry->addClass(application, "order", "").result;
+    registry_ = std::make_unique<Registry>(5, settings);
+    application_ = registry_->addApplication("shop").result;
+    id_ = registry_->addClass(application_, "order", "").result;
   }
   bool traced(const Started& started) { return decodeCorrelator(started.correlator)->traced; }
-  std::unique_ptr<Registry> registry;
-  int32_t application = 0;
-  int32_t id = 0;
+  std::unique_ptr<Registry> registry_;
+  int32_t application_ = 0;
+  int32_t id_ = 0;
 };
 
 TEST_F(TracesTest, ChildIsInItsParentsTrace) {
   make({});
-  const auto parent = decodeCorrelator(registry->start(id, {}, 0).correlator);
+  const auto parent = decodeCorrelator(registry_->start(id_, {}, 0).correlator);
   StartData data;
   data.parent = armengine::encodeCorrelator(*parent);
-  const Started started = registry->start(id, data, 0);
+  const Started started = registry_->start(id_, data, 0);
   const auto child = decodeCorrelator(started.correlator);
   EXPECT_EQ(parent->trace_id, child->trace_id);
   EXPECT_NE(parent->span_id, child->span_id);
@@ -229,7 +229,7 @@ TEST_F(TracesTest, EveryRootHasATraceOfItsOwn) {
   std::set<armengine::TraceId> traces;
   std::set<armengine::SpanId> spans;
   for (int i = 0; i < 1000; ++i) {
-    const auto correlator = decodeCorrelator(registry->start(id, {}, 0).correlator);
+    const auto correlator = decodeCorrelator(registry_->start(id_, {}, 0).correlator);
     traces.insert(correlator->trace_id);
     spans.insert(correlator->span_id);
   }
@@ -239,7 +239,7 @@ TEST_F(TracesTest, EveryRootHasATraceOfItsOwn) {
 
 TEST_F(TracesTest, ParentThatCannotBeReadStartsANewTraceAndIsCounted) {
   make({});
-  const CorrelatorBytes good = registry->start(id, {}, 0).correlator;
+  const CorrelatorBytes good = registry_->start(id_, {}, 0).correlator;
   CorrelatorBytes cut = good;
   cut[1] = 20;
   CorrelatorBytes foreign = good;
@@ -247,12 +247,12 @@ TEST_F(TracesTest, ParentThatCannotBeReadStartsANewTraceAndIsCounted) {
   CorrelatorBytes damaged = good;
   damaged[30] = static_cast<uint8_t>(damaged[30] ^ 1);
   for (const CorrelatorBytes& bytes : {cut, foreign, damaged, CorrelatorBytes()}) {
-    const Started started = registry->start(id, {bytes}, 0);
+    const Started started = registry_->start(id_, {bytes}, 0);
     EXPECT_GT(started.result, 0);
     EXPECT_NE(decodeCorrelator(good)->trace_id, decodeCorrelator(started.correlator)->trace_id);
     EXPECT_EQ(armengine::SpanId(), started.subject.context.parent_id);
   }
-  EXPECT_EQ(4U, registry->counters().parents_not_known.get());
+  EXPECT_EQ(4U, registry_->counters().parents_not_known.get());
 }
 
 TEST_F(TracesTest, ShareOfTheTracesThatIsTracedIsTheRate) {
@@ -261,7 +261,7 @@ TEST_F(TracesTest, ShareOfTheTracesThatIsTracedIsTheRate) {
     settings.sample = rate;
     make(settings);
     int count = 0;
-    for (int i = 0; i < 4000; ++i) count += traced(registry->start(id, {}, 0)) ? 1 : 0;
+    for (int i = 0; i < 4000; ++i) count += traced(registry_->start(id_, {}, 0)) ? 1 : 0;
     EXPECT_NEAR(rate * 4000, count, 150) << rate;
   }
 }
@@ -273,9 +273,9 @@ TEST_F(TracesTest, ParentDecidesForItsChildrenWhateverTheRate) {
   armengine::Correlator elsewhere;
   elsewhere.trace_id[0] = 1;
   elsewhere.span_id[0] = 1;
-  EXPECT_TRUE(traced(registry->start(id, {armengine::encodeCorrelator(elsewhere)}, 0)));
+  EXPECT_TRUE(traced(registry_->start(id_, {armengine::encodeCorrelator(elsewhere)}, 0)));
   elsewhere.traced = false;
-  EXPECT_FALSE(traced(registry->start(id, {armengine::encodeCorrelator(elsewhere)}, 0)));
+  EXPECT_FALSE(traced(registry_->start(id_, {armengine::encodeCorrelator(elsewhere)}, 0)));
 }
 
 TEST_F(TracesTest, ApplicationThatAsksForATraceGetsOne) {
@@ -284,19 +284,19 @@ TEST_F(TracesTest, ApplicationThatAsksForATraceGetsOne) {
   make(settings);
   StartData data;
   data.trace = true;
-  EXPECT_TRUE(traced(registry->start(id, data, 0)));
+  EXPECT_TRUE(traced(registry_->start(id_, data, 0)));
 }
 
 TEST_F(TracesTest, IgnoredClassesAreCountedAndTheirChildrenAreNot) {
   RegistrySettings settings;
   settings.ignore = {"shop/pro*", "*/nothing"};
   make(settings);
-  const int32_t probe = registry->addClass(application, "probe", "").result;
-  const Started started = registry->start(probe, {}, 0);
+  const int32_t probe = registry_->addClass(application_, "probe", "").result;
+  const Started started = registry_->start(probe, {}, 0);
   EXPECT_EQ(1, started.correlator[109]);
-  EXPECT_EQ(0, registry->start(id, {}, 0).correlator[109]);
-  EXPECT_EQ(0, registry->stop(started.result, 0, 5).result);
-  EXPECT_EQ(1U, entryOf(*registry, "shop", "probe")->good.get());
+  EXPECT_EQ(0, registry_->start(id_, {}, 0).correlator[109]);
+  EXPECT_EQ(0, registry_->stop(started.result, 0, 5).result);
+  EXPECT_EQ(1U, entryOf(*registry_, "shop", "probe")->good.get());
 }
 
 // ---- user metrics -------------------------------------------------------------------------------
@@ -322,7 +322,7 @@ class UserMetricsTest : public testing::Test {
     return reinterpret_cast<const uint8_t*>(&block_);
   }
   double valueOf(const std::string& name) {
-    const auto entry = entryOf(registry, "a", "order");
+    const auto entry = entryOf(registry_, "a", "order");
     for (const auto* metric : entry->userMetrics()) {
       if (metric->name == name) return metric->value.get();
     }
@@ -331,57 +331,57 @@ class UserMetricsTest : public testing::Test {
   int32_t startWith(const uint8_t* block) {
     StartData data;
     data.metrics = block;
-    return registry.start(id, data, 0).result;
+    return registry_.start(id_, data, 0).result;
   }
 
-  Registry registry{1};
-  int32_t application = registry.addApplication("a").result;
-  int32_t id = registry.addClass(application, "order", descriptions()).result;
+  Registry registry_{1};
+  int32_t application_ = registry_.addApplication("a").result;
+  int32_t id_ = registry_.addClass(application_, "order", descriptions()).result;
   arm_user_data1_t block_ = {};
 };
 
 TEST_F(UserMetricsTest, CounterAddsWhatItGrewByDuringTheInstance) {
   const int32_t handle = startWith(values(100, 0));
-  EXPECT_EQ(0, registry.update(handle, values(130, 0)).result);
+  EXPECT_EQ(0, registry_.update(handle, values(130, 0)).result);
   EXPECT_EQ(0, valueOf("rows"));
-  EXPECT_EQ(0, registry.stop(handle, 0, 1, values(150, 0)).result);
+  EXPECT_EQ(0, registry_.stop(handle, 0, 1, values(150, 0)).result);
   EXPECT_EQ(50, valueOf("rows"));
 }
 
 TEST_F(UserMetricsTest, CounterThatIsOnlyGivenAtTheStopBeganWithZero) {
-  EXPECT_EQ(0, registry.stop(registry.start(id, {}, 0).result, 0, 1, values(7, 0)).result);
-  EXPECT_EQ(0, registry.stop(registry.start(id, {}, 0).result, 0, 1, values(5, 0)).result);
+  EXPECT_EQ(0, registry_.stop(registry_.start(id_, {}, 0).result, 0, 1, values(7, 0)).result);
+  EXPECT_EQ(0, registry_.stop(registry_.start(id_, {}, 0).result, 0, 1, values(5, 0)).result);
   EXPECT_EQ(12, valueOf("rows"));
 }
 
 TEST_F(UserMetricsTest, CounterThatFallsAddsNothing) {
-  EXPECT_EQ(0, registry.stop(startWith(values(100, 0)), 0, 1, values(20, 0)).result);
+  EXPECT_EQ(0, registry_.stop(startWith(values(100, 0)), 0, 1, values(20, 0)).result);
   EXPECT_EQ(0, valueOf("rows"));
 }
 
 TEST_F(UserMetricsTest, GaugeIsItsLastValidValue) {
   const int32_t handle = startWith(values(0, 5));
   EXPECT_EQ(5, valueOf("depth"));
-  EXPECT_EQ(0, registry.update(handle, values(0, -9)).result);
+  EXPECT_EQ(0, registry_.update(handle, values(0, -9)).result);
   EXPECT_EQ(-9, valueOf("depth"));
-  EXPECT_EQ(0, registry.stop(handle, 0, 1, values(0, 77, 0x80)).result);
+  EXPECT_EQ(0, registry_.stop(handle, 0, 1, values(0, 77, 0x80)).result);
   EXPECT_EQ(-9, valueOf("depth"));
 }
 
 TEST_F(UserMetricsTest, ReportAddsItsCounters) {
   StartData data;
   data.metrics = values(9, 4);
-  EXPECT_EQ(0, registry.report(id, data, 0, 1).result);
+  EXPECT_EQ(0, registry_.report(id_, data, 0, 1).result);
   EXPECT_EQ(9, valueOf("rows"));
   EXPECT_EQ(4, valueOf("depth"));
 }
 
 TEST_F(UserMetricsTest, ClassWithoutDescriptionsHasNone) {
-  const int32_t plain = registry.addClass(application, "plain", "").result;
+  const int32_t plain = registry_.addClass(application_, "plain", "").result;
   StartData data;
   data.metrics = values(9, 4);
-  EXPECT_EQ(0, registry.stop(registry.start(plain, data, 0).result, 0, 1, values(1, 1)).result);
-  EXPECT_TRUE(entryOf(registry, "a", "plain")->userMetrics().empty());
+  EXPECT_EQ(0, registry_.stop(registry_.start(plain, data, 0).result, 0, 1, values(1, 1)).result);
+  EXPECT_TRUE(entryOf(registry_, "a", "plain")->userMetrics().empty());
 }
 
 TEST(Times, ClockThatSteppedBackIsCounted) {

@@ -103,18 +103,18 @@ class DrawingTest : public testing::Test {
  protected:
   Started start(int32_t id, const std::optional<CorrelatorBytes>& parent = std::nullopt,
                 uint64_t time = 0) {
-    return registry.start(id, {parent}, time);
+    return registry_.start(id, {parent}, time);
   }
   void stop(const Started& started, int32_t status, uint64_t time) {
     armengine::Event event;
     event.type = ARM_MSG_STOP;
     event.time = time;
-    Answer answer = registry.stop(started.result, status, time);
+    Answer answer = registry_.stop(started.result, status, time);
     EXPECT_EQ(0, answer.result);
     event.subject = answer.subject;
-    recent.consume(event, {});
+    recent_.consume(event, {});
   }
-  std::string report() const { return armengine::makeReport(registry, recent); }
+  std::string report() const { return armengine::makeReport(registry_, recent_); }
   /// What stands below the table; empty when nothing is drawn.
   std::string drawing() const {
     const std::string heading = "\nthe parent with most children, and its first ones:\n";
@@ -123,18 +123,18 @@ class DrawingTest : public testing::Test {
     return at == std::string::npos ? "" : whole.substr(at + heading.size());
   }
 
-  Registry registry{77};
-  RecentTransactions recent{[] { return uint64_t{0}; }};
-  int32_t shop = registry.addApplication("shop").result;
-  int32_t order = registry.addClass(shop, "order", "").result;
-  int32_t query = registry.addClass(shop, "query", "").result;
+  Registry registry_{77};
+  RecentTransactions recent_{[] { return uint64_t{0}; }};
+  int32_t shop_ = registry_.addApplication("shop").result;
+  int32_t order_ = registry_.addClass(shop_, "order", "").result;
+  int32_t query_ = registry_.addClass(shop_, "query", "").result;
 };
 
 TEST_F(DrawingTest, ParentIsDrawnWithItsChildren) {
-  const Started top = start(order);
-  const Started first = start(query, top.correlator);
-  const Started second = start(query, top.correlator);
-  const Started below = start(query, first.correlator);
+  const Started top = start(order_);
+  const Started first = start(query_, top.correlator);
+  const Started second = start(query_, top.correlator);
+  const Started below = start(query_, first.correlator);
   stop(below, 0, MILLISECOND);
   stop(first, 2, 3 * MILLISECOND);
   stop(top, 0, 7 * MILLISECOND);
@@ -148,9 +148,9 @@ TEST_F(DrawingTest, ParentIsDrawnWithItsChildren) {
 }
 
 TEST_F(DrawingTest, ChildrenAreInTheOrderOfTheirStarts) {
-  const Started top = start(order);
-  const Started early = start(query, top.correlator, MILLISECOND);
-  const Started late = start(query, top.correlator, 2 * MILLISECOND);
+  const Started top = start(order_);
+  const Started early = start(query_, top.correlator, MILLISECOND);
+  const Started late = start(query_, top.correlator, 2 * MILLISECOND);
   stop(late, 0, 3 * MILLISECOND);
   stop(early, 0, 7 * MILLISECOND);
   stop(top, 0, 9 * MILLISECOND);
@@ -162,40 +162,40 @@ TEST_F(DrawingTest, ChildrenAreInTheOrderOfTheirStarts) {
 }
 
 TEST_F(DrawingTest, ChildrenThatAreNotDrawnAreCounted) {
-  const Started top = start(order);
-  for (int i = 0; i < 20; ++i) stop(start(order, top.correlator), 0, MILLISECOND);
+  const Started top = start(order_);
+  for (int i = 0; i < 20; ++i) stop(start(order_, top.correlator), 0, MILLISECOND);
   stop(top, 0, MILLISECOND);
   EXPECT_NE(std::string::npos, drawing().find("`- and 12 more\n"));
 }
 
 TEST_F(DrawingTest, TreeIsTheOneWithMostChildren) {
   for (const int children : {1, 3, 2}) {
-    const Started parent = start(order);
-    for (int i = 0; i < children; ++i) stop(start(query, parent.correlator), 0, MILLISECOND);
+    const Started parent = start(order_);
+    for (int i = 0; i < children; ++i) stop(start(query_, parent.correlator), 0, MILLISECOND);
     stop(parent, 0, static_cast<uint64_t>(children) * MILLISECOND);
   }
   EXPECT_EQ(0U, drawing().find("shop: order  3.00 ms  good\n")) << drawing();
 }
 
 TEST_F(DrawingTest, OpenParentIsTheTreeWhenNoneHasFinished) {
-  const Started parent = start(order);
+  const Started parent = start(order_);
   EXPECT_EQ("", drawing());
-  const Started child = start(query, parent.correlator);
+  const Started child = start(query_, parent.correlator);
   EXPECT_EQ("shop: order  open\n`- query  open\n", drawing());
   stop(child, 0, MILLISECOND);
   EXPECT_EQ("shop: order  open\n`- query  1.00 ms  good\n", drawing());
-  (void)start(query, parent.correlator);
-  const Started finished = start(order);
-  stop(start(query, finished.correlator), 0, MILLISECOND);
+  (void)start(query_, parent.correlator);
+  const Started finished = start(order_);
+  stop(start(query_, finished.correlator), 0, MILLISECOND);
   stop(finished, 0, MILLISECOND);
   EXPECT_EQ(0U, drawing().find("shop: order  1.00 ms  good\n")) << drawing();
 }
 
 TEST_F(DrawingTest, DeepChainIsDrawnToASmallDepth) {
-  const Started top = start(order);
+  const Started top = start(order_);
   Started parent = top;
   for (int i = 0; i < 10000; ++i) {
-    const Started child = start(query, parent.correlator);
+    const Started child = start(query_, parent.correlator);
     if (i > 0) stop(parent, 0, MILLISECOND);
     parent = child;
   }
@@ -210,7 +210,7 @@ TEST_F(DrawingTest, DeepChainIsDrawnToASmallDepth) {
 }
 
 TEST_F(DrawingTest, ParentThatCannotBeResolvedHasNoChildren) {
-  const Started parent = start(order);
+  const Started parent = start(order_);
   CorrelatorBytes cut = parent.correlator;
   cut[1] = 20;
   Registry other_engine(78);
@@ -218,20 +218,20 @@ TEST_F(DrawingTest, ParentThatCannotBeResolvedHasNoChildren) {
   const int32_t theirs = other_engine.addClass(other_shop, "order", "").result;
   for (const CorrelatorBytes& bytes :
        {cut, CorrelatorBytes(), other_engine.start(theirs, {}, 0).correlator}) {
-    stop(start(query, bytes), 0, MILLISECOND);
+    stop(start(query_, bytes), 0, MILLISECOND);
   }
   stop(parent, 0, MILLISECOND);
   EXPECT_EQ("", drawing());
 }
 
 TEST_F(DrawingTest, ReportIsAChild) {
-  const Started parent = start(order);
+  const Started parent = start(order_);
   armengine::Event event;
   event.type = ARM_MSG_TRANS_REPORT;
-  event.id = query;
+  event.id = query_;
   event.time = 9 * MILLISECOND;
-  event.subject = registry.report(query, {parent.correlator}, 0, 5 * MILLISECOND).subject;
-  recent.consume(event, {});
+  event.subject = registry_.report(query_, {parent.correlator}, 0, 5 * MILLISECOND).subject;
+  recent_.consume(event, {});
   EXPECT_EQ("shop: order  open\n`- query  5.00 ms  good\n", drawing());
 }
 

@@ -15,24 +15,24 @@ using armengine::readMetric;
 
 class DescriptionsTest : public testing::Test {
  protected:
-  DescriptionsTest() { block.format = ARM_DATA_FORMAT_101; }
+  DescriptionsTest() { block_.format = ARM_DATA_FORMAT_101; }
   void describe(size_t slot, int32_t type, const char* name) {
-    block.metric[slot].type = type;
-    std::strncpy(block.metric[slot].name, name, sizeof block.metric[slot].name);
+    block_.metric[slot].type = type;
+    std::strncpy(block_.metric[slot].name, name, sizeof block_.metric[slot].name);
   }
   MetricDescriptions read() {
     uint8_t bytes[344];
-    std::memcpy(bytes, &block, sizeof bytes);
+    std::memcpy(bytes, &block_, sizeof bytes);
     return armengine::readDescriptions(bytes);
   }
-  arm_user_data101_t block = {};
+  arm_user_data101_t block_ = {};
 };
 
 TEST_F(DescriptionsTest, SlotsThatTheFlagsNameAreRead) {
   describe(0, ARM_Counter32, "rows");
   describe(1, ARM_Gauge64, "depth");
   describe(6, ARM_String32, "customer");
-  block.flags[1] = ARM_Metric1_f | ARM_String1_f;
+  block_.flags[1] = ARM_Metric1_f | ARM_String1_f;
   const MetricDescriptions read_ones = read();
   EXPECT_EQ(MetricType::counter32, read_ones[0].type);
   EXPECT_EQ("rows", read_ones[0].name);
@@ -49,7 +49,7 @@ TEST_F(DescriptionsTest, WithoutAnyFlagEverySlotWithTypeAndNameIsRead) {
 }
 
 TEST_F(DescriptionsTest, TypesThatDoNotFitTheirSlotAreLeftOut) {
-  block.flags[1] = ARM_AllMetrics_f;
+  block_.flags[1] = ARM_AllMetrics_f;
   describe(0, ARM_String32, "a");
   describe(1, 0, "b");
   describe(2, 11, "c");
@@ -59,7 +59,7 @@ TEST_F(DescriptionsTest, TypesThatDoNotFitTheirSlotAreLeftOut) {
 }
 
 TEST_F(DescriptionsTest, NamesWithoutAnEndOrBeginningAreRead) {
-  block.flags[1] = ARM_Metric1_f | ARM_Metric2_f;
+  block_.flags[1] = ARM_Metric1_f | ARM_Metric2_f;
   describe(0, ARM_Counter32, std::string(60, 'x').c_str());
   describe(1, ARM_Counter32, "");
   EXPECT_EQ(std::string(44, 'x'), read()[0].name);
@@ -69,53 +69,53 @@ TEST_F(DescriptionsTest, NamesWithoutAnEndOrBeginningAreRead) {
 class ValuesTest : public testing::Test {
  protected:
   ValuesTest() {
-    block.format = ARM_DATA_FORMAT_1;
-    block.flags[1] = ARM_AllMetrics_f;
+    block_.format = ARM_DATA_FORMAT_1;
+    block_.flags[1] = ARM_AllMetrics_f;
   }
   MetricValue read(size_t slot, MetricType type) {
     uint8_t bytes[256];
-    std::memcpy(bytes, &block, sizeof bytes);
+    std::memcpy(bytes, &block_, sizeof bytes);
     const MetricValue value = readMetric(bytes, slot, type);
-    text = value.text;
+    text_ = value.text;
     return value;
   }
-  arm_user_data1_t block = {};
-  std::string text;
+  arm_user_data1_t block_ = {};
+  std::string text_;
 };
 
 TEST_F(ValuesTest, CountersAndIdsHaveNoSignAndGaugesHave) {
-  block.metric[0].value32 = -2;
+  block_.metric[0].value32 = -2;
   EXPECT_EQ(4294967294U, read(0, MetricType::counter32).unsigned_whole);
   EXPECT_EQ(4294967294U, read(0, MetricType::id32).unsigned_whole);
   EXPECT_EQ(-2, read(0, MetricType::gauge32).whole);
-  block.metric[5].value64.low = 0xFFFFFFFE;
-  block.metric[5].value64.high = 0xFFFFFFFF;
+  block_.metric[5].value64.low = 0xFFFFFFFE;
+  block_.metric[5].value64.high = 0xFFFFFFFF;
   EXPECT_EQ(18446744073709551614U, read(5, MetricType::counter64).unsigned_whole);
   EXPECT_EQ(-2, read(5, MetricType::gauge64).whole);
 }
 
 TEST_F(ValuesTest, RatiosAreDividedAndThoseByZeroAreNoValues) {
-  block.metric[1].ratio32.value = 7;
-  block.metric[1].ratio32.divisor = -2;
+  block_.metric[1].ratio32.value = 7;
+  block_.metric[1].ratio32.divisor = -2;
   EXPECT_DOUBLE_EQ(-3.5, read(1, MetricType::gauge_ratio).number());
-  block.metric[1].ratio32.divisor = 0;
+  block_.metric[1].ratio32.divisor = 0;
   EXPECT_EQ(MetricValue::Kind::none, read(1, MetricType::gauge_ratio).kind);
   EXPECT_EQ(MetricValue::Kind::none, read(1, MetricType::counter_ratio).kind);
 }
 
 TEST_F(ValuesTest, StringsEndAtAZeroOrWithTheirSlot) {
-  std::memcpy(block.metric[2].string8, "12345678", 8);
+  std::memcpy(block_.metric[2].string8, "12345678", 8);
   read(2, MetricType::string8);
-  EXPECT_EQ("12345678", text);
-  std::memcpy(block.string32, "acme\0x", 6);
+  EXPECT_EQ("12345678", text_);
+  std::memcpy(block_.string32, "acme\0x", 6);
   read(6, MetricType::string32);
-  EXPECT_EQ("acme", text);
+  EXPECT_EQ("acme", text_);
 }
 
 TEST_F(ValuesTest, SlotsWithoutTheirBitAreNoValues) {
   const uint8_t bits[] = {0x80, 0x40, 0x20, 0x10, 0x08, 0x04, 0x02};
   for (size_t slot = 0; slot < 7; ++slot) {
-    block.flags[1] = bits[slot];
+    block_.flags[1] = bits[slot];
     for (size_t other = 0; other < 7; ++other) {
       const MetricType type = other == 6 ? MetricType::string32 : MetricType::gauge32;
       EXPECT_EQ(slot == other, read(other, type).kind != MetricValue::Kind::none);
@@ -124,7 +124,7 @@ TEST_F(ValuesTest, SlotsWithoutTheirBitAreNoValues) {
 }
 
 TEST_F(ValuesTest, BlockOfAnotherFormatHasNoValues) {
-  block.format = 2;
+  block_.format = 2;
   EXPECT_EQ(MetricValue::Kind::none, read(0, MetricType::gauge32).kind);
 }
 

@@ -162,10 +162,10 @@ void expectFullTrace(const std::vector<json>& spans) {
   EXPECT_EQ("customer \xC3\xA4", attributes.at("metric 6").at("stringValue"));
   EXPECT_EQ(std::to_string(getpid()), attributes.at("process.pid").at("intValue"));
   ASSERT_EQ(3U, child.at("events").size());
-  const auto eventAttributes = [&child](size_t i) { return attributesOf(child["events"][i]); };
-  EXPECT_EQ("half way", eventAttributes(0).at("arm.data").at("stringValue"));
-  EXPECT_EQ("00ff", eventAttributes(1).at("arm.data_hex").at("stringValue"));
-  EXPECT_EQ("6", eventAttributes(2).at("metric 1").at("intValue"));
+  const auto event_attributes = [&child](size_t i) { return attributesOf(child["events"][i]); };
+  EXPECT_EQ("half way", event_attributes(0).at("arm.data").at("stringValue"));
+  EXPECT_EQ("00ff", event_attributes(1).at("arm.data_hex").at("stringValue"));
+  EXPECT_EQ("6", event_attributes(2).at("metric 1").at("intValue"));
   const auto nanoseconds = [](const json& span, const char* key) {
     return std::stoull(span.at(key).get<std::string>());
   };

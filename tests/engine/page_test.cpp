@@ -35,7 +35,7 @@ const std::string HOSTILE =
 class PageData : public ::testing::Test {
  protected:
   json get(const std::string& target) const {
-    const json answer = json::parse(httpGet(engine.port(), target), nullptr, false);
+    const json answer = json::parse(httpGet(engine_.port(), target), nullptr, false);
     EXPECT_FALSE(answer.is_discarded()) << target;
     return answer;
   }
@@ -45,7 +45,7 @@ class PageData : public ::testing::Test {
     return waitUntil([&] { return classes()["total"]["count"] == count; });
   }
 
-  ServingEngine engine;
+  ServingEngine engine_;
 };
 
 TEST_F(PageData, EngineWithoutProgramsHasNoClasses) {
@@ -58,7 +58,7 @@ TEST_F(PageData, EngineWithoutProgramsHasNoClasses) {
   EXPECT_EQ(1024, answer["engine"]["request_capacity"]);
   EXPECT_EQ(json::array(), get("/api/history")["points"]);
   EXPECT_EQ(json::array(), get("/api/slowest")["transactions"]);
-  EXPECT_EQ(0, engine.end(SIGTERM));
+  EXPECT_EQ(0, engine_.end(SIGTERM));
 }
 
 TEST_F(PageData, FiguresOfTheTableAreThoseOfWhatWasSent) {
@@ -93,7 +93,7 @@ TEST_F(PageData, FiguresOfTheTableAreThoseOfWhatWasSent) {
     EXPECT_EQ(1, answer["total"]["in_flight"]);
   }
   EXPECT_EQ(0, arm_stop(open, ARM_GOOD, 0, nullptr, 0));
-  EXPECT_EQ(0, engine.end(SIGTERM));
+  EXPECT_EQ(0, engine_.end(SIGTERM));
 }
 
 TEST_F(PageData, HistoryHasEveryDurationOnce) {
@@ -125,7 +125,7 @@ TEST_F(PageData, HistoryHasEveryDurationOnce) {
   EXPECT_EQ(27U, count);
   EXPECT_FALSE(together.contains("class"));
   EXPECT_TRUE(get("/api/history?class=0123456789abcdef")["points"].is_null());
-  EXPECT_EQ(0, engine.end(SIGTERM));
+  EXPECT_EQ(0, engine_.end(SIGTERM));
 }
 
 TEST_F(PageData, ClassesAreSortedFilteredAndLimited) {
@@ -148,7 +148,7 @@ TEST_F(PageData, ClassesAreSortedFilteredAndLimited) {
   EXPECT_EQ(12, answer["total"]["classes"]);
   EXPECT_EQ(0U, classes("filter=unheard")["classes"].size());
   EXPECT_EQ(12U, classes("limit=nonsense&sort=nonsense&window=-1")["classes"].size());
-  EXPECT_EQ(0, engine.end(SIGTERM));
+  EXPECT_EQ(0, engine_.end(SIGTERM));
 }
 
 TEST_F(PageData, HostileAndLongNamesAreShortenedInListsAndCompleteInTheHistory) {
@@ -167,9 +167,9 @@ TEST_F(PageData, HostileAndLongNamesAreShortenedInListsAndCompleteInTheHistory) 
   EXPECT_EQ("not \xEF\xBF\xBD UTF-8", slow[0]["application"]);
   EXPECT_EQ("\xEF\xBF\xBD", slow[0]["transaction"]);
   EXPECT_EQ(shown, slow[1]["transaction"]);
-  const std::string text = httpGet(engine.port(), "/api/slowest");
+  const std::string text = httpGet(engine_.port(), "/api/slowest");
   EXPECT_EQ(std::string::npos, text.find('\n'));
-  EXPECT_EQ(0, engine.end(SIGTERM));
+  EXPECT_EQ(0, engine_.end(SIGTERM));
 }
 
 /// Starts a transaction below another one; its correlator comes back in the block.
@@ -214,28 +214,30 @@ TEST_F(PageData, TraceHasItsSpansAlthoughTracesAreSentNowhere) {
   EXPECT_EQ("failed", spans[2]["outcome"]);
   EXPECT_EQ(getpid(), spans[2]["process"]);
   for (const json& span : spans) EXPECT_GT(span["duration_ns"].get<uint64_t>(), 0U);
-  EXPECT_EQ(0, engine.end(SIGTERM));
+  EXPECT_EQ(0, engine_.end(SIGTERM));
 }
 
 TEST_F(PageData, UnknownAndMalformedTracesAreRefused) {
-  EXPECT_EQ(0U, httpHead(engine.port(), "/api/trace/0123").find("HTTP/1.1 400"));
-  EXPECT_EQ(0U, httpHead(engine.port(), "/api/trace/" + std::string(32, 'x')).find("HTTP/1.1 400"));
-  EXPECT_EQ(0U, httpHead(engine.port(), "/api/trace/" + std::string(32, 'a')).find("HTTP/1.1 404"));
+  EXPECT_EQ(0U, httpHead(engine_.port(), "/api/trace/0123").find("HTTP/1.1 400"));
+  EXPECT_EQ(0U,
+            httpHead(engine_.port(), "/api/trace/" + std::string(32, 'x')).find("HTTP/1.1 400"));
+  EXPECT_EQ(0U,
+            httpHead(engine_.port(), "/api/trace/" + std::string(32, 'a')).find("HTTP/1.1 404"));
   EXPECT_TRUE(get("/api/trace/").contains("error"));
-  EXPECT_EQ(0, engine.end(SIGTERM));
+  EXPECT_EQ(0, engine_.end(SIGTERM));
 }
 
 TEST_F(PageData, NamesOfElsewhereThatLeadHereAreRefused) {
   for (const char* host :
        {"127.0.0.1", "127.0.0.1:80", "localhost", "localhost:9464", "[::1]:80"}) {
-    EXPECT_NE(std::string::npos, httpHead(engine.port(), "/api/classes", host).find(" 200 "))
+    EXPECT_NE(std::string::npos, httpHead(engine_.port(), "/api/classes", host).find(" 200 "))
         << host;
   }
   for (const char* host :
        {"evil.example", "evil.example:9464", "localhost.evil.example", "[evil]"}) {
-    EXPECT_NE(std::string::npos, httpHead(engine.port(), "/api/classes", host).find(" 421 "))
+    EXPECT_NE(std::string::npos, httpHead(engine_.port(), "/api/classes", host).find(" 421 "))
         << host;
-    EXPECT_NE(std::string::npos, httpHead(engine.port(), "/metrics", host).find(" 421 ")) << host;
+    EXPECT_NE(std::string::npos, httpHead(engine_.port(), "/metrics", host).find(" 421 ")) << host;
   }
 }
 
@@ -249,7 +251,7 @@ TEST_F(PageData, AbandonedInstancesAreSeenOnceTheirProcessHasEnded) {
   EXPECT_EQ("abandoned", get("/api/slowest")["transactions"][0]["outcome"]);
   EXPECT_EQ(1, only()["abandoned"]);
   EXPECT_EQ(0, only()["count"]);
-  EXPECT_EQ(0, engine.end(SIGTERM));
+  EXPECT_EQ(0, engine_.end(SIGTERM));
 }
 
 const std::filesystem::path PAGE_SOURCES = ARM_SOURCE_DIR "/engine/page";
@@ -289,8 +291,8 @@ TEST_F(PageData, FilesOfThePageAreThoseOfTheSources) {
     const std::string path = addressOf(name);
     const bool module = name.substr(name.find('.')) == ".js";
     EXPECT_FALSE(source.empty());
-    EXPECT_EQ(module ? withoutComments(source) : source, httpGet(engine.port(), path)) << path;
-    const std::string head = httpHead(engine.port(), path);
+    EXPECT_EQ(module ? withoutComments(source) : source, httpGet(engine_.port(), path)) << path;
+    const std::string head = httpHead(engine_.port(), path);
     EXPECT_NE(std::string::npos, head.find("Content-Security-Policy: default-src 'none'; "));
     EXPECT_EQ(std::string::npos, head.find("unsafe"));
     EXPECT_EQ(module, head.find("Content-Type: text/javascript;") != std::string::npos) << path;
@@ -299,19 +301,19 @@ TEST_F(PageData, FilesOfThePageAreThoseOfTheSources) {
         << path << " asks somebody else";
     EXPECT_EQ(std::string::npos, source.find("innerHTML")) << path;
   }
-  EXPECT_EQ(0, engine.end(SIGTERM));
+  EXPECT_EQ(0, engine_.end(SIGTERM));
 }
 
 TEST_F(PageData, PageAsksForAllItsFilesAtOnceAndTheyAreSmall) {
-  const std::string page = httpGet(engine.port(), "/");
+  const std::string page = httpGet(engine_.port(), "/");
   std::size_t bytes = 0;
   for (const std::string& name : pageFiles()) {
-    bytes += httpGet(engine.port(), addressOf(name)).size();
+    bytes += httpGet(engine_.port(), addressOf(name)).size();
     if (name == "index.html") continue;
     EXPECT_NE(std::string::npos, page.find("=\"/" + name + "\"")) << name;
   }
   EXPECT_LE(bytes, 56700U);
-  EXPECT_EQ(0, engine.end(SIGTERM));
+  EXPECT_EQ(0, engine_.end(SIGTERM));
 }
 
 // ---- the demo -----------------------------------------------------------------------------------

@@ -71,10 +71,10 @@ std::vector<std::string> wordsOfLine(const std::string& text,
 }
 
 EngineProcess::EngineProcess(const std::vector<std::string>& arguments,
-                             const std::string& buildDir) {
+                             const std::string& build_dir) {
   int ends[2];
   if (pipe(ends) != 0) return;
-  std::string program = buildDir + "/bin/armengine";
+  std::string program = build_dir + "/bin/armengine";
   std::vector<std::string> copies = arguments;
   std::vector<char*> pointers = {program.data()};
   for (std::string& argument : copies) pointers.push_back(argument.data());

@@ -33,7 +33,7 @@ class EngineProcess {
  public:
   /// Starts it, from a build tree, and waits for its first line.
   explicit EngineProcess(const std::vector<std::string>& arguments = {"--report"},
-                         const std::string& buildDir = ARM_BUILD_DIR);
+                         const std::string& build_dir = ARM_BUILD_DIR);
   /// Kills it when it still runs.
   ~EngineProcess();
   EngineProcess(const EngineProcess&) = delete;

@@ -30,26 +30,26 @@ using Listener = std::function<void(CkesMutex*)>;
 /// both in one.
 void onMutexes(
     const Listener& locks, const Listener& unlocks = [](CkesMutex*) {}) {
-  calls::mutexLock.replace([=](CkesMutex* mutex) {
+  calls::mutex_lock.replace([=](CkesMutex* mutex) {
     locks(mutex);
-    return calls::mutexLock.real(mutex);
+    return calls::mutex_lock.real(mutex);
   });
-  calls::mutexUnlock.replace([=](CkesMutex* mutex) {
+  calls::mutex_unlock.replace([=](CkesMutex* mutex) {
     unlocks(mutex);
-    return calls::mutexUnlock.real(mutex);
+    return calls::mutex_unlock.real(mutex);
   });
-  calls::mutexPass.replace([=](CkesMutex* mutex) {
+  calls::mutex_pass.replace([=](CkesMutex* mutex) {
     locks(mutex);
-    const long result = calls::mutexPass.real(mutex);
+    const long result = calls::mutex_pass.real(mutex);
     unlocks(mutex);
     return result;
   });
 }
 
 void letMutexesBe() {
-  calls::mutexLock.watch();
-  calls::mutexUnlock.watch();
-  calls::mutexPass.watch();
+  calls::mutex_lock.watch();
+  calls::mutex_unlock.watch();
+  calls::mutex_pass.watch();
 }
 
 /// Called in place of each pause; nothing sleeps then.
@@ -74,17 +74,17 @@ class Connection : public testing::Test {
     calls::semop.watch();
     calls::semctl.watch();
     onNap([](useconds_t) {});
-    if (replies) replies->breakLock();
+    if (replies_) replies_->breakLock();
     CloseIPC();
   }
 
   void startEngine() {
-    requests = std::make_unique<RequestQueue>(3);
-    replies = std::make_unique<ReplyQueue>(3);
+    requests_ = std::make_unique<RequestQueue>(3);
+    replies_ = std::make_unique<ReplyQueue>(3);
   }
   void removeEngine() {
-    requests.reset();
-    replies.reset();
+    requests_.reset();
+    replies_.reset();
   }
 
   /// A post that is given the same bytes throughout.
@@ -99,19 +99,19 @@ class Connection : public testing::Test {
     std::future<Bytes> got = std::async(std::launch::async, [] {
       TArmReplyMessage reply;
       std::memset(&reply, 0xEE, sizeof reply);
-      getResult = IPCGetFromEngine(reply, {1001, 2002});
+      get_result = IPCGetFromEngine(reply, {1001, 2002});
       return bytesOf(reply);
     });
-    EXPECT_TRUE(waitUntil([this] { return replies->waits.sleepers(2) == 1; }));
+    EXPECT_TRUE(waitUntil([this] { return replies_->waits.sleepers(2) == 1; }));
     return got;
   }
 
-  std::unique_ptr<RequestQueue> requests;
-  std::unique_ptr<ReplyQueue> replies;
-  static std::atomic<long> getResult;
+  std::unique_ptr<RequestQueue> requests_;
+  std::unique_ptr<ReplyQueue> replies_;
+  static std::atomic<long> get_result;
 };
 
-std::atomic<long> Connection::getResult{1};
+std::atomic<long> Connection::get_result{1};
 
 // ---- opening ------------------------------------------------------------------------------------
 
@@ -124,8 +124,8 @@ TEST_F(Connection, OpensBothQueues) {
   EXPECT_EQ(0, engineID.processId);
   EXPECT_EQ(0U, engineID.threadId);
   EXPECT_EQ(Lines{}, log.lines("InitializeIPC"));
-  EXPECT_EQ(2U, requests->memory.attachments());
-  EXPECT_EQ(2U, replies->memory.attachments());
+  EXPECT_EQ(2U, requests_->memory.attachments());
+  EXPECT_EQ(2U, replies_->memory.attachments());
 }
 
 class ConnectionFailure : public Connection {
@@ -159,29 +159,29 @@ TEST_F(ConnectionFailure, WithoutEngineIsNotInitialized) {
 }
 
 TEST_F(ConnectionFailure, OfADeadCreatorIsNotAlive) {
-  requests->creatorDies();
+  requests_->creatorDies();
   expectLines({"InitializeIPC, OutQueue failure", "InitializeIPC, OutQueue Creator is not alive"});
 }
 
 TEST_F(ConnectionFailure, OfAQueueThatIsNotReadyHasNoLineOfItsOwn) {
-  requests->setReady(0);
+  requests_->setReady(0);
   expectLines({"InitializeIPC, OutQueue failure"});
 }
 
 TEST_F(ConnectionFailure, OfAStoppedQueueIsNotInitializedThoughItsCreatorIsDeadToo) {
-  requests->setState(1);
-  requests->creatorDies();
+  requests_->setState(1);
+  requests_->creatorDies();
   expectLines({"InitializeIPC, OutQueue failure", "InitializeIPC, OutQueue is not Initialized"});
 }
 
 TEST_F(ConnectionFailure, OfADeadCreatorComesBeforeNotReady) {
-  requests->creatorDies();
-  requests->setReady(0);
+  requests_->creatorDies();
+  requests_->setReady(0);
   expectLines({"InitializeIPC, OutQueue failure", "InitializeIPC, OutQueue Creator is not alive"});
 }
 
 TEST_F(Connection, WithoutReplyQueueClosesBoth) {
-  replies->setState(1);
+  replies_->setState(1);
   engineID = {5, 6};
   const TraceLog log;
   EXPECT_FALSE(InitializeIPC());
@@ -190,8 +190,8 @@ TEST_F(Connection, WithoutReplyQueueClosesBoth) {
   EXPECT_EQ(nullptr, InQueue);
   EXPECT_EQ(0, engineID.processId) << "the engine's identifier is copied all the same";
   EXPECT_EQ(0U, engineID.threadId);
-  EXPECT_EQ(1U, requests->memory.attachments());
-  EXPECT_EQ(1U, replies->memory.attachments());
+  EXPECT_EQ(1U, requests_->memory.attachments());
+  EXPECT_EQ(1U, replies_->memory.attachments());
 }
 
 TEST_F(Connection, WithoutMemoryForTheReplyQueueClosesBoth) {
@@ -206,15 +206,15 @@ TEST_F(Connection, WithoutMemoryForTheReplyQueueClosesBoth) {
 }
 
 TEST_F(Connection, MutexesAreUnlockedASecondTimeWithoutReplyQueue) {
-  replies->setState(1);
+  replies_->setState(1);
   int held[3] = {};
   int lowest[3] = {};
-  const auto indexOf = [](const CkesMutex* mutex) {
+  const auto index_of = [](const CkesMutex* mutex) {
     return mutex == &OutQueueMutex ? 0 : mutex == &InQueueMutex ? 1 : 2;
   };
-  onMutexes([&](CkesMutex* mutex) { ++held[indexOf(mutex)]; },
+  onMutexes([&](CkesMutex* mutex) { ++held[index_of(mutex)]; },
             [&](CkesMutex* mutex) {
-              const int index = indexOf(mutex);
+              const int index = index_of(mutex);
               lowest[index] = std::min(lowest[index], --held[index]);
             });
   EXPECT_FALSE(InitializeIPC());
@@ -245,8 +245,8 @@ TEST_F(Connection, BothMutexesAreHeldWhileTheQueuesAreOpened) {
 TEST_F(Connection, OpenedTwiceKeepsOnlyTheSecondQueues) {
   EXPECT_TRUE(InitializeIPC());
   EXPECT_TRUE(InitializeIPC());
-  EXPECT_EQ(2U, requests->memory.attachments());
-  EXPECT_EQ(2U, replies->memory.attachments());
+  EXPECT_EQ(2U, requests_->memory.attachments());
+  EXPECT_EQ(2U, replies_->memory.attachments());
   EXPECT_EQ(0, post());
 }
 
@@ -254,20 +254,20 @@ TEST_F(Connection, NeverWaitsForRoom) {
   EXPECT_TRUE(InitializeIPC());
   OutQueue->SetOverflowWait(true);
   EXPECT_TRUE(InitializeIPC());
-  requests->setRing(3, 0, 0);
+  requests_->setRing(3, 0, 0);
   EXPECT_EQ(-8, post());
-  EXPECT_EQ(0U, requests->overflowWaiters());
+  EXPECT_EQ(0U, requests_->overflowWaiters());
 }
 
 // ---- the entry gate -----------------------------------------------------------------------------
 
 TEST_F(Connection, EveryFunctionPassesTheGateBeforeAnythingElse) {
   std::string seen;
-  const auto nameOf = [](const CkesMutex* mutex) {
+  const auto name_of = [](const CkesMutex* mutex) {
     return mutex == &IsClosingMutex ? 'c' : mutex == &OutQueueMutex ? 'o' : 'i';
   };
-  onMutexes([&](CkesMutex* mutex) { seen += static_cast<char>(std::toupper(nameOf(mutex))); },
-            [&](CkesMutex* mutex) { seen += nameOf(mutex); });
+  onMutexes([&](CkesMutex* mutex) { seen += static_cast<char>(std::toupper(name_of(mutex))); },
+            [&](CkesMutex* mutex) { seen += name_of(mutex); });
   const auto sequence = [&seen] {
     std::string result;
     result.swap(seen);
@@ -279,7 +279,7 @@ TEST_F(Connection, EveryFunctionPassesTheGateBeforeAnythingElse) {
   EXPECT_EQ("CcOoOo", sequence());
   EXPECT_EQ(0, post());
   EXPECT_EQ("CcOoOo", sequence());
-  replies->setState(1);
+  replies_->setState(1);
   TArmReplyMessage reply;
   EXPECT_EQ(-9, IPCGetFromEngine(reply));
   EXPECT_EQ("CcIiIi", sequence());
@@ -308,18 +308,18 @@ TEST_F(Connection, GateIsClosedWhileTheQueuesAreBeingClosed) {
 TEST_F(Connection, PostWaitsAtTheClosedGate) {
   EXPECT_TRUE(InitializeIPC());
   (void)IsClosingMutex.Lock();
-  std::atomic<bool> atGate{false};
-  onMutexes([&atGate](CkesMutex* mutex) {
-    if (mutex == &IsClosingMutex) atGate = true;
+  std::atomic<bool> at_gate{false};
+  onMutexes([&at_gate](CkesMutex* mutex) {
+    if (mutex == &IsClosingMutex) at_gate = true;
   });
   std::future<long> posted = std::async(std::launch::async, [] { return post(); });
-  EXPECT_TRUE(waitUntil([&atGate] { return atGate.load(); }));
+  EXPECT_TRUE(waitUntil([&at_gate] { return at_gate.load(); }));
   EXPECT_EQ(0, OutQueueCount);
-  EXPECT_EQ(0, requests->count());
+  EXPECT_EQ(0, requests_->count());
   (void)IsClosingMutex.Unlock();
   EXPECT_EQ(0, posted.get());
   letMutexesBe();
-  EXPECT_EQ(1, requests->count());
+  EXPECT_EQ(1, requests_->count());
 }
 
 // ---- posting ------------------------------------------------------------------------------------
@@ -331,16 +331,16 @@ TEST_F(Connection, PostWithoutQueueIsMinusTwo) {
 
 TEST_F(Connection, PostToADeadCreatorIsMinusTwoAndWritesNothing) {
   EXPECT_TRUE(InitializeIPC());
-  requests->creatorDies();
+  requests_->creatorDies();
   EXPECT_EQ(-2, post());
-  EXPECT_EQ(0, requests->count());
+  EXPECT_EQ(0, requests_->count());
   EXPECT_EQ(0, OutQueueCount);
 }
 
 TEST_F(Connection, PostIsSeenInTheRing) {
   EXPECT_TRUE(InitializeIPC());
   EXPECT_EQ(0, post(0x42));
-  EXPECT_EQ(Bytes(4116, 0x42), requests->slot(0));
+  EXPECT_EQ(Bytes(4116, 0x42), requests_->slot(0));
   EXPECT_EQ(0, OutQueueCount);
   EXPECT_EQ(0, InQueueCount);
 }
@@ -349,19 +349,19 @@ TEST_F(Connection, PostToAFullQueueIsMinusEightAndTheCountsAreBack) {
   EXPECT_TRUE(InitializeIPC());
   for (int i = 0; i < 3; ++i) EXPECT_EQ(0, post());
   EXPECT_EQ(-8, post(0x43));
-  EXPECT_EQ(3, requests->count());
-  EXPECT_EQ(Bytes(4116, 0x42), requests->slot(0));
+  EXPECT_EQ(3, requests_->count());
+  EXPECT_EQ(Bytes(4116, 0x42), requests_->slot(0));
   EXPECT_EQ(0, OutQueueCount);
   EXPECT_EQ(0, InQueueCount);
 }
 
 TEST_F(Connection, PostThatFailsOtherwiseIsMinusNine) {
   EXPECT_TRUE(InitializeIPC());
-  requests->setState(1);
+  requests_->setState(1);
   EXPECT_EQ(-9, post());
   EXPECT_EQ("-284 CIPCSimpleQueue<T>::PrivatePut() < CIPCSimpleQueue<T>::Put()", errorTrail());
-  requests->setState(0);
-  requests->setRing(9, 9, 9);
+  requests_->setState(0);
+  requests_->setRing(9, 9, 9);
   EXPECT_EQ(-9, post());
   EXPECT_EQ(0, OutQueueCount);
 }
@@ -390,16 +390,16 @@ TEST_F(Connection, GetWithoutQueueIsMinusTwo) {
 
 TEST_F(Connection, GetFromADeadCreatorIsMinusTwo) {
   EXPECT_TRUE(InitializeIPC());
-  replies->creatorDies();
+  replies_->creatorDies();
   TArmReplyMessage reply;
   EXPECT_EQ(-2, IPCGetFromEngine(reply));
-  EXPECT_EQ(0, replies->headsInUse());
+  EXPECT_EQ(0, replies_->headsInUse());
   EXPECT_EQ(0, InQueueCount);
 }
 
 TEST_F(Connection, GetThatFailsIsMinusNine) {
   EXPECT_TRUE(InitializeIPC());
-  replies->setState(1);
+  replies_->setState(1);
   TArmReplyMessage reply;
   EXPECT_EQ(-9, IPCGetFromEngine(reply));
   EXPECT_EQ("-284 CIPCQueue::PrivateGet() < CIPCQueue::Get()", errorTrail());
@@ -408,8 +408,8 @@ TEST_F(Connection, GetThatFailsIsMinusNine) {
 
 TEST_F(Connection, GetWithoutHeadIsMinusNineAndNotMinusEight) {
   EXPECT_TRUE(InitializeIPC());
-  replies->setHeadsInUse(3);
-  for (size_t i = 0; i < 3; ++i) replies->setStatus(i, 1);
+  replies_->setHeadsInUse(3);
+  for (size_t i = 0; i < 3; ++i) replies_->setStatus(i, 1);
   TArmReplyMessage reply;
   EXPECT_EQ(-9, IPCGetFromEngine(reply));
   EXPECT_EQ("-274 CIPCQueue::PrivateGet() < CIPCQueue::Get()", errorTrail());
@@ -418,8 +418,8 @@ TEST_F(Connection, GetWithoutHeadIsMinusNineAndNotMinusEight) {
 TEST_F(Connection, GetTakesTheReplyOfTheCallingThread) {
   EXPECT_TRUE(InitializeIPC());
   const _TIPCIdentifier me = GetIpcIdentifier();
-  replies->setOwner(1, static_cast<uint32_t>(me.processId), me.threadId);
-  replies->reply(1, replyRecord(77));
+  replies_->setOwner(1, static_cast<uint32_t>(me.processId), me.threadId);
+  replies_->reply(1, replyRecord(77));
   TArmReplyMessage reply;
   EXPECT_EQ(0, IPCGetFromEngine(reply));
   EXPECT_EQ(replyRecord(77), bytesOf(reply));
@@ -430,11 +430,11 @@ TEST_F(Connection, GetTakesTheReplyOfAGivenIdentifier) {
   EXPECT_TRUE(InitializeIPC());
   std::future<Bytes> got = startGet();
   EXPECT_EQ(1, InQueueCount);
-  EXPECT_EQ(1001U, replies->process(0));
-  EXPECT_EQ(2002U, replies->thread(0));
-  replies->reply(0, replyRecord(78));
+  EXPECT_EQ(1001U, replies_->process(0));
+  EXPECT_EQ(2002U, replies_->thread(0));
+  replies_->reply(0, replyRecord(78));
   EXPECT_EQ(replyRecord(78), got.get());
-  EXPECT_EQ(0, getResult);
+  EXPECT_EQ(0, get_result);
   EXPECT_EQ(0, InQueueCount);
 }
 
@@ -448,7 +448,7 @@ TEST_F(Connection, WithoutQueueNoEngineIsAlive) {
 
 TEST_F(Connection, EngineThatHasExitedIsNotAlive) {
   EXPECT_TRUE(InitializeIPC());
-  requests->creatorDies();
+  requests_->creatorDies();
   const TraceLog log;
   EXPECT_FALSE(IsEngineAlive());
   EXPECT_EQ(Lines{"IsEngineAlive: CreatorAlive failed"}, log.lines());
@@ -456,10 +456,10 @@ TEST_F(Connection, EngineThatHasExitedIsNotAlive) {
 
 TEST_F(Connection, EngineWithAnotherVersionIsNotAlive) {
   EXPECT_TRUE(InitializeIPC());
-  requests->setVersion(50299);
+  requests_->setVersion(50299);
   const TraceLog log;
   EXPECT_FALSE(IsEngineAlive());
-  requests->setVersion(0xFFFFFFFF);
+  requests_->setVersion(0xFFFFFFFF);
   EXPECT_FALSE(IsEngineAlive());
   EXPECT_EQ((Lines{"IsEngineAlive: OutQueue version[50299] does not match libarm version[50300]",
                    "IsEngineAlive: OutQueue version[4294967295] does not match libarm "
@@ -480,7 +480,7 @@ TEST_F(Connection, IsEngineAliveRaisesTheUserCountTwiceAndNeverLowersIt) {
   EXPECT_TRUE(InitializeIPC());
   EXPECT_TRUE(IsEngineAlive());
   EXPECT_EQ(4, OutQueueCount);
-  requests->creatorDies();
+  requests_->creatorDies();
   EXPECT_FALSE(IsEngineAlive());
   EXPECT_EQ(6, OutQueueCount);
   EXPECT_EQ(0, InQueueCount);
@@ -490,16 +490,16 @@ TEST_F(Connection, IsEngineAliveRaisesTheUserCountTwiceAndNeverLowersIt) {
 
 TEST_F(Connection, CloseDetachesAndRemovesNothing) {
   EXPECT_TRUE(InitializeIPC());
-  const Bytes before = requests->memory.all();
+  const Bytes before = requests_->memory.all();
   CloseIPC();
   EXPECT_EQ(nullptr, OutQueue);
   EXPECT_EQ(nullptr, InQueue);
-  EXPECT_EQ(1U, requests->memory.attachments());
-  EXPECT_EQ(1U, replies->memory.attachments());
-  EXPECT_EQ(before, requests->memory.all());
+  EXPECT_EQ(1U, requests_->memory.attachments());
+  EXPECT_EQ(1U, replies_->memory.attachments());
+  EXPECT_EQ(before, requests_->memory.all());
   EXPECT_NE(-1, setAt(EA, 1));
   EXPECT_NE(-1, setAt(EA, 3));
-  EXPECT_EQ(0U, replies->memory.u32(8));
+  EXPECT_EQ(0U, replies_->memory.u32(8));
 }
 
 TEST_F(Connection, CloseTwiceIsHarmless) {
@@ -525,7 +525,7 @@ TEST_F(Connection, CloseWaitsFourThousandPollsWhileBothQueuesHaveUsers) {
   EXPECT_EQ(4000, polls);
   EXPECT_EQ(nullptr, OutQueue);
   EXPECT_EQ(nullptr, InQueue);
-  EXPECT_EQ(1U, replies->memory.attachments());
+  EXPECT_EQ(1U, replies_->memory.attachments());
 }
 
 TEST_F(Connection, CloseGoesAheadWhenOneCountReachesZero) {
@@ -560,12 +560,12 @@ TEST_F(Connection, BlockedGetKeepsItsQueueUntilItLeaves) {
   std::future<Bytes> got = startGet();
   CloseIPC();
   EXPECT_EQ(nullptr, InQueue);
-  EXPECT_EQ(1U, requests->memory.attachments());
-  EXPECT_EQ(2U, replies->memory.attachments());
-  replies->reply(0, replyRecord(79));
+  EXPECT_EQ(1U, requests_->memory.attachments());
+  EXPECT_EQ(2U, replies_->memory.attachments());
+  replies_->reply(0, replyRecord(79));
   EXPECT_EQ(replyRecord(79), got.get());
-  EXPECT_EQ(0, getResult);
-  EXPECT_EQ(1U, replies->memory.attachments());
+  EXPECT_EQ(0, get_result);
+  EXPECT_EQ(1U, replies_->memory.attachments());
   EXPECT_EQ(0, InQueueCount);
 }
 
@@ -578,10 +578,10 @@ TEST_F(Connection, BlockedGetAndAnAliveCheckMakeTheCloseWaitAndGoAheadAnyway) {
   CloseIPC();
   EXPECT_EQ(4000, polls);
   EXPECT_EQ(nullptr, InQueue);
-  EXPECT_EQ(2U, replies->memory.attachments());
-  replies->reply(0, replyRecord(80));
+  EXPECT_EQ(2U, replies_->memory.attachments());
+  replies_->reply(0, replyRecord(80));
   EXPECT_EQ(replyRecord(80), got.get());
-  EXPECT_EQ(1U, replies->memory.attachments());
+  EXPECT_EQ(1U, replies_->memory.attachments());
 }
 
 TEST_F(Connection, BlockedGetOnTheOldQueueIsNotDisturbedByANewOpening) {
@@ -589,18 +589,18 @@ TEST_F(Connection, BlockedGetOnTheOldQueueIsNotDisturbedByANewOpening) {
   std::future<Bytes> got = startGet();
   CloseIPC();
   EXPECT_TRUE(InitializeIPC());
-  EXPECT_EQ(3U, replies->memory.attachments());
-  replies->reply(0, replyRecord(81));
+  EXPECT_EQ(3U, replies_->memory.attachments());
+  replies_->reply(0, replyRecord(81));
   EXPECT_EQ(replyRecord(81), got.get());
-  EXPECT_EQ(2U, replies->memory.attachments());
+  EXPECT_EQ(2U, replies_->memory.attachments());
 }
 
 TEST_F(Connection, BlockedGetWhoseSetIsRemovedIsMinusNine) {
   EXPECT_TRUE(InitializeIPC());
   std::future<Bytes> got = startGet();
-  replies->waits.remove();
+  replies_->waits.remove();
   EXPECT_EQ(Bytes(528, 0xEE), got.get());
-  EXPECT_EQ(-9, getResult);
+  EXPECT_EQ(-9, get_result);
 }
 
 // ---- CheckEngineStatus --------------------------------------------------------------------------
@@ -657,12 +657,12 @@ TEST_F(EngineStatus, EngineThatRestartedIsFoundInTheSameCall) {
                    "CheckEngineStatus, Try to InitializeIPC again."}),
             statusLines(log));
   EXPECT_EQ(0, post());
-  EXPECT_EQ(1, requests->count());
+  EXPECT_EQ(1, requests_->count());
 }
 
 TEST_F(EngineStatus, OldReplyQueueStillTriesItsLockBetweenTheLinesOfARestart) {
   EXPECT_EQ(0, CheckEngineStatus());
-  const int set = replies->set.id();
+  const int set = replies_->set.id();
   removeEngine();
   startEngine();
   const TraceLog log;
@@ -692,11 +692,11 @@ TEST_F(EngineStatus, EngineThatIsGoneIsTriedOnceMore) {
 
 TEST_F(EngineStatus, EngineThatIsNotAliveAfterTheSecondOpeningIsGivenUp) {
   EXPECT_EQ(0, CheckEngineStatus());
-  requests->setVersion(7);
+  requests_->setVersion(7);
   int gates = 0;
   // IsEngineAlive, CloseIPC, InitializeIPC and, as the fourth, IsEngineAlive again.
   onMutexes([&](CkesMutex* mutex) {
-    if (mutex == &IsClosingMutex && ++gates == 4) requests->setVersion(8);
+    if (mutex == &IsClosingMutex && ++gates == 4) requests_->setVersion(8);
   });
   const TraceLog log;
   EXPECT_EQ(-2, CheckEngineStatus());
@@ -712,9 +712,9 @@ TEST_F(EngineStatus, EngineThatIsNotAliveAfterTheSecondOpeningIsGivenUp) {
 
 TEST_F(EngineStatus, WrongVersionIsHealedByTheSecondOpening) {
   EXPECT_EQ(0, CheckEngineStatus());
-  requests->setVersion(7);
+  requests_->setVersion(7);
   EXPECT_EQ(0, CheckEngineStatus());
-  EXPECT_EQ(50300U, requests->version());
+  EXPECT_EQ(50300U, requests_->version());
 }
 
 TEST_F(EngineStatus, OnlyTheFirstOpeningHoldsTheInitMutex) {
@@ -732,7 +732,7 @@ TEST_F(EngineStatus, OnlyTheFirstOpeningHoldsTheInitMutex) {
       });
   EXPECT_EQ(0, CheckEngineStatus());
   EXPECT_EQ(2, gates);
-  requests->creatorDies();
+  requests_->creatorDies();
   EXPECT_EQ(-2, CheckEngineStatus());
   EXPECT_EQ(5, gates);
   letMutexesBe();
@@ -747,9 +747,9 @@ TEST_F(EngineStatus, DetachClosesAndTheNextCallReconnects) {
   EXPECT_EQ(Lines{"DllMain: Being detached by a PROCESS"}, log.lines("DllMain"));
   EXPECT_FALSE(IPCInitialized);
   EXPECT_EQ(nullptr, OutQueue);
-  EXPECT_EQ(1U, requests->memory.attachments());
+  EXPECT_EQ(1U, requests_->memory.attachments());
   EXPECT_EQ(0, CheckEngineStatus());
-  EXPECT_EQ(2U, requests->memory.attachments());
+  EXPECT_EQ(2U, requests_->memory.attachments());
 }
 
 TEST_F(EngineStatus, DetachClosesUnderTheInitMutex) {
@@ -786,14 +786,14 @@ TEST_F(EngineStatus, AttachWithoutTheSwitchWritesNothing) {
 // ---- closed between a post and its wait ---------------------------------------------------------
 
 /// Another thread closes the connection when a call has posted its request and is about to wait.
-void closeBeforeTheNextWait(const std::function<void()>& andThen = [] {}) {
+void closeBeforeTheNextWait(const std::function<void()>& and_then = [] {}) {
   auto closed = std::make_shared<bool>(false);
-  onMutexes([closed, andThen](CkesMutex* mutex) {
+  onMutexes([closed, and_then](CkesMutex* mutex) {
     if (mutex != &InQueueMutex || *closed) return;
     *closed = true;
     IPCInitialized = false;
     CloseIPC();
-    andThen();
+    and_then();
   });
 }
 
@@ -802,7 +802,7 @@ int32_t callOnce() {
 }
 
 TEST_F(Connection, ClosedBetweenPostAndWaitStillGivesTheCallItsReply) {
-  AnsweringEngine engine(*requests, *replies, replyRecord(11));
+  AnsweringEngine engine(*requests_, *replies_, replyRecord(11));
   ASSERT_EQ(11, callOnce());
   engine.setReply(replyRecord(12));
   closeBeforeTheNextWait();
@@ -814,7 +814,7 @@ TEST_F(Connection, ClosedBetweenPostAndWaitStillGivesTheCallItsReply) {
 
 TEST_F(Connection, ClosedBetweenPostAndWaitAndOpenedToAnotherEngineEndsTheCallWithMinus2) {
   {
-    AnsweringEngine engine(*requests, *replies, replyRecord(11));
+    AnsweringEngine engine(*requests_, *replies_, replyRecord(11));
     ASSERT_EQ(11, callOnce());
   }
   closeBeforeTheNextWait([this] {
@@ -822,14 +822,14 @@ TEST_F(Connection, ClosedBetweenPostAndWaitAndOpenedToAnotherEngineEndsTheCallWi
     startEngine();
   });
   EXPECT_EQ(-2, callOnce());
-  AnsweringEngine engine(*requests, *replies, replyRecord(12));
+  AnsweringEngine engine(*requests_, *replies_, replyRecord(12));
   EXPECT_EQ(12, callOnce());
   counted("opened to another engine between a post and its wait", 1);
 }
 
 TEST_F(Connection, OpenedToAnotherEngineBetweenPostAndWaitEndsTheCallWithMinus2) {
   {
-    AnsweringEngine engine(*requests, *replies, replyRecord(11));
+    AnsweringEngine engine(*requests_, *replies_, replyRecord(11));
     ASSERT_EQ(11, callOnce());
   }
   closeBeforeTheNextWait([this] {
@@ -838,17 +838,17 @@ TEST_F(Connection, OpenedToAnotherEngineBetweenPostAndWaitEndsTheCallWithMinus2)
     IPCInitialized = InitializeIPC();
   });
   EXPECT_EQ(-2, callOnce()) << "the other engine does not know the request";
-  AnsweringEngine engine(*requests, *replies, replyRecord(12));
+  AnsweringEngine engine(*requests_, *replies_, replyRecord(12));
   EXPECT_EQ(12, callOnce());
   counted("opened to another engine between a post and its wait", 1);
 }
 
 TEST_F(Connection, WaitThatFindsOnlyTheReplyQueueDeadGivesUp) {
   {
-    AnsweringEngine engine(*requests, *replies, replyRecord(11));
+    AnsweringEngine engine(*requests_, *replies_, replyRecord(11));
     ASSERT_EQ(11, callOnce());
   }
-  replies->creatorDies();
+  replies_->creatorDies();
   EXPECT_EQ(-2, callOnce());
 }
 
@@ -858,44 +858,44 @@ class DeadEngine : public Connection {
  protected:
   DeadEngine() {
     EXPECT_EQ(0, CheckEngineStatus());
-    onNap([this](useconds_t) { ++naps; });
+    onNap([this](useconds_t) { ++naps_; });
   }
 
   /// The engine dies when this thread's next call has posted its request and is about to wait.
   void dieBeforeTheNextWait() {
-    const auto isCaller = [caller = std::this_thread::get_id()] {
+    const auto is_caller = [caller = std::this_thread::get_id()] {
       return std::this_thread::get_id() == caller;
     };
-    onMutexes([this, isCaller](CkesMutex* mutex) {
-      if (!isCaller()) return;
-      if (mutex == &IsClosingMutex) ++gates;
+    onMutexes([this, is_caller](CkesMutex* mutex) {
+      if (!is_caller()) return;
+      if (mutex == &IsClosingMutex) ++gates_;
       if (mutex != &InQueueMutex) return;
-      requests->creatorDies();
-      replies->creatorDies();
+      requests_->creatorDies();
+      replies_->creatorDies();
     });
-    calls::semop.ask([this, isCaller](int, const sembuf*, size_t) {
-      if (isCaller()) ++semops;
+    calls::semop.ask([this, is_caller](int, const sembuf*, size_t) {
+      if (is_caller()) ++semops_;
       return calls::RUN_IT;
     });
-    calls::semctl.ask([this, isCaller](int, int, int command, TSemArgument) {
-      if (isCaller() && command == GETVAL) ++looks;
+    calls::semctl.ask([this, is_caller](int, int, int command, TSemArgument) {
+      if (is_caller() && command == GETVAL) ++looks_;
       return 0;
     });
   }
 
-  int gates = 0;
-  int semops = 0;
-  int looks = 0;
-  std::atomic<int> naps{0};
+  int gates_ = 0;
+  int semops_ = 0;
+  int looks_ = 0;
+  std::atomic<int> naps_{0};
 };
 
 TEST_F(DeadEngine, EndsTheCallWithMinus2AndNoSecondLook) {
   dieBeforeTheNextWait();
   EXPECT_EQ(-2, callOnce());
-  EXPECT_EQ(3, gates) << "the status check, the post and the wait";
-  EXPECT_EQ(5, semops) << "the ring's lock and the wake-up";
-  EXPECT_EQ(4, looks) << "each of the three looks once, the wake-up too";
-  EXPECT_EQ(1, requests->count());
+  EXPECT_EQ(3, gates_) << "the status check, the post and the wait";
+  EXPECT_EQ(5, semops_) << "the ring's lock and the wake-up";
+  EXPECT_EQ(4, looks_) << "each of the three looks once, the wake-up too";
+  EXPECT_EQ(1, requests_->count());
   EXPECT_NE(nullptr, OutQueue) << "the next call's status check closes";
   EXPECT_TRUE(IPCInitialized);
 }
@@ -911,8 +911,8 @@ TEST_F(DeadEngine, DoesNotMakeTheCallWaitForOtherThreads) {
   dieBeforeTheNextWait();
   std::future<Bytes> got = startGet();
   EXPECT_EQ(-2, callOnce());
-  EXPECT_EQ(0, naps);
-  replies->reply(0, replyRecord(82));
+  EXPECT_EQ(0, naps_);
+  replies_->reply(0, replyRecord(82));
   EXPECT_EQ(replyRecord(82), got.get());
 }
 

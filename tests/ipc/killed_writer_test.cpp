@@ -19,8 +19,8 @@ namespace {
 
 using Queue = CIPCSimpleQueue<TArmMessage>;
 
-constexpr const char* kName = "/var/kelp/controls_ae.kelp";
-constexpr uint16_t kCapacity = 3;
+constexpr const char* NAME = "/var/kelp/controls_ae.kelp";
+constexpr uint16_t CAPACITY = 3;
 
 /// Runs a process that opens the queue and then does something with it, one instruction at a time,
 /// with a look in between.  Returns the number of instructions.
@@ -28,7 +28,7 @@ unsigned long stepThrough(const std::function<void(Queue&)>& act,
                           const std::function<void()>& look) {
   const pid_t child = fork();
   if (child == 0) {
-    Queue queue(kName);
+    Queue queue(NAME);
     ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
     (void)raise(SIGSTOP);
     act(queue);
@@ -66,9 +66,9 @@ struct Sight {
   void look(RequestQueue& ring) {
     uint16_t words[4];
     std::memcpy(words, ring.memory.at(0), sizeof words);
-    if ((words[1] + words[0]) % kCapacity != words[2]) ++torn;
+    if ((words[1] + words[0]) % CAPACITY != words[2]) ++torn;
     for (uint16_t i = 0; i < words[0]; ++i) {
-      if (!isWhole(ring.slot(static_cast<size_t>((words[1] + i) % kCapacity)))) ++partial;
+      if (!isWhole(ring.slot(static_cast<size_t>((words[1] + i) % CAPACITY)))) ++partial;
     }
     largest = std::max(largest, words[0]);
   }
@@ -77,7 +77,7 @@ struct Sight {
 /// Puts twice; between all instructions the count says how far the tail is from the head, and each
 /// record that counts is whole.
 void putTwice(bool front) {
-  RequestQueue ring(kCapacity);
+  RequestQueue ring(CAPACITY);
   ring.setRing(0, 1, 1);
   Sight sight;
   const auto act = [&](Queue& queue) {

@@ -247,20 +247,20 @@ TEST(Identifiers, StayTheSameWithinAThread) {
 }
 
 TEST(Identifiers, DifferBetweenLiveThreads) {
-  constexpr size_t kThreads = 32;
-  std::vector<uint32_t> ids(kThreads);
+  constexpr size_t THREADS = 32;
+  std::vector<uint32_t> ids(THREADS);
   std::vector<std::thread> threads;
   std::atomic<size_t> ready{0};
-  for (size_t i = 0; i < kThreads; ++i) {
+  for (size_t i = 0; i < THREADS; ++i) {
     threads.emplace_back([&ids, &ready, i] {
       ids[i] = GetIpcIdentifier().threadId;
       ++ready;
-      EXPECT_TRUE(waitUntil([&ready] { return ready == kThreads; }));
+      EXPECT_TRUE(waitUntil([&ready] { return ready == THREADS; }));
     });
   }
   for (std::thread& thread : threads) thread.join();
   ids.push_back(GetIpcIdentifier().threadId);
-  EXPECT_EQ(kThreads + 1, std::set<uint32_t>(ids.begin(), ids.end()).size());
+  EXPECT_EQ(THREADS + 1, std::set<uint32_t>(ids.begin(), ids.end()).size());
 }
 
 TEST(Identifiers, OfAForkedChildAreItsOwn) {
@@ -280,7 +280,7 @@ TEST(Identifiers, OfAForkedChildAreItsOwn) {
 
 struct Seen {
   unsigned long self;
-  uint32_t threadId;
+  uint32_t thread_id;
 };
 
 void* look(void* seen) {
@@ -290,11 +290,11 @@ void* look(void* seen) {
 
 /// Runs look on a stack of 1 MiB at the address.
 pthread_t startOnStack(void* stack, Seen* seen) {
-  constexpr size_t kSize = size_t{1} << 20;
-  EXPECT_EQ(0, mprotect(stack, kSize, PROT_READ | PROT_WRITE));
+  constexpr size_t SIZE = size_t{1} << 20;
+  EXPECT_EQ(0, mprotect(stack, SIZE, PROT_READ | PROT_WRITE));
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
-  EXPECT_EQ(0, pthread_attr_setstack(&attributes, stack, kSize));
+  EXPECT_EQ(0, pthread_attr_setstack(&attributes, stack, SIZE));
   pthread_t thread = 0;
   EXPECT_EQ(0, pthread_create(&thread, &attributes, look, seen));
   pthread_attr_destroy(&attributes);
@@ -302,18 +302,18 @@ pthread_t startOnStack(void* stack, Seen* seen) {
 }
 
 TEST(Identifiers, DifferOnStacksThatLieFourGiBApart) {
-  constexpr size_t kApart = size_t{4} << 30;
+  constexpr size_t APART = size_t{4} << 30;
   char* stacks = static_cast<char*>(
-      mmap(nullptr, kApart * 2, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
+      mmap(nullptr, APART * 2, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
   ASSERT_NE(MAP_FAILED, static_cast<void*>(stacks));
   Seen low = {};
   Seen high = {};
   const pthread_t first = startOnStack(stacks, &low);
-  const pthread_t second = startOnStack(stacks + kApart, &high);
+  const pthread_t second = startOnStack(stacks + APART, &high);
   pthread_join(first, nullptr);
   pthread_join(second, nullptr);
   ASSERT_EQ(static_cast<uint32_t>(low.self), static_cast<uint32_t>(high.self));
-  EXPECT_NE(low.threadId, high.threadId);
+  EXPECT_NE(low.thread_id, high.thread_id);
 }
 
 #endif

@@ -22,7 +22,7 @@
 namespace armtest {
 namespace {
 
-constexpr int32_t kResult = 0x01020304;
+constexpr int32_t RESULT = 0x01020304;
 
 /// What a request should be: 4116 bytes, zero unless put here.
 class Expected {
@@ -69,14 +69,14 @@ Bytes block(int32_t format, size_t size) {
 class Records : public testing::Test {
  protected:
   Records()
-      : requests(8),
-        replies(8),
-        engine(requests, replies, replyRecord(kResult)),
-        before(time(nullptr)) {}
+      : requests_(8),
+        replies_(8),
+        engine_(requests_, replies_, replyRecord(RESULT)),
+        before_(time(nullptr)) {}
 
   /// The one request that was posted.
   Bytes request() const {
-    const std::vector<Bytes> taken = engine.taken();
+    const std::vector<Bytes> taken = engine_.taken();
     EXPECT_EQ(1U, taken.size());
     return taken.empty() ? Bytes(4116) : taken.back();
   }
@@ -88,7 +88,7 @@ class Records : public testing::Test {
     const Bytes sent = request();
     const uint32_t seconds = word(sent, offset);
     const uint32_t nanoseconds = word(sent, offset + 4);
-    EXPECT_LE(before, static_cast<time_t>(seconds));
+    EXPECT_LE(before_, static_cast<time_t>(seconds));
     EXPECT_GE(now(), static_cast<time_t>(seconds));
     EXPECT_LT(nanoseconds, 1000000000U);
     EXPECT_EQ(0U, nanoseconds % 1000);
@@ -98,24 +98,24 @@ class Records : public testing::Test {
     EXPECT_EQ(stamped.bytes(), sent);
   }
 
-  RequestQueue requests;
-  ReplyQueue replies;
-  AnsweringEngine engine;
-  time_t before;
+  RequestQueue requests_;
+  ReplyQueue replies_;
+  AnsweringEngine engine_;
+  time_t before_;
 };
 
 // ---- init ---------------------------------------------------------------------------------------
 
 TEST_F(Records, Init) {
   int32_t data = 99;
-  EXPECT_EQ(kResult, arm_init("the name", "the user", 0x11223344, &data, 4));
+  EXPECT_EQ(RESULT, arm_init("the name", "the user", 0x11223344, &data, 4));
   expectRequest(Expected(1).put(12, "the name").put(140, "the user").put(268, int32_t{0x11223344}));
 }
 
 TEST_F(Records, InitWithNamesOf127Characters) {
   const std::string name(127, 'n');
   const std::string user(127, 'u');
-  EXPECT_EQ(kResult, arm_init(name.c_str(), user.c_str(), 0, nullptr, 0));
+  EXPECT_EQ(RESULT, arm_init(name.c_str(), user.c_str(), 0, nullptr, 0));
   expectRequest(Expected(1).put(12, name).put(140, user));
   EXPECT_EQ('n', request()[138]);
   EXPECT_EQ(0, request()[139]);
@@ -123,17 +123,17 @@ TEST_F(Records, InitWithNamesOf127Characters) {
 }
 
 TEST_F(Records, InitWithNullUserSendsTheEmptyUser) {
-  EXPECT_EQ(kResult, arm_init("a", nullptr, -1, nullptr, 0));
+  EXPECT_EQ(RESULT, arm_init("a", nullptr, -1, nullptr, 0));
   expectRequest(Expected(1).put(12, "a").put(268, -1));
 }
 
 TEST_F(Records, InitWithStarSendsTheLoginName) {
-  EXPECT_EQ(kResult, arm_init("a", "*", 0, nullptr, 0));
+  EXPECT_EQ(RESULT, arm_init("a", "*", 0, nullptr, 0));
   expectRequest(Expected(1).put(12, "a").put(140, getpwuid(getuid())->pw_name));
 }
 
 TEST_F(Records, InitWithoutConversionSendsTheBytesAsTheyAre) {
-  EXPECT_EQ(kResult, w_ArmInit(0, "n\xFF\x80m", "\xC3", 1, nullptr, 0));
+  EXPECT_EQ(RESULT, w_ArmInit(0, "n\xFF\x80m", "\xC3", 1, nullptr, 0));
   expectRequest(Expected(1).put(12, "n\xFF\x80m").put(140, "\xC3").put(268, 1));
 }
 
@@ -141,7 +141,7 @@ TEST_F(Records, InitWithoutConversionSendsTheBytesAsTheyAre) {
 
 TEST_F(Records, GetidWithAFormat101Block) {
   Bytes data = block(101, 344);
-  EXPECT_EQ(kResult, arm_getid(7, "class", "detail", 0x55, data.data(), 344));
+  EXPECT_EQ(RESULT, arm_getid(7, "class", "detail", 0x55, data.data(), 344));
   expectRequest(Expected(2)
                     .put(12, 7)
                     .put(16, "class")
@@ -151,32 +151,32 @@ TEST_F(Records, GetidWithAFormat101Block) {
 }
 
 TEST_F(Records, GetidDropsTheCallersFlags) {
-  EXPECT_EQ(kResult, arm_getid(7, "class", nullptr, -1, nullptr, 55));
+  EXPECT_EQ(RESULT, arm_getid(7, "class", nullptr, -1, nullptr, 55));
   expectRequest(Expected(2).put(12, 7).put(16, "class"));
 }
 
 TEST_F(Records, GetidCopiesTheWholeBlockWhateverPositiveSizeIsGiven) {
   Bytes data = block(101, 344);
-  EXPECT_EQ(kResult, arm_getid(7, "class", "", 0, data.data(), 1));
+  EXPECT_EQ(RESULT, arm_getid(7, "class", "", 0, data.data(), 1));
   expectRequest(Expected(2).put(12, 7).put(16, "class").put(3768, data, 344).put(4112, 1));
 }
 
 TEST_F(Records, GetidCopiesNoBlockOfANegativeSizeButSendsTheSize) {
   Bytes data = block(101, 344);
-  EXPECT_EQ(kResult, arm_getid(7, "class", "", 0, data.data(), -3));
+  EXPECT_EQ(RESULT, arm_getid(7, "class", "", 0, data.data(), -3));
   expectRequest(Expected(2).put(12, 7).put(16, "class").put(4112, -3));
 }
 
 TEST_F(Records, GetidSendsNoBlockOfAnotherFormat) {
   Bytes data = block(1, 344);
-  EXPECT_EQ(kResult, arm_getid(7, "class", "", 0, data.data(), 344));
+  EXPECT_EQ(RESULT, arm_getid(7, "class", "", 0, data.data(), 344));
   expectRequest(Expected(2).put(12, 7).put(16, "class"));
 }
 
 TEST_F(Records, GetidNameOf3619CharactersEndsAtByte3634) {
   const std::string name = std::string(3618, 'n') + "e";
   const std::string detail(127, 'd');
-  EXPECT_EQ(kResult, w_ArmGetID(0, 7, name.c_str(), detail.c_str(), 0, nullptr, 0));
+  EXPECT_EQ(RESULT, w_ArmGetID(0, 7, name.c_str(), detail.c_str(), 0, nullptr, 0));
   expectRequest(Expected(2).put(12, 7).put(16, name).put(3636, detail));
   EXPECT_EQ('e', request()[3634]);
   EXPECT_EQ(0, request()[3635]);
@@ -185,7 +185,7 @@ TEST_F(Records, GetidNameOf3619CharactersEndsAtByte3634) {
 
 TEST_F(Records, GetidWithConversionSendsTheLongestNames) {
   const std::string name(3619, 'n');
-  EXPECT_EQ(kResult, arm_getid(7, name.c_str(), "", 0, nullptr, 0));
+  EXPECT_EQ(RESULT, arm_getid(7, name.c_str(), "", 0, nullptr, 0));
   expectRequest(Expected(2).put(12, 7).put(16, name));
 }
 
@@ -193,35 +193,35 @@ TEST_F(Records, GetidWithConversionSendsTheLongestNames) {
 
 TEST_F(Records, Start) {
   Bytes data = block(1, 256);
-  EXPECT_EQ(kResult, arm_start(9, 0, data.data(), 256));
+  EXPECT_EQ(RESULT, arm_start(9, 0, data.data(), 256));
   expectStamped(Expected(3).put(12, 9).put(20, data, 256).put(276, 256), 280);
 }
 
 TEST_F(Records, StartDropsTheCallersFlags) {
-  EXPECT_EQ(kResult, arm_start(9, 0x7F, nullptr, 256));
+  EXPECT_EQ(RESULT, arm_start(9, 0x7F, nullptr, 256));
   expectStamped(Expected(3).put(12, 9), 280);
 }
 
 TEST_F(Records, StartOfIdZeroIsSent) {
-  EXPECT_EQ(kResult, arm_start(0, 0, nullptr, 0));
+  EXPECT_EQ(RESULT, arm_start(0, 0, nullptr, 0));
   expectStamped(Expected(3), 280);
 }
 
 TEST_F(Records, StartSendsNoBlockOfFormatFiveAndSizeZero) {
   Bytes data = block(5, 256);
-  EXPECT_EQ(kResult, arm_start(9, 0, data.data(), 256));
+  EXPECT_EQ(RESULT, arm_start(9, 0, data.data(), 256));
   expectStamped(Expected(3).put(12, 9), 280);
 }
 
 TEST_F(Records, StartCopiesTheWholeBlockWhateverPositiveSizeIsGiven) {
   Bytes data = block(1, 256);
-  EXPECT_EQ(kResult, arm_start(9, 0, data.data(), 1));
+  EXPECT_EQ(RESULT, arm_start(9, 0, data.data(), 1));
   expectStamped(Expected(3).put(12, 9).put(20, data, 256).put(276, 1), 280);
 }
 
 TEST_F(Records, StartCopiesNoBlockOfANegativeSizeButSendsTheSize) {
   Bytes data = block(1, 256);
-  EXPECT_EQ(kResult, arm_start(9, 0, data.data(), -1));
+  EXPECT_EQ(RESULT, arm_start(9, 0, data.data(), -1));
   expectStamped(Expected(3).put(12, 9).put(276, -1), 280);
 }
 
@@ -229,36 +229,36 @@ TEST_F(Records, StartCopiesNoBlockOfANegativeSizeButSendsTheSize) {
 
 TEST_F(Records, UpdateWithAFormat1BlockSends256Bytes) {
   Bytes data = block(1, 1024);
-  EXPECT_EQ(kResult, arm_update(9, 0x66, data.data(), 256));
+  EXPECT_EQ(RESULT, arm_update(9, 0x66, data.data(), 256));
   expectStamped(Expected(4).put(12, 9).put(16, 0x66).put(20, data, 256).put(1044, 256), 1048);
 }
 
 TEST_F(Records, UpdateWithAFormat2BlockSends1024Bytes) {
   Bytes data = block(2, 1024);
-  EXPECT_EQ(kResult, arm_update(9, -1, data.data(), 1024));
+  EXPECT_EQ(RESULT, arm_update(9, -1, data.data(), 1024));
   expectStamped(Expected(4).put(12, 9).put(16, -1).put(20, data, 1024).put(1044, 1024), 1048);
 }
 
 TEST_F(Records, UpdateDoesNotCompareTheSizeWithWhatIsCopied) {
   Bytes data = block(2, 1024);
-  EXPECT_EQ(kResult, arm_update(9, 0, data.data(), -7));
+  EXPECT_EQ(RESULT, arm_update(9, 0, data.data(), -7));
   expectStamped(Expected(4).put(12, 9).put(20, data, 1024).put(1044, -7), 1048);
 }
 
 TEST_F(Records, UpdateWithAFormat1BlockOfSizeZeroSendsItsBytes) {
   Bytes data = block(1, 256);
-  EXPECT_EQ(kResult, arm_update(9, 0, data.data(), 0));
+  EXPECT_EQ(RESULT, arm_update(9, 0, data.data(), 0));
   expectStamped(Expected(4).put(12, 9).put(20, data, 256), 1048);
 }
 
 TEST_F(Records, UpdateSendsNoBlockOfAnotherFormat) {
   Bytes data = block(3, 1024);
-  EXPECT_EQ(kResult, arm_update(9, 0, data.data(), 1024));
+  EXPECT_EQ(RESULT, arm_update(9, 0, data.data(), 1024));
   expectStamped(Expected(4).put(12, 9), 1048);
 }
 
 TEST_F(Records, UpdateWithoutBlockSendsSizeZero) {
-  EXPECT_EQ(kResult, arm_update(9, 0, nullptr, 1024));
+  EXPECT_EQ(RESULT, arm_update(9, 0, nullptr, 1024));
   expectStamped(Expected(4).put(12, 9), 1048);
 }
 
@@ -266,30 +266,30 @@ TEST_F(Records, UpdateWithoutBlockSendsSizeZero) {
 
 TEST_F(Records, Stop) {
   Bytes data = block(1, 256);
-  EXPECT_EQ(kResult, arm_stop(9, 2, 0x77, data.data(), 256));
+  EXPECT_EQ(RESULT, arm_stop(9, 2, 0x77, data.data(), 256));
   expectStamped(Expected(5).put(12, 9).put(16, 2).put(20, 0x77).put(24, data, 256).put(280, 256),
                 284);
 }
 
 TEST_F(Records, StopSendsABlockOfAnyFormat) {
   Bytes data = block(5, 256);
-  EXPECT_EQ(kResult, arm_stop(9, -1, -1, data.data(), 3));
+  EXPECT_EQ(RESULT, arm_stop(9, -1, -1, data.data(), 3));
   expectStamped(Expected(5).put(12, 9).put(16, -1).put(20, -1).put(24, data, 256).put(280, 3), 284);
 }
 
 TEST_F(Records, StopWithoutBlockSendsSizeZero) {
-  EXPECT_EQ(kResult, arm_stop(9, 0, 0, nullptr, 256));
+  EXPECT_EQ(RESULT, arm_stop(9, 0, 0, nullptr, 256));
   expectStamped(Expected(5).put(12, 9), 284);
 }
 
 TEST_F(Records, StopCopiesNoBlockOfANegativeSizeButSendsTheSize) {
   Bytes data = block(1, 256);
-  EXPECT_EQ(kResult, arm_stop(9, 0, 0, data.data(), -2));
+  EXPECT_EQ(RESULT, arm_stop(9, 0, 0, data.data(), -2));
   expectStamped(Expected(5).put(12, 9).put(280, -2), 284);
 }
 
 TEST_F(Records, StopOfHandleZeroIsSent) {
-  EXPECT_EQ(kResult, arm_stop(0, 1, 0, nullptr, 0));
+  EXPECT_EQ(RESULT, arm_stop(0, 1, 0, nullptr, 0));
   expectStamped(Expected(5).put(16, 1), 284);
 }
 
@@ -297,19 +297,19 @@ TEST_F(Records, StopOfHandleZeroIsSent) {
 
 TEST_F(Records, EndDropsTheCallersFlagsAndData) {
   int32_t data = 99;
-  EXPECT_EQ(kResult, arm_end(7, -1, &data, 4));
+  EXPECT_EQ(RESULT, arm_end(7, -1, &data, 4));
   expectRequest(Expected(6).put(12, 7));
 }
 
 // ---- completions --------------------------------------------------------------------------------
 
 TEST_F(Records, CompleteTransaction) {
-  EXPECT_EQ(kResult, arm_completeTransaction(9, 8, -7));
+  EXPECT_EQ(RESULT, arm_completeTransaction(9, 8, -7));
   expectStamped(Expected(15).put(12, 9).put(16, 8).put(20, -7), 24);
 }
 
 TEST_F(Records, CompleteTransactionInstance) {
-  EXPECT_EQ(kResult, arm_completeTransactionInstance(9, 8, 7));
+  EXPECT_EQ(RESULT, arm_completeTransactionInstance(9, 8, 7));
   expectStamped(Expected(18).put(12, 9).put(16, 8).put(20, 7), 24);
 }
 
@@ -317,7 +317,7 @@ TEST_F(Records, CompleteTransactionInstance) {
 
 TEST_F(Records, TransactionReport) {
   Bytes data = block(1, 256);
-  EXPECT_EQ(kResult, arm_transactionReport(9, 0x5555, data.data(), 256, 1, 6, 7, -8));
+  EXPECT_EQ(RESULT, arm_transactionReport(9, 0x5555, data.data(), 256, 1, 6, 7, -8));
   expectStamped(
       Expected(16).put(12, 9).put(16, 6).put(20, 7).put(24, -8).put(32, data, 256).put(288, 256),
       292);
@@ -325,25 +325,25 @@ TEST_F(Records, TransactionReport) {
 
 TEST_F(Records, TransactionInstanceReport) {
   Bytes data = block(1, 256);
-  EXPECT_EQ(kResult, arm_transactionInstanceReport(9, 0x5555, data.data(), 1, -1, 6, 7, 8));
+  EXPECT_EQ(RESULT, arm_transactionInstanceReport(9, 0x5555, data.data(), 1, -1, 6, 7, 8));
   expectStamped(
       Expected(17).put(12, 9).put(16, 6).put(20, 7).put(24, 8).put(32, data, 256).put(288, 1), 292);
 }
 
 TEST_F(Records, ReportWithoutStampCarriesTimeZero) {
-  EXPECT_EQ(kResult, arm_transactionReport(9, 0, nullptr, 256, 0, 6, 7, 8));
+  EXPECT_EQ(RESULT, arm_transactionReport(9, 0, nullptr, 256, 0, 6, 7, 8));
   expectRequest(Expected(16).put(12, 9).put(16, 6).put(20, 7).put(24, 8));
 }
 
 TEST_F(Records, ReportSendsNoBlockOfAnotherFormat) {
   Bytes data = block(2, 256);
-  EXPECT_EQ(kResult, arm_transactionReport(9, 0, data.data(), 256, 0, 6, 7, 8));
+  EXPECT_EQ(RESULT, arm_transactionReport(9, 0, data.data(), 256, 0, 6, 7, 8));
   expectRequest(Expected(16).put(12, 9).put(16, 6).put(20, 7).put(24, 8));
 }
 
 TEST_F(Records, ReportCopiesNoBlockOfANegativeSizeButSendsTheSize) {
   Bytes data = block(1, 256);
-  EXPECT_EQ(kResult, arm_transactionInstanceReport(9, 0, data.data(), -4, 0, 6, 7, 8));
+  EXPECT_EQ(RESULT, arm_transactionInstanceReport(9, 0, data.data(), -4, 0, 6, 7, 8));
   expectRequest(Expected(17).put(12, 9).put(16, 6).put(20, 7).put(24, 8).put(288, -4));
 }
 
@@ -351,13 +351,13 @@ TEST_F(Records, ReportCopiesNoBlockOfANegativeSizeButSendsTheSize) {
 
 TEST_F(Records, MetricDataOf4096BytesFillsTheRecordToItsLastByte) {
   const Bytes data = block(0x61626364, 4096);
-  EXPECT_EQ(kResult, arm_associateMetricData(9, data.data(), 4096));
+  EXPECT_EQ(RESULT, arm_associateMetricData(9, data.data(), 4096));
   expectRequest(Expected(19).put(12, 9).put(16, 4096).put(20, data, 4096));
   EXPECT_EQ(data[4095], request()[4115]);
 }
 
 TEST_F(Records, MetricDataOfOneByte) {
-  EXPECT_EQ(kResult, arm_associateMetricData(0, "x", 1));
+  EXPECT_EQ(RESULT, arm_associateMetricData(0, "x", 1));
   expectRequest(Expected(19).put(16, 1).put(20, "x"));
 }
 
@@ -365,7 +365,7 @@ TEST_F(Records, MetricDataOfOneByte) {
 
 TEST_F(Records, ResultWordIsReturnedUnchanged) {
   for (const int32_t result : {0, 1, -1, -1003, INT_MAX, INT_MIN}) {
-    engine.setReply(replyRecord(result));
+    engine_.setReply(replyRecord(result));
     EXPECT_EQ(result, arm_stop(9, 0, 0, nullptr, 0));
   }
 }
@@ -377,14 +377,14 @@ class CorrelatorRecords : public Records, public testing::WithParamInterface<Cal
  protected:
   /// Makes the call with a block of these flags and returns the block as it is afterwards.
   Bytes called(Bytes data) {
-    EXPECT_EQ(kResult, GetParam()(data.data()));
+    EXPECT_EQ(RESULT, GetParam()(data.data()));
     return data;
   }
 };
 
 TEST_P(CorrelatorRecords, IsReturnedWhenAskedForAndGiven) {
-  const Bytes reply = replyRecord(kResult, 0x80, 0xC0);
-  engine.setReply(reply);
+  const Bytes reply = replyRecord(RESULT, 0x80, 0xC0);
+  engine_.setReply(reply);
   Bytes data = block(1, 256);
   data[4] = 0x40;
   Bytes expected = data;
@@ -394,8 +394,8 @@ TEST_P(CorrelatorRecords, IsReturnedWhenAskedForAndGiven) {
 }
 
 TEST_P(CorrelatorRecords, IsReturnedWhateverTheFormatWord) {
-  const Bytes reply = replyRecord(kResult, 1, 0xC0);
-  engine.setReply(reply);
+  const Bytes reply = replyRecord(RESULT, 1, 0xC0);
+  engine_.setReply(reply);
   Bytes data = block(5, 256);
   data[4] = 0xD1;
   Bytes expected = data;
@@ -405,22 +405,22 @@ TEST_P(CorrelatorRecords, IsReturnedWhateverTheFormatWord) {
 }
 
 TEST_P(CorrelatorRecords, NotGivenLeavesTheBlock) {
-  engine.setReply(replyRecord(kResult, 0, 0xC0));
+  engine_.setReply(replyRecord(RESULT, 0, 0xC0));
   Bytes data = block(1, 256);
   data[4] = 0x40;
   EXPECT_EQ(data, called(data));
 }
 
 TEST_P(CorrelatorRecords, NotAskedForLeavesTheBlock) {
-  engine.setReply(replyRecord(kResult, 1, 0xC0));
+  engine_.setReply(replyRecord(RESULT, 1, 0xC0));
   Bytes data = block(1, 256);
   data[4] = 0xBF;
   EXPECT_EQ(data, called(data));
 }
 
 TEST_P(CorrelatorRecords, WithoutBlockIsDropped) {
-  engine.setReply(replyRecord(kResult, 1, 0xC0));
-  EXPECT_EQ(kResult, GetParam()(nullptr));
+  engine_.setReply(replyRecord(RESULT, 1, 0xC0));
+  EXPECT_EQ(RESULT, GetParam()(nullptr));
 }
 
 int32_t start(void* data) {
@@ -439,12 +439,12 @@ INSTANTIATE_TEST_SUITE_P(TransactionInstanceReport, CorrelatorRecords,
                          testing::Values(reportInstance));
 
 TEST_F(Records, StopAndUpdateHandNoCorrelatorBack) {
-  engine.setReply(replyRecord(kResult, 1, 0xC0));
+  engine_.setReply(replyRecord(RESULT, 1, 0xC0));
   Bytes data = block(1, 256);
   data[4] = 0x40;
   const Bytes before_call = data;
-  EXPECT_EQ(kResult, arm_update(9, 0, data.data(), 256));
-  EXPECT_EQ(kResult, arm_stop(9, 0, 0, data.data(), 256));
+  EXPECT_EQ(RESULT, arm_update(9, 0, data.data(), 256));
+  EXPECT_EQ(RESULT, arm_stop(9, 0, 0, data.data(), 256));
   EXPECT_EQ(before_call, data);
 }
 

@@ -24,9 +24,9 @@ namespace {
 
 using Queue = CIPCQueue<TArmReplyMessage>;
 
-constexpr const char* kName = "/var/kelp/controls_ea.kelp";
-constexpr _TIPCIdentifier kMe = {1001, 2002};
-constexpr _TIPCIdentifier kOther = {1001, 3003};
+constexpr const char* NAME = "/var/kelp/controls_ea.kelp";
+constexpr _TIPCIdentifier ME = {1001, 2002};
+constexpr _TIPCIdentifier OTHER = {1001, 3003};
 
 Bytes bytesOf(const TArmReplyMessage& reply) {
   const auto* bytes = reinterpret_cast<const uint8_t*>(&reply);
@@ -49,7 +49,7 @@ void failUnlocksOf(const ReplyQueue& replies) {
 TEST(ReplyQueueOpening, OfARunningQueueIsTraced) {
   ReplyQueue replies(3);
   const TraceLog log;
-  const Queue queue(kName, false);
+  const Queue queue(NAME, false);
   EXPECT_TRUE(queue.IsInitialized());
   EXPECT_TRUE(queue.CreatorAlive());
   EXPECT_EQ(
@@ -66,7 +66,7 @@ TEST(ReplyQueueOpening, OfARunningQueueIsTraced) {
 
 TEST(ReplyQueueOpening, WithoutSegmentHasNoExitLine) {
   const TraceLog log;
-  EXPECT_FALSE(Queue(kName, false).IsInitialized());
+  EXPECT_FALSE(Queue(NAME, false).IsInitialized());
   EXPECT_EQ(
       (Lines{"CIPCQueue<T>::CIPCQueue(const char*,bool) ENTER, name[/var/kelp/controls_ea.kelp] "
              "remove[0]",
@@ -79,7 +79,7 @@ TEST(ReplyQueueOpening, WithoutItsSetFailsWithItsTexts) {
   ReplyQueue replies(3);
   replies.waits.remove();
   const TraceLog log;
-  EXPECT_FALSE(Queue(kName, true).IsInitialized());
+  EXPECT_FALSE(Queue(NAME, true).IsInitialized());
   EXPECT_EQ(
       (Lines{"CIPCQueue<T>::CIPCQueue(const char*,bool) ENTER, name[/var/kelp/controls_ea.kelp] "
              "remove[1]",
@@ -96,7 +96,7 @@ TEST(ReplyQueueOpening, OfAStoppedQueueIsRefusedAndDetached) {
     ReplyQueue replies(3);
     replies.setState(state);
     const Bytes before = replies.memory.all();
-    const Queue queue(kName, false);
+    const Queue queue(NAME, false);
     EXPECT_FALSE(queue.IsInitialized());
     EXPECT_FALSE(queue.CreatorAlive());
     EXPECT_EQ(before, replies.memory.all());
@@ -110,7 +110,7 @@ TEST(ReplyQueueOpening, OfAStoppedQueueEndsWithTheExitLine) {
   ReplyQueue replies(3);
   replies.setState(1);
   const TraceLog log;
-  const Queue queue(kName, false);
+  const Queue queue(NAME, false);
   EXPECT_EQ(
       (Lines{"CIPCQueue<T>::CIPCQueue(const char*,bool) ENTER, name[/var/kelp/controls_ea.kelp] "
              "remove[0]",
@@ -122,7 +122,7 @@ TEST(ReplyQueueOpening, OfAStoppedQueueEndsWithTheExitLine) {
 TEST(ReplyQueueOpening, OfAStoppedQueueByItsOwnerClosesAndRemovesIt) {
   ReplyQueue replies(3);
   replies.setState(1);
-  EXPECT_FALSE(Queue(kName, true).IsInitialized());
+  EXPECT_FALSE(Queue(NAME, true).IsInitialized());
   EXPECT_EQ(2U, replies.memory.u32(8));
   EXPECT_EQ(-1, setAt(EA, 1));
   EXPECT_EQ(-1, setAt(EA, 3));
@@ -131,7 +131,7 @@ TEST(ReplyQueueOpening, OfAStoppedQueueByItsOwnerClosesAndRemovesIt) {
 TEST(ReplyQueueOpening, AcceptsADeadCreator) {
   ReplyQueue replies(3);
   replies.creatorDies();
-  const Queue queue(kName, false);
+  const Queue queue(NAME, false);
   EXPECT_TRUE(queue.IsInitialized());
   EXPECT_FALSE(queue.CreatorAlive());
 }
@@ -139,7 +139,7 @@ TEST(ReplyQueueOpening, AcceptsADeadCreator) {
 TEST(ReplyQueueOpening, ChangesNothing) {
   ReplyQueue replies(3);
   const Bytes before = replies.memory.all();
-  { const Queue queue(kName, false); }
+  { const Queue queue(NAME, false); }
   EXPECT_EQ(before, replies.memory.all());
   EXPECT_EQ(1U, replies.memory.attachments());
 }
@@ -147,7 +147,7 @@ TEST(ReplyQueueOpening, ChangesNothing) {
 TEST(ReplyQueueOpening, OfASegmentSmallerThanTheHeaderFails) {
   LockedSegment segment(EA, 11);
   SemaphoreSet waits(EA, 3, 3);
-  const Queue queue(kName, false);
+  const Queue queue(NAME, false);
   EXPECT_FALSE(queue.IsInitialized());
   EXPECT_EQ(1U, segment.memory.attachments());
 }
@@ -155,40 +155,40 @@ TEST(ReplyQueueOpening, OfASegmentSmallerThanTheHeaderFails) {
 TEST(ReplyQueueOpening, WithoutMemoryFails) {
   ReplyQueue replies(3);
   calls::refuseMemory([](size_t) { return true; });
-  EXPECT_FALSE(Queue(kName, false).IsInitialized());
+  EXPECT_FALSE(Queue(NAME, false).IsInitialized());
   calls::giveMemory();
 }
 
 TEST(ReplyQueueOpening, CutsSpareBytesFromTheCapacity) {
   ReplyQueue replies(2, 547);
-  Queue queue(kName, false);
+  Queue queue(NAME, false);
   TArmReplyMessage reply;
-  EXPECT_EQ(-278, queue.PrivateGet(kMe, 2, reply));
+  EXPECT_EQ(-278, queue.PrivateGet(ME, 2, reply));
   replies.setStatus(1, 2);
   replies.reply(1, replyRecord(5));
-  EXPECT_EQ(0, queue.PrivateGet(kMe, 1, reply));
+  EXPECT_EQ(0, queue.PrivateGet(ME, 1, reply));
   EXPECT_EQ(replyRecord(5), bytesOf(reply));
 }
 
 TEST(ReplyQueueOpening, OfTheHeaderAloneHasNoHead) {
   ReplyQueue replies(0);
-  Queue queue(kName, false);
+  Queue queue(NAME, false);
   EXPECT_TRUE(queue.IsInitialized());
   TArmReplyMessage reply;
-  EXPECT_EQ(-274, queue.Get(kMe, reply));
+  EXPECT_EQ(-274, queue.Get(ME, reply));
 }
 
 TEST(ReplyQueue, ThatIsNotOpenRefusesToGet) {
-  Queue queue(kName, false);
+  Queue queue(NAME, false);
   TArmReplyMessage reply;
-  EXPECT_EQ(-276, queue.Get(kMe, reply));
+  EXPECT_EQ(-276, queue.Get(ME, reply));
   EXPECT_EQ("-276 CIPCQueue::PrivateGet() < CIPCQueue::Get()", errorTrail());
   EXPECT_FALSE(queue.CreatorAlive());
 }
 
 TEST(ReplyQueue, DestructorOfANonOwnerChangesNothing) {
   ReplyQueue replies(3);
-  auto queue = std::make_unique<Queue>(kName, false);
+  auto queue = std::make_unique<Queue>(NAME, false);
   const Bytes before = replies.memory.all();
   EXPECT_EQ(2U, replies.memory.attachments());
   queue.reset();
@@ -201,7 +201,7 @@ TEST(ReplyQueue, DestructorOfANonOwnerChangesNothing) {
 
 TEST(ReplyQueue, DestructorWaitsForTheLock) {
   ReplyQueue replies(3);
-  auto queue = std::make_unique<Queue>(kName, false);
+  auto queue = std::make_unique<Queue>(NAME, false);
   replies.lock();
   std::thread destroyer([&queue] { queue.reset(); });
   EXPECT_TRUE(waitUntil([&] { return semctl(replies.set.id(), 0, GETZCNT) == 1; }));
@@ -211,7 +211,7 @@ TEST(ReplyQueue, DestructorWaitsForTheLock) {
 
 TEST(ReplyQueue, DestructorOfAnOwnerClosesAndRemovesTheQueue) {
   ReplyQueue replies(3);
-  { const Queue queue(kName, true); }
+  { const Queue queue(NAME, true); }
   EXPECT_EQ(2U, replies.memory.u32(8));
   EXPECT_EQ(-1, setAt(EA, 1));
   EXPECT_EQ(-1, setAt(EA, 3));
@@ -221,7 +221,7 @@ TEST(ReplyQueue, DestructorTracesALockWhoseSetIsGone) {
   ReplyQueue replies(3);
   const TraceLog log;
   {
-    const Queue queue(kName, false);
+    const Queue queue(NAME, false);
     replies.set.remove();
   }
   EXPECT_EQ((Lines{"CkesSharedMemory::implLock: semop on VSemaphore[" +
@@ -234,146 +234,146 @@ TEST(ReplyQueue, DestructorTracesALockWhoseSetIsGone) {
 /// Three heads, and the library's view of them.
 class ReplyQueueHeads : public testing::Test {
  protected:
-  ReplyQueueHeads() : replies(3), queue(kName, false) {}
+  ReplyQueueHeads() : replies_(3), queue_(NAME, false) {}
 
   /// Owned by other requesters: the record is idle and empty.
-  void own(size_t head) { replies.setOwner(head, 7, static_cast<uint32_t>(70 + head)); }
+  void own(size_t head) { replies_.setOwner(head, 7, static_cast<uint32_t>(70 + head)); }
   void ownAll() {
     for (size_t i = 0; i < 3; ++i) own(i);
-    replies.setHeadsInUse(3);
+    replies_.setHeadsInUse(3);
   }
 
-  /// The index of the head that FindHead gives kMe, -1 for none.
+  /// The index of the head that FindHead gives ME, -1 for none.
   long found(long expected, bool create = true) {
     _TIPCHeadItem* head = nullptr;
-    EXPECT_EQ(expected, queue.FindHead(kMe, create, &head));
+    EXPECT_EQ(expected, queue_.FindHead(ME, create, &head));
     if (head == nullptr) return -1;
     for (size_t i = 0; i < 3; ++i) {
-      if (replies.process(i) != 1001 || replies.thread(i) != 2002) continue;
-      EXPECT_EQ(replies.semaphore(i), head->semaphore);
+      if (replies_.process(i) != 1001 || replies_.thread(i) != 2002) continue;
+      EXPECT_EQ(replies_.semaphore(i), head->semaphore);
       return static_cast<long>(i);
     }
     ADD_FAILURE() << "a head was given, but none is owned";
     return -1;
   }
 
-  ReplyQueue replies;
-  Queue queue;
+  ReplyQueue replies_;
+  Queue queue_;
 };
 
 TEST_F(ReplyQueueHeads, FirstFreeRecordIsClaimed) {
   own(0);
-  replies.setHeadsInUse(1);
-  Bytes expected = replies.memory.all();
+  replies_.setHeadsInUse(1);
+  Bytes expected = replies_.memory.all();
   std::memcpy(expected.data() + 12 + 16 + 4, "\xE9\x03\x00\x00\xD2\x07\x00\x00", 8);
   expected[2] = 2;
   EXPECT_EQ(1, found(0));
-  EXPECT_EQ(expected, replies.memory.all());
+  EXPECT_EQ(expected, replies_.memory.all());
 }
 
 TEST_F(ReplyQueueHeads, ClaimClearsStatusAndListAndKeepsTheSemaphore) {
-  replies.setStatus(0, 3);
-  replies.setFirstReply(0, 77);
-  replies.setSemaphore(0, 4);
+  replies_.setStatus(0, 3);
+  replies_.setFirstReply(0, 77);
+  replies_.setSemaphore(0, 4);
   EXPECT_EQ(0, found(0));
-  EXPECT_EQ(0, replies.status(0));
-  EXPECT_EQ(0U, replies.firstReply(0));
-  EXPECT_EQ(4, replies.semaphore(0));
+  EXPECT_EQ(0, replies_.status(0));
+  EXPECT_EQ(0U, replies_.firstReply(0));
+  EXPECT_EQ(4, replies_.semaphore(0));
 }
 
 TEST_F(ReplyQueueHeads, FreeOnlyWhenBothWordsAreAllOnes) {
-  replies.setOwner(0, 0xFFFFFFFF, 5);
-  replies.setOwner(1, 5, 0xFFFFFFFF);
-  replies.setHeadsInUse(2);
+  replies_.setOwner(0, 0xFFFFFFFF, 5);
+  replies_.setOwner(1, 5, 0xFFFFFFFF);
+  replies_.setHeadsInUse(2);
   EXPECT_EQ(2, found(0));
 }
 
 TEST_F(ReplyQueueHeads, OwnRecordIsFoundAgainAndNotCounted) {
   own(0);
-  replies.setHeadsInUse(1);
+  replies_.setHeadsInUse(1);
   EXPECT_EQ(1, found(0));
-  replies.setStatus(1, 1);
-  replies.setFirstReply(1, replies.itemOffset(2));
+  replies_.setStatus(1, 1);
+  replies_.setFirstReply(1, replies_.itemOffset(2));
   EXPECT_EQ(1, found(0));
-  EXPECT_EQ(2, replies.headsInUse());
-  EXPECT_EQ(1, replies.status(1));
-  EXPECT_EQ(replies.itemOffset(2), replies.firstReply(1));
+  EXPECT_EQ(2, replies_.headsInUse());
+  EXPECT_EQ(1, replies_.status(1));
+  EXPECT_EQ(replies_.itemOffset(2), replies_.firstReply(1));
 }
 
 TEST_F(ReplyQueueHeads, WithoutCreateNothingIsClaimed) {
-  const Bytes before = replies.memory.all();
+  const Bytes before = replies_.memory.all();
   EXPECT_EQ(-1, found(-277, false));
-  EXPECT_EQ(before, replies.memory.all());
+  EXPECT_EQ(before, replies_.memory.all());
 }
 
 TEST_F(ReplyQueueHeads, WithoutCreateTheOwnRecordIsFound) {
-  replies.setOwner(2, 1001, 2002);
+  replies_.setOwner(2, 1001, 2002);
   EXPECT_EQ(2, found(0, false));
 }
 
 TEST_F(ReplyQueueHeads, FirstIdleRecordIsTakenOverWhenAllAreOwned) {
   ownAll();
   EXPECT_EQ(0, found(0));
-  EXPECT_EQ(3, replies.headsInUse());
+  EXPECT_EQ(3, replies_.headsInUse());
 }
 
 TEST_F(ReplyQueueHeads, RecordWithAStatusIsNotTakenOver) {
   ownAll();
-  replies.setStatus(0, 1);
-  replies.setStatus(1, 3);
+  replies_.setStatus(0, 1);
+  replies_.setStatus(1, 3);
   EXPECT_EQ(2, found(0));
 }
 
 TEST_F(ReplyQueueHeads, RecordWithAReplyIsNotTakenOver) {
   ownAll();
-  replies.setFirstReply(0, replies.itemOffset(0));
+  replies_.setFirstReply(0, replies_.itemOffset(0));
   EXPECT_EQ(1, found(0));
 }
 
 TEST_F(ReplyQueueHeads, RecordThatIsWaitedOnIsNotTakenOver) {
   ownAll();
-  std::thread sleeper([this] { replies.waits.add(2, -1); });
-  EXPECT_TRUE(waitUntil([this] { return replies.waits.sleepers(2) == 1; }));
+  std::thread sleeper([this] { replies_.waits.add(2, -1); });
+  EXPECT_TRUE(waitUntil([this] { return replies_.waits.sleepers(2) == 1; }));
   EXPECT_EQ(1, found(0));
-  replies.waits.add(2, 1);
+  replies_.waits.add(2, 1);
   sleeper.join();
 }
 
 TEST_F(ReplyQueueHeads, RecordWhoseSleepersCannotBeAskedIsNotTakenOver) {
   ownAll();
-  replies.setSemaphore(0, 999);
+  replies_.setSemaphore(0, 999);
   EXPECT_EQ(1, found(0));
 }
 
 TEST_F(ReplyQueueHeads, NoneIsGivenWhenAllAreInUse) {
   ownAll();
-  replies.setStatus(0, 1);
-  replies.setFirstReply(1, replies.itemOffset(0));
-  replies.setStatus(2, 2);
-  const Bytes before = replies.memory.all();
+  replies_.setStatus(0, 1);
+  replies_.setFirstReply(1, replies_.itemOffset(0));
+  replies_.setStatus(2, 2);
+  const Bytes before = replies_.memory.all();
   EXPECT_EQ(-1, found(-274));
-  EXPECT_EQ(before, replies.memory.all());
+  EXPECT_EQ(before, replies_.memory.all());
   TArmReplyMessage reply;
-  EXPECT_EQ(-274, queue.Get(kMe, reply));
+  EXPECT_EQ(-274, queue_.Get(ME, reply));
   EXPECT_EQ("-274 CIPCQueue::PrivateGet() < CIPCQueue::Get()", errorTrail());
-  EXPECT_EQ(before, replies.memory.all());
-  EXPECT_FALSE(replies.locked());
+  EXPECT_EQ(before, replies_.memory.all());
+  EXPECT_FALSE(replies_.locked());
 }
 
 TEST_F(ReplyQueueHeads, CounterOfHeadsIsTrustedButTheScanStaysInside) {
   ownAll();
-  replies.setHeadsInUse(2);
-  Bytes expected = replies.memory.all();
+  replies_.setHeadsInUse(2);
+  Bytes expected = replies_.memory.all();
   std::memcpy(expected.data() + 12 + 32 + 4, "\xE9\x03\x00\x00\xD2\x07\x00\x00", 8);
   EXPECT_EQ(2, found(0));
-  EXPECT_EQ(expected, replies.memory.all());
+  EXPECT_EQ(expected, replies_.memory.all());
 }
 
 TEST_F(ReplyQueueHeads, CounterOfHeadsIsTrustedThoughARecordIsFree) {
   own(0);
-  replies.setHeadsInUse(3);
+  replies_.setHeadsInUse(3);
   EXPECT_EQ(0, found(0));
-  EXPECT_EQ(3, replies.headsInUse());
+  EXPECT_EQ(3, replies_.headsInUse());
 }
 
 // ---- getting ------------------------------------------------------------------------------------
@@ -387,103 +387,103 @@ struct Outcome {
 
 class ReplyQueueGet : public testing::Test {
  protected:
-  ReplyQueueGet() : replies(3), queue(kName, false) {}
+  ReplyQueueGet() : replies_(3), queue_(NAME, false) {}
 
   /// The queue's destructor waits for the lock, which some tests leave taken.
   ~ReplyQueueGet() override {
     calls::semop.watch();
-    replies.breakLock();
+    replies_.breakLock();
   }
 
   Outcome get(_TIPCIdentifier id, long index) {
     TArmReplyMessage reply;
     std::memset(&reply, 0xEE, sizeof reply);
-    const long result = index == -1 ? queue.Get(id, reply) : queue.PrivateGet(id, index, reply);
+    const long result = index == -1 ? queue_.Get(id, reply) : queue_.PrivateGet(id, index, reply);
     return {result, bytesOf(reply), errorTrail()};
   }
 
   /// Gets in a thread of its own, which sleeps when this returns.
-  std::future<Outcome> startGet(_TIPCIdentifier id = kMe, long index = -1, int semaphore = 2) {
-    const int before = replies.waits.sleepers(semaphore);
+  std::future<Outcome> startGet(_TIPCIdentifier id = ME, long index = -1, int semaphore = 2) {
+    const int before = replies_.waits.sleepers(semaphore);
     std::future<Outcome> got = std::async(std::launch::async, [this, id, index] {
       (void)CkesErrorManager::RegisterThread();
       Outcome outcome = get(id, index);
       (void)CkesErrorManager::UnregisterThread();
       return outcome;
     });
-    EXPECT_TRUE(waitUntil([&] { return replies.waits.sleepers(semaphore) == before + 1; }));
+    EXPECT_TRUE(waitUntil([&] { return replies_.waits.sleepers(semaphore) == before + 1; }));
     return got;
   }
 
   void claimForMe() {
-    replies.setOwner(0, 1001, 2002);
-    replies.setHeadsInUse(1);
+    replies_.setOwner(0, 1001, 2002);
+    replies_.setHeadsInUse(1);
   }
 
-  ReplyQueue replies;
-  Queue queue;
+  ReplyQueue replies_;
+  Queue queue_;
 };
 
 TEST_F(ReplyQueueGet, ReplyLinkedBeforeIsReturnedAtOnce) {
   claimForMe();
-  replies.reply(0, replyRecord(-5, 1));
-  const Outcome got = get(kMe, -1);
+  replies_.reply(0, replyRecord(-5, 1));
+  const Outcome got = get(ME, -1);
   EXPECT_EQ(0, got.result);
   EXPECT_EQ(replyRecord(-5, 1), got.reply);
-  EXPECT_EQ(0, replies.waits.value(2));
-  EXPECT_FALSE(replies.locked());
+  EXPECT_EQ(0, replies_.waits.value(2));
+  EXPECT_FALSE(replies_.locked());
 }
 
 TEST_F(ReplyQueueGet, TakenItemIsPushedOnTheFreeListAndTheRecordStaysOwned) {
   claimForMe();
-  Bytes expected = replies.memory.all();
-  replies.reply(0, replyRecord(5));
-  std::memcpy(expected.data() + replies.itemOffset(0), replyRecord(5).data(), 528);
-  EXPECT_EQ(replies.itemOffset(1), replies.freeList());
-  EXPECT_EQ(0, get(kMe, -1).result);
-  EXPECT_EQ(replies.itemOffset(0), replies.freeList());
-  EXPECT_EQ(replies.itemOffset(1), replies.link(0));
-  EXPECT_EQ(0, replies.usedItems());
-  EXPECT_EQ(expected, replies.memory.all());
+  Bytes expected = replies_.memory.all();
+  replies_.reply(0, replyRecord(5));
+  std::memcpy(expected.data() + replies_.itemOffset(0), replyRecord(5).data(), 528);
+  EXPECT_EQ(replies_.itemOffset(1), replies_.freeList());
+  EXPECT_EQ(0, get(ME, -1).result);
+  EXPECT_EQ(replies_.itemOffset(0), replies_.freeList());
+  EXPECT_EQ(replies_.itemOffset(1), replies_.link(0));
+  EXPECT_EQ(0, replies_.usedItems());
+  EXPECT_EQ(expected, replies_.memory.all());
 }
 
 TEST_F(ReplyQueueGet, RepliesAreTakenInTheOrderOfTheList) {
   claimForMe();
-  replies.reply(0, replyRecord(1));
-  replies.reply(0, replyRecord(2));
-  EXPECT_EQ(replyRecord(1), get(kMe, -1).reply);
-  EXPECT_EQ(1, replies.usedItems());
-  EXPECT_EQ(replies.itemOffset(1), replies.firstReply(0));
-  EXPECT_EQ(replyRecord(2), get(kMe, -1).reply);
-  EXPECT_EQ(0U, replies.firstReply(0));
-  EXPECT_EQ(replies.itemOffset(1), replies.freeList());
-  EXPECT_EQ(replies.itemOffset(0), replies.link(1));
+  replies_.reply(0, replyRecord(1));
+  replies_.reply(0, replyRecord(2));
+  EXPECT_EQ(replyRecord(1), get(ME, -1).reply);
+  EXPECT_EQ(1, replies_.usedItems());
+  EXPECT_EQ(replies_.itemOffset(1), replies_.firstReply(0));
+  EXPECT_EQ(replyRecord(2), get(ME, -1).reply);
+  EXPECT_EQ(0U, replies_.firstReply(0));
+  EXPECT_EQ(replies_.itemOffset(1), replies_.freeList());
+  EXPECT_EQ(replies_.itemOffset(0), replies_.link(1));
 }
 
 TEST_F(ReplyQueueGet, SleepsOnItsOwnSemaphoreWithTheSegmentUnlocked) {
-  replies.setOwner(0, 7, 7);
-  replies.setHeadsInUse(1);
-  replies.setSemaphore(1, 4);
-  std::future<Outcome> got = startGet(kMe, -1, 4);
-  EXPECT_EQ(1, replies.status(1));
-  EXPECT_EQ(1001U, replies.process(1));
-  EXPECT_EQ(2002U, replies.thread(1));
-  EXPECT_EQ(2, replies.headsInUse());
-  EXPECT_FALSE(replies.locked());
-  replies.reply(1, replyRecord(9));
+  replies_.setOwner(0, 7, 7);
+  replies_.setHeadsInUse(1);
+  replies_.setSemaphore(1, 4);
+  std::future<Outcome> got = startGet(ME, -1, 4);
+  EXPECT_EQ(1, replies_.status(1));
+  EXPECT_EQ(1001U, replies_.process(1));
+  EXPECT_EQ(2002U, replies_.thread(1));
+  EXPECT_EQ(2, replies_.headsInUse());
+  EXPECT_FALSE(replies_.locked());
+  replies_.reply(1, replyRecord(9));
   const Outcome outcome = got.get();
   EXPECT_EQ(0, outcome.result);
   EXPECT_EQ(replyRecord(9), outcome.reply);
-  EXPECT_EQ(0, replies.status(1));
-  EXPECT_EQ(1001U, replies.process(1));
+  EXPECT_EQ(0, replies_.status(1));
+  EXPECT_EQ(1001U, replies_.process(1));
 }
 
 TEST_F(ReplyQueueGet, AlwaysWaitsOnceEvenWhenAReplyIsLinked) {
   claimForMe();
-  replies.linkReply(0, replyRecord(1));
+  replies_.linkReply(0, replyRecord(1));
   std::future<Outcome> got = startGet();
-  EXPECT_EQ(1, replies.usedItems());
-  replies.waits.add(2, 1);
+  EXPECT_EQ(1, replies_.usedItems());
+  replies_.waits.add(2, 1);
   EXPECT_EQ(replyRecord(1), got.get().reply);
 }
 
@@ -491,14 +491,14 @@ TEST_F(ReplyQueueGet, WokenWithNothingGoesBackToWait) {
   std::future<Outcome> got = startGet();
   for (int i = 0; i < 3; ++i) {
     // The kernel takes the unit at once; that the thread has come round shows in the status.
-    replies.lock();
-    replies.setStatus(0, 0);
-    replies.waits.add(2, 1);
-    replies.unlock();
-    EXPECT_TRUE(waitUntil([this] { return replies.status(0) == 1; }));
-    EXPECT_TRUE(waitUntil([this] { return replies.waits.sleepers(2) == 1; }));
+    replies_.lock();
+    replies_.setStatus(0, 0);
+    replies_.waits.add(2, 1);
+    replies_.unlock();
+    EXPECT_TRUE(waitUntil([this] { return replies_.status(0) == 1; }));
+    EXPECT_TRUE(waitUntil([this] { return replies_.waits.sleepers(2) == 1; }));
   }
-  replies.reply(0, replyRecord(4));
+  replies_.reply(0, replyRecord(4));
   EXPECT_EQ(replyRecord(4), got.get().reply);
 }
 
@@ -508,41 +508,41 @@ TEST_F(ReplyQueueGet, SignalsDoNotEndTheWait) {
   sigaction(SIGUSR1, &action, nullptr);
   std::atomic<int> waits{0};
   calls::semop.ask([this, &waits](int set, const sembuf*, size_t) {
-    if (set == replies.waits.id()) ++waits;
+    if (set == replies_.waits.id()) ++waits;
     return calls::RUN_IT;
   });
   std::atomic<pthread_t> reader{0};
   Outcome outcome;
   std::thread thread([&] {
     reader = pthread_self();
-    outcome = get(kMe, -1);
+    outcome = get(ME, -1);
   });
   for (int i = 1; i <= 3; ++i) {
-    EXPECT_TRUE(waitUntil([&] { return waits == i && replies.waits.sleepers(2) == 1; }));
+    EXPECT_TRUE(waitUntil([&] { return waits == i && replies_.waits.sleepers(2) == 1; }));
     pthread_kill(reader, SIGUSR1);
   }
-  EXPECT_TRUE(waitUntil([&] { return waits == 4 && replies.waits.sleepers(2) == 1; }));
-  replies.reply(0, replyRecord(4));
+  EXPECT_TRUE(waitUntil([&] { return waits == 4 && replies_.waits.sleepers(2) == 1; }));
+  replies_.reply(0, replyRecord(4));
   thread.join();
   EXPECT_EQ(0, outcome.result);
 }
 
 TEST_F(ReplyQueueGet, WithoutTheLockSetFails) {
-  replies.set.remove();
-  EXPECT_EQ(-261, get(kMe, -1).result);
+  replies_.set.remove();
+  EXPECT_EQ(-261, get(ME, -1).result);
   EXPECT_EQ("-261 CkesSharedMemory::Lock() < CIPCQueue::PrivateGet() < CIPCQueue::Get()",
             errorTrail());
 }
 
 TEST_F(ReplyQueueGet, UnlockThatFailsIsTheResultOfASuccess) {
   claimForMe();
-  replies.reply(0, replyRecord(1));
+  replies_.reply(0, replyRecord(1));
   int unlocks = 0;
   calls::semop.ask([&](int id, const sembuf* operations, size_t count) {
-    if (id != replies.set.id() || !isUnlock(operations, count)) return calls::RUN_IT;
+    if (id != replies_.set.id() || !isUnlock(operations, count)) return calls::RUN_IT;
     return ++unlocks == 2 ? EIDRM : calls::RUN_IT;
   });
-  const Outcome got = get(kMe, -1);
+  const Outcome got = get(ME, -1);
   EXPECT_EQ(-262, got.result);
   EXPECT_EQ("-262 CkesSharedMemory::Unlock() < CIPCQueue::PrivateGet() < CIPCQueue::Get()",
             got.trail);
@@ -550,9 +550,9 @@ TEST_F(ReplyQueueGet, UnlockThatFailsIsTheResultOfASuccess) {
 }
 
 TEST_F(ReplyQueueGet, UnlockThatFailsDoesNotReplaceAnError) {
-  replies.setState(1);
-  failUnlocksOf(replies);
-  const Outcome got = get(kMe, -1);
+  replies_.setState(1);
+  failUnlocksOf(replies_);
+  const Outcome got = get(ME, -1);
   EXPECT_EQ(-284, got.result);
   EXPECT_EQ("-284 CIPCQueue::PrivateGet() < CIPCQueue::Get()", got.trail);
 }
@@ -561,64 +561,64 @@ TEST_F(ReplyQueueGet, UnlockThatFailsDoesNotReplaceAnError) {
 
 TEST_F(ReplyQueueGet, FromAStoppedEmptyQueueDoesNotWait) {
   for (const uint32_t state : {1U, 2U, 9U}) {
-    replies.setState(state);
-    const Outcome got = get(kMe, -1);
+    replies_.setState(state);
+    const Outcome got = get(ME, -1);
     EXPECT_EQ(-284, got.result);
     EXPECT_EQ("-284 CIPCQueue::PrivateGet() < CIPCQueue::Get()", got.trail);
-    EXPECT_EQ(0, replies.status(0));
-    EXPECT_FALSE(replies.locked());
+    EXPECT_EQ(0, replies_.status(0));
+    EXPECT_FALSE(replies_.locked());
   }
 }
 
 TEST_F(ReplyQueueGet, FromAQueueInStateOneTakesWhatIsLinked) {
   claimForMe();
-  replies.reply(0, replyRecord(1));
-  replies.setState(1);
-  EXPECT_EQ(replyRecord(1), get(kMe, -1).reply);
+  replies_.reply(0, replyRecord(1));
+  replies_.setState(1);
+  EXPECT_EQ(replyRecord(1), get(ME, -1).reply);
 }
 
 TEST_F(ReplyQueueGet, StateOneEndsAWaitThatFindsNothing) {
   std::future<Outcome> got = startGet();
-  replies.setState(1);
-  replies.waits.add(2, 1);
+  replies_.setState(1);
+  replies_.waits.add(2, 1);
   const Outcome outcome = got.get();
   EXPECT_EQ(-284, outcome.result);
   EXPECT_EQ("-284 CIPCQueue::PrivateGet() < CIPCQueue::Get()", outcome.trail);
-  EXPECT_FALSE(replies.locked());
+  EXPECT_FALSE(replies_.locked());
 }
 
 TEST_F(ReplyQueueGet, StateOneIsSeenUnderTheLock) {
   std::future<Outcome> got = startGet();
-  replies.lock();
-  replies.setState(1);
-  replies.waits.add(2, 1);
-  EXPECT_TRUE(waitUntil([this] { return semctl(replies.set.id(), 0, GETZCNT) == 1; }));
-  replies.unlock();
+  replies_.lock();
+  replies_.setState(1);
+  replies_.waits.add(2, 1);
+  EXPECT_TRUE(waitUntil([this] { return semctl(replies_.set.id(), 0, GETZCNT) == 1; }));
+  replies_.unlock();
   EXPECT_EQ(-284, got.get().result);
 }
 
 TEST_F(ReplyQueueGet, StateTwoEndsTheWaitEvenWithAReplyLinked) {
   std::future<Outcome> got = startGet();
-  replies.linkReply(0, replyRecord(1));
-  replies.setState(2);
-  replies.waits.add(2, 1);
+  replies_.linkReply(0, replyRecord(1));
+  replies_.setState(2);
+  replies_.waits.add(2, 1);
   EXPECT_EQ(-284, got.get().result);
-  EXPECT_EQ(1, replies.usedItems());
+  EXPECT_EQ(1, replies_.usedItems());
 }
 
 TEST_F(ReplyQueueGet, StateTwoUnlocksALockThatTheReaderDoesNotHold) {
   std::future<Outcome> got = startGet();
-  replies.lock();
-  replies.setState(2);
-  replies.waits.add(2, 1);
+  replies_.lock();
+  replies_.setState(2);
+  replies_.waits.add(2, 1);
   EXPECT_EQ(-284, got.get().result);
-  EXPECT_FALSE(replies.locked());
+  EXPECT_FALSE(replies_.locked());
 }
 
 TEST_F(ReplyQueueGet, StateTwoTriesTheUnlockThoughNobodyHoldsTheLock) {
   std::future<Outcome> got = startGet();
-  replies.setState(2);
-  replies.waits.add(2, 1);
+  replies_.setState(2);
+  replies_.waits.add(2, 1);
   const Outcome outcome = got.get();
   EXPECT_EQ(-284, outcome.result);
   EXPECT_EQ("-262 CkesSharedMemory::Unlock() < CIPCQueue::Get()", outcome.trail);
@@ -628,47 +628,47 @@ TEST_F(ReplyQueueGet, StateTwoLeavesTheLockTakenWhenTheReadersProcessExits) {
   int tube[2];
   ASSERT_EQ(0, pipe(tube));
   const pid_t child = forkChild([&] {
-    const long result = get(kMe, -1).result;
+    const long result = get(ME, -1).result;
     char go = 0;
     return read(tube[0], &go, 1) == 1 && result == -284 ? 0 : 1;
   });
-  ASSERT_TRUE(waitUntil([this] { return replies.waits.sleepers(2) == 1; }));
-  replies.lock();
-  replies.setState(2);
-  replies.waits.add(2, 1);
-  EXPECT_TRUE(waitUntil([this] { return !replies.locked(); }));
+  ASSERT_TRUE(waitUntil([this] { return replies_.waits.sleepers(2) == 1; }));
+  replies_.lock();
+  replies_.setState(2);
+  replies_.waits.add(2, 1);
+  EXPECT_TRUE(waitUntil([this] { return !replies_.locked(); }));
   EXPECT_EQ(1, write(tube[1], "g", 1));
   EXPECT_EQ(0, exitCodeOf(child));
-  EXPECT_EQ(1, replies.set.value(0));
+  EXPECT_EQ(1, replies_.set.value(0));
 }
 
 TEST_F(ReplyQueueGet, RemovedSetEndsTheWait) {
   std::future<Outcome> got = startGet();
-  replies.waits.remove();
+  replies_.waits.remove();
   const Outcome outcome = got.get();
   EXPECT_EQ(-272, outcome.result);
   EXPECT_EQ("-272 CIPCQueue::PrivateGet() < CIPCQueue::Get()", outcome.trail);
-  EXPECT_FALSE(replies.locked());
+  EXPECT_FALSE(replies_.locked());
 }
 
 TEST_F(ReplyQueueGet, RemovedSetOfAClosedQueueIsTheState) {
   std::future<Outcome> got = startGet();
-  replies.setState(2);
-  replies.waits.remove();
+  replies_.setState(2);
+  replies_.waits.remove();
   EXPECT_EQ(-284, got.get().result);
 }
 
 TEST_F(ReplyQueueGet, RemovedSetOfAQueueInStateOneIsTheFailedWait) {
   std::future<Outcome> got = startGet();
-  replies.setState(1);
-  replies.waits.remove();
+  replies_.setState(1);
+  replies_.waits.remove();
   EXPECT_EQ(-272, got.get().result);
 }
 
 TEST_F(ReplyQueueGet, LockThatFailsAfterTheWaitIsTheResult) {
   std::future<Outcome> got = startGet();
-  replies.set.remove();
-  replies.waits.add(2, 1);
+  replies_.set.remove();
+  replies_.waits.add(2, 1);
   EXPECT_EQ(-261, got.get().result);
 }
 
@@ -676,47 +676,47 @@ TEST_F(ReplyQueueGet, LockThatFailsAfterTheWaitIsTheResult) {
 
 TEST_F(ReplyQueueGet, CancelledWaitEndsAndTheRecordIsIdleAgain) {
   std::future<Outcome> got = startGet();
-  replies.setStatus(0, 3);
-  replies.waits.add(2, 1);
+  replies_.setStatus(0, 3);
+  replies_.waits.add(2, 1);
   const Outcome outcome = got.get();
   EXPECT_EQ(-277, outcome.result);
   EXPECT_EQ("-277 CIPCQueue::PrivateGet() < CIPCQueue::Get()", outcome.trail);
-  EXPECT_EQ(0, replies.status(0));
-  EXPECT_EQ(1001U, replies.process(0));
-  EXPECT_FALSE(replies.locked());
+  EXPECT_EQ(0, replies_.status(0));
+  EXPECT_EQ(1001U, replies_.process(0));
+  EXPECT_FALSE(replies_.locked());
 }
 
 TEST_F(ReplyQueueGet, CancelledWaitLeavesALinkedReply) {
   std::future<Outcome> got = startGet();
-  replies.linkReply(0, replyRecord(1));
-  replies.setStatus(0, 3);
-  replies.waits.add(2, 1);
+  replies_.linkReply(0, replyRecord(1));
+  replies_.setStatus(0, 3);
+  replies_.waits.add(2, 1);
   EXPECT_EQ(-277, got.get().result);
-  EXPECT_EQ(replies.itemOffset(0), replies.firstReply(0));
-  EXPECT_EQ(1, replies.usedItems());
+  EXPECT_EQ(replies_.itemOffset(0), replies_.firstReply(0));
+  EXPECT_EQ(1, replies_.usedItems());
 }
 
 TEST_F(ReplyQueueGet, CancelledStatusStaysUntilTheLastWaiterIsGone) {
   std::future<Outcome> first = startGet();
   std::future<Outcome> second = startGet();
-  replies.setStatus(0, 3);
-  replies.waits.add(2, 1);
+  replies_.setStatus(0, 3);
+  replies_.waits.add(2, 1);
   EXPECT_EQ(-277, first.get().result);
-  EXPECT_EQ(3, replies.status(0));
-  replies.waits.add(2, 1);
+  EXPECT_EQ(3, replies_.status(0));
+  replies_.waits.add(2, 1);
   EXPECT_EQ(-277, second.get().result);
-  EXPECT_EQ(0, replies.status(0));
+  EXPECT_EQ(0, replies_.status(0));
 }
 
 TEST_F(ReplyQueueGet, StateIsLookedAtBeforeTheCancellation) {
   std::future<Outcome> got = startGet();
-  replies.lock();
-  replies.setState(1);
-  replies.setStatus(0, 3);
-  replies.unlock();
-  replies.waits.add(2, 1);
+  replies_.lock();
+  replies_.setState(1);
+  replies_.setStatus(0, 3);
+  replies_.unlock();
+  replies_.waits.add(2, 1);
   EXPECT_EQ(-284, got.get().result);
-  EXPECT_EQ(3, replies.status(0));
+  EXPECT_EQ(3, replies_.status(0));
 }
 
 // ---- threads of one identifier ------------------------------------------------------------------
@@ -724,102 +724,102 @@ TEST_F(ReplyQueueGet, StateIsLookedAtBeforeTheCancellation) {
 TEST_F(ReplyQueueGet, StatusStaysUntilTheLastThreadOfAnIdentifierHasItsReply) {
   std::future<Outcome> first = startGet();
   std::future<Outcome> second = startGet();
-  EXPECT_EQ(1, replies.headsInUse());
-  replies.reply(0, replyRecord(1));
+  EXPECT_EQ(1, replies_.headsInUse());
+  replies_.reply(0, replyRecord(1));
   EXPECT_EQ(replyRecord(1), first.get().reply);
-  EXPECT_EQ(1, replies.status(0));
-  replies.reply(0, replyRecord(2));
+  EXPECT_EQ(1, replies_.status(0));
+  replies_.reply(0, replyRecord(2));
   EXPECT_EQ(replyRecord(2), second.get().reply);
-  EXPECT_EQ(0, replies.status(0));
+  EXPECT_EQ(0, replies_.status(0));
 }
 
 TEST_F(ReplyQueueGet, ReplyWakesOnlyTheThreadThatItIsAddressedTo) {
   std::future<Outcome> mine = startGet();
-  std::future<Outcome> others = startGet(kOther, -1, 3);
-  EXPECT_EQ(2, replies.headsInUse());
-  replies.reply(1, replyRecord(2));
+  std::future<Outcome> others = startGet(OTHER, -1, 3);
+  EXPECT_EQ(2, replies_.headsInUse());
+  replies_.reply(1, replyRecord(2));
   EXPECT_EQ(replyRecord(2), others.get().reply);
-  EXPECT_EQ(1, replies.waits.sleepers(2));
-  EXPECT_EQ(1, replies.status(0));
-  replies.reply(0, replyRecord(1));
+  EXPECT_EQ(1, replies_.waits.sleepers(2));
+  EXPECT_EQ(1, replies_.status(0));
+  replies_.reply(0, replyRecord(1));
   EXPECT_EQ(replyRecord(1), mine.get().reply);
 }
 
 TEST_F(ReplyQueueGet, SleepersThatCannotBeAskedAreAFailureButTheReplyIsTaken) {
   std::future<Outcome> got = startGet();
-  for (int i = 0; i < 3; ++i) replies.linkReply(0, replyRecord(i));
-  replies.setSemaphore(0, 999);
-  replies.waits.add(2, 1);
+  for (int i = 0; i < 3; ++i) replies_.linkReply(0, replyRecord(i));
+  replies_.setSemaphore(0, 999);
+  replies_.waits.add(2, 1);
   const Outcome outcome = got.get();
   EXPECT_EQ(-279, outcome.result);
   EXPECT_EQ("-279 CIPCQueue::PrivateGet() < CIPCQueue::Get()", outcome.trail);
   EXPECT_EQ(replyRecord(0), outcome.reply);
-  EXPECT_EQ(2, replies.usedItems());
-  EXPECT_EQ(1, replies.status(0));
+  EXPECT_EQ(2, replies_.usedItems());
+  EXPECT_EQ(1, replies_.status(0));
   // The queue was full, but the room is made known only by a get that succeeds.
-  EXPECT_EQ(0, replies.waits.value(1));
+  EXPECT_EQ(0, replies_.waits.value(1));
 }
 
 // ---- room ---------------------------------------------------------------------------------------
 
 TEST_F(ReplyQueueGet, RoomIsMadeKnownOnlyByTheGetThatLeavesFull) {
   claimForMe();
-  for (int i = 0; i < 3; ++i) replies.reply(0, replyRecord(i));
-  EXPECT_EQ(0, get(kMe, -1).result);
-  EXPECT_EQ(1, replies.waits.value(1));
-  EXPECT_EQ(0, get(kMe, -1).result);
-  EXPECT_EQ(0, get(kMe, -1).result);
-  EXPECT_EQ(1, replies.waits.value(1));
+  for (int i = 0; i < 3; ++i) replies_.reply(0, replyRecord(i));
+  EXPECT_EQ(0, get(ME, -1).result);
+  EXPECT_EQ(1, replies_.waits.value(1));
+  EXPECT_EQ(0, get(ME, -1).result);
+  EXPECT_EQ(0, get(ME, -1).result);
+  EXPECT_EQ(1, replies_.waits.value(1));
 }
 
 TEST_F(ReplyQueueGet, RoomThatCannotBeMadeKnownIsAFailureButTheReplyIsTaken) {
   claimForMe();
-  for (int i = 0; i < 3; ++i) replies.reply(0, replyRecord(i));
-  replies.waits.setValue(1, 32767);
-  const Outcome got = get(kMe, -1);
+  for (int i = 0; i < 3; ++i) replies_.reply(0, replyRecord(i));
+  replies_.waits.setValue(1, 32767);
+  const Outcome got = get(ME, -1);
   EXPECT_EQ(-280, got.result);
   EXPECT_EQ("-280 CIPCQueue::PrivateGet() < CIPCQueue::Get()", got.trail);
   EXPECT_EQ(replyRecord(0), got.reply);
-  EXPECT_EQ(2, replies.usedItems());
-  EXPECT_EQ(0, replies.status(0));
-  EXPECT_FALSE(replies.locked());
+  EXPECT_EQ(2, replies_.usedItems());
+  EXPECT_EQ(0, replies_.status(0));
+  EXPECT_FALSE(replies_.locked());
 }
 
 // ---- by index -----------------------------------------------------------------------------------
 
 TEST_F(ReplyQueueGet, ByIndexOutOfRangeIsRefused) {
   for (const long index : {3L, -2L, 65536L, 2147483647L, -2147483647L - 1L}) {
-    EXPECT_EQ(-278, get(kMe, index).result) << index;
+    EXPECT_EQ(-278, get(ME, index).result) << index;
     EXPECT_EQ("-278 CIPCQueue::PrivateGet()", errorTrail());
   }
-  EXPECT_EQ(0, replies.headsInUse());
-  EXPECT_FALSE(replies.locked());
+  EXPECT_EQ(0, replies_.headsInUse());
+  EXPECT_FALSE(replies_.locked());
 }
 
 TEST_F(ReplyQueueGet, ByIndexNeedsStatusTwo) {
   for (const uint8_t status : {uint8_t{0}, uint8_t{1}, uint8_t{3}}) {
-    replies.setStatus(1, status);
-    EXPECT_EQ(-278, get(kMe, 1).result);
+    replies_.setStatus(1, status);
+    EXPECT_EQ(-278, get(ME, 1).result);
   }
 }
 
 TEST_F(ReplyQueueGet, ByIndexReadsThroughTheRecordWhoseverItIs) {
-  replies.setOwner(1, 7, 7);
-  replies.setStatus(1, 2);
-  std::future<Outcome> got = startGet(kMe, 1, 3);
-  EXPECT_EQ(2, replies.status(1));
-  replies.reply(1, replyRecord(6));
+  replies_.setOwner(1, 7, 7);
+  replies_.setStatus(1, 2);
+  std::future<Outcome> got = startGet(ME, 1, 3);
+  EXPECT_EQ(2, replies_.status(1));
+  replies_.reply(1, replyRecord(6));
   EXPECT_EQ(replyRecord(6), got.get().reply);
-  EXPECT_EQ(2, replies.status(1));
-  EXPECT_EQ(7U, replies.process(1));
+  EXPECT_EQ(2, replies_.status(1));
+  EXPECT_EQ(7U, replies_.process(1));
 }
 
 TEST_F(ReplyQueueGet, ByIndexDoesNotAskForSleepers) {
-  replies.setStatus(1, 2);
-  std::future<Outcome> got = startGet(kMe, 1, 3);
-  replies.linkReply(1, replyRecord(6));
-  replies.setSemaphore(1, 999);
-  replies.waits.add(3, 1);
+  replies_.setStatus(1, 2);
+  std::future<Outcome> got = startGet(ME, 1, 3);
+  replies_.linkReply(1, replyRecord(6));
+  replies_.setSemaphore(1, 999);
+  replies_.waits.add(3, 1);
   EXPECT_EQ(0, got.get().result);
 }
 
@@ -830,61 +830,61 @@ TEST_F(ReplyQueueGet, OffsetsOfItemsThatAreNotBehindTheHeaderAndInTheSegmentAreR
   const uint32_t end = 12 + 3 * 16 + 3 * 532;
   for (const uint32_t offset : {1U, 11U, end - 531, end - 4, end - 1, end, end + 1, end + 532,
                                 0x7FFFFFFFU, 0x80000000U, 0xFFFFFFFFU, 0xFFFFFFFFU - 531}) {
-    replies.setFirstReply(0, offset);
-    replies.setUsedItems(1);
-    replies.waits.setValue(2, 1);
-    replies.setStatus(0, 1);
-    const Bytes before = replies.memory.all();
-    const Outcome got = get(kMe, -1);
+    replies_.setFirstReply(0, offset);
+    replies_.setUsedItems(1);
+    replies_.waits.setValue(2, 1);
+    replies_.setStatus(0, 1);
+    const Bytes before = replies_.memory.all();
+    const Outcome got = get(ME, -1);
     EXPECT_EQ(-283, got.result) << offset;
     EXPECT_EQ("-283 CIPCQueue::PrivateGet() < CIPCQueue::Get()", got.trail);
     EXPECT_EQ(Bytes(528, 0xEE), got.reply);
-    EXPECT_EQ(before, replies.memory.all());
-    EXPECT_FALSE(replies.locked());
+    EXPECT_EQ(before, replies_.memory.all());
+    EXPECT_FALSE(replies_.locked());
   }
 }
 
 TEST_F(ReplyQueueGet, LastItemIsOne) {
   claimForMe();
-  replies.setFirstReply(0, 12 + 3 * 16 + 2 * 532);
-  replies.waits.setValue(2, 1);
-  EXPECT_EQ(0, get(kMe, -1).result);
+  replies_.setFirstReply(0, 12 + 3 * 16 + 2 * 532);
+  replies_.waits.setValue(2, 1);
+  EXPECT_EQ(0, get(ME, -1).result);
 }
 
 TEST_F(ReplyQueueGet, ItemsLieWhereTheEngineHasPutThem) {
   claimForMe();
-  uint32_t free = replies.freeList();
+  uint32_t free = replies_.freeList();
   for (const uint32_t offset : {12U + 16, 12U + 3 * 16 + 1, 12U + 3 * 16 + 2 * 532 - 3}) {
-    std::memcpy(replies.memory.at(offset), replyRecord(7, 1, 5).data(), 528);
+    std::memcpy(replies_.memory.at(offset), replyRecord(7, 1, 5).data(), 528);
     const uint32_t next = offset + 1;
-    std::memcpy(replies.memory.at(offset + 528), &next, 4);
-    replies.setFirstReply(0, offset);
-    replies.setUsedItems(1);
-    replies.waits.setValue(2, 1);
-    const Outcome got = get(kMe, -1);
+    std::memcpy(replies_.memory.at(offset + 528), &next, 4);
+    replies_.setFirstReply(0, offset);
+    replies_.setUsedItems(1);
+    replies_.waits.setValue(2, 1);
+    const Outcome got = get(ME, -1);
     EXPECT_EQ(0, got.result) << offset;
     EXPECT_EQ(replyRecord(7, 1, 5), got.reply) << offset;
-    EXPECT_EQ(next, replies.firstReply(0)) << offset;
-    EXPECT_EQ(offset, replies.freeList());
-    EXPECT_EQ(0, std::memcmp(&free, replies.memory.at(offset + 528), 4)) << offset;
-    EXPECT_EQ(0, replies.usedItems());
+    EXPECT_EQ(next, replies_.firstReply(0)) << offset;
+    EXPECT_EQ(offset, replies_.freeList());
+    EXPECT_EQ(0, std::memcmp(&free, replies_.memory.at(offset + 528), 4)) << offset;
+    EXPECT_EQ(0, replies_.usedItems());
     free = offset;
   }
 }
 
 TEST_F(ReplyQueueGet, FreeListIsCarriedAlongUnseen) {
   claimForMe();
-  replies.reply(0, replyRecord(1));
-  replies.memory.put32(4, 0xDEADBEEF);
-  EXPECT_EQ(0, get(kMe, -1).result);
-  EXPECT_EQ(0xDEADBEEF, replies.link(0));
+  replies_.reply(0, replyRecord(1));
+  replies_.memory.put32(4, 0xDEADBEEF);
+  EXPECT_EQ(0, get(ME, -1).result);
+  EXPECT_EQ(0xDEADBEEF, replies_.link(0));
 }
 
 TEST_F(ReplyQueueGet, SemaphoreThatTheSetDoesNotHaveFails) {
-  replies.setSemaphore(0, 5);
-  const Outcome got = get(kMe, -1);
+  replies_.setSemaphore(0, 5);
+  const Outcome got = get(ME, -1);
   EXPECT_EQ(-272, got.result);
-  EXPECT_FALSE(replies.locked());
+  EXPECT_FALSE(replies_.locked());
 }
 
 // ---- stopping by an owner -----------------------------------------------------------------------
@@ -892,7 +892,7 @@ TEST_F(ReplyQueueGet, SemaphoreThatTheSetDoesNotHaveFails) {
 TEST_F(ReplyQueueGet, SetStateTwoEndsAWait) {
   std::future<Outcome> got = startGet();
   // The reader's unlock may come before the owner's, which then fails.
-  const long result = queue.SetState(2);
+  const long result = queue_.SetState(2);
   EXPECT_TRUE(result == 0 || result == -262) << result;
   EXPECT_EQ(-284, got.get().result);
 }
@@ -900,29 +900,29 @@ TEST_F(ReplyQueueGet, SetStateTwoEndsAWait) {
 TEST_F(ReplyQueueGet, SetStateOneEndsEveryWait) {
   std::future<Outcome> first = startGet();
   std::future<Outcome> second = startGet();
-  std::future<Outcome> third = startGet(kOther, -1, 3);
-  EXPECT_EQ(0, queue.SetState(1));
+  std::future<Outcome> third = startGet(OTHER, -1, 3);
+  EXPECT_EQ(0, queue_.SetState(1));
   EXPECT_EQ(-284, first.get().result);
   EXPECT_EQ(-284, second.get().result);
   EXPECT_EQ(-284, third.get().result);
-  EXPECT_FALSE(replies.locked());
+  EXPECT_FALSE(replies_.locked());
 }
 
 TEST_F(ReplyQueueGet, OtherStatesWakeNobody) {
   std::future<Outcome> got = startGet();
-  EXPECT_EQ(0, queue.SetState(3));
-  EXPECT_EQ(1, replies.waits.sleepers(2));
-  EXPECT_EQ(0, queue.SetState(0));
-  replies.reply(0, replyRecord(1));
+  EXPECT_EQ(0, queue_.SetState(3));
+  EXPECT_EQ(1, replies_.waits.sleepers(2));
+  EXPECT_EQ(0, queue_.SetState(0));
+  replies_.reply(0, replyRecord(1));
   EXPECT_EQ(0, got.get().result);
 }
 
 TEST_F(ReplyQueueGet, SetStateReportsTheUnlockBeforeTheWaking) {
-  replies.waits.remove();
-  EXPECT_EQ(-279, queue.SetState(1));
-  failUnlocksOf(replies);
-  EXPECT_EQ(-262, queue.SetState(2));
-  EXPECT_EQ(2U, replies.memory.u32(8));
+  replies_.waits.remove();
+  EXPECT_EQ(-279, queue_.SetState(1));
+  failUnlocksOf(replies_);
+  EXPECT_EQ(-262, queue_.SetState(2));
+  EXPECT_EQ(2U, replies_.memory.u32(8));
 }
 
 /// Threads that take a number of units of one semaphore and sleep until it has them.
@@ -954,39 +954,39 @@ class Sleepers {
 
 TEST_F(ReplyQueueGet, AwakenAllRaisesByTheNumberOfSleepers) {
   {
-    Sleepers writers(replies.waits, 1, 1, 2);
-    Sleepers readers(replies.waits, 4, 1, 3);
-    EXPECT_EQ(0, queue.implAwakenAll());
+    Sleepers writers(replies_.waits, 1, 1, 2);
+    Sleepers readers(replies_.waits, 4, 1, 3);
+    EXPECT_EQ(0, queue_.implAwakenAll());
     readers.join();
     writers.join();
-    EXPECT_EQ(0, replies.waits.value(1));
-    EXPECT_EQ(0, replies.waits.value(2));
-    EXPECT_EQ(0, replies.waits.value(4));
+    EXPECT_EQ(0, replies_.waits.value(1));
+    EXPECT_EQ(0, replies_.waits.value(2));
+    EXPECT_EQ(0, replies_.waits.value(4));
   }
-  EXPECT_EQ(-279, queue.implAwakenAll());
+  EXPECT_EQ(-279, queue_.implAwakenAll());
 }
 
 TEST_F(ReplyQueueGet, AwakenAllStopsAtWritersThatCannotBeRaised) {
-  replies.waits.setValue(1, 32766);
-  Sleepers writers(replies.waits, 1, 32767, 2);
-  Sleepers readers(replies.waits, 2, 1, 1);
-  EXPECT_EQ(-280, queue.implAwakenAll());
-  EXPECT_EQ(1, replies.waits.sleepers(2));
+  replies_.waits.setValue(1, 32766);
+  Sleepers writers(replies_.waits, 1, 32767, 2);
+  Sleepers readers(replies_.waits, 2, 1, 1);
+  EXPECT_EQ(-280, queue_.implAwakenAll());
+  EXPECT_EQ(1, replies_.waits.sleepers(2));
 }
 
 TEST_F(ReplyQueueGet, AwakenAllStopsAtAReaderThatCannotBeRaised) {
-  replies.waits.setValue(2, 32766);
-  Sleepers first(replies.waits, 2, 32767, 2);
-  Sleepers second(replies.waits, 3, 1, 1);
-  EXPECT_EQ(-281, queue.implAwakenAll());
-  EXPECT_EQ(1, replies.waits.sleepers(3));
+  replies_.waits.setValue(2, 32766);
+  Sleepers first(replies_.waits, 2, 32767, 2);
+  Sleepers second(replies_.waits, 3, 1, 1);
+  EXPECT_EQ(-281, queue_.implAwakenAll());
+  EXPECT_EQ(1, replies_.waits.sleepers(3));
 }
 
 TEST_F(ReplyQueueGet, AwakenAllStopsAtAHeadThatCannotBeAsked) {
-  replies.setSemaphore(0, 999);
-  Sleepers readers(replies.waits, 3, 1, 1);
-  EXPECT_EQ(-279, queue.implAwakenAll());
-  EXPECT_EQ(1, replies.waits.sleepers(3));
+  replies_.setSemaphore(0, 999);
+  Sleepers readers(replies_.waits, 3, 1, 1);
+  EXPECT_EQ(-279, queue_.implAwakenAll());
+  EXPECT_EQ(1, replies_.waits.sleepers(3));
 }
 
 // ---- implInitialize -----------------------------------------------------------------------------
@@ -994,32 +994,32 @@ TEST_F(ReplyQueueGet, AwakenAllStopsAtAHeadThatCannotBeAsked) {
 /// A queue object that could not be opened; its set is made and removed on its own.
 class ReplyQueueSet : public testing::Test {
  protected:
-  ReplyQueueSet() : queue("/var/kelp/none", true) { touch(kPath); }
+  ReplyQueueSet() : queue_("/var/kelp/none", true) { touch(PATH); }
 
   /// Removes whatever set is left.
   ~ReplyQueueSet() override {
     calls::semop.watch();
     calls::semctl.watch();
-    const int set = setAt(kPath, 3);
+    const int set = setAt(PATH, 3);
     if (set != -1) semctl(set, 0, IPC_RMID);
   }
 
-  static int value(int number) { return semctl(setAt(kPath, 3), number, GETVAL); }
+  static int value(int number) { return semctl(setAt(PATH, 3), number, GETVAL); }
   static Lines both(const std::string& between) {
     return {"CIPCQueue_LINUX::implInitialize ENTER - name = /var/kelp/set, items = 5",
             "CIPCQueue_LINUX::implInitialize " + between};
   }
 
-  static constexpr const char* kPath = "/var/kelp/set";
-  Queue queue;
+  static constexpr const char* PATH = "/var/kelp/set";
+  Queue queue_;
 };
 
 TEST_F(ReplyQueueSet, IsCreatedWithTwoMoreSemaphoresThanItems) {
   const TraceLog log;
-  EXPECT_TRUE(queue.implInitialize(kPath, 5));
+  EXPECT_TRUE(queue_.implInitialize(PATH, 5));
   EXPECT_EQ(both("EXIT - name = /var/kelp/set, items = 5"), log.lines());
   semid_ds info = {};
-  ASSERT_EQ(0, semctl(setAt(kPath, 3), 0, IPC_STAT, &info));
+  ASSERT_EQ(0, semctl(setAt(PATH, 3), 0, IPC_STAT, &info));
   EXPECT_EQ(7U, info.sem_nsems);
   EXPECT_EQ(0666U, info.sem_perm.mode & 0777U);
   EXPECT_EQ(1, value(0));
@@ -1027,44 +1027,44 @@ TEST_F(ReplyQueueSet, IsCreatedWithTwoMoreSemaphoresThanItems) {
 }
 
 TEST_F(ReplyQueueSet, LeftOverOneIsReplaced) {
-  SemaphoreSet stale(kPath, 3, 7);
+  SemaphoreSet stale(PATH, 3, 7);
   stale.setValue(0, 1);
   stale.setValue(3, 9);
-  EXPECT_TRUE(queue.implInitialize(kPath, 5));
-  EXPECT_NE(stale.id(), setAt(kPath, 3));
+  EXPECT_TRUE(queue_.implInitialize(PATH, 5));
+  EXPECT_NE(stale.id(), setAt(PATH, 3));
   EXPECT_EQ(1, value(0));
   EXPECT_EQ(0, value(3));
 }
 
 TEST_F(ReplyQueueSet, WhoseFirstSemaphoreIsZeroIsTakenAndCleared) {
-  SemaphoreSet fresh(kPath, 3, 9);
+  SemaphoreSet fresh(PATH, 3, 9);
   fresh.setValue(3, 9);
-  EXPECT_TRUE(queue.implInitialize(kPath, 5));
-  EXPECT_EQ(fresh.id(), setAt(kPath, 3));
+  EXPECT_TRUE(queue_.implInitialize(PATH, 5));
+  EXPECT_EQ(fresh.id(), setAt(PATH, 3));
   EXPECT_EQ(1, fresh.value(0));
   EXPECT_EQ(0, fresh.value(3));
 }
 
 TEST_F(ReplyQueueSet, WithTooFewSemaphoresCannotBeTaken) {
-  SemaphoreSet small(kPath, 3, 6);
+  SemaphoreSet small(PATH, 3, 6);
   const TraceLog log;
-  EXPECT_FALSE(queue.implInitialize(kPath, 5));
+  EXPECT_FALSE(queue_.implInitialize(PATH, 5));
   EXPECT_EQ(both("- ERROR - semget IPC_CREAT errno = 22, sem_num = 7"), log.lines());
 }
 
 TEST_F(ReplyQueueSet, WithoutNameFileFails) {
   const TraceLog log;
-  EXPECT_FALSE(queue.implInitialize("/var/kelp/nowhere", 5));
+  EXPECT_FALSE(queue_.implInitialize("/var/kelp/nowhere", 5));
   EXPECT_EQ((Lines{"CIPCQueue_LINUX::implInitialize ENTER - name = /var/kelp/nowhere, items = 5",
                    "CIPCQueue_LINUX::implInitialize - ERROR - ftok errno = 2"}),
             log.lines());
 }
 
 TEST_F(ReplyQueueSet, IsNotCreatedByOpening) {
-  EXPECT_FALSE(queue.implInitialize(kPath, 0));
-  EXPECT_EQ(-1, setAt(kPath, 3));
-  SemaphoreSet one(kPath, 3, 1);
-  EXPECT_FALSE(queue.implInitialize(kPath, 0));
+  EXPECT_FALSE(queue_.implInitialize(PATH, 0));
+  EXPECT_EQ(-1, setAt(PATH, 3));
+  SemaphoreSet one(PATH, 3, 1);
+  EXPECT_FALSE(queue_.implInitialize(PATH, 0));
 }
 
 TEST_F(ReplyQueueSet, FailuresOfSemctlHaveTheirTexts) {
@@ -1072,12 +1072,12 @@ TEST_F(ReplyQueueSet, FailuresOfSemctlHaveTheirTexts) {
   int failing = GETVAL;
   calls::semctl.ask(
       [&failing](int, int, int command, TSemArgument) { return command == failing ? ERANGE : 0; });
-  EXPECT_FALSE(queue.implInitialize(kPath, 5));
+  EXPECT_FALSE(queue_.implInitialize(PATH, 5));
   failing = SETALL;
-  EXPECT_FALSE(queue.implInitialize(kPath, 5));
+  EXPECT_FALSE(queue_.implInitialize(PATH, 5));
   failing = IPC_RMID;
-  SemaphoreSet::add(setAt(kPath, 3), 0, 1);
-  EXPECT_FALSE(queue.implInitialize(kPath, 5));
+  SemaphoreSet::add(setAt(PATH, 3), 0, 1);
+  EXPECT_FALSE(queue_.implInitialize(PATH, 5));
   const Lines lines = log.lines("CIPCQueue_LINUX::implInitialize - ");
   EXPECT_EQ((Lines{"CIPCQueue_LINUX::implInitialize - ERROR - semctl GETVAL errno = 34",
                    "CIPCQueue_LINUX::implInitialize - ERROR - semctl SETALL errno = 34",
@@ -1093,18 +1093,18 @@ TEST_F(ReplyQueueSet, FailureOfTheFirstRaiseHasItsText) {
     EXPECT_EQ(0, operations->sem_flg);
     return EFBIG;
   });
-  EXPECT_FALSE(queue.implInitialize(kPath, 5));
+  EXPECT_FALSE(queue_.implInitialize(PATH, 5));
   EXPECT_EQ(both("- ERROR - semop Semaphore #0 initialization errno = 27"), log.lines());
 }
 
 TEST_F(ReplyQueueSet, IsRemovedByAnOwnerAndNobodyElse) {
-  EXPECT_TRUE(queue.implInitialize(kPath, 5));
+  EXPECT_TRUE(queue_.implInitialize(PATH, 5));
   Queue other("/var/kelp/none", false);
-  EXPECT_TRUE(other.implInitialize(kPath, 0));
+  EXPECT_TRUE(other.implInitialize(PATH, 0));
   other.implDestroy();
-  EXPECT_NE(-1, setAt(kPath, 3));
-  queue.implDestroy();
-  EXPECT_EQ(-1, setAt(kPath, 3));
+  EXPECT_NE(-1, setAt(PATH, 3));
+  queue_.implDestroy();
+  EXPECT_EQ(-1, setAt(PATH, 3));
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ namespace {
 
 using Queue = CIPCSimpleQueue<TArmMessage>;
 
-constexpr const char* kName = "/var/kelp/controls_ae.kelp";
+constexpr const char* NAME = "/var/kelp/controls_ae.kelp";
 
 /// A record whose every byte depends on the seed.
 TArmMessage message(uint8_t seed) {
@@ -59,7 +59,7 @@ void failUnlockOf(const RequestQueue& ring) {
 
 TEST(RequestQueueOpening, OfARunningQueueInitializes) {
   RequestQueue ring(3);
-  Queue queue(kName);
+  Queue queue(NAME);
   EXPECT_TRUE(queue.IsInitialized());
   EXPECT_TRUE(queue.CreatorAlive());
   EXPECT_TRUE(queue.IsReadyForIO());
@@ -70,7 +70,7 @@ TEST(RequestQueueOpening, WithoutOverflowSemaphoreFailsWithItsText) {
   RequestQueue ring(3);
   ring.overflow.remove();
   const TraceLog log;
-  EXPECT_FALSE(Queue(kName).IsInitialized());
+  EXPECT_FALSE(Queue(NAME).IsInitialized());
   EXPECT_EQ(Lines{"CIPCSimpleQueue Failed on VOverflowSem"}, log.lines("CIPC"));
 }
 
@@ -78,7 +78,7 @@ TEST(RequestQueueOpening, WithoutEmptySemaphoreFailsWithItsText) {
   RequestQueue ring(3);
   ring.empty.remove();
   const TraceLog log;
-  EXPECT_FALSE(Queue(kName).IsInitialized());
+  EXPECT_FALSE(Queue(NAME).IsInitialized());
   EXPECT_EQ(Lines{"CIPCSimpleQueue Failed on the empty queue wait sem"}, log.lines("CIPC"));
 }
 
@@ -86,7 +86,7 @@ TEST(RequestQueueOpening, WithoutSegmentFailsWithItsText) {
   RequestQueue ring(3);
   ring.set.remove();
   const TraceLog log;
-  EXPECT_FALSE(Queue(kName).IsInitialized());
+  EXPECT_FALSE(Queue(NAME).IsInitialized());
   EXPECT_EQ(Lines{"CIPCSimpleQueue Failed on the shared memory"}, log.lines("CIPC"));
 }
 
@@ -94,13 +94,13 @@ TEST(RequestQueueOpening, OfAStoppedQueueFailsWithItsText) {
   RequestQueue ring(3);
   ring.setState(1);
   const TraceLog log;
-  EXPECT_FALSE(Queue(kName).IsInitialized());
+  EXPECT_FALSE(Queue(NAME).IsInitialized());
   EXPECT_EQ(Lines{"CIPCSimpleQueue VQueueState is bad"}, log.lines("CIPC"));
 }
 
 TEST(RequestQueueOpening, LooksAtTheOverflowSemaphoreFirst) {
   const TraceLog log;
-  EXPECT_FALSE(Queue(kName).IsInitialized());
+  EXPECT_FALSE(Queue(NAME).IsInitialized());
   EXPECT_EQ((Lines{"CkesSemaphore_LINUX::implOpen ftok call failed[2] for "
                    "i_Name[/var/kelp/controls_ae.kelp_ovr]",
                    "CIPCSimpleQueue Failed on VOverflowSem"}),
@@ -117,10 +117,10 @@ void openWhileReplaced(RequestQueue& ring, SemaphoreSet& set, const std::string&
     next->setValue(2, 1);
     return calls::RUN_IT;
   });
-  EXPECT_FALSE(Queue(kName).IsInitialized());
+  EXPECT_FALSE(Queue(NAME).IsInitialized());
   EXPECT_NE(nullptr, next);
   calls::semctl.watch();
-  EXPECT_TRUE(Queue(kName).IsInitialized());
+  EXPECT_TRUE(Queue(NAME).IsInitialized());
 }
 
 TEST(RequestQueueOpening, FailsOnceWhenTheEmptySemaphoreIsReplacedMeanwhile) {
@@ -138,7 +138,7 @@ TEST(RequestQueueOpening, FailsOnceWhenTheOverflowSemaphoreIsReplacedMeanwhile) 
 }
 
 TEST(RequestQueueOpening, WithoutTracingLogsNothing) {
-  EXPECT_FALSE(Queue(kName).IsInitialized());
+  EXPECT_FALSE(Queue(NAME).IsInitialized());
   EXPECT_FALSE(traceExists());
 }
 
@@ -148,7 +148,7 @@ TEST(RequestQueueOpening, WithoutMemoryForASegmentFailsWithItsText) {
   for (int allowed = 0; allowed < 3; ++allowed) {
     int left = allowed;
     calls::refuseMemory([&left](size_t) { return left-- == 0; });
-    EXPECT_FALSE(Queue(kName).IsInitialized());
+    EXPECT_FALSE(Queue(NAME).IsInitialized());
     calls::giveMemory();
   }
   EXPECT_EQ((Lines{"CIPCSimpleQueue Failed on VOverflowSem",
@@ -160,7 +160,7 @@ TEST(RequestQueueOpening, WithoutMemoryForASegmentFailsWithItsText) {
 TEST(RequestQueueOpening, ThatFailsLeavesNoAttachment) {
   RequestQueue ring(3);
   ring.setState(2);
-  const Queue queue(kName);
+  const Queue queue(NAME);
   EXPECT_FALSE(queue.IsInitialized());
   EXPECT_EQ(1U, ring.memory.attachments());
 }
@@ -169,15 +169,15 @@ TEST(RequestQueueOpening, WritesTheVersionWordBeforeItLooksAtTheState) {
   RequestQueue ring(3);
   ring.setVersion(7);
   ring.setState(1);
-  EXPECT_FALSE(Queue(kName).IsInitialized());
+  EXPECT_FALSE(Queue(NAME).IsInitialized());
   EXPECT_EQ(50300U, ring.version());
 }
 
 TEST(RequestQueueOpening, WritesTheVersionWordEachTime) {
   RequestQueue ring(3);
-  const Queue first(kName);
+  const Queue first(NAME);
   ring.setVersion(7);
-  const Queue second(kName);
+  const Queue second(NAME);
   EXPECT_EQ(50300U, ring.version());
   EXPECT_EQ(0, std::memcmp("\x7C\xC4\x00\x00", ring.memory.at(20), 4));
 }
@@ -185,7 +185,7 @@ TEST(RequestQueueOpening, WritesTheVersionWordEachTime) {
 TEST(RequestQueueOpening, WritesTheVersionWordWithoutTheLock) {
   RequestQueue ring(3);
   ring.lock();
-  EXPECT_TRUE(Queue(kName).IsInitialized());
+  EXPECT_TRUE(Queue(NAME).IsInitialized());
   EXPECT_EQ(50300U, ring.version());
   EXPECT_TRUE(ring.locked());
 }
@@ -196,14 +196,14 @@ TEST(RequestQueueOpening, ChangesNothingButTheVersionWord) {
   ring.setState(0);
   Bytes expected = ring.memory.all();
   std::memcpy(expected.data() + 20, "\x7C\xC4\x00\x00", 4);
-  { const Queue queue(kName); }
+  { const Queue queue(NAME); }
   EXPECT_EQ(expected, ring.memory.all());
 }
 
 TEST(RequestQueueOpening, AcceptsADeadCreator) {
   RequestQueue ring(3);
   ring.creatorDies();
-  Queue queue(kName);
+  Queue queue(NAME);
   EXPECT_TRUE(queue.IsInitialized());
   EXPECT_FALSE(queue.CreatorAlive());
   EXPECT_EQ(0, queue.Put(message(1)));
@@ -211,7 +211,7 @@ TEST(RequestQueueOpening, AcceptsADeadCreator) {
 }
 
 TEST(RequestQueueOpening, OfAnythingElseReportsNothing) {
-  const Queue queue(kName);
+  const Queue queue(NAME);
   EXPECT_FALSE(queue.CreatorAlive());
   EXPECT_FALSE(queue.IsReadyForIO());
   EXPECT_EQ(0U, queue.GetArmVersion());
@@ -220,7 +220,7 @@ TEST(RequestQueueOpening, OfAnythingElseReportsNothing) {
 TEST(RequestQueueOpening, ReadyAndVersionAreReadEachTime) {
   RequestQueue ring(3);
   ring.setReady(0);
-  Queue queue(kName);
+  Queue queue(NAME);
   EXPECT_FALSE(queue.IsReadyForIO());
   ring.setReady(0x80000000);
   EXPECT_TRUE(queue.IsReadyForIO());
@@ -245,32 +245,32 @@ size_t putsAccepted(Queue& queue) {
 
 TEST(RequestQueueCapacity, ThreeSlotsExactly) {
   RequestQueue ring(AE, 28 + 3 * 4116);
-  Queue queue(kName);
+  Queue queue(NAME);
   EXPECT_EQ(3U, putsAccepted(queue));
   EXPECT_EQ(3, ring.count());
 }
 
 TEST(RequestQueueCapacity, SpareBytesAreNoSlot) {
   RequestQueue ring(AE, 28 + 3 * 4116 + 4115);
-  Queue queue(kName);
+  Queue queue(NAME);
   EXPECT_EQ(3U, putsAccepted(queue));
 }
 
 TEST(RequestQueueCapacity, OneByteTooFewIsOneSlotLess) {
   RequestQueue ring(AE, 28 + 3 * 4116 - 1);
-  Queue queue(kName);
+  Queue queue(NAME);
   EXPECT_EQ(2U, putsAccepted(queue));
 }
 
 TEST(RequestQueueCapacity, IsKeptInSixteenBits) {
   RequestQueue ring(AE, 28 + size_t{65536 + 1} * 4116);
-  Queue queue(kName);
+  Queue queue(NAME);
   EXPECT_EQ(1U, putsAccepted(queue));
 }
 
 TEST(RequestQueueCapacity, HeaderAloneIsAlwaysFull) {
   RequestQueue ring(AE, 28);
-  Queue queue(kName);
+  Queue queue(NAME);
   EXPECT_TRUE(queue.IsInitialized());
   EXPECT_EQ(0U, putsAccepted(queue));
 }
@@ -279,7 +279,7 @@ TEST(RequestQueueCapacity, SegmentSmallerThanTheHeaderDoesNotInitialize) {
   for (const size_t size : {size_t{27}, size_t{1}}) {
     RequestQueue ring(AE, size);
     const Bytes before = ring.memory.all();
-    EXPECT_FALSE(Queue(kName).IsInitialized());
+    EXPECT_FALSE(Queue(NAME).IsInitialized());
     EXPECT_EQ(before, ring.memory.all());
     EXPECT_EQ(1U, ring.memory.attachments());
   }
@@ -289,78 +289,78 @@ TEST(RequestQueueCapacity, SegmentSmallerThanTheHeaderDoesNotInitialize) {
 
 class RequestQueuePut : public testing::Test {
  protected:
-  RequestQueuePut() : ring(3), queue(kName) { ring.fillSlots(0xEE); }
+  RequestQueuePut() : ring_(3), queue_(NAME) { ring_.fillSlots(0xEE); }
 
   /// A put that is refused: its code, and not a byte of the segment changes.
   void expectRefused(long code, bool front = false) {
-    const Bytes before = ring.memory.all();
-    const int raised = ring.empty.value(0);
-    EXPECT_EQ(code, front ? queue.PrivatePut(message(9), true) : queue.Put(message(9)));
-    EXPECT_EQ(before, ring.memory.all());
-    EXPECT_EQ(raised, ring.empty.value(0));
-    EXPECT_FALSE(ring.locked());
+    const Bytes before = ring_.memory.all();
+    const int raised = ring_.empty.value(0);
+    EXPECT_EQ(code, front ? queue_.PrivatePut(message(9), true) : queue_.Put(message(9)));
+    EXPECT_EQ(before, ring_.memory.all());
+    EXPECT_EQ(raised, ring_.empty.value(0));
+    EXPECT_FALSE(ring_.locked());
   }
 
-  RequestQueue ring;
-  Queue queue;
+  RequestQueue ring_;
+  Queue queue_;
 };
 
 TEST_F(RequestQueuePut, CopiesTheWholeRecordIntoTheSlotAtTheTail) {
-  ring.setRing(0, 1, 1);
-  Bytes expected = ring.memory.all();
+  ring_.setRing(0, 1, 1);
+  Bytes expected = ring_.memory.all();
   const Bytes record = bytesOf(message(5));
   std::copy(record.begin(), record.end(), expected.begin() + 28 + 1 * 4116);
   expected[0] = 1;
   expected[4] = 2;
-  EXPECT_EQ(0, queue.Put(message(5)));
-  EXPECT_EQ(expected, ring.memory.all());
-  EXPECT_FALSE(ring.locked());
+  EXPECT_EQ(0, queue_.Put(message(5)));
+  EXPECT_EQ(expected, ring_.memory.all());
+  EXPECT_FALSE(ring_.locked());
 }
 
 TEST_F(RequestQueuePut, GoesToSlotZeroAgainAfterTheLast) {
-  for (uint8_t i = 0; i < 3; ++i) EXPECT_EQ(0, queue.Put(message(i)));
-  EXPECT_EQ(0, ring.tail());
-  for (uint8_t i = 0; i < 3; ++i) EXPECT_EQ(bytesOf(message(i)), ring.take());
-  EXPECT_EQ(0, ring.count());
-  EXPECT_EQ(0, queue.Put(message(3)));
-  EXPECT_EQ(bytesOf(message(3)), ring.slot(0));
-  EXPECT_EQ(bytesOf(message(1)), ring.slot(1));
-  EXPECT_EQ(1, ring.tail());
+  for (uint8_t i = 0; i < 3; ++i) EXPECT_EQ(0, queue_.Put(message(i)));
+  EXPECT_EQ(0, ring_.tail());
+  for (uint8_t i = 0; i < 3; ++i) EXPECT_EQ(bytesOf(message(i)), ring_.take());
+  EXPECT_EQ(0, ring_.count());
+  EXPECT_EQ(0, queue_.Put(message(3)));
+  EXPECT_EQ(bytesOf(message(3)), ring_.slot(0));
+  EXPECT_EQ(bytesOf(message(1)), ring_.slot(1));
+  EXPECT_EQ(1, ring_.tail());
 }
 
 TEST_F(RequestQueuePut, RaisesTheEmptySemaphoreOnlyWhenTheQueueWasEmpty) {
-  EXPECT_EQ(0, queue.Put(message(0)));
-  EXPECT_EQ(1, ring.empty.value(0));
-  EXPECT_EQ(0, queue.Put(message(1)));
-  EXPECT_EQ(0, queue.Put(message(2)));
-  EXPECT_EQ(1, ring.empty.value(0));
-  EXPECT_EQ(0, ring.overflow.value(0));
+  EXPECT_EQ(0, queue_.Put(message(0)));
+  EXPECT_EQ(1, ring_.empty.value(0));
+  EXPECT_EQ(0, queue_.Put(message(1)));
+  EXPECT_EQ(0, queue_.Put(message(2)));
+  EXPECT_EQ(1, ring_.empty.value(0));
+  EXPECT_EQ(0, ring_.overflow.value(0));
 }
 
 TEST_F(RequestQueuePut, RaisesTheEmptySemaphoreAgainAfterTheQueueWasEmptied) {
-  EXPECT_EQ(0, queue.Put(message(0)));
-  ring.take();
-  EXPECT_EQ(0, queue.Put(message(1)));
-  EXPECT_EQ(2, ring.empty.value(0));
+  EXPECT_EQ(0, queue_.Put(message(0)));
+  ring_.take();
+  EXPECT_EQ(0, queue_.Put(message(1)));
+  EXPECT_EQ(2, ring_.empty.value(0));
 }
 
 TEST_F(RequestQueuePut, IgnoresThatTheEmptySemaphoreCannotBeRaised) {
-  ring.empty.remove();
-  EXPECT_EQ(0, queue.Put(message(0)));
-  EXPECT_EQ(1, ring.count());
+  ring_.empty.remove();
+  EXPECT_EQ(0, queue_.Put(message(0)));
+  EXPECT_EQ(1, ring_.count());
 }
 
 TEST_F(RequestQueuePut, IntoAFullQueueIsRefusedAndTheRecordLost) {
-  EXPECT_EQ(3U, putsAccepted(queue));
+  EXPECT_EQ(3U, putsAccepted(queue_));
   expectRefused(-274);
   expectRefused(-274, true);
-  EXPECT_EQ(3, ring.count());
-  EXPECT_EQ(0U, ring.overflowWaiters());
+  EXPECT_EQ(3, ring_.count());
+  EXPECT_EQ(0U, ring_.overflowWaiters());
 }
 
 TEST_F(RequestQueuePut, OverflowIsRecordedUnderTheNameOfTheOtherQueue) {
-  ring.setRing(3, 0, 0);
-  EXPECT_EQ(-274, queue.Put(message(0)));
+  ring_.setRing(3, 0, 0);
+  EXPECT_EQ(-274, queue_.Put(message(0)));
   EXPECT_EQ(
       "-274 CIPCQueue::CheckOverflow() < CIPCSimpleQueue<T>::PrivatePut() < "
       "CIPCSimpleQueue<T>::Put()",
@@ -369,43 +369,43 @@ TEST_F(RequestQueuePut, OverflowIsRecordedUnderTheNameOfTheOtherQueue) {
 
 TEST_F(RequestQueuePut, IntoAStoppedQueueWritesNothing) {
   for (const uint32_t state : {1U, 2U, 3U, 0x80000000U}) {
-    ring.setState(state);
+    ring_.setState(state);
     expectRefused(-284);
   }
   EXPECT_EQ("-284 CIPCSimpleQueue<T>::PrivatePut() < CIPCSimpleQueue<T>::Put()", errorTrail());
 }
 
 TEST_F(RequestQueuePut, LooksAtTheStateBeforeTheOverflow) {
-  ring.setRing(3, 0, 0);
-  ring.setState(1);
+  ring_.setRing(3, 0, 0);
+  ring_.setState(1);
   expectRefused(-284);
 }
 
 TEST_F(RequestQueuePut, WithoutTheLockSetFails) {
-  ring.set.remove();
-  EXPECT_EQ(-261, queue.Put(message(0)));
+  ring_.set.remove();
+  EXPECT_EQ(-261, queue_.Put(message(0)));
   EXPECT_EQ(
       "-261 CkesSharedMemory::Lock() < CIPCSimpleQueue<T>::PrivatePut() < "
       "CIPCSimpleQueue<T>::Put()",
       errorTrail());
-  EXPECT_EQ(0, ring.count());
+  EXPECT_EQ(0, ring_.count());
 }
 
 TEST_F(RequestQueuePut, FailureOfTheUnlockReplacesSuccess) {
-  failUnlockOf(ring);
-  EXPECT_EQ(-262, queue.Put(message(4)));
+  failUnlockOf(ring_);
+  EXPECT_EQ(-262, queue_.Put(message(4)));
   EXPECT_EQ(
       "-262 CkesSharedMemory::Unlock() < CIPCSimpleQueue<T>::PrivatePut() < "
       "CIPCSimpleQueue<T>::Put()",
       errorTrail());
-  EXPECT_EQ(1, ring.count());
-  EXPECT_EQ(bytesOf(message(4)), ring.slot(0));
+  EXPECT_EQ(1, ring_.count());
+  EXPECT_EQ(bytesOf(message(4)), ring_.slot(0));
 }
 
 TEST_F(RequestQueuePut, FailureOfTheUnlockReplacesAnEarlierError) {
-  ring.setState(1);
-  failUnlockOf(ring);
-  EXPECT_EQ(-262, queue.Put(message(4)));
+  ring_.setState(1);
+  failUnlockOf(ring_);
+  EXPECT_EQ(-262, queue_.Put(message(4)));
   EXPECT_EQ(
       "-262 CkesSharedMemory::Unlock() < CIPCSimpleQueue<T>::PrivatePut() < "
       "CIPCSimpleQueue<T>::Put()",
@@ -415,10 +415,10 @@ TEST_F(RequestQueuePut, FailureOfTheUnlockReplacesAnEarlierError) {
 TEST_F(RequestQueuePut, InterruptedLockIsRepeated) {
   int locks = 0;
   calls::semop.ask([&](int set, const sembuf* operations, size_t count) {
-    if (set != ring.set.id() || !isLock(operations, count)) return calls::RUN_IT;
+    if (set != ring_.set.id() || !isLock(operations, count)) return calls::RUN_IT;
     return ++locks <= 3 ? EINTR : calls::RUN_IT;
   });
-  EXPECT_EQ(0, queue.Put(message(0)));
+  EXPECT_EQ(0, queue_.Put(message(0)));
   calls::semop.watch();
   EXPECT_EQ(4, locks);
 }
@@ -426,33 +426,33 @@ TEST_F(RequestQueuePut, InterruptedLockIsRepeated) {
 TEST_F(RequestQueuePut, InterruptedUnlockIsNotRepeated) {
   int unlocks = 0;
   calls::semop.ask([&](int set, const sembuf* operations, size_t count) {
-    if (set != ring.set.id() || !isUnlock(operations, count)) return calls::RUN_IT;
+    if (set != ring_.set.id() || !isUnlock(operations, count)) return calls::RUN_IT;
     ++unlocks;
     return EINTR;
   });
-  EXPECT_EQ(-262, queue.Put(message(0)));
+  EXPECT_EQ(-262, queue_.Put(message(0)));
   calls::semop.watch();
   EXPECT_EQ(1, unlocks);
 }
 
 TEST_F(RequestQueuePut, WaitsForTheLock) {
-  ring.lock();
-  std::future<long> put = std::async(std::launch::async, [this] { return queue.Put(message(0)); });
-  EXPECT_TRUE(waitUntil([this] { return semctl(ring.set.id(), 0, GETZCNT) == 1; }));
-  EXPECT_EQ(0, ring.count());
-  ring.unlock();
+  ring_.lock();
+  std::future<long> put = std::async(std::launch::async, [this] { return queue_.Put(message(0)); });
+  EXPECT_TRUE(waitUntil([this] { return semctl(ring_.set.id(), 0, GETZCNT) == 1; }));
+  EXPECT_EQ(0, ring_.count());
+  ring_.unlock();
   EXPECT_EQ(0, put.get());
 }
 
 TEST(RequestQueue, ThatIsNotOpenRefusesToPut) {
-  Queue queue(kName);
+  Queue queue(NAME);
   EXPECT_EQ(-276, queue.Put(message(0)));
   EXPECT_EQ("-276 CIPCSimpleQueue<T>::Put()", errorTrail());
 }
 
 TEST(RequestQueue, TakesRecordsOfManyThreadsWhole) {
   RequestQueue ring(64);
-  Queue queue(kName);
+  Queue queue(NAME);
   std::vector<std::thread> writers;
   for (uint8_t writer = 0; writer < 4; ++writer) {
     writers.emplace_back([&queue, writer] {
@@ -474,72 +474,72 @@ TEST(RequestQueue, TakesRecordsOfManyThreadsWhole) {
 // ---- front insert -------------------------------------------------------------------------------
 
 TEST_F(RequestQueuePut, FrontInsertIntoAnEmptyRingWritesAtTheHeadAndAdvancesTheTail) {
-  ring.setRing(0, 1, 1);
-  EXPECT_EQ(0, queue.PrivatePut(message(5), true));
-  EXPECT_EQ(bytesOf(message(5)), ring.slot(1));
-  EXPECT_EQ(1, ring.count());
-  EXPECT_EQ(1, ring.head());
-  EXPECT_EQ(2, ring.tail());
-  EXPECT_EQ(1, ring.empty.value(0));
+  ring_.setRing(0, 1, 1);
+  EXPECT_EQ(0, queue_.PrivatePut(message(5), true));
+  EXPECT_EQ(bytesOf(message(5)), ring_.slot(1));
+  EXPECT_EQ(1, ring_.count());
+  EXPECT_EQ(1, ring_.head());
+  EXPECT_EQ(2, ring_.tail());
+  EXPECT_EQ(1, ring_.empty.value(0));
 }
 
 TEST_F(RequestQueuePut, FrontInsertIntoAnEmptyRingWrapsTheTail) {
-  ring.setRing(0, 2, 2);
-  EXPECT_EQ(0, queue.PrivatePut(message(5), true));
-  EXPECT_EQ(bytesOf(message(5)), ring.slot(2));
-  EXPECT_EQ(2, ring.head());
-  EXPECT_EQ(0, ring.tail());
+  ring_.setRing(0, 2, 2);
+  EXPECT_EQ(0, queue_.PrivatePut(message(5), true));
+  EXPECT_EQ(bytesOf(message(5)), ring_.slot(2));
+  EXPECT_EQ(2, ring_.head());
+  EXPECT_EQ(0, ring_.tail());
 }
 
 TEST_F(RequestQueuePut, FrontInsertWithHeadZeroWritesAtTheLastSlot) {
-  ring.setRing(1, 0, 1);
-  EXPECT_EQ(0, queue.PrivatePut(message(5), true));
-  EXPECT_EQ(bytesOf(message(5)), ring.slot(2));
-  EXPECT_EQ(2, ring.count());
-  EXPECT_EQ(2, ring.head());
-  EXPECT_EQ(1, ring.tail());
-  EXPECT_EQ(0, ring.empty.value(0));
+  ring_.setRing(1, 0, 1);
+  EXPECT_EQ(0, queue_.PrivatePut(message(5), true));
+  EXPECT_EQ(bytesOf(message(5)), ring_.slot(2));
+  EXPECT_EQ(2, ring_.count());
+  EXPECT_EQ(2, ring_.head());
+  EXPECT_EQ(1, ring_.tail());
+  EXPECT_EQ(0, ring_.empty.value(0));
 }
 
 TEST_F(RequestQueuePut, FrontInsertStepsTheHeadBackByOne) {
-  ring.setRing(1, 2, 0);
-  EXPECT_EQ(0, queue.PrivatePut(message(5), true));
-  EXPECT_EQ(bytesOf(message(5)), ring.slot(1));
-  EXPECT_EQ(1, ring.head());
-  EXPECT_EQ(0, ring.tail());
+  ring_.setRing(1, 2, 0);
+  EXPECT_EQ(0, queue_.PrivatePut(message(5), true));
+  EXPECT_EQ(bytesOf(message(5)), ring_.slot(1));
+  EXPECT_EQ(1, ring_.head());
+  EXPECT_EQ(0, ring_.tail());
 }
 
 // ---- draining the overflow semaphore ------------------------------------------------------------
 
 TEST_F(RequestQueuePut, ThatFillsTheQueueDrainsTheOverflowSemaphore) {
-  ring.overflow.setValue(0, 5);
-  EXPECT_EQ(0, queue.Put(message(0)));
-  EXPECT_EQ(0, queue.Put(message(1)));
-  EXPECT_EQ(5, ring.overflow.value(0));
-  EXPECT_EQ(0, queue.Put(message(2)));
-  EXPECT_EQ(0, ring.overflow.value(0));
+  ring_.overflow.setValue(0, 5);
+  EXPECT_EQ(0, queue_.Put(message(0)));
+  EXPECT_EQ(0, queue_.Put(message(1)));
+  EXPECT_EQ(5, ring_.overflow.value(0));
+  EXPECT_EQ(0, queue_.Put(message(2)));
+  EXPECT_EQ(0, ring_.overflow.value(0));
 }
 
 TEST_F(RequestQueuePut, OnlyNothingLeftEndsTheDrainAndAFailureRepeatsIt) {
-  ring.setRing(2, 0, 2);
-  ring.overflow.setValue(0, 2);
+  ring_.setRing(2, 0, 2);
+  ring_.overflow.setValue(0, 2);
   int calls = 0;
   calls::semop.ask([&](int set, const sembuf*, size_t) {
-    if (set != ring.overflow.id()) return calls::RUN_IT;
-    EXPECT_TRUE(ring.locked());
+    if (set != ring_.overflow.id()) return calls::RUN_IT;
+    EXPECT_TRUE(ring_.locked());
     ++calls;
     return calls <= 3 ? (calls == 2 ? EINTR : EINVAL) : calls::RUN_IT;
   });
-  EXPECT_EQ(0, queue.Put(message(0)));
+  EXPECT_EQ(0, queue_.Put(message(0)));
   calls::semop.watch();
   EXPECT_EQ(3 + 2 + 1, calls);
-  EXPECT_EQ(0, ring.overflow.value(0));
+  EXPECT_EQ(0, ring_.overflow.value(0));
 }
 
 TEST(RequestQueue, OfOneSlotIsRaisedAndNotDrained) {
   RequestQueue ring(1);
   ring.overflow.setValue(0, 5);
-  Queue queue(kName);
+  Queue queue(NAME);
   EXPECT_EQ(0, queue.Put(message(0)));
   EXPECT_EQ(1, ring.empty.value(0));
   EXPECT_EQ(5, ring.overflow.value(0));
@@ -550,16 +550,16 @@ TEST(RequestQueue, OfOneSlotIsRaisedAndNotDrained) {
 /// A full queue of three, and a thread that waits to put one more.
 class RequestQueueWait : public testing::Test {
  protected:
-  RequestQueueWait() : ring(3), queue(kName) {
-    for (uint8_t i = 0; i < 3; ++i) queue.Put(message(i));
-    queue.SetOverflowWait(true);
+  RequestQueueWait() : ring_(3), queue_(NAME) {
+    for (uint8_t i = 0; i < 3; ++i) queue_.Put(message(i));
+    queue_.SetOverflowWait(true);
   }
 
   void startPut() {
-    put = std::async(std::launch::async, [this] {
+    put_ = std::async(std::launch::async, [this] {
       (void)CkesErrorManager::RegisterThread();
-      const long result = queue.Put(message(9));
-      trail = errorTrail();
+      const long result = queue_.Put(message(9));
+      trail_ = errorTrail();
       (void)CkesErrorManager::UnregisterThread();
       return result;
     });
@@ -568,32 +568,32 @@ class RequestQueueWait : public testing::Test {
 
   /// True when the writer sleeps in its given pass.
   bool sleeping(uint32_t pass) const {
-    return ring.overflowWaiters() == pass && ring.overflow.sleepers(0) == 1;
+    return ring_.overflowWaiters() == pass && ring_.overflow.sleepers(0) == 1;
   }
 
-  void raiseWithoutRoom() { ring.overflow.add(0, 1); }
+  void raiseWithoutRoom() { ring_.overflow.add(0, 1); }
 
   void makeRoom() {
-    ring.take();
-    ring.overflow.add(0, 1);
+    ring_.take();
+    ring_.overflow.add(0, 1);
   }
 
-  RequestQueue ring;
-  Queue queue;
-  std::future<long> put;
-  std::string trail;
+  RequestQueue ring_;
+  Queue queue_;
+  std::future<long> put_;
+  std::string trail_;
 };
 
 TEST_F(RequestQueueWait, LastsUntilTheReaderMakesRoom) {
   startPut();
-  EXPECT_FALSE(ring.locked());
-  EXPECT_EQ(3, ring.count());
+  EXPECT_FALSE(ring_.locked());
+  EXPECT_EQ(3, ring_.count());
   makeRoom();
-  EXPECT_EQ(0, put.get());
-  EXPECT_EQ(3, ring.count());
-  EXPECT_EQ(bytesOf(message(9)), ring.slot(0));
-  EXPECT_EQ(0U, ring.overflowWaiters());
-  EXPECT_FALSE(ring.locked());
+  EXPECT_EQ(0, put_.get());
+  EXPECT_EQ(3, ring_.count());
+  EXPECT_EQ(bytesOf(message(9)), ring_.slot(0));
+  EXPECT_EQ(0U, ring_.overflowWaiters());
+  EXPECT_FALSE(ring_.locked());
 }
 
 TEST_F(RequestQueueWait, CountsTheWaiterInEachPassAndOutOnce) {
@@ -603,65 +603,65 @@ TEST_F(RequestQueueWait, CountsTheWaiterInEachPassAndOutOnce) {
   raiseWithoutRoom();
   EXPECT_TRUE(waitUntil([this] { return sleeping(3); }));
   makeRoom();
-  EXPECT_EQ(0, put.get());
-  EXPECT_EQ(2U, ring.overflowWaiters());
-  EXPECT_FALSE(ring.locked());
+  EXPECT_EQ(0, put_.get());
+  EXPECT_EQ(2U, ring_.overflowWaiters());
+  EXPECT_FALSE(ring_.locked());
 }
 
 TEST_F(RequestQueueWait, SecondPassTestsAndCountsWithoutTheLockAndDoesNotUnlockAgain) {
   startPut();
-  ring.lock();
+  ring_.lock();
   raiseWithoutRoom();
   EXPECT_TRUE(waitUntil([this] { return sleeping(2); }));
-  EXPECT_TRUE(ring.locked());
-  ring.unlock();
+  EXPECT_TRUE(ring_.locked());
+  ring_.unlock();
   makeRoom();
-  EXPECT_EQ(0, put.get());
+  EXPECT_EQ(0, put_.get());
 }
 
 TEST_F(RequestQueueWait, EndsWhenTheStateChanges) {
   startPut();
-  ring.setState(1);
+  ring_.setState(1);
   raiseWithoutRoom();
-  EXPECT_EQ(-284, put.get());
+  EXPECT_EQ(-284, put_.get());
   EXPECT_EQ(
       "-284 CIPCQueue::CheckOverflow() < CIPCSimpleQueue<T>::PrivatePut() < "
       "CIPCSimpleQueue<T>::Put()",
-      trail);
-  EXPECT_EQ(3, ring.count());
-  EXPECT_EQ(0U, ring.overflowWaiters());
-  EXPECT_FALSE(ring.locked());
+      trail_);
+  EXPECT_EQ(3, ring_.count());
+  EXPECT_EQ(0U, ring_.overflowWaiters());
+  EXPECT_FALSE(ring_.locked());
 }
 
 TEST_F(RequestQueueWait, EndsWhenTheStateChangesEvenWithRoom) {
   startPut();
-  ring.setState(7);
+  ring_.setState(7);
   makeRoom();
-  EXPECT_EQ(-284, put.get());
-  EXPECT_EQ(2, ring.count());
+  EXPECT_EQ(-284, put_.get());
+  EXPECT_EQ(2, ring_.count());
 }
 
 TEST_F(RequestQueueWait, EndsWhenTheSemaphoreIsRemoved) {
   startPut();
-  ring.overflow.remove();
-  EXPECT_EQ(-141, put.get());
+  ring_.overflow.remove();
+  EXPECT_EQ(-141, put_.get());
   EXPECT_EQ(
       "-141 CIPCQueue::CheckOverflow() < CIPCSimpleQueue<T>::PrivatePut() < "
       "CIPCSimpleQueue<T>::Put()",
-      trail);
-  EXPECT_EQ(0U, ring.overflowWaiters());
-  EXPECT_FALSE(ring.locked());
+      trail_);
+  EXPECT_EQ(0U, ring_.overflowWaiters());
+  EXPECT_FALSE(ring_.locked());
 }
 
 TEST_F(RequestQueueWait, EndsWhenTheSegmentCannotBeUnlocked) {
-  failUnlockOf(ring);
-  EXPECT_EQ(-262, queue.Put(message(9)));
+  failUnlockOf(ring_);
+  EXPECT_EQ(-262, queue_.Put(message(9)));
   EXPECT_EQ(
       "-262 CkesSharedMemory::Unlock() < CIPCQueue::CheckOverflow() < "
       "CIPCSimpleQueue<T>::PrivatePut() < CIPCSimpleQueue<T>::Put()",
       errorTrail());
-  EXPECT_EQ(0U, ring.overflowWaiters());
-  EXPECT_FALSE(ring.locked());
+  EXPECT_EQ(0U, ring_.overflowWaiters());
+  EXPECT_FALSE(ring_.locked());
 }
 
 /// The lock that follows the wait fails; the unlock that ends the put is made to look good.
@@ -675,46 +675,46 @@ void failRelockOf(const RequestQueue& ring) {
 }
 
 TEST_F(RequestQueueWait, LockThatFailsAfterTheWaitIsTheResult) {
-  failRelockOf(ring);
+  failRelockOf(ring_);
   startPut();
   makeRoom();
-  EXPECT_EQ(-261, put.get());
+  EXPECT_EQ(-261, put_.get());
   EXPECT_EQ(
       "-261 CkesSharedMemory::Lock() < CIPCQueue::CheckOverflow() < "
       "CIPCSimpleQueue<T>::PrivatePut() < CIPCSimpleQueue<T>::Put()",
-      trail);
-  EXPECT_EQ(2, ring.count());
-  EXPECT_EQ(0U, ring.overflowWaiters());
+      trail_);
+  EXPECT_EQ(2, ring_.count());
+  EXPECT_EQ(0U, ring_.overflowWaiters());
 }
 
 TEST_F(RequestQueueWait, LockThatFailsAfterAnErrorLeavesTheEarlierErrorRecorded) {
-  failRelockOf(ring);
+  failRelockOf(ring_);
   startPut();
-  ring.setState(2);
+  ring_.setState(2);
   raiseWithoutRoom();
-  EXPECT_EQ(-284, put.get());
+  EXPECT_EQ(-284, put_.get());
   EXPECT_EQ(
       "-284 CIPCQueue::CheckOverflow() < CIPCSimpleQueue<T>::PrivatePut() < "
       "CIPCSimpleQueue<T>::Put()",
-      trail);
+      trail_);
 }
 
 TEST_F(RequestQueueWait, GoesOnAfterSignals) {
   std::atomic<int> waits{0};
   calls::semop.ask([this, &waits](int set, const sembuf*, size_t) {
-    if (set != ring.overflow.id()) return calls::RUN_IT;
+    if (set != ring_.overflow.id()) return calls::RUN_IT;
     return ++waits <= 3 ? EINTR : calls::RUN_IT;
   });
   startPut();
   EXPECT_EQ(4, waits);
-  EXPECT_EQ(1U, ring.overflowWaiters());
+  EXPECT_EQ(1U, ring_.overflowWaiters());
   makeRoom();
-  EXPECT_EQ(0, put.get());
+  EXPECT_EQ(0, put_.get());
   calls::semop.watch();
 }
 
 TEST_F(RequestQueueWait, IsOffUntilItIsAskedFor) {
-  Queue other(kName);
+  Queue other(NAME);
   EXPECT_EQ(-274, other.Put(message(0)));
 }
 
@@ -722,111 +722,111 @@ TEST_F(RequestQueueWait, IsOffUntilItIsAskedFor) {
 
 TEST_F(RequestQueuePut, StatesOneAndTwoWakeEveryWaiterOnce) {
   for (const unsigned long state : {1UL, 2UL}) {
-    ring.empty.setValue(0, 0);
-    ring.overflow.setValue(0, 0);
-    ring.setEmptyWaiters(3);
-    ring.setOverflowWaiters(2);
-    EXPECT_EQ(0, queue.SetState(state));
-    EXPECT_EQ(state, ring.state());
-    EXPECT_EQ(3, ring.empty.value(0));
-    EXPECT_EQ(2, ring.overflow.value(0));
-    EXPECT_FALSE(ring.locked());
+    ring_.empty.setValue(0, 0);
+    ring_.overflow.setValue(0, 0);
+    ring_.setEmptyWaiters(3);
+    ring_.setOverflowWaiters(2);
+    EXPECT_EQ(0, queue_.SetState(state));
+    EXPECT_EQ(state, ring_.state());
+    EXPECT_EQ(3, ring_.empty.value(0));
+    EXPECT_EQ(2, ring_.overflow.value(0));
+    EXPECT_FALSE(ring_.locked());
   }
 }
 
 TEST_F(RequestQueuePut, OtherStatesWakeNobody) {
-  ring.setEmptyWaiters(3);
-  ring.setOverflowWaiters(2);
+  ring_.setEmptyWaiters(3);
+  ring_.setOverflowWaiters(2);
   for (const unsigned long state : {3UL, 0UL}) {
-    EXPECT_EQ(0, queue.SetState(state));
-    EXPECT_EQ(state, ring.state());
-    EXPECT_EQ(0, ring.empty.value(0));
-    EXPECT_EQ(0, ring.overflow.value(0));
+    EXPECT_EQ(0, queue_.SetState(state));
+    EXPECT_EQ(state, ring_.state());
+    EXPECT_EQ(0, ring_.empty.value(0));
+    EXPECT_EQ(0, ring_.overflow.value(0));
   }
 }
 
 TEST_F(RequestQueuePut, WakingStopsAtTheFirstRaiseThatFails) {
-  ring.empty.setValue(2, 2);
-  Queue other(kName);
-  ring.setEmptyWaiters(5);
-  ring.setOverflowWaiters(5);
+  ring_.empty.setValue(2, 2);
+  Queue other(NAME);
+  ring_.setEmptyWaiters(5);
+  ring_.setOverflowWaiters(5);
   EXPECT_EQ(-144, other.SetState(1));
   EXPECT_EQ("-144 CkesSemaphore::Post(long) < CIPCSimpleQueue<T>::SetState()", errorTrail());
-  EXPECT_EQ(1U, ring.state());
-  EXPECT_EQ(2, ring.empty.value(0));
-  EXPECT_EQ(0, ring.overflow.value(0));
-  EXPECT_FALSE(ring.locked());
+  EXPECT_EQ(1U, ring_.state());
+  EXPECT_EQ(2, ring_.empty.value(0));
+  EXPECT_EQ(0, ring_.overflow.value(0));
+  EXPECT_FALSE(ring_.locked());
 }
 
 TEST_F(RequestQueuePut, StateIsWrittenThoughTheUnlockFails) {
-  failUnlockOf(ring);
-  EXPECT_EQ(-262, queue.SetState(1));
+  failUnlockOf(ring_);
+  EXPECT_EQ(-262, queue_.SetState(1));
   EXPECT_EQ("-262 CkesSharedMemory::Unlock() < CIPCSimpleQueue<T>::SetState()", errorTrail());
-  EXPECT_EQ(1U, ring.state());
+  EXPECT_EQ(1U, ring_.state());
 }
 
 TEST_F(RequestQueueWait, EndsWithSetState) {
   startPut();
-  EXPECT_EQ(0, queue.SetState(2));
-  EXPECT_EQ(-284, put.get());
-  EXPECT_EQ(0U, ring.overflowWaiters());
+  EXPECT_EQ(0, queue_.SetState(2));
+  EXPECT_EQ(-284, put_.get());
+  EXPECT_EQ(0U, ring_.overflowWaiters());
 }
 
 TEST_F(RequestQueuePut, CleanupEmptiesTheRing) {
-  EXPECT_EQ(0, queue.Put(message(0)));
-  EXPECT_EQ(0, queue.Put(message(1)));
-  ring.take();
-  ring.empty.setValue(0, 3);
-  ring.setOverflowWaiters(4);
-  EXPECT_EQ(0, queue.Cleanup());
-  EXPECT_EQ(0, ring.count());
-  EXPECT_EQ(0, ring.head());
-  EXPECT_EQ(0, ring.tail());
-  EXPECT_EQ(2, ring.empty.value(0));
-  EXPECT_EQ(4, ring.overflow.value(0));
-  EXPECT_EQ(4U, ring.overflowWaiters());
-  EXPECT_EQ(0U, ring.state());
-  EXPECT_FALSE(ring.locked());
+  EXPECT_EQ(0, queue_.Put(message(0)));
+  EXPECT_EQ(0, queue_.Put(message(1)));
+  ring_.take();
+  ring_.empty.setValue(0, 3);
+  ring_.setOverflowWaiters(4);
+  EXPECT_EQ(0, queue_.Cleanup());
+  EXPECT_EQ(0, ring_.count());
+  EXPECT_EQ(0, ring_.head());
+  EXPECT_EQ(0, ring_.tail());
+  EXPECT_EQ(2, ring_.empty.value(0));
+  EXPECT_EQ(4, ring_.overflow.value(0));
+  EXPECT_EQ(4U, ring_.overflowWaiters());
+  EXPECT_EQ(0U, ring_.state());
+  EXPECT_FALSE(ring_.locked());
 }
 
 TEST_F(RequestQueuePut, CleanupDoesNotWaitForTheEmptySemaphore) {
-  EXPECT_EQ(0, queue.Cleanup());
-  EXPECT_EQ(0, ring.empty.value(0));
+  EXPECT_EQ(0, queue_.Cleanup());
+  EXPECT_EQ(0, ring_.empty.value(0));
 }
 
 TEST_F(RequestQueuePut, CleanupDoesNotRepeatAnInterruptedTryWait) {
-  ring.empty.setValue(0, 3);
+  ring_.empty.setValue(0, 3);
   int calls = 0;
   calls::semop.ask([&](int set, const sembuf*, size_t) {
-    if (set != ring.empty.id()) return calls::RUN_IT;
+    if (set != ring_.empty.id()) return calls::RUN_IT;
     return ++calls == 1 ? EINTR : calls::RUN_IT;
   });
-  EXPECT_EQ(0, queue.Cleanup());
+  EXPECT_EQ(0, queue_.Cleanup());
   calls::semop.watch();
   EXPECT_EQ(1, calls);
-  EXPECT_EQ(3, ring.empty.value(0));
+  EXPECT_EQ(3, ring_.empty.value(0));
 }
 
 TEST_F(RequestQueuePut, CleanupReportsLockAndUnlock) {
-  failUnlockOf(ring);
-  EXPECT_EQ(-262, queue.Cleanup());
+  failUnlockOf(ring_);
+  EXPECT_EQ(-262, queue_.Cleanup());
   EXPECT_EQ("-262 CkesSharedMemory::Unlock() < CIPCSimpleQueue<T>::Cleanup()", errorTrail());
-  ring.set.remove();
-  EXPECT_EQ(-261, queue.Cleanup());
+  ring_.set.remove();
+  EXPECT_EQ(-261, queue_.Cleanup());
   EXPECT_EQ("-261 CkesSharedMemory::Lock() < CIPCSimpleQueue<T>::Cleanup()", errorTrail());
-  EXPECT_EQ(-261, queue.SetState(1));
+  EXPECT_EQ(-261, queue_.SetState(1));
   EXPECT_EQ("-261 CkesSharedMemory::Lock() < CIPCSimpleQueue<T>::SetState()", errorTrail());
 }
 
 TEST(RequestQueue, ThatIsNotOpenRefusesToClean) {
-  Queue queue(kName);
+  Queue queue(NAME);
   EXPECT_EQ(-276, queue.Cleanup());
   EXPECT_EQ("-276 CIPCSimpleQueue<T>::Cleanup()", errorTrail());
 }
 
 TEST(RequestQueue, DestructorOfANonOwnerChangesNothing) {
   RequestQueue ring(3);
-  auto queue = std::make_unique<Queue>(kName);
+  auto queue = std::make_unique<Queue>(NAME);
   EXPECT_EQ(0, queue->Put(message(0)));
   ring.setOverflowWaiters(2);
   ring.setEmptyWaiters(2);
@@ -844,40 +844,40 @@ TEST(RequestQueue, DestructorOfANonOwnerChangesNothing) {
 
 TEST_F(RequestQueuePut, IndexesOutsideTheRingAreRefused) {
   for (const uint16_t index : {uint16_t{3}, uint16_t{4}, uint16_t{32768}, uint16_t{65535}}) {
-    ring.setRing(1, 0, index);
+    ring_.setRing(1, 0, index);
     expectRefused(-283);
-    ring.setRing(1, index, 0);
+    ring_.setRing(1, index, 0);
     expectRefused(-283, true);
-    ring.setRing(0, index, index);
+    ring_.setRing(0, index, index);
     expectRefused(-283, true);
   }
 }
 
 TEST_F(RequestQueuePut, CountAboveTheCapacityIsRefused) {
   for (const uint16_t count : {uint16_t{4}, uint16_t{65535}}) {
-    ring.setRing(count, 0, 0);
+    ring_.setRing(count, 0, 0);
     expectRefused(-283);
     expectRefused(-283, true);
   }
-  EXPECT_EQ(-283, queue.Put(message(0)));
+  EXPECT_EQ(-283, queue_.Put(message(0)));
   EXPECT_EQ("-283 CIPCSimpleQueue<T>::PrivatePut() < CIPCSimpleQueue<T>::Put()", errorTrail());
 }
 
 TEST_F(RequestQueuePut, AnyHeaderLeavesTheMemoryBehindTheRingAlone) {
-  ASSERT_GT(ring.memory.mappedSize(), ring.memory.size());
-  const size_t behind = ring.memory.mappedSize() - ring.memory.size();
-  const Bytes before = ring.memory.bytes(ring.memory.size(), behind);
+  ASSERT_GT(ring_.memory.mappedSize(), ring_.memory.size());
+  const size_t behind = ring_.memory.mappedSize() - ring_.memory.size();
+  const Bytes before = ring_.memory.bytes(ring_.memory.size(), behind);
   std::minstd_rand random(1);
   const auto anything = [&random] {
     const auto value = static_cast<uint16_t>(random());
     return static_cast<uint16_t>(random() % 2 == 0 ? value % 5 : value);
   };
   for (int i = 0; i < 2000; ++i) {
-    ring.setRing(anything(), anything(), anything());
-    const bool sane = ring.count() < 3 && ring.head() < 3 && ring.tail() < 3;
-    const long expected = ring.count() == 3 ? -274 : sane ? 0 : -283;
-    ASSERT_EQ(expected, queue.PrivatePut(message(7), i % 2 == 0));
-    ASSERT_EQ(before, ring.memory.bytes(ring.memory.size(), behind));
+    ring_.setRing(anything(), anything(), anything());
+    const bool sane = ring_.count() < 3 && ring_.head() < 3 && ring_.tail() < 3;
+    const long expected = ring_.count() == 3 ? -274 : sane ? 0 : -283;
+    ASSERT_EQ(expected, queue_.PrivatePut(message(7), i % 2 == 0));
+    ASSERT_EQ(before, ring_.memory.bytes(ring_.memory.size(), behind));
   }
 }
 

@@ -7,15 +7,15 @@ namespace armtest {
 
 namespace {
 
-const std::array<int32_t, kMixedCalls> kTypes = {1, 1, 2, 2, 3, 4, 4, 16, 17, 15, 18, 19, 5};
+const std::array<int32_t, MIXED_CALLS> TYPES = {1, 1, 2, 2, 3, 4, 4, 16, 17, 15, 18, 19, 5};
 
 std::string tranName() {
   return std::string(3618, 'n') + "N";
 }
 
-void putBlock(Bytes& record, size_t offset, const Bytes& block, size_t sizeOffset) {
+void putBlock(Bytes& record, size_t offset, const Bytes& block, size_t size_offset) {
   putBytes(record, offset, block);
-  putWord(record, sizeOffset, static_cast<int32_t>(block.size()));
+  putWord(record, size_offset, static_cast<int32_t>(block.size()));
 }
 
 Bytes initRecord(const char* name, const char* user, int32_t flags) {
@@ -115,8 +115,8 @@ MixedOutcome makeEveryMixedCall() {
                      arm_completeTransactionInstance(11, 12, -13),
                      arm_associateMetricData(14, metric.data(), 4096),
                      arm_stop(0, -1, 0x22, format5.data(), 256)};
-  std::copy(start.begin(), start.end(), outcome.startBlock.begin());
-  std::copy(report.begin(), report.end(), outcome.reportBlock.begin());
+  std::copy(start.begin(), start.end(), outcome.start_block.begin());
+  std::copy(report.begin(), report.end(), outcome.report_block.begin());
   return outcome;
 }
 
@@ -129,7 +129,7 @@ int32_t mixedResult(int32_t type) {
 }
 
 void prepareMixedEngine(ScriptedEngine& engine) {
-  for (const int32_t type : kTypes) {
+  for (const int32_t type : TYPES) {
     engine.replyWithCorrelator(type, mixedResult(type), 1, mixedCorrelator());
   }
 }
@@ -138,24 +138,24 @@ void expectMixedOutcome(const MixedOutcome& outcome) {
   Bytes block = makeBlock(256, 1, 0x60);
   const Correlator correlator = mixedCorrelator();
   putBytes(block, 88, Bytes(correlator.begin(), correlator.end()));
-  expectSameBytes(block, Bytes(outcome.startBlock.begin(), outcome.startBlock.end()));
-  expectSameBytes(block, Bytes(outcome.reportBlock.begin(), outcome.reportBlock.end()));
-  for (size_t i = 0; i < kMixedCalls; ++i) {
-    EXPECT_EQ(mixedResult(kTypes[i]), outcome.results[i]) << "call " << i;
+  expectSameBytes(block, Bytes(outcome.start_block.begin(), outcome.start_block.end()));
+  expectSameBytes(block, Bytes(outcome.report_block.begin(), outcome.report_block.end()));
+  for (size_t i = 0; i < MIXED_CALLS; ++i) {
+    EXPECT_EQ(mixedResult(TYPES[i]), outcome.results[i]) << "call " << i;
   }
 }
 
 void expectMixedRecords(const ScriptedEngine& engine, uint32_t first, uint32_t process) {
   std::vector<Bytes> expected = expectedRecords();
-  ASSERT_EQ(kMixedCalls, expected.size());
-  for (uint32_t i = 0; i < kMixedCalls; ++i) {
+  ASSERT_EQ(MIXED_CALLS, expected.size());
+  for (uint32_t i = 0; i < MIXED_CALLS; ++i) {
     const Bytes record = engine.record(first + i);
     SCOPED_TRACE("record " + std::to_string(i));
     EXPECT_EQ(process, word(record, 0));
     // The thread word is the width's own business.
     putBytes(expected[i], 0, slice(record, 0, 8));
     // The report on an instance asks for no time.
-    const size_t time = kTypes[i] == 17 ? 0 : timeOffset(kTypes[i]);
+    const size_t time = TYPES[i] == 17 ? 0 : timeOffset(TYPES[i]);
     if (time != 0) expectTimeOfNow(expected[i], record, time);
     expectSameBytes(expected[i], record);
   }

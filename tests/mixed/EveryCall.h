@@ -8,13 +8,13 @@
 
 namespace armtest {
 
-inline constexpr size_t kMixedCalls = 13;
+inline constexpr size_t MIXED_CALLS = 13;
 
 /// What a program that makes every call has seen: the results and the blocks afterwards.
 struct MixedOutcome {
-  std::array<int32_t, kMixedCalls> results;
-  std::array<uint8_t, 256> startBlock;
-  std::array<uint8_t, 256> reportBlock;
+  std::array<int32_t, MIXED_CALLS> results;
+  std::array<uint8_t, 256> start_block;
+  std::array<uint8_t, 256> report_block;
 };
 
 /// Makes every posting call once, in a fixed order and with all fields of the records in use.

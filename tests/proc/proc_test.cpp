@@ -50,31 +50,31 @@ void runThreads(int threads, const std::function<void(int)>& body) {
   for (std::thread& thread : running) thread.join();
 }
 
-void callMany(Board* board, int32_t firstId, int32_t count) {
-  for (int32_t id = firstId; id < firstId + count; ++id) {
+void callMany(Board* board, int32_t first_id, int32_t count) {
+  for (int32_t id = first_id; id < first_id + count; ++id) {
     if (!callIsAnsweredRight(id)) board->wrong.fetch_add(1);
     board->calls.fetch_add(1);
   }
 }
 
-void callUntilStopped(Board* board, int32_t firstId) {
-  for (int32_t id = firstId; !board->stop.load(); ++id) callMany(board, id, 1);
+void callUntilStopped(Board* board, int32_t first_id) {
+  for (int32_t id = first_id; !board->stop.load(); ++id) callMany(board, id, 1);
 }
 
 // ---- many processes -----------------------------------------------------------------------------
 
 TEST_F(Processes, WithManyThreadsEachGetTheirOwnReplies) {
-  constexpr int kProcesses = 6;
-  constexpr int kThreads = 8;
-  constexpr int kCalls = 40;
-  ASSERT_TRUE(engine.start());
-  engine.derive();
+  constexpr int PROCESSES = 6;
+  constexpr int THREADS = 8;
+  constexpr int CALLS = 40;
+  ASSERT_TRUE(engine_.start());
+  engine_.derive();
   SharedBoard board;
   std::vector<pid_t> clients;
-  for (int process = 0; process < kProcesses; ++process) {
+  for (int process = 0; process < PROCESSES; ++process) {
     clients.push_back(forkChild([&] {
-      runThreads(kThreads, [&](int thread) {
-        callMany(board.get(), 1 + (process * kThreads + thread) * 10000, kCalls);
+      runThreads(THREADS, [&](int thread) {
+        callMany(board.get(), 1 + (process * THREADS + thread) * 10000, CALLS);
       });
       return 0;
     }));
@@ -82,15 +82,15 @@ TEST_F(Processes, WithManyThreadsEachGetTheirOwnReplies) {
   for (const pid_t client : clients) EXPECT_EQ(0, exitCodeOf(client));
   EXPECT_EQ(0U, board->wrong.load());
   EXPECT_EQ(1920U, board->calls.load());
-  EXPECT_EQ(1920U, engine.taken());
-  EXPECT_EQ(0, engine.usedItems());
+  EXPECT_EQ(1920U, engine_.taken());
+  EXPECT_EQ(0, engine_.usedItems());
 }
 
 TEST_F(Processes, MoreThanThereAreHeadRecordsShareThemOneAfterTheOther) {
   EngineSetup setup;
   setup.requesters = 2;
-  ASSERT_TRUE(engine.start(setup));
-  engine.derive();
+  ASSERT_TRUE(engine_.start(setup));
+  engine_.derive();
   SharedBoard board;
   for (int process = 0; process < 10; ++process) {
     const pid_t client = forkChild([&] {
@@ -100,52 +100,52 @@ TEST_F(Processes, MoreThanThereAreHeadRecordsShareThemOneAfterTheOther) {
     EXPECT_EQ(0, exitCodeOf(client));
   }
   EXPECT_EQ(0U, board->wrong.load());
-  EXPECT_EQ(50U, engine.taken());
+  EXPECT_EQ(50U, engine_.taken());
 }
 
 TEST_F(Processes, BeyondTheRingAreRefusedWithMinus8AndTheOthersLoseNothing) {
-  constexpr int kRoom = 4;
+  constexpr int ROOM = 4;
   EngineSetup setup;
-  setup.requests = kRoom;
-  ASSERT_TRUE(engine.start(setup));
-  engine.derive();
-  engine.pause();
+  setup.requests = ROOM;
+  ASSERT_TRUE(engine_.start(setup));
+  engine_.derive();
+  engine_.pause();
   SharedBoard board;
   std::vector<pid_t> clients;
-  for (int process = 0; process < kRoom; ++process) {
+  for (int process = 0; process < ROOM; ++process) {
     clients.push_back(forkChild([&board, process] {
       callMany(board.get(), 1 + process * 1000, 1);
       return 0;
     }));
   }
-  ASSERT_TRUE(engine.waitSleepers(kRoom));
+  ASSERT_TRUE(engine_.waitSleepers(ROOM));
   const pid_t refused = forkChild([] {
     int count = 0;
     for (int i = 0; i < 20; ++i) count += arm_start(5, 0, nullptr, 0) == -8 ? 1 : 0;
     return count;
   });
   EXPECT_EQ(20, exitCodeOf(refused));
-  engine.resume();
+  engine_.resume();
   for (const pid_t client : clients) EXPECT_EQ(0, exitCodeOf(client));
   EXPECT_EQ(0U, board->wrong.load());
-  EXPECT_EQ(4U, engine.taken());
+  EXPECT_EQ(4U, engine_.taken());
 }
 
 TEST_F(Processes, WithoutAHeadRecordAreRefusedWithMinus9AndTheOthersGetTheirReplies) {
-  constexpr int kHeads = 3;
+  constexpr int HEADS = 3;
   EngineSetup setup;
-  setup.requesters = kHeads;
-  ASSERT_TRUE(engine.start(setup));
-  engine.hold(3, -1, 33);
+  setup.requesters = HEADS;
+  ASSERT_TRUE(engine_.start(setup));
+  engine_.hold(3, -1, 33);
   std::vector<pid_t> clients;
-  for (int process = 0; process < kHeads; ++process) {
+  for (int process = 0; process < HEADS; ++process) {
     clients.push_back(forkChild([] { return arm_start(5, 0, nullptr, 0); }));
   }
-  ASSERT_TRUE(engine.waitTaken(kHeads) && engine.waitSleepers(kHeads));
-  engine.drop();
+  ASSERT_TRUE(engine_.waitTaken(HEADS) && engine_.waitSleepers(HEADS));
+  engine_.drop();
   const pid_t refused = forkChild([] { return -arm_update(5, 0, nullptr, 0); });
   EXPECT_EQ(9, exitCodeOf(refused));
-  EXPECT_EQ(kHeads, engine.release());
+  EXPECT_EQ(HEADS, engine_.release());
   for (const pid_t client : clients) EXPECT_EQ(33, exitCodeOf(client));
 }
 
@@ -154,22 +154,22 @@ TEST_F(Processes, WithoutAHeadRecordAreRefusedWithMinus9AndTheOthersGetTheirRepl
 TEST_F(Processes, KilledWhileTheyWaitDoNotDisturbOthers) {
   EngineSetup setup;
   setup.requesters = 4;
-  ASSERT_TRUE(engine.start(setup));
+  ASSERT_TRUE(engine_.start(setup));
   SharedBoard board;
   // Far more than there are head records: those of the dead are used again.
   for (int32_t victim = 0; victim < 12; ++victim) {
-    engine.forget();
-    engine.hold(5);
-    engine.derive();
-    const uint32_t before = engine.taken();
+    engine_.forget();
+    engine_.hold(5);
+    engine_.derive();
+    const uint32_t before = engine_.taken();
     const pid_t waiting = forkChild([] { return arm_stop(1, 0, 0, nullptr, 0); });
-    ASSERT_TRUE(engine.waitTaken(before + 1) && engine.waitSleepers(1));
+    ASSERT_TRUE(engine_.waitTaken(before + 1) && engine_.waitSleepers(1));
     kill(waiting, SIGKILL);
     EXPECT_EQ(128 + SIGKILL, exitCodeOf(waiting));
     // The late reply goes to a process that is gone.
-    EXPECT_EQ(1, engine.release());
-    EXPECT_LE(1, engine.reclaim());
-    EXPECT_EQ(0, engine.usedItems());
+    EXPECT_EQ(1, engine_.release());
+    EXPECT_LE(1, engine_.reclaim());
+    EXPECT_EQ(0, engine_.usedItems());
     const pid_t other = forkChild([&] {
       callMany(board.get(), 1 + 1000 * victim, 4);
       return 0;
@@ -181,31 +181,31 @@ TEST_F(Processes, KilledWhileTheyWaitDoNotDisturbOthers) {
 }
 
 TEST_F(Processes, KilledWhileTheyWaitKeepTheirHeadRecordsUntilTheEngineTakesThemBack) {
-  constexpr int kHeads = 3;
+  constexpr int HEADS = 3;
   EngineSetup setup;
-  setup.requesters = kHeads;
-  ASSERT_TRUE(engine.start(setup));
-  engine.drop();
-  for (int victim = 0; victim < kHeads; ++victim) {
+  setup.requesters = HEADS;
+  ASSERT_TRUE(engine_.start(setup));
+  engine_.drop();
+  for (int victim = 0; victim < HEADS; ++victim) {
     const pid_t waiting = forkChild([] { return arm_stop(1, 0, 0, nullptr, 0); });
-    ASSERT_TRUE(engine.waitSleepers(1));
+    ASSERT_TRUE(engine_.waitSleepers(1));
     kill(waiting, SIGKILL);
     EXPECT_EQ(128 + SIGKILL, exitCodeOf(waiting));
   }
-  EXPECT_EQ(kHeads, engine.headsInUse());
+  EXPECT_EQ(HEADS, engine_.headsInUse());
   EXPECT_EQ(-9, arm_start(5, 0, nullptr, 0));
-  EXPECT_EQ(kHeads, engine.reclaim());
-  EXPECT_EQ(0, engine.headsInUse());
-  engine.forget();
+  EXPECT_EQ(HEADS, engine_.reclaim());
+  EXPECT_EQ(0, engine_.headsInUse());
+  engine_.forget();
   EXPECT_EQ(103, arm_start(5, 0, nullptr, 0));
 }
 
 TEST_F(Processes, KilledAtAnyMomentDoNotDisturbOthers) {
-  constexpr int kVictims = 25;
+  constexpr int VICTIMS = 25;
   EngineSetup setup;
   setup.requesters = 16;
-  ASSERT_TRUE(engine.start(setup));
-  engine.derive();
+  ASSERT_TRUE(engine_.start(setup));
+  engine_.derive();
   SharedBoard board;
   SharedBoard victims;
   std::vector<pid_t> survivors;
@@ -218,7 +218,7 @@ TEST_F(Processes, KilledAtAnyMomentDoNotDisturbOthers) {
     }));
   }
   std::minstd_rand random(20240307);
-  for (int32_t victim = 0; victim < kVictims; ++victim) {
+  for (int32_t victim = 0; victim < VICTIMS; ++victim) {
     victims->calls.store(0);
     const pid_t process = forkChild([&] {
       callUntilStopped(victims.get(), 100000000 + victim * 1000000);
@@ -228,7 +228,7 @@ TEST_F(Processes, KilledAtAnyMomentDoNotDisturbOthers) {
     EXPECT_TRUE(waitUntil([&] { return victims->calls.load() >= calls; }));
     kill(process, SIGKILL);
     EXPECT_EQ(128 + SIGKILL, exitCodeOf(process));
-    (void)engine.reclaim();
+    (void)engine_.reclaim();
     const uint32_t before = board->calls.load();
     EXPECT_TRUE(waitUntil([&] { return board->calls.load() >= before + 6; }))
         << "nobody is served after victim " << victim;
@@ -242,42 +242,42 @@ TEST_F(Processes, KilledAtAnyMomentDoNotDisturbOthers) {
 // ---- engines that die ---------------------------------------------------------------------------
 
 TEST_F(Processes, BlockedWhileTheEngineIsReplacedLeaveWithMinus9AndReconnect) {
-  constexpr int kThreads = 4;
-  ASSERT_TRUE(engine.start());
-  engine.hold();
+  constexpr int THREADS = 4;
+  ASSERT_TRUE(engine_.start());
+  engine_.hold();
   SharedBoard board;
   std::vector<pid_t> clients;
   for (int process = 0; process < 2; ++process) {
     clients.push_back(forkChild([&] {
-      runThreads(kThreads, [&](int thread) {
+      runThreads(THREADS, [&](int thread) {
         if (arm_start(5, 0, nullptr, 0) != -9) board->wrong.fetch_add(1);
         board->calls.fetch_add(1);
         // One thread after the other: the first one reconnects for all.
-        while (board->calls.load() < 2 * kThreads || !board->stop.load()) usleep(1000);
+        while (board->calls.load() < 2 * THREADS || !board->stop.load()) usleep(1000);
         (void)thread;
       });
       callMany(board.get(), 1000 * (process + 1), 10);
       return 0;
     }));
   }
-  ASSERT_TRUE(engine.waitTaken(2 * kThreads) && engine.waitSleepers(2 * kThreads));
-  engine.kill();
+  ASSERT_TRUE(engine_.waitTaken(2 * THREADS) && engine_.waitSleepers(2 * THREADS));
+  engine_.kill();
   EngineSetup setup;
   setup.requests = 7;
   setup.requesters = 33;
-  ASSERT_TRUE(engine.start(setup));
-  engine.derive();
-  ASSERT_TRUE(waitUntil([&] { return board->calls.load() == 2 * kThreads; }));
+  ASSERT_TRUE(engine_.start(setup));
+  engine_.derive();
+  ASSERT_TRUE(waitUntil([&] { return board->calls.load() == 2 * THREADS; }));
   board->stop.store(true);
   for (const pid_t client : clients) EXPECT_EQ(0, exitCodeOf(client));
   EXPECT_EQ(0U, board->wrong.load());
   EXPECT_EQ(28U, board->calls.load());
-  counted("threads blocked in their waits while the engine is killed and replaced", 2 * kThreads);
+  counted("threads blocked in their waits while the engine is killed and replaced", 2 * THREADS);
 }
 
 TEST_F(Processes, BlockedWhileTheEngineQuitsLeaveWithMinus9) {
-  ASSERT_TRUE(engine.start());
-  engine.hold();
+  ASSERT_TRUE(engine_.start());
+  engine_.hold();
   std::vector<pid_t> clients;
   for (int process = 0; process < 4; ++process) {
     clients.push_back(forkChild([] {
@@ -289,28 +289,28 @@ TEST_F(Processes, BlockedWhileTheEngineQuitsLeaveWithMinus9) {
       return failed;
     }));
   }
-  ASSERT_TRUE(engine.waitTaken(4) && engine.waitSleepers(4));
-  engine.quit();
+  ASSERT_TRUE(engine_.waitTaken(4) && engine_.waitSleepers(4));
+  engine_.quit();
   for (const pid_t client : clients) EXPECT_EQ(0, exitCodeOf(client));
   counted("threads blocked in their waits while the engine ends in good order", 4);
 }
 
 TEST_F(Processes, SeeingTheDeadEngineInManyThreadsAtOnceReconnectWithoutHarm) {
-  constexpr int kThreads = 8;
-  constexpr int kRounds = 5;
-  ASSERT_TRUE(engine.start());
-  engine.derive();
+  constexpr int THREADS = 8;
+  constexpr int ROUNDS = 5;
+  ASSERT_TRUE(engine_.start());
+  engine_.derive();
   ASSERT_TRUE(callIsAnsweredRight(1));
-  for (int32_t round = 0; round < kRounds; ++round) {
-    engine.kill();
-    ASSERT_TRUE(engine.start());
-    engine.derive();
+  for (int32_t round = 0; round < ROUNDS; ++round) {
+    engine_.kill();
+    ASSERT_TRUE(engine_.start());
+    engine_.derive();
     std::atomic<int> waiting{0};
     std::atomic<int> unexpected{0};
-    runThreads(kThreads, [&](int thread) {
+    runThreads(THREADS, [&](int thread) {
       const int32_t id = 4 * (1 + round * 100 + thread);
       waiting.fetch_add(1);
-      while (waiting.load() < kThreads) {
+      while (waiting.load() < THREADS) {
       }
       // Another thread may close the connection that this one has just opened.
       const int32_t result = arm_start(id, 0, nullptr, 0);
@@ -319,36 +319,36 @@ TEST_F(Processes, SeeingTheDeadEngineInManyThreadsAtOnceReconnectWithoutHarm) {
     EXPECT_EQ(0, unexpected.load());
     // Threads that begin after the storm are served as ever.
     std::atomic<int> wrong{0};
-    runThreads(kThreads, [&](int thread) {
+    runThreads(THREADS, [&](int thread) {
       if (!callIsAnsweredRight(1000000 + round * 1000 + thread)) wrong.fetch_add(1);
     });
     EXPECT_EQ(0, wrong.load());
   }
-  counted("eight threads that see the dead engine at once", kRounds);
+  counted("eight threads that see the dead engine at once", ROUNDS);
 }
 
 TEST_F(Processes, ClosingUnderABlockedThreadLeavesItsQueueAliveUntilItLeaves) {
-  ASSERT_TRUE(engine.start());
-  engine.hold();
+  ASSERT_TRUE(engine_.start());
+  engine_.hold();
   CallInThread blocked([] { return arm_start(5, 0, nullptr, 0); });
-  ASSERT_TRUE(engine.waitTaken(1) && engine.waitSleepers(1));
-  engine.kill();
+  ASSERT_TRUE(engine_.waitTaken(1) && engine_.waitSleepers(1));
+  engine_.kill();
   // The blocked thread's semaphore set is still there: this call waits for it, in vain, and closes.
   EXPECT_EQ(-2, arm_update(5, 0, nullptr, 0));
   EXPECT_EQ(-2, arm_update(5, 0, nullptr, 0));
-  EXPECT_EQ(1, engine.sleepers());
-  ASSERT_TRUE(engine.start());
+  EXPECT_EQ(1, engine_.sleepers());
+  ASSERT_TRUE(engine_.start());
   EXPECT_EQ(-9, blocked.result());
   EXPECT_EQ(104, arm_update(5, 0, nullptr, 0));
 }
 
 TEST_F(Processes, ReplacedEngineReleasesABlockedThreadWhileAnotherReconnects) {
-  ASSERT_TRUE(engine.start());
-  engine.hold();
+  ASSERT_TRUE(engine_.start());
+  engine_.hold();
   CallInThread blocked([] { return arm_start(5, 0, nullptr, 0); });
-  ASSERT_TRUE(engine.waitTaken(1) && engine.waitSleepers(1));
-  engine.kill();
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.waitTaken(1) && engine_.waitSleepers(1));
+  engine_.kill();
+  ASSERT_TRUE(engine_.start());
   EXPECT_EQ(104, arm_update(5, 0, nullptr, 0));
   EXPECT_EQ(-9, blocked.result());
   EXPECT_EQ(104, arm_update(5, 0, nullptr, 0));
@@ -357,13 +357,13 @@ TEST_F(Processes, ReplacedEngineReleasesABlockedThreadWhileAnotherReconnects) {
 // While an engine dies, its reply queue can be seen dead before its request queue: calls then post
 // and do not wait, and may fill the ring.
 TEST_F(Processes, CallingAllTheTimeSurviveEnginesThatComeAndGo) {
-  constexpr int kThreads = 4;
-  ASSERT_TRUE(engine.start());
-  engine.derive();
+  constexpr int THREADS = 4;
+  ASSERT_TRUE(engine_.start());
+  engine_.derive();
   SharedBoard board;
   SharedBoard served;
   const pid_t client = forkChild([&] {
-    runThreads(kThreads, [&](int thread) {
+    runThreads(THREADS, [&](int thread) {
       for (int32_t id = 4 * (1 + thread * 1000000); !board->stop.load(); id += 4) {
         const int32_t result = arm_start(id, 0, nullptr, 0);
         board->calls.fetch_add(1);
@@ -379,12 +379,12 @@ TEST_F(Processes, CallingAllTheTimeSurviveEnginesThatComeAndGo) {
     EXPECT_TRUE(waitUntil([&] { return served->calls.load() > before + 20; }))
         << "nobody is served in round " << round;
     if (round % 2 == 0) {
-      engine.kill();
+      engine_.kill();
     } else {
-      engine.quit();
+      engine_.quit();
     }
-    ASSERT_TRUE(engine.start());
-    engine.derive();
+    ASSERT_TRUE(engine_.start());
+    engine_.derive();
   }
   board->stop.store(true);
   EXPECT_EQ(0, exitCodeOf(client));
@@ -430,20 +430,20 @@ void expectCancellationAfterTheCall(ScriptedEngine& engine, int type) {
 }
 
 TEST_F(Processes, ThreadThatIsCancelledWhileItWaitsEndsAfterItsCall) {
-  ASSERT_TRUE(engine.start());
-  engine.hold(3, -1, 33);
-  expectCancellationAfterTheCall(engine, PTHREAD_CANCEL_DEFERRED);
-  expectCancellationAfterTheCall(engine, PTHREAD_CANCEL_ASYNCHRONOUS);
+  ASSERT_TRUE(engine_.start());
+  engine_.hold(3, -1, 33);
+  expectCancellationAfterTheCall(engine_, PTHREAD_CANCEL_DEFERRED);
+  expectCancellationAfterTheCall(engine_, PTHREAD_CANCEL_ASYNCHRONOUS);
   // The connection can still be closed and opened.
-  engine.kill();
-  ASSERT_TRUE(engine.start());
+  engine_.kill();
+  ASSERT_TRUE(engine_.start());
   EXPECT_EQ(104, arm_update(5, 0, nullptr, 0));
 }
 
-std::atomic<int> signalsHandled{0};
+std::atomic<int> signals_handled{0};
 
 void countSignal(int) {
-  signalsHandled.fetch_add(1);
+  signals_handled.fetch_add(1);
 }
 
 void installHandler(int flags) {
@@ -467,33 +467,33 @@ void expectSignalsDoNotEndTheWait(ScriptedEngine& engine) {
 #if !defined(__SANITIZE_THREAD__)
     // The thread sanitizer runs handlers only when the call has ended.
     const int handled = i + 1;
-    ASSERT_TRUE(waitUntil([&] { return signalsHandled.load() >= handled; }));
+    ASSERT_TRUE(waitUntil([&] { return signals_handled.load() >= handled; }));
 #endif
     ASSERT_TRUE(engine.waitSleepers(1));
   }
   EXPECT_EQ(1, engine.release());
   EXPECT_EQ(33, call.result());
-  signalsHandled.store(0);
+  signals_handled.store(0);
 }
 
 TEST_F(Processes, SignalsWithoutRestartDoNotEndAWait) {
   installHandler(0);
-  ASSERT_TRUE(engine.start());
-  engine.hold(3, -1, 33);
-  expectSignalsDoNotEndTheWait(engine);
+  ASSERT_TRUE(engine_.start());
+  engine_.hold(3, -1, 33);
+  expectSignalsDoNotEndTheWait(engine_);
 }
 
 TEST_F(Processes, SignalsWithRestartDoNotEndAWait) {
   installHandler(SA_RESTART);
-  ASSERT_TRUE(engine.start());
-  engine.hold(3, -1, 33);
-  expectSignalsDoNotEndTheWait(engine);
+  ASSERT_TRUE(engine_.start());
+  engine_.hold(3, -1, 33);
+  expectSignalsDoNotEndTheWait(engine_);
 }
 
 TEST_F(Processes, SignalsAtAnyMomentChangeNoResult) {
   installHandler(0);
-  ASSERT_TRUE(engine.start());
-  engine.derive();
+  ASSERT_TRUE(engine_.start());
+  engine_.derive();
   SharedBoard board;
   std::atomic<bool> started{false};
   std::thread caller([&] {
@@ -512,7 +512,7 @@ TEST_F(Processes, SignalsAtAnyMomentChangeNoResult) {
   started.store(false);
   caller.join();
   EXPECT_EQ(0U, board->wrong.load());
-  EXPECT_EQ(300U, engine.taken());
+  EXPECT_EQ(300U, engine_.taken());
 }
 
 // A thread of the thread sanitizer does not start with so small a stack.
@@ -534,7 +534,7 @@ void* makeEveryCallOnASmallStack(void* failures) {
 
 TEST_F(Processes, StackOf64KiBIsEnoughForEveryCallWithTracing) {
   setenv("ARMDEBUG", "1", 1);
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   pthread_attr_t attributes;
   ASSERT_EQ(0, pthread_attr_init(&attributes));
   ASSERT_EQ(0, pthread_attr_setstacksize(&attributes, 64 * 1024));
@@ -549,10 +549,10 @@ TEST_F(Processes, StackOf64KiBIsEnoughForEveryCallWithTracing) {
 #endif
 
 TEST_F(Processes, ForkedChildOfAConnectedProcessGetsItsOwnReplies) {
-  ASSERT_TRUE(engine.start());
-  engine.derive();
+  ASSERT_TRUE(engine_.start());
+  engine_.derive();
   ASSERT_TRUE(callIsAnsweredRight(7));
-  const uint32_t ownThread = ownThreadWord();
+  const uint32_t own_thread = ownThreadWord();
   SharedBoard board;
   const pid_t child = forkChild([&] {
     callMany(board.get(), 5000, 50);
@@ -561,14 +561,14 @@ TEST_F(Processes, ForkedChildOfAConnectedProcessGetsItsOwnReplies) {
   for (int32_t id = 100; id < 150; ++id) EXPECT_TRUE(callIsAnsweredRight(id));
   EXPECT_EQ(0, exitCodeOf(child));
   EXPECT_EQ(0U, board->wrong.load());
-  EXPECT_EQ(101U, engine.taken());
-  for (uint32_t i = 0; i < engine.taken(); ++i) {
-    const Bytes record = engine.record(i);
-    const bool ofChild = word(record, 12) >= 5000;
-    EXPECT_EQ(static_cast<uint32_t>(ofChild ? child : getpid()), word(record, 0));
+  EXPECT_EQ(101U, engine_.taken());
+  for (uint32_t i = 0; i < engine_.taken(); ++i) {
+    const Bytes record = engine_.record(i);
+    const bool of_child = word(record, 12) >= 5000;
+    EXPECT_EQ(static_cast<uint32_t>(of_child ? child : getpid()), word(record, 0));
 #if defined(__LP64__)
     // The child's only thread has the process's number.
-    EXPECT_EQ(ofChild ? static_cast<uint32_t>(child) : ownThread, word(record, 4));
+    EXPECT_EQ(of_child ? static_cast<uint32_t>(child) : own_thread, word(record, 4));
 #else
     EXPECT_EQ(ownThread, word(record, 4));
 #endif
@@ -578,7 +578,7 @@ TEST_F(Processes, ForkedChildOfAConnectedProcessGetsItsOwnReplies) {
 TEST_F(Processes, ForkedChildOfATracingProcessCallsAndTraces) {
   setenv("ARMDEBUG", "1", 1);
   setenv("ARMDEBUGFORMAT", "basic", 1);
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   ASSERT_EQ(101, arm_init("a", "u", 0, nullptr, 0));
   clearTrace();
   for (int i = 0; i < 3; ++i) {
@@ -594,13 +594,13 @@ TEST_F(Processes, ForkedChildOfATracingProcessCallsAndTraces) {
 }
 
 TEST_F(Processes, ForkedWhileAThreadWaitsTheChildStillCalls) {
-  ASSERT_TRUE(engine.start());
-  engine.hold(5, -1, 55);
+  ASSERT_TRUE(engine_.start());
+  engine_.hold(5, -1, 55);
   CallInThread waiting([] { return arm_stop(5, 0, 0, nullptr, 0); });
-  ASSERT_TRUE(engine.waitTaken(1) && engine.waitSleepers(1));
+  ASSERT_TRUE(engine_.waitTaken(1) && engine_.waitSleepers(1));
   const pid_t child = forkChild([] { return arm_start(5, 0, nullptr, 0) == 103 ? 0 : 1; });
   EXPECT_EQ(0, exitCodeOf(child));
-  EXPECT_EQ(1, engine.release());
+  EXPECT_EQ(1, engine_.release());
   EXPECT_EQ(55, waiting.result());
 }
 
@@ -628,16 +628,16 @@ EngineSetup prefixed(const char* prefix) {
 
 TEST_F(Processes, OfTwoEnginesSideBySideEachReachTheirOwn) {
   ScriptedEngine other;
-  ASSERT_TRUE(engine.start(prefixed("one")));
+  ASSERT_TRUE(engine_.start(prefixed("one")));
   ASSERT_TRUE(other.start(prefixed("two")));
-  engine.reply(3, 11);
+  engine_.reply(3, 11);
   other.reply(3, 22);
   EXPECT_EQ(11, callWithPrefix("one"));
   EXPECT_EQ(22, callWithPrefix("two"));
   EXPECT_EQ(22, callWithPrefix("two"));
   EXPECT_EQ(256 - 2, callWithPrefix("three"));
   EXPECT_EQ(256 - 2, callWithPrefix(nullptr));
-  EXPECT_EQ(1U, engine.taken());
+  EXPECT_EQ(1U, engine_.taken());
   EXPECT_EQ(2U, other.taken());
   other.quit();
   EXPECT_EQ(256 - 2, callWithPrefix("two"));
@@ -646,11 +646,11 @@ TEST_F(Processes, OfTwoEnginesSideBySideEachReachTheirOwn) {
 
 TEST_F(Processes, PrefixThatIsEmptyIsNotTheSameAsNone) {
   ScriptedEngine other;
-  ASSERT_TRUE(engine.start(prefixed("")));
+  ASSERT_TRUE(engine_.start(prefixed("")));
   EXPECT_EQ(256 - 2, callWithPrefix(nullptr));
   unsetenv("ARM_AGENT_PREFIX");
   ASSERT_TRUE(other.start());
-  engine.reply(3, 11);
+  engine_.reply(3, 11);
   other.reply(3, 22);
   EXPECT_EQ(11, callWithPrefix(""));
   EXPECT_EQ(22, callWithPrefix(nullptr));
@@ -658,15 +658,15 @@ TEST_F(Processes, PrefixThatIsEmptyIsNotTheSameAsNone) {
 
 TEST_F(Processes, OneProcessFollowsTheVariableWhenItReconnects) {
   ScriptedEngine other;
-  ASSERT_TRUE(engine.start(prefixed("one")));
+  ASSERT_TRUE(engine_.start(prefixed("one")));
   ASSERT_TRUE(other.start(prefixed("two")));
-  engine.reply(3, 11);
+  engine_.reply(3, 11);
   other.reply(3, 22);
   setenv("ARM_AGENT_PREFIX", "one", 1);
   EXPECT_EQ(11, arm_start(5, 0, nullptr, 0));
   setenv("ARM_AGENT_PREFIX", "two", 1);
   EXPECT_EQ(11, arm_start(5, 0, nullptr, 0));
-  engine.quit();
+  engine_.quit();
   EXPECT_EQ(22, arm_start(5, 0, nullptr, 0));
 }
 

@@ -20,9 +20,9 @@
 namespace armtest {
 namespace {
 
-constexpr unsigned kHosts = 200;
-constexpr int kReaders = 3;
-constexpr int kVariables = 200;
+constexpr unsigned HOSTS = 200;
+constexpr int READERS = 3;
+constexpr int VARIABLES = 200;
 
 std::string nameOf(int number) {
   return "HOST_" + std::to_string(number);
@@ -33,14 +33,14 @@ std::string nameOf(int number) {
 class Readers {
  public:
   Readers() {
-    for (int i = 0; i < kReaders; ++i) {
+    for (int i = 0; i < READERS; ++i) {
       threads_.emplace_back([this] {
         do read();
         while (!stop_.load());
         read();
       });
     }
-    while (rounds_.load() < kReaders) std::this_thread::yield();
+    while (rounds_.load() < READERS) std::this_thread::yield();
   }
   /// Reads on; the wrong values that were found.
   int wrongAtEnd() {
@@ -53,7 +53,7 @@ class Readers {
 
  private:
   void read() {
-    for (int number = kVariables - 5; number < kVariables; ++number) {
+    for (int number = VARIABLES - 5; number < VARIABLES; ++number) {
       const char* value = getenv(nameOf(number).c_str());
       if (value == nullptr || nameOf(number) != value) wrong_.fetch_add(1);
     }
@@ -73,7 +73,7 @@ class Readers {
 /// Fills the list to the end of its memory, and what memory is free behind it: a list that the C
 /// library makes longer must move.
 void leaveNoRoomForAnotherVariable() {
-  size_t entries = kVariables;
+  size_t entries = VARIABLES;
   while (environ[entries] != nullptr) ++entries;
   const size_t more = malloc_usable_size(environ) / sizeof(char*) - 1 - entries;
   for (size_t i = 0; i < more; ++i) setenv(("MORE_" + std::to_string(i)).c_str(), "", 1);
@@ -95,7 +95,7 @@ void useFreeMemory() {
 /// A host's life; 0 when nobody has read anything wrong.
 int live() {
   unsetenv("ICU_DATA");
-  for (int number = 0; number < kVariables; ++number) {
+  for (int number = 0; number < VARIABLES; ++number) {
     setenv(nameOf(number).c_str(), nameOf(number).c_str(), 1);
   }
   setenv("TZ", "HOST-3", 1);
@@ -112,9 +112,9 @@ int live() {
 
 TEST(EnvironmentReaders, AreNotDisturbedByTheFirstRegistration) {
   unsigned disturbed = 0;
-  for (unsigned host = 0; host < kHosts; ++host) disturbed += exitCodeOf(forkChild(live)) != 0;
-  EXPECT_EQ(0U, disturbed) << "of " << kHosts << " hosts";
-  counted("threads that read the environment during the first registration, hosts", kHosts);
+  for (unsigned host = 0; host < HOSTS; ++host) disturbed += exitCodeOf(forkChild(live)) != 0;
+  EXPECT_EQ(0U, disturbed) << "of " << HOSTS << " hosts";
+  counted("threads that read the environment during the first registration, hosts", HOSTS);
 }
 
 }  // namespace

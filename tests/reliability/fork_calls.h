@@ -9,20 +9,20 @@ namespace armtest {
 /// The exported calls, linked or looked up.
 struct ArmCalls {
   decltype(&arm_init) init;
-  decltype(&w_ArmInit) wInit;
+  decltype(&w_ArmInit) w_init;
   decltype(&arm_getid) getid;
-  decltype(&w_ArmGetID) wGetid;
+  decltype(&w_ArmGetID) w_getid;
   decltype(&arm_start) start;
   decltype(&arm_update) update;
   decltype(&arm_stop) stop;
   decltype(&arm_transactionReport) report;
-  decltype(&arm_transactionInstanceReport) instanceReport;
+  decltype(&arm_transactionInstanceReport) instance_report;
   decltype(&arm_completeTransaction) complete;
-  decltype(&arm_completeTransactionInstance) completeInstance;
+  decltype(&arm_completeTransactionInstance) complete_instance;
   decltype(&arm_associateMetricData) metric;
   decltype(&arm_end) end;
-  decltype(&SetExpectedCodeset) setCodeset;
-  decltype(&GetExpectedCodeset) getCodeset;
+  decltype(&SetExpectedCodeset) set_codeset;
+  decltype(&GetExpectedCodeset) get_codeset;
   decltype(&arm_getCorrelatorKey) key;
 };
 

@@ -25,7 +25,7 @@
 
 namespace {
 
-constexpr unsigned kSecondsUntilItHangs = 60;
+constexpr unsigned SECONDS_UNTIL_IT_HANGS = 60;
 
 struct Answers {
   std::atomic<int> wrong;
@@ -33,8 +33,8 @@ struct Answers {
 
 armtest::ArmCalls arm = {};
 const char* place = "";
-pthread_mutex_t hostMutex = PTHREAD_MUTEX_INITIALIZER;
-std::atomic<bool> forkWaitsForMutex{false};
+pthread_mutex_t host_mutex = PTHREAD_MUTEX_INITIALIZER;
+std::atomic<bool> fork_waits_for_mutex{false};
 std::atomic<bool> stop{false};
 armtest::Shared<Answers> answers;
 
@@ -49,20 +49,20 @@ void makeCalls(int id) {
 void beforeFork() {
   if (isPlace("prepare")) makeCalls(1000);
   if (!isPlace("mutex")) return;
-  forkWaitsForMutex.store(true);
-  pthread_mutex_lock(&hostMutex);
+  fork_waits_for_mutex.store(true);
+  pthread_mutex_lock(&host_mutex);
 }
 
 void inParent() {
   if (isPlace("parent")) makeCalls(2000);
   if (!isPlace("mutex")) return;
-  forkWaitsForMutex.store(false);
-  pthread_mutex_unlock(&hostMutex);
+  fork_waits_for_mutex.store(false);
+  pthread_mutex_unlock(&host_mutex);
 }
 
 void inChild() {
   if (isPlace("child")) makeCalls(3000);
-  if (isPlace("mutex")) pthread_mutex_unlock(&hostMutex);
+  if (isPlace("mutex")) pthread_mutex_unlock(&host_mutex);
 }
 
 void registerAndLoad() {
@@ -77,7 +77,7 @@ void registerAndLoad() {
 
 void forkOnce(int number) {
   const int code = armtest::exitCodeOf(armtest::forkChild([number] {
-    (void)alarm(kSecondsUntilItHangs);
+    (void)alarm(SECONDS_UNTIL_IT_HANGS);
     makeCalls(100000 + 100 * number);
     return 0;
   }));
@@ -86,17 +86,17 @@ void forkOnce(int number) {
 
 /// Makes the calls of one round with the mutex held, when a fork has begun that waits for it.
 void callWithMutexOnceAForkWaits(int id) {
-  pthread_mutex_lock(&hostMutex);
-  while (!forkWaitsForMutex.load() && !stop.load()) std::this_thread::yield();
+  pthread_mutex_lock(&host_mutex);
+  while (!fork_waits_for_mutex.load() && !STOP.load()) std::this_thread::yield();
   makeCalls(id);
-  pthread_mutex_unlock(&hostMutex);
+  pthread_mutex_unlock(&host_mutex);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc != 3) return 99;
-  (void)alarm(kSecondsUntilItHangs);
+  (void)alarm(SECONDS_UNTIL_IT_HANGS);
   const bool first = std::strncmp(argv[1], "first-", 6) == 0;
   place = first ? argv[1] + 6 : argv[1];
   registerAndLoad();
@@ -104,16 +104,16 @@ int main(int argc, char** argv) {
   if (isPlace("mutex")) {
     if (!first) makeCalls(7);
     threads.emplace_back([] {
-      for (int id = 1000000; !stop.load(); id += 100) callWithMutexOnceAForkWaits(id);
+      for (int id = 1000000; !STOP.load(); id += 100) callWithMutexOnceAForkWaits(id);
     });
   }
   for (int thread = 0; thread < 2 && !first; ++thread) {
     threads.emplace_back([thread] {
-      for (int id = 10000000 * (2 + thread); !stop.load(); id += 100) makeCalls(id);
+      for (int id = 10000000 * (2 + thread); !STOP.load(); id += 100) makeCalls(id);
     });
   }
   for (int number = 0; number < std::atoi(argv[2]); ++number) forkOnce(number);
-  stop.store(true);
+  STOP.store(true);
   for (std::thread& thread : threads) thread.join();
   const int wrong = answers->wrong.load();
   return wrong < 90 ? wrong : 90;

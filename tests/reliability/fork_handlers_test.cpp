@@ -10,8 +10,8 @@
 namespace armtest {
 namespace {
 
-constexpr int kForks = 10;
-constexpr const char* kHosts[] = {"fork_handlers_linked", "fork_handlers_opened"};
+constexpr int FORKS = 10;
+constexpr const char* HOSTS[] = {"fork_handlers_linked", "fork_handlers_opened"};
 
 class ForkHandlers : public testing::Test {
  protected:
@@ -23,8 +23,8 @@ class ForkHandlers : public testing::Test {
     engine_.derive();
   }
 
-  void expectRightAnswers(const std::string& place, int forks = kForks) {
-    for (const char* host : kHosts) {
+  void expectRightAnswers(const std::string& place, int forks = FORKS) {
+    for (const char* host : HOSTS) {
       for (const char* tracing : {"", "1"}) {
         *tracing != '\0' ? setenv("ARMDEBUG", tracing, 1) : unsetenv("ARMDEBUG");
         EXPECT_EQ(0, run(host, place, forks)) << host << " " << place << " " << tracing;

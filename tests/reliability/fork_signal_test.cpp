@@ -19,30 +19,30 @@
 namespace armtest {
 namespace {
 
-constexpr long kTrapFlag = 0x100;
-constexpr unsigned kShortEvery = 17;
+constexpr long TRAP_FLAG = 0x100;
+constexpr unsigned SHORT_EVERY = 17;
 
 unsigned every() {
   const char* text = getenv("ARM_FORK_EVERY");
   const unsigned long number = text != nullptr ? strtoul(text, nullptr, 10) : 0;
-  return number > 0 ? static_cast<unsigned>(number) : kShortEvery;
+  return number > 0 ? static_cast<unsigned>(number) : SHORT_EVERY;
 }
 
 // What the handlers know.
-unsigned instructionsLeft = 0;
+unsigned instructions_left = 0;
 volatile pid_t child = -1;
-int (*inChildsHandler)() = nullptr;
+int (*in_childs_handler)() = nullptr;
 
 /// Forks; a child that has something to do in the handler ends there.
 void forkInHandler() {
   child = fork();
-  if (child == 0 && inChildsHandler != nullptr) _exit(inChildsHandler());
+  if (child == 0 && in_childs_handler != nullptr) _exit(in_childs_handler());
 }
 
 void afterInstruction(int, siginfo_t*, void* context) {
-  if (--instructionsLeft > 0) return;
+  if (--instructions_left > 0) return;
   // The processor goes on without the flag, in both processes.
-  static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_EFL] &= ~kTrapFlag;
+  static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_EFL] &= ~TRAP_FLAG;
   forkInHandler();
 }
 
@@ -68,7 +68,7 @@ __attribute__((always_inline)) inline void endTraps() {
 class ForkingHandlers : public testing::Test {
  protected:
   void SetUp() override {
-    inChildsHandler = nullptr;
+    in_childs_handler = nullptr;
     // What is freed is written over.
     mallopt(M_PERTURB, 0xa5);
     start();
@@ -93,7 +93,7 @@ class ForkingHandlers : public testing::Test {
   template <typename Call>
   static bool forkAfter(unsigned instructions, Call&& call, int32_t expected) {
     child = -1;
-    instructionsLeft = instructions;
+    instructions_left = instructions;
     beginTraps();
     const int32_t result = call();
     endTraps();
@@ -130,7 +130,7 @@ TEST_F(ForkingHandlers, AtAnyInstructionOfARefusedCallTheChildEndsItAndMakesEver
 
 // A trap takes longer than all else; the more instructions, the fewer are tried.
 TEST_F(ForkingHandlers, AtAnyInstructionOfACallTheChildMakesEveryCallInTheHandler) {
-  inChildsHandler = [] { return wrongAnswersOfEveryCall(80000); };
+  in_childs_handler = [] { return wrongAnswersOfEveryCall(80000); };
   const unsigned forks =
       forkAtInstructions([] { return arm_start(5, 0, nullptr, 0); }, derivedResult(5), 4 * every());
   counted("a fork in a signal handler, the child calls in it", forks);
@@ -140,8 +140,8 @@ TEST_F(ForkingHandlers, InAWaitTheChildsCallEndsWithTheEngineAndTheNextOnesAreSe
   handle(SIGUSR1, [](int, siginfo_t*, void*) { forkInHandler(); });
   engine_.forget();
   engine_.hold();
-  int toChild[2];
-  ASSERT_EQ(0, pipe(toChild));
+  int to_child[2];
+  ASSERT_EQ(0, pipe(to_child));
   const uint32_t before = engine_.taken();
   std::atomic<pthread_t> waiting{};
   CallInThread call([&] {
@@ -149,7 +149,7 @@ TEST_F(ForkingHandlers, InAWaitTheChildsCallEndsWithTheEngineAndTheNextOnesAreSe
     const int32_t result = arm_start(5, 0, nullptr, 0);
     if (child != 0) return result;
     char go = 0;
-    if (read(toChild[0], &go, 1) != 1) _exit(91);
+    if (read(to_child[0], &go, 1) != 1) _exit(91);
     // The connection to the new engine is another one.
     _exit(result == -9 ? wrongAnswersOfEveryCall(90000) : 90);
   });
@@ -159,7 +159,7 @@ TEST_F(ForkingHandlers, InAWaitTheChildsCallEndsWithTheEngineAndTheNextOnesAreSe
   engine_.quit();
   EXPECT_EQ(-9, call.result());
   start();
-  ASSERT_EQ(1, write(toChild[1], "g", 1));
+  ASSERT_EQ(1, write(to_child[1], "g", 1));
   EXPECT_EQ(0, exitCodeOf(child));
   EXPECT_EQ(0, wrongAnswersOfEveryCall(2));
   counted("a fork in a signal handler during a wait", 1);

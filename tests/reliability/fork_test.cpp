@@ -20,14 +20,14 @@
 namespace armtest {
 namespace {
 
-constexpr int kThreads = 4;
-constexpr uint32_t kSeed = 20240307;
-constexpr uint32_t kShortForks = 24;
+constexpr int THREADS = 4;
+constexpr uint32_t SEED = 20240307;
+constexpr uint32_t SHORT_FORKS = 24;
 
 uint32_t forks() {
   const char* text = getenv("ARM_FORKS");
   const unsigned long count = text != nullptr ? strtoul(text, nullptr, 10) : 0;
-  return count > 0 ? static_cast<uint32_t>(count) : kShortForks;
+  return count > 0 ? static_cast<uint32_t>(count) : SHORT_FORKS;
 }
 
 struct ForkBoard {
@@ -66,7 +66,7 @@ class Forks : public testing::Test {
   }
 
   void startThreads() {
-    for (int thread = 0; thread < kThreads; ++thread) {
+    for (int thread = 0; thread < THREADS; ++thread) {
       threads_.emplace_back([this, thread] {
         for (int32_t id = 1 + thread * 1000000; !stop_.load(); ++id) {
           wrong_.fetch_add(static_cast<uint32_t>(wrongAnswersOfEveryCall(id)));
@@ -74,7 +74,7 @@ class Forks : public testing::Test {
         }
       });
     }
-    ASSERT_TRUE(waitUntil([this] { return calls_.load() >= kThreads; }));
+    ASSERT_TRUE(waitUntil([this] { return calls_.load() >= THREADS; }));
   }
 
   void stopThreads() {
@@ -122,7 +122,7 @@ class Forks : public testing::Test {
   std::atomic<bool> stop_{false};
   std::atomic<uint32_t> wrong_{0};
   std::atomic<uint32_t> calls_{0};
-  std::minstd_rand random_{kSeed};
+  std::minstd_rand random_{SEED};
 };
 
 TEST_F(Forks, AtAnyMomentTheChildMakesEveryCall) {
@@ -139,7 +139,7 @@ TEST_F(Forks, AtAnyMomentTheChildOfATracingProcessMakesEveryCall) {
 TEST_F(Forks, ChildrenThatOnlyExitLeaveNothing) {
   const int before = engine_.headsInUse();
   forkMany([](uint32_t) { return 0; });
-  EXPECT_LE(engine_.headsInUse(), before + kThreads);
+  EXPECT_LE(engine_.headsInUse(), before + THREADS);
   counted("a child that only exits", forks());
 }
 

@@ -19,7 +19,7 @@ bool all(const uint8_t* bytes, size_t count, uint8_t value) {
 }  // namespace
 
 bool isAllowedOnDamage(int32_t result) {
-  return result == -2 || result == -8 || result == -9 || result == kMarkedResult;
+  return result == -2 || result == -8 || result == -9 || result == MARKED_RESULT;
 }
 
 void fillHost(Host& host) {

@@ -15,10 +15,10 @@
 
 namespace {
 
-constexpr size_t kBefore = 1U << 20;
-constexpr size_t kBehind = sizeof(void*) == 8 ? size_t{5} * 1024 * 1024 * 1024 : 32U << 20;
-constexpr size_t kPage = 4096;
-constexpr int kDrainFailures = 1000;
+constexpr size_t BEFORE = 1U << 20;
+constexpr size_t BEHIND = sizeof(void*) == 8 ? size_t{5} * 1024 * 1024 * 1024 : 32U << 20;
+constexpr size_t PAGE = 4096;
+constexpr int DRAIN_FAILURES = 1000;
 
 struct Guarded {
   void* segment = nullptr;
@@ -61,16 +61,16 @@ uint32_t drainsCut() {
 
 extern "C" void* shmat(int id, const void* address, int flags) __THROW;
 extern "C" void* shmat(int id, const void* address, int flags) __THROW {
-  static auto* const real = armtest::nextCall<void*(int, const void*, int)>("shmat");
+  static auto* const REAL = armtest::nextCall<void*(int, const void*, int)>("shmat");
   shmid_ds info = {};
-  if (address != nullptr || shmctl(id, IPC_STAT, &info) != 0) return real(id, address, flags);
-  const size_t mapped = (static_cast<size_t>(info.shm_segsz) + kPage - 1) / kPage * kPage;
-  const size_t size = kBefore + mapped + kBehind;
+  if (address != nullptr || shmctl(id, IPC_STAT, &info) != 0) return REAL(id, address, flags);
+  const size_t mapped = (static_cast<size_t>(info.shm_segsz) + PAGE - 1) / PAGE * PAGE;
+  const size_t size = BEFORE + mapped + BEHIND;
   void* reserved =
       mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   if (reserved == MAP_FAILED) return reserved;
   auto* start = static_cast<uint8_t*>(reserved);
-  void* segment = real(id, start + kBefore, flags | SHM_REMAP);
+  void* segment = REAL(id, start + BEFORE, flags | SHM_REMAP);
   if (segment == reinterpret_cast<void*>(-1)) return refuse(start, size);
   const std::lock_guard<std::mutex> guard(mutex);
   Guarded* free = place(nullptr);
@@ -80,8 +80,8 @@ extern "C" void* shmat(int id, const void* address, int flags) __THROW {
 
 extern "C" int shmdt(const void* address) __THROW;
 extern "C" int shmdt(const void* address) __THROW {
-  static auto* const real = armtest::nextCall<int(const void*)>("shmdt");
-  const int result = real(address);
+  static auto* const REAL = armtest::nextCall<int(const void*)>("shmdt");
+  const int result = REAL(address);
   const std::lock_guard<std::mutex> guard(mutex);
   Guarded* found = address != nullptr ? place(address) : nullptr;
   if (found == nullptr) return result;
@@ -92,12 +92,12 @@ extern "C" int shmdt(const void* address) __THROW {
 
 extern "C" int semop(int set, sembuf* operations, size_t count) __THROW;
 extern "C" int semop(int set, sembuf* operations, size_t count) __THROW {
-  static auto* const real = armtest::nextCall<int(int, sembuf*, size_t)>("semop");
+  static auto* const REAL = armtest::nextCall<int(int, sembuf*, size_t)>("semop");
   static thread_local int failures = 0;
-  const int result = real(set, operations, count);
+  const int result = REAL(set, operations, count);
   if (!drains(operations, count)) return result;
   failures = result < 0 && errno != EAGAIN ? failures + 1 : 0;
-  if (failures < kDrainFailures) return result;
+  if (failures < DRAIN_FAILURES) return result;
   failures = 0;
   cut.fetch_add(1);
   errno = EAGAIN;

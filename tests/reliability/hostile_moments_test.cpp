@@ -24,8 +24,8 @@
 namespace armtest {
 namespace {
 
-constexpr size_t kCalls = 3;
-constexpr const char* kEndOfFirstCall = "stat first";
+constexpr size_t CALLS = 3;
+constexpr const char* END_OF_FIRST_CALL = "stat first";
 
 /// The hand-laid queues of the moment, or none.
 using Laid = std::unique_ptr<HostileQueues>;
@@ -47,17 +47,17 @@ Layout ofSizes(size_t requests, size_t replies) {
   return layout;
 }
 
-Layout ofSegments(long requestSize, long replySize) {
+Layout ofSegments(long request_size, long reply_size) {
   Layout layout;
-  layout.requestSize = requestSize;
-  layout.replySize = replySize;
+  layout.request_size = request_size;
+  layout.reply_size = reply_size;
   return layout;
 }
 
 Layout ofSingleSemaphores() {
   Layout layout;
   for (int* count :
-       {&layout.requestLock, &layout.replyLock, &layout.empty, &layout.overflow, &layout.waits}) {
+       {&layout.request_lock, &layout.reply_lock, &layout.empty, &layout.overflow, &layout.waits}) {
     *count = 1;
   }
   return layout;
@@ -118,22 +118,22 @@ class Releaser {
 };
 
 struct MomentsBoard {
-  std::atomic<int32_t> results[kCalls];
+  std::atomic<int32_t> results[CALLS];
 };
 
 class HostileMoments : public testing::TestWithParam<bool> {
  protected:
-  static constexpr int32_t kNotCalled = 1;
+  static constexpr int32_t NOT_CALLED = 1;
 
   /// A process that makes three calls, and has three replies that it may get.
   std::unique_ptr<TracedProcess> makeCaller() {
-    for (auto& result : board_->results) result.store(kNotCalled);
+    for (auto& result : board_->results) result.store(NOT_CALLED);
     laid_.reset();
     laid_ = std::make_unique<HostileQueues>();
     return std::make_unique<TracedProcess>(
         [this] {
           laid_->answer(static_cast<uint32_t>(getpid()), ownThreadWord(), 3);
-          if (GetParam() && arm_update(5, 0, nullptr, 0) != kMarkedResult) _exit(9);
+          if (GetParam() && arm_update(5, 0, nullptr, 0) != MARKED_RESULT) _exit(9);
         },
         [this] { return callThrice(); });
   }
@@ -141,7 +141,7 @@ class HostileMoments : public testing::TestWithParam<bool> {
   int callThrice() {
     Host host;
     int broken = 0;
-    for (size_t i = 0; i < kCalls; ++i) {
+    for (size_t i = 0; i < CALLS; ++i) {
       fillHost(host);
       // The first of these posts with the host's block.
       board_->results[i].store(callNumber(postingCalls().size() + i, host));
@@ -153,9 +153,9 @@ class HostileMoments : public testing::TestWithParam<bool> {
 
   std::vector<Point> pointsOfTheFirstCall() {
     const auto caller = makeCaller();
-    std::vector<Point> points = pointsOf(*caller, kEndOfFirstCall);
+    std::vector<Point> points = pointsOf(*caller, END_OF_FIRST_CALL);
     points.pop_back();
-    EXPECT_EQ(kMarkedResult, board_->results[0].load());
+    EXPECT_EQ(MARKED_RESULT, board_->results[0].load());
     return points;
   }
 

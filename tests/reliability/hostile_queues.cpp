@@ -7,20 +7,20 @@ namespace armtest {
 
 namespace {
 
-constexpr uint8_t kMargin = 0xC3;
-constexpr size_t kItem = 532;
+constexpr uint8_t MARGIN = 0xC3;
+constexpr size_t ITEM = 532;
 
 size_t sizeOf(long given, size_t whole) {
   return given < 0 ? whole : static_cast<size_t>(given);
 }
 
 void fillMargin(Segment& memory) {
-  std::memset(memory.at(memory.size()), kMargin, memory.mappedSize() - memory.size());
+  std::memset(memory.at(memory.size()), MARGIN, memory.mappedSize() - memory.size());
 }
 
 bool marginUntouched(const Segment& memory) {
   const Bytes margin = memory.bytes(memory.size(), memory.mappedSize() - memory.size());
-  return std::all_of(margin.begin(), margin.end(), [](uint8_t byte) { return byte == kMargin; });
+  return std::all_of(margin.begin(), margin.end(), [](uint8_t byte) { return byte == MARGIN; });
 }
 
 std::vector<uint32_t> around(std::vector<uint32_t> values, std::initializer_list<size_t> more) {
@@ -32,11 +32,11 @@ std::vector<uint32_t> around(std::vector<uint32_t> values, std::initializer_list
   return values;
 }
 
-const std::vector<uint32_t> kByte = {0, 1, 2, 3, 4, 127, 128, 255};
-const std::vector<uint32_t> kShort = {0, 1, 2, 255, 256, 0x7FFF, 0x8000, 0xFFFE, 0xFFFF};
-const std::vector<uint32_t> kWord = {0,     1,          2,          3,          50299,
-                                     50301, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFC, 0xFFFFFFFF};
-const std::vector<uint32_t> kSemaphore = {0, 1, 2, 3, 255, 32766, 32767};
+const std::vector<uint32_t> BYTE = {0, 1, 2, 3, 4, 127, 128, 255};
+const std::vector<uint32_t> SHORT = {0, 1, 2, 255, 256, 0x7FFF, 0x8000, 0xFFFE, 0xFFFF};
+const std::vector<uint32_t> WORD = {0,     1,          2,          3,          50299,
+                                    50301, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFC, 0xFFFFFFFF};
+const std::vector<uint32_t> SEMAPHORE = {0, 1, 2, 3, 255, 32766, 32767};
 
 int countSleepers(const SemaphoreSet& set) {
   int sum = 0;
@@ -51,17 +51,17 @@ int countSleepers(const SemaphoreSet& set) {
 
 HostileQueues::HostileQueues(const Layout& layout)
     : layout_(layout),
-      requests_(AE + "_mem", sizeOf(layout.requestSize, 28 + layout.requests * 4116)),
-      replies_(EA, sizeOf(layout.replySize, 12 + layout.replies * 548)) {
+      requests_(AE + "_mem", sizeOf(layout.request_size, 28 + layout.requests * 4116)),
+      replies_(EA, sizeOf(layout.reply_size, 12 + layout.replies * 548)) {
   fillMargin(requests_);
   fillMargin(replies_);
-  SemaphoreSet* requestLock = addSet(AE + "_mem", 1, layout.requestLock);
-  SemaphoreSet* replyLock = addSet(EA, 1, layout.replyLock);
+  SemaphoreSet* request_lock = addSet(AE + "_mem", 1, layout.request_lock);
+  SemaphoreSet* reply_lock = addSet(EA, 1, layout.reply_lock);
   SemaphoreSet* empty = addSet(AE + "_emp", 1, layout.empty);
   SemaphoreSet* overflow = addSet(AE + "_ovr", 1, layout.overflow);
   const int heads = static_cast<int>(layout.replies);
   SemaphoreSet* waits = addSet(EA, 3, layout.waits < 0 ? heads + 2 : layout.waits);
-  for (SemaphoreSet* set : {requestLock, replyLock}) set->tryValue(1, 2);
+  for (SemaphoreSet* set : {request_lock, reply_lock}) set->tryValue(1, 2);
   for (SemaphoreSet* set : {empty, overflow}) set->tryValue(2, 32766);
   waits->tryValue(0, 1);
   layRequests();
@@ -80,7 +80,7 @@ void HostileQueues::layRequests() {
 void HostileQueues::layReplies() {
   if (!whole()) return;
   for (size_t offset = itemOffset(0); offset < replies_.size(); offset += 4) {
-    replies_.put32(offset, static_cast<uint32_t>(kMarkedResult));
+    replies_.put32(offset, static_cast<uint32_t>(MARKED_RESULT));
   }
   armtest::layReplies(replies_, layout_.replies);
 }
@@ -114,7 +114,7 @@ void HostileQueues::addLink(std::vector<Target>& all, std::string name, size_t o
                             std::vector<uint32_t> values) {
   const size_t before = all.size();
   addWord(all, std::move(name), replies_, offset, 4, std::move(values));
-  if (all.size() > before) all.back().isLink = true;
+  if (all.size() > before) all.back().is_link = true;
 }
 
 void HostileQueues::addSemaphores(std::vector<Target>& all, const char* name, SemaphoreSet& set) {
@@ -122,13 +122,13 @@ void HostileQueues::addSemaphores(std::vector<Target>& all, const char* name, Se
     const auto change = [&set, number](uint32_t value) {
       (void)set.tryValue(number, static_cast<int>(value & 0x7FFF));
     };
-    all.push_back({name + std::string(" ") + std::to_string(number), change, kSemaphore});
+    all.push_back({name + std::string(" ") + std::to_string(number), change, SEMAPHORE});
   }
 }
 
 std::vector<Target> HostileQueues::targets() {
   std::vector<Target> all;
-  const std::vector<uint32_t> index = around(kShort, {layout_.requests});
+  const std::vector<uint32_t> index = around(SHORT, {layout_.requests});
   for (const auto& [name, offset] :
        {std::pair<const char*, size_t>{"count", 0}, {"head", 2}, {"tail", 4}, {"padding", 6}}) {
     addWord(all, std::string("request ") + name, requests_, offset, 2, index);
@@ -138,24 +138,24 @@ std::vector<Target> HostileQueues::targets() {
                                      {"empty waiters", 16},
                                      {"version", 20},
                                      {"ready", 24}}) {
-    addWord(all, std::string("request ") + name, requests_, offset, 4, kWord);
+    addWord(all, std::string("request ") + name, requests_, offset, 4, WORD);
   }
-  const std::vector<uint32_t> number = around(kShort, {layout_.replies});
+  const std::vector<uint32_t> number = around(SHORT, {layout_.replies});
   const std::vector<uint32_t> link =
-      around(kWord, {12, 28, itemOffset(0), itemOffset(0) + kItem / 2,
-                     itemOffset(layout_.replies - 1), itemOffset(layout_.replies)});
+      around(WORD, {12, 28, itemOffset(0), itemOffset(0) + ITEM / 2,
+                    itemOffset(layout_.replies - 1), itemOffset(layout_.replies)});
   addWord(all, "used items", replies_, 0, 2, number);
   addWord(all, "heads in use", replies_, 2, 2, number);
   // It becomes the link of an item that is given back.
   addLink(all, "free list", 4, link);
-  addWord(all, "reply state", replies_, 8, 4, kWord);
+  addWord(all, "reply state", replies_, 8, 4, WORD);
   for (size_t i = 0; i < layout_.replies; ++i) {
     const size_t head = 12 + 16 * i;
     const std::string name = "head " + std::to_string(i) + " ";
-    addWord(all, name + "status", replies_, head, 1, kByte);
-    addWord(all, name + "semaphore", replies_, head + 2, 2, around(kShort, {layout_.replies + 2}));
-    addWord(all, name + "process", replies_, head + 4, 4, kWord);
-    addWord(all, name + "thread", replies_, head + 8, 4, kWord);
+    addWord(all, name + "status", replies_, head, 1, BYTE);
+    addWord(all, name + "semaphore", replies_, head + 2, 2, around(SHORT, {layout_.replies + 2}));
+    addWord(all, name + "process", replies_, head + 4, 4, WORD);
+    addWord(all, name + "thread", replies_, head + 8, 4, WORD);
     addLink(all, name + "first reply", head + 12, link);
     addLink(all, "link " + std::to_string(i), itemOffset(i) + 528, link);
   }

@@ -15,17 +15,17 @@ namespace armtest {
 
 /// The result word of every reply, also of those in the free list. The bytes of an item are this
 /// word again and again.
-inline constexpr int32_t kMarkedResult = 0x5AFE5AFE;
+inline constexpr int32_t MARKED_RESULT = 0x5AFE5AFE;
 
 /// What a test lays. Sets of fewer semaphores than the contract's, or segments of other sizes than
 /// whole records make, are laid with the numbers given here.
 struct Layout {
-  size_t requests = 3;    ///< slots
-  size_t replies = 3;     ///< head records and items
-  long requestSize = -1;  ///< bytes of the request segment, unless negative
-  long replySize = -1;    ///< bytes of the reply segment, unless negative
-  int requestLock = 2;    ///< semaphores of each set
-  int replyLock = 2;
+  size_t requests = 3;     ///< slots
+  size_t replies = 3;      ///< head records and items
+  long request_size = -1;  ///< bytes of the request segment, unless negative
+  long reply_size = -1;    ///< bytes of the reply segment, unless negative
+  int request_lock = 2;    ///< semaphores of each set
+  int reply_lock = 2;
   int empty = 3;
   int overflow = 3;
   int waits = -1;  ///< of the wake-up set; two more than head records unless given
@@ -37,7 +37,7 @@ struct Target {
   std::function<void(uint32_t)> set;
   std::vector<uint32_t> values;
   /// Says where an item lies: what stands there is a reply then, whatever it is.
-  bool isLink = false;
+  bool is_link = false;
 };
 
 class HostileQueues {
@@ -74,7 +74,7 @@ class HostileQueues {
   void addWord(std::vector<Target>& all, std::string name, Segment& memory, size_t offset,
                size_t width, std::vector<uint32_t> values);
   size_t itemOffset(size_t item) const { return 12 + 16 * layout_.replies + 532 * item; }
-  bool whole() const { return layout_.requestSize < 0 && layout_.replySize < 0; }
+  bool whole() const { return layout_.request_size < 0 && layout_.reply_size < 0; }
 
   Layout layout_;
   std::vector<std::unique_ptr<SemaphoreSet>> sets_;

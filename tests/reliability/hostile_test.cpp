@@ -19,15 +19,15 @@
 namespace armtest {
 namespace {
 
-constexpr size_t kCalls = 5;
-constexpr uint32_t kSeed = 20240307;
-constexpr uint32_t kShortRounds = 250;
-constexpr int32_t kNotCalled = 1;
+constexpr size_t CALLS = 5;
+constexpr uint32_t SEED = 20240307;
+constexpr uint32_t SHORT_ROUNDS = 250;
+constexpr int32_t NOT_CALLED = 1;
 
 uint32_t rounds() {
   const char* text = getenv("ARM_HOSTILE_ROUNDS");
   const unsigned long count = text != nullptr ? strtoul(text, nullptr, 10) : 0;
-  return count > 0 ? static_cast<uint32_t>(count) : kShortRounds;
+  return count > 0 ? static_cast<uint32_t>(count) : SHORT_ROUNDS;
 }
 
 /// Words that the test and the process that measures share.
@@ -35,32 +35,32 @@ struct HostileBoard {
   std::atomic<uint32_t> thread;
   std::atomic<int> step;  ///< the measuring process goes on to this call
   std::atomic<int> done;
-  std::atomic<int32_t> results[kCalls];
-  std::atomic<uint32_t> drainsCut;
+  std::atomic<int32_t> results[CALLS];
+  std::atomic<uint32_t> drains_cut;
   std::atomic<bool> stop;
   std::atomic<uint32_t> calls;
   std::atomic<uint32_t> answered;
   std::atomic<uint32_t> unexpected;
-  std::atomic<int32_t> anUnexpected;
-  std::atomic<bool> linksDamaged;
+  std::atomic<int32_t> an_unexpected;
+  std::atomic<bool> links_damaged;
 };
 
 using SharedHostileBoard = Shared<HostileBoard>;
 
 /// The measuring process: one call whenever it is told.
-int measure(HostileBoard* board, size_t firstCall) {
+int measure(HostileBoard* board, size_t first_call) {
   Host host;
   board->thread.store(ownThreadWord());
   int failures = 0;
-  for (size_t i = 0; i < kCalls; ++i) {
+  for (size_t i = 0; i < CALLS; ++i) {
     while (board->step.load() <= static_cast<int>(i)) usleep(1);
     fillHost(host);
-    board->results[i].store(callNumber(firstCall + i, host));
+    board->results[i].store(callNumber(first_call + i, host));
     if (!hostIsWhole(host)) ++failures;
     board->done.fetch_add(1);
   }
   (void)GetExpectedCodeset();
-  board->drainsCut.store(drainsCut());
+  board->drains_cut.store(drainsCut());
   return failures;
 }
 
@@ -72,14 +72,14 @@ struct Tally {
   uint32_t full = 0;
   uint32_t failed = 0;
   uint32_t released = 0;
-  uint32_t drainsCut = 0;
+  uint32_t drains_cut = 0;
 
   void print(const char* what) const {
     counted(what, rounds);
     std::printf(
         "hostile: %s: %u rounds of %zu calls: %u answered, -2 %u, -8 %u, -9 %u; "
         "%u waits released, %u drains cut short\n",
-        what, rounds, kCalls, answered, unreachable, full, failed, released, drainsCut);
+        what, rounds, CALLS, answered, unreachable, full, failed, released, drains_cut);
   }
 };
 
@@ -88,18 +88,18 @@ class Hostile : public testing::Test {
   using Damage = std::function<void(HostileQueues&)>;
 
   void setTo(const Target& target, uint32_t value) {
-    linksDamaged = linksDamaged || target.isLink;
+    linksDamaged_ = linksDamaged_ || target.is_link;
     target.set(value);
   }
 
   /// One process makes its calls on queues that are damaged before call number `moment`.
   void runRound(size_t moment, const Damage& damage, const Layout& layout = {}) {
     SharedHostileBoard board;
-    for (auto& result : board->results) result.store(kNotCalled);
+    for (auto& result : board->results) result.store(NOT_CALLED);
     HostileQueues queues(layout);
-    linksDamaged = false;
-    const size_t firstCall = tally.rounds;
-    const pid_t process = forkChild([&] { return measure(board.get(), firstCall); });
+    linksDamaged_ = false;
+    const size_t first_call = tally_.rounds;
+    const pid_t process = forkChild([&] { return measure(board.get(), first_call); });
     ASSERT_TRUE(waitUntil([&] { return board->thread.load() != 0; }));
     queues.answer(static_cast<uint32_t>(process), board->thread.load(), 2);
     if (moment > 0) {
@@ -107,8 +107,8 @@ class Hostile : public testing::Test {
       waitFor(board.get(), queues, static_cast<int>(moment));
     }
     damage(queues);
-    board->step.store(kCalls);
-    waitFor(board.get(), queues, kCalls);
+    board->step.store(CALLS);
+    waitFor(board.get(), queues, CALLS);
     EXPECT_EQ(0, exitCodeOf(process));
     EXPECT_TRUE(queues.marginsUntouched());
     count(board.get());
@@ -120,7 +120,7 @@ class Hostile : public testing::Test {
     const bool over = waitUntil([&] {
       if (board->done.load() >= calls) return true;
       if (queues.sleepers() > 0) {
-        ++tally.released;
+        ++tally_.released;
         queues.removeSets();
       }
       return false;
@@ -129,15 +129,15 @@ class Hostile : public testing::Test {
   }
 
   void count(const HostileBoard* board) {
-    ++tally.rounds;
-    tally.drainsCut += board->drainsCut.load();
+    ++tally_.rounds;
+    tally_.drains_cut += board->drains_cut.load();
     for (const auto& stored : board->results) {
       const int32_t result = stored.load();
-      EXPECT_TRUE(isAllowedOnDamage(result) || linksDamaged) << result;
-      tally.answered += result == kMarkedResult ? 1 : 0;
-      tally.unreachable += result == -2 ? 1 : 0;
-      tally.full += result == -8 ? 1 : 0;
-      tally.failed += result == -9 ? 1 : 0;
+      EXPECT_TRUE(isAllowedOnDamage(result) || linksDamaged_) << result;
+      tally_.answered += result == MARKED_RESULT ? 1 : 0;
+      tally_.unreachable += result == -2 ? 1 : 0;
+      tally_.full += result == -8 ? 1 : 0;
+      tally_.failed += result == -9 ? 1 : 0;
     }
   }
 
@@ -157,34 +157,34 @@ class Hostile : public testing::Test {
     }
   }
 
-  Tally tally;
-  bool linksDamaged = false;
+  Tally tally_;
+  bool linksDamaged_ = false;
 };
 
 TEST_F(Hostile, UndamagedQueuesAnswerTwiceThenFillUp) {
   runRound(0, [](HostileQueues&) {});
-  EXPECT_EQ(2U, tally.answered);
+  EXPECT_EQ(2U, tally_.answered);
   // The third call waits for its reply until the sets are removed.
-  EXPECT_EQ(1U, tally.failed);
-  EXPECT_EQ(2U, tally.unreachable);
-  EXPECT_EQ(1U, tally.released);
+  EXPECT_EQ(1U, tally_.failed);
+  EXPECT_EQ(2U, tally_.unreachable);
+  EXPECT_EQ(1U, tally_.released);
 }
 
 TEST_F(Hostile, EveryWordAtEveryBoundaryBeforeTheOpening) {
   damageEveryTargetBefore(0);
-  tally.print("every word before the opening");
+  tally_.print("every word before the opening");
 }
 
 TEST_F(Hostile, EveryWordAtEveryBoundaryOnAnOpenConnection) {
   damageEveryTargetBefore(1);
-  tally.print("every word on an open connection");
+  tally_.print("every word on an open connection");
 }
 
 TEST_F(Hostile, RandomWordsAtRandomMoments) {
-  std::minstd_rand random(kSeed);
+  std::minstd_rand random(SEED);
   const uint32_t wanted = rounds();
   for (uint32_t round = 0; round < wanted && !HasFailure(); ++round) {
-    const size_t moment = random() % kCalls;
+    const size_t moment = random() % CALLS;
     const size_t damages = 1 + random() % 8;
     runRound(moment, [&](HostileQueues& queues) {
       const std::vector<Target> targets = queues.targets();
@@ -197,7 +197,7 @@ TEST_F(Hostile, RandomWordsAtRandomMoments) {
     });
     EXPECT_FALSE(HasFailure()) << "round " << round;
   }
-  tally.print("random words at random moments");
+  tally_.print("random words at random moments");
 }
 
 // ---- segments and sets of other sizes -----------------------------------------------------------
@@ -205,43 +205,43 @@ TEST_F(Hostile, RandomWordsAtRandomMoments) {
 TEST_F(Hostile, SegmentsOfEverySizeAroundTheirParts) {
   for (const long size : {1, 3, 4, 8, 11, 12, 20, 27}) {
     Layout layout;
-    layout.requestSize = size;
+    layout.request_size = size;
     runRound(
         0, [](HostileQueues&) {}, layout);
   }
   // Smaller than its header, a segment is not opened.
-  EXPECT_EQ(tally.rounds * kCalls, tally.unreachable);
+  EXPECT_EQ(tally_.rounds * CALLS, tally_.unreachable);
   for (const long size : {28, 29, 4096, 4115, 4116, 28 + 4115, 28 + 4116, 28 + 4117, 2 * 4116}) {
     Layout layout;
-    layout.requestSize = size;
+    layout.request_size = size;
     runRound(
         0, [](HostileQueues&) {}, layout);
   }
-  const uint32_t before = tally.unreachable;
+  const uint32_t before = tally_.unreachable;
   for (const long size : {1, 4, 8, 11}) {
     Layout layout;
-    layout.replySize = size;
+    layout.reply_size = size;
     runRound(
         0, [](HostileQueues&) {}, layout);
   }
-  EXPECT_EQ(before + 4 * kCalls, tally.unreachable);
+  EXPECT_EQ(before + 4 * CALLS, tally_.unreachable);
   for (const long size : {12, 13, 27, 28, 40, 544, 559, 560, 561, 12 + 2 * 548 - 1}) {
     Layout layout;
-    layout.replySize = size;
+    layout.reply_size = size;
     runRound(
         0, [](HostileQueues&) {}, layout);
   }
   // More records than 16 bits count.
   Layout large;
-  large.replySize = 12 + 70000 * 548;
+  large.reply_size = 12 + 70000 * 548;
   runRound(
       0, [](HostileQueues&) {}, large);
-  tally.print("segments of other sizes");
+  tally_.print("segments of other sizes");
 }
 
 TEST_F(Hostile, SetsOfFewerSemaphores) {
   using Field = int Layout::*;
-  for (const Field field : {&Layout::requestLock, &Layout::replyLock, &Layout::empty,
+  for (const Field field : {&Layout::request_lock, &Layout::reply_lock, &Layout::empty,
                             &Layout::overflow, &Layout::waits}) {
     for (int semaphores = 1; semaphores <= 4; ++semaphores) {
       Layout layout;
@@ -250,16 +250,16 @@ TEST_F(Hostile, SetsOfFewerSemaphores) {
           0, [](HostileQueues&) {}, layout);
     }
   }
-  tally.print("sets of fewer semaphores");
+  tally_.print("sets of fewer semaphores");
 }
 
 TEST_F(Hostile, EachSetRemovedBeforeEachCall) {
   for (size_t set = 0; set < 5; ++set) {
-    for (size_t moment = 0; moment < kCalls; ++moment) {
+    for (size_t moment = 0; moment < CALLS; ++moment) {
       runRound(moment, [set](HostileQueues& queues) { queues.removeSet(set); });
     }
   }
-  tally.print("each set removed before each call");
+  tally_.print("each set removed before each call");
 }
 
 // ---- while threads call -------------------------------------------------------------------------
@@ -270,10 +270,10 @@ TEST_F(Hostile, EachSetRemovedBeforeEachCall) {
 
 void noteResult(HostileBoard* board, int32_t result) {
   board->calls.fetch_add(1);
-  if (result == kMarkedResult) board->answered.fetch_add(1);
-  if (isAllowedOnDamage(result) || board->linksDamaged.load()) return;
+  if (result == MARKED_RESULT) board->answered.fetch_add(1);
+  if (isAllowedOnDamage(result) || board->links_damaged.load()) return;
   board->unexpected.fetch_add(1);
-  board->anUnexpected.store(result);
+  board->an_unexpected.store(result);
 }
 
 int measureUntilStopped(HostileBoard* board) {
@@ -290,7 +290,7 @@ int measureUntilStopped(HostileBoard* board) {
     });
   }
   for (std::thread& thread : threads) thread.join();
-  board->drainsCut.store(drainsCut());
+  board->drains_cut.store(drainsCut());
   return broken.load();
 }
 
@@ -306,7 +306,7 @@ class Vandal {
   }
   void serve() { queues_->serve(); }
   /// From now on it also changes where items lie.
-  void damageLinks() { board_->linksDamaged.store(true); }
+  void damageLinks() { board_->links_damaged.store(true); }
 
   void act() {
     // Most of the time an engine; otherwise nobody would come far.
@@ -349,7 +349,7 @@ class Vandal {
   void changeWord() {
     const std::vector<Target> targets = queues_->targets();
     const Target& target = targets[random_() % targets.size()];
-    if (target.isLink && !board_->linksDamaged.load()) return;
+    if (target.is_link && !board_->links_damaged.load()) return;
     target.set(target.values[random_() % target.values.size()]);
   }
 
@@ -357,10 +357,10 @@ class Vandal {
     layout_ = {};
     layout_.requests = 1 + random_() % 5;
     layout_.replies = 1 + random_() % 6;
-    if (random_() % 8 == 0) layout_.requestSize = static_cast<long>(random_() % 9000 + 1);
+    if (random_() % 8 == 0) layout_.request_size = static_cast<long>(random_() % 9000 + 1);
     if (random_() % 8 == 0) layout_.empty = static_cast<int>(1 + random_() % 3);
     if (random_() % 8 == 0) layout_.waits = static_cast<int>(1 + random_() % 5);
-    if (random_() % 8 == 0) layout_.replyLock = 1;
+    if (random_() % 8 == 0) layout_.reply_lock = 1;
     lay();
   }
 
@@ -398,7 +398,7 @@ TEST_F(Hostile, QueuesDamagedRemovedAndReplacedWhileThreadsCall) {
   const uint32_t actions = rounds() * 8;
   const pid_t client = forkChild([&] { return measureUntilStopped(board.get()); });
   const pid_t vandal = forkChild([&] {
-    runVandal(kSeed, actions, board.get());
+    runVandal(SEED, actions, board.get());
     return 0;
   });
   EXPECT_EQ(0, exitCodeOf(vandal));
@@ -411,12 +411,12 @@ TEST_F(Hostile, QueuesDamagedRemovedAndReplacedWhileThreadsCall) {
   ASSERT_TRUE(ended) << "a call does not end";
   EXPECT_TRUE(WIFEXITED(status)) << "signal " << WTERMSIG(status);
   EXPECT_EQ(0, WEXITSTATUS(status)) << "bytes beside a block were written";
-  EXPECT_EQ(0U, board->unexpected.load()) << board->anUnexpected.load();
+  EXPECT_EQ(0U, board->unexpected.load()) << board->an_unexpected.load();
   EXPECT_LT(0U, board->answered.load());
   counted("acts of damage while threads call", actions);
   counted("calls meanwhile", board->calls.load());
   counted("calls meanwhile that were answered", board->answered.load());
-  std::printf("hostile: %u drains cut short while threads called\n", board->drainsCut.load());
+  std::printf("hostile: %u drains cut short while threads called\n", board->drains_cut.load());
 }
 
 #endif

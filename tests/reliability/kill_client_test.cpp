@@ -200,10 +200,10 @@ class KilledClientThatReconnects : public KilledClient {
 };
 
 TEST_P(KilledClientThatReconnects, DisturbsNobody) {
-  constexpr size_t kAtOnce = 20;
+  constexpr size_t AT_ONCE = 20;
   std::vector<Point> points = chosen(findPoints());
   ASSERT_TRUE(waitUntil([&] {
-    const size_t count = std::min(points.size(), kAtOnce);
+    const size_t count = std::min(points.size(), AT_ONCE);
     const std::vector<Point> some(points.end() - static_cast<ptrdiff_t>(count), points.end());
     points.resize(points.size() - count);
     const std::vector<Point> left = killAtEach(some);
@@ -218,13 +218,13 @@ TEST_P(KilledClientThatReconnects, DisturbsNobody) {
 
 class KilledClientThatFillsTheRing : public KilledClient {
  protected:
-  static constexpr unsigned kRoom = 3;
-  static constexpr size_t kType = 8;
+  static constexpr unsigned ROOM = 3;
+  static constexpr size_t TYPE = 8;
 
   void SetUp() override {
     EngineSetup setup;
-    setup.requests = kRoom;
-    setup.buildDir = engineBuildDir();
+    setup.requests = ROOM;
+    setup.build_dir = engineBuildDir();
     ASSERT_TRUE(engine_.start(setup));
     engine_.derive();
   }
@@ -235,7 +235,7 @@ class KilledClientThatFillsTheRing : public KilledClient {
     victim_ = makeVictim(GetParam(), true);
     engine_.pause();
     taken_ = engine_.taken();
-    for (unsigned i = 1; i < kRoom; ++i) {
+    for (unsigned i = 1; i < ROOM; ++i) {
       const auto id = static_cast<int32_t>(taken_ * 10 + i);
       others_.push_back(
           forkChild([id] { return arm_start(id, 0, nullptr, 0) == derivedResult(id) ? 0 : 1; }));
@@ -248,9 +248,9 @@ class KilledClientThatFillsTheRing : public KilledClient {
   void expectWholeRecords(const std::string& reference) {
     const std::vector<std::string> records = requestRecords();
     ASSERT_LE(ring_.size(), records.size());
-    ASSERT_GE(kRoom, records.size());
+    ASSERT_GE(ROOM, records.size());
     for (size_t i = 0; i < ring_.size(); ++i) EXPECT_TRUE(ring_[i] == records[i]) << i;
-    if (records.size() == kRoom) {
+    if (records.size() == ROOM) {
       EXPECT_TRUE(withoutSenderAndTime(records.back()) == reference) << "torn";
     }
     expectSoundQueues();
@@ -265,9 +265,9 @@ class KilledClientThatFillsTheRing : public KilledClient {
   }
 
   static std::string withoutSenderAndTime(std::string record) {
-    std::memset(record.data(), 0, kType);
+    std::memset(record.data(), 0, TYPE);
     int32_t type = 0;
-    std::memcpy(&type, record.data() + kType, sizeof type);
+    std::memcpy(&type, record.data() + TYPE, sizeof type);
     const size_t time = timeOffset(type);
     if (time != 0) std::memset(record.data() + time, 0, 8);
     return record;
@@ -307,7 +307,7 @@ TEST_P(ReplacedEngine, LetsAWriterEndThatDrainsTheOverflowSemaphore) {
   ASSERT_TRUE(runTo(*victim_, {"overflow wait", 1, true}));
   engine_.kill();
   EngineSetup setup;
-  setup.buildDir = engineBuildDir();
+  setup.build_dir = engineBuildDir();
   ASSERT_TRUE(engine_.start(setup));
   EXPECT_EQ(1, victim_->release()) << "its call fails";
   for (const pid_t other : others_) EXPECT_EQ(1, exitCodeOf(other));
@@ -321,7 +321,7 @@ class KilledClientThatMakesRoom : public KilledClient {};
 TEST_P(KilledClientThatMakesRoom, LeavesNoItemLost) {
   EngineSetup setup;
   setup.requesters = 2;
-  setup.buildDir = engineBuildDir();
+  setup.build_dir = engineBuildDir();
   ScriptedEngine engine;
   ASSERT_TRUE(engine.start(setup));
   engine.derive();

@@ -23,15 +23,15 @@
 namespace armtest {
 namespace {
 
-constexpr unsigned kObjects = 7;
+constexpr unsigned OBJECTS = 7;
 
 std::vector<std::string> capacity(unsigned round) {
-  static const std::vector<std::vector<std::string>> kCapacities = {
+  static const std::vector<std::vector<std::string>> CAPACITIES = {
       {"--requests", "64", "--requesters", "64"},
       {"--requests", "64", "--requesters", "64"},
       {"--requests", "8", "--requesters", "16"},
       {"--requests", "300", "--requesters", "200"}};
-  return kCapacities[round % kCapacities.size()];
+  return CAPACITIES[round % CAPACITIES.size()];
 }
 
 std::unique_ptr<EngineProcess> startEngine(unsigned round) {
@@ -84,13 +84,13 @@ class TracedEngine {
 
  private:
   /// Enough to take and answer some requests.
-  static constexpr unsigned kServingStops = 120;
+  static constexpr unsigned SERVING_STOPS = 120;
 
   void enterPhase(Phase wanted) {
     if (phase_ == Phase::start && hasPrinted()) {
       phase_ = Phase::serve;
       stops_ = 0;
-    } else if (phase_ == Phase::serve && stops_ >= kServingStops) {
+    } else if (phase_ == Phase::serve && stops_ >= SERVING_STOPS) {
       phase_ = Phase::stop;
       stops_ = 0;
       if (wanted == Phase::stop) (void)::kill(process_->process(), SIGTERM);
@@ -140,7 +140,7 @@ class KilledEngine : public testing::Test {
     engine_ = startEngine(number);
     team_.endChange();
     EXPECT_TRUE(team_.waitProgress(3));
-    EXPECT_EQ(kObjects, ipcObjects());
+    EXPECT_EQ(OBJECTS, ipcObjects());
     expectSoundQueues();
     team_.expectNoWrongAnswer();
     return reached;
@@ -148,9 +148,9 @@ class KilledEngine : public testing::Test {
 
   /// Lives differ a little in length: a phase is over when some in a row have not come so far.
   void killEverywhere(Phase phase, const char* what) {
-    constexpr unsigned kMisses = 4;
+    constexpr unsigned MISSES = 4;
     unsigned misses = 0;
-    for (unsigned number = 0; misses < kMisses && !HasFailure(); number += killEvery()) {
+    for (unsigned number = 0; misses < MISSES && !HasFailure(); number += killEvery()) {
       misses = killAt(phase, number) ? 0 : misses + 1;
     }
     tally_.print(what);
@@ -185,16 +185,16 @@ TEST_F(KilledEngine, WhileItStopsIsReplacedAndClientsGoOn) {
 
 // ---- under a client at each of its calls --------------------------------------------------------
 
-constexpr int32_t kNoHandle = 0x7ffffff0;
-constexpr int32_t kUnknownHandle = -103;
+constexpr int32_t NO_HANDLE = 0x7ffffff0;
+constexpr int32_t UNKNOWN_HANDLE = -103;
 
 int32_t callOnce() {
-  return arm_update(kNoHandle, 0, nullptr, 0);
+  return arm_update(NO_HANDLE, 0, nullptr, 0);
 }
 
 /// The steps between the calls of a client.
-constexpr const char* kFirstMark = "stat first";
-constexpr const char* kSecondMark = "stat second";
+constexpr const char* FIRST_MARK = "stat first";
+constexpr const char* SECOND_MARK = "stat second";
 
 void mark(const char* name) {
   (void)ftok(controlPath(name).c_str(), 1);
@@ -203,11 +203,11 @@ void mark(const char* name) {
 /// A client's calls: the first may fail, the others may not.
 int callThrice() {
   const int32_t first = callOnce();
-  const bool known = first == kUnknownHandle || first == -2 || first == -8 || first == -9;
+  const bool known = first == UNKNOWN_HANDLE || first == -2 || first == -8 || first == -9;
   mark("first");
   const int32_t second = callOnce();
   mark("second");
-  const bool served = second == kUnknownHandle && callOnce() == kUnknownHandle;
+  const bool served = second == UNKNOWN_HANDLE && callOnce() == UNKNOWN_HANDLE;
   return (known ? 0 : 1) + (served ? 0 : 2);
 }
 
@@ -230,7 +230,7 @@ class EngineKilledUnderAClient : public testing::TestWithParam<bool> {
 
   static std::vector<Point> findPoints() {
     const auto client = makeClient(GetParam());
-    std::vector<Point> points = pointsOf(*client, kFirstMark);
+    std::vector<Point> points = pointsOf(*client, FIRST_MARK);
     points.pop_back();
     EXPECT_EQ(0, client->release());
     return points;
@@ -244,7 +244,7 @@ class EngineKilledUnderAClient : public testing::TestWithParam<bool> {
       if (reconnected) {
         EXPECT_EQ(std::string::npos, stop->step.find("unknown")) << stop->step;
       }
-      reconnected = reconnected || stop->step == kSecondMark;
+      reconnected = reconnected || stop->step == SECOND_MARK;
     }
     EXPECT_EQ(0, client.exitCode()) << "1: the first call, 2: a later call, 3: both";
     expectSoundQueues();
@@ -276,7 +276,7 @@ TEST_P(EngineKilledUnderAClient, OrThatEndsInGoodOrderFailsOneCallAtMost) {
     ASSERT_TRUE(runTo(*client, point));
     engine_->signal(SIGTERM);
     // It needs the locks that the client may hold.
-    ASSERT_TRUE(runTo(*client, {kFirstMark, 1, true}));
+    ASSERT_TRUE(runTo(*client, {FIRST_MARK, 1, true}));
     EXPECT_EQ(0, engine_->end(SIGTERM));
     engine_ = startEngine(++round);
     expectServed(*client);

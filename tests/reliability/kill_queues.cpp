@@ -15,12 +15,12 @@ namespace armtest {
 
 namespace {
 
-constexpr size_t kRecord = 4116;
-constexpr size_t kRequestHeader = 28;
-constexpr size_t kReplyHeader = 12;
-constexpr size_t kHead = 16;
-constexpr size_t kItem = 532;
-constexpr size_t kLink = 528;
+constexpr size_t RECORD = 4116;
+constexpr size_t REQUEST_HEADER = 28;
+constexpr size_t REPLY_HEADER = 12;
+constexpr size_t HEAD = 16;
+constexpr size_t ITEM = 532;
+constexpr size_t LINK = 528;
 
 /// A segment whose lock is held for the life of the object.
 class Locked {
@@ -73,9 +73,9 @@ bool isRequestType(int32_t type) {
 /// or in another list already.
 unsigned follow(const Locked& queue, uint32_t offset, size_t first, std::vector<bool>& seen) {
   unsigned count = 0;
-  for (; offset != 0; offset = queue.read<uint32_t>(offset + kLink), ++count) {
-    const size_t index = (offset - first) / kItem;
-    const bool good = offset >= first && (offset - first) % kItem == 0 && index < seen.size();
+  for (; offset != 0; offset = queue.read<uint32_t>(offset + LINK), ++count) {
+    const size_t index = (offset - first) / ITEM;
+    const bool good = offset >= first && (offset - first) % ITEM == 0 && index < seen.size();
     if (!good || seen[index]) {
       ADD_FAILURE() << "offset " << offset << (good ? " is in two lists" : " is no item");
       return count;
@@ -87,13 +87,13 @@ unsigned follow(const Locked& queue, uint32_t offset, size_t first, std::vector<
 
 void expectSoundReplies() {
   const Locked queue(controlPath("ea.kelp"));
-  const size_t capacity = (queue.size() - kReplyHeader) / (kHead + kItem);
-  const size_t first = kReplyHeader + capacity * kHead;
+  const size_t capacity = (queue.size() - REPLY_HEADER) / (HEAD + ITEM);
+  const size_t first = REPLY_HEADER + capacity * HEAD;
   std::vector<bool> seen(capacity, false);
   unsigned used = 0;
   unsigned owned = 0;
   for (size_t i = 0; i < capacity; ++i) {
-    const size_t head = kReplyHeader + i * kHead;
+    const size_t head = REPLY_HEADER + i * HEAD;
     if (queue.read<int32_t>(head + 4) != -1) ++owned;
     EXPECT_LE(queue.read<uint8_t>(head), 3U) << "status of record " << i;
     used += follow(queue, queue.read<uint32_t>(head + 12), first, seen);
@@ -107,7 +107,7 @@ void expectSoundReplies() {
 
 std::vector<std::string> requestRecords() {
   const Locked queue(controlPath("ae.kelp_mem"));
-  const size_t capacity = (queue.size() - kRequestHeader) / kRecord;
+  const size_t capacity = (queue.size() - REQUEST_HEADER) / RECORD;
   const size_t count = queue.read<uint16_t>(0);
   const size_t head = queue.read<uint16_t>(2);
   const size_t tail = queue.read<uint16_t>(4);
@@ -115,7 +115,7 @@ std::vector<std::string> requestRecords() {
   EXPECT_TRUE(sound) << "count " << count << ", head " << head << ", tail " << tail;
   std::vector<std::string> records;
   for (size_t i = 0; sound && i < count; ++i) {
-    records.push_back(queue.bytes(kRequestHeader + (head + i) % capacity * kRecord, kRecord));
+    records.push_back(queue.bytes(REQUEST_HEADER + (head + i) % capacity * RECORD, RECORD));
   }
   return records;
 }

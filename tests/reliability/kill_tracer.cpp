@@ -19,8 +19,8 @@ namespace armtest {
 
 namespace {
 
-constexpr int kSystemCall = SIGTRAP | 0x80;
-constexpr unsigned kOptions =
+constexpr int SYSTEM_CALL = SIGTRAP | 0x80;
+constexpr unsigned OPTIONS =
     PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL | PTRACE_O_TRACECLONE | PTRACE_O_TRACEEXEC;
 
 /// A system call as it stands in the registers.
@@ -152,12 +152,12 @@ const char* nameOfSet(int set) {
     const char* file;
     int project;
   };
-  static const Named kSets[] = {{"requests", "ae.kelp_mem", 1},
-                                {"empty", "ae.kelp_emp", 1},
-                                {"overflow", "ae.kelp_ovr", 1},
-                                {"replies", "ea.kelp", 1},
-                                {"wake", "ea.kelp", 3}};
-  for (const Named& one : kSets) {
+  static const Named SETS[] = {{"requests", "ae.kelp_mem", 1},
+                               {"empty", "ae.kelp_emp", 1},
+                               {"overflow", "ae.kelp_ovr", 1},
+                               {"replies", "ea.kelp", 1},
+                               {"wake", "ea.kelp", 3}};
+  for (const Named& one : SETS) {
     if (setAt(controlPath(one.file), one.project) == set) return one.name;
   }
   return "unknown";
@@ -170,8 +170,8 @@ std::string nameOfOperation(const sembuf& first) {
 }
 
 std::string nameOfCommand(int command) {
-  constexpr int kWide = 0x100;
-  switch (command & ~kWide) {
+  constexpr int WIDE = 0x100;
+  switch (command & ~WIDE) {
     case IPC_RMID:
       return "remove";
     case IPC_STAT:
@@ -234,7 +234,7 @@ TracedProcess::TracedProcess(const std::function<void()>& prepare, const std::fu
   int status = 0;
   EXPECT_EQ(process_, waitpid(process_, &status, 0));
   EXPECT_TRUE(WIFSTOPPED(status)) << "not prepared: " << status;
-  EXPECT_EQ(0, ptrace(PTRACE_SETOPTIONS, process_, nullptr, kOptions));
+  EXPECT_EQ(0, ptrace(PTRACE_SETOPTIONS, process_, nullptr, OPTIONS));
   threads_[process_] = {};
 }
 
@@ -268,7 +268,7 @@ bool TracedProcess::takeEvent(pid_t* id, int* status) {
 /// What a stopped thread has stopped at; nothing when it is of no interest.
 std::optional<Stop> TracedProcess::stopOf(pid_t id, Thread& thread, int status) {
   const int signal = WSTOPSIG(status);
-  if (signal != kSystemCall) {
+  if (signal != SYSTEM_CALL) {
     // A new thread begins with a stop, and events are no signals to it.
     if (signal != SIGSTOP && signal != SIGTRAP) thread.signal = signal;
     return std::nullopt;

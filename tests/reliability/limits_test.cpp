@@ -32,16 +32,16 @@
 namespace armtest {
 namespace {
 
-constexpr const char* kRequestName = "/var/kelp/controls_ae.kelp";
-constexpr const char* kReplyName = "/var/kelp/controls_ea.kelp";
-constexpr const char* kLogDirectory = "/var/orv/kestra/common/QDN/logs";
-constexpr const char* kProperties = "/etc/orv/kestra/common/cfg/log.properties";
+constexpr const char* REQUEST_NAME = "/var/kelp/controls_ae.kelp";
+constexpr const char* REPLY_NAME = "/var/kelp/controls_ea.kelp";
+constexpr const char* LOG_DIRECTORY = "/var/orv/kestra/common/QDN/logs";
+constexpr const char* PROPERTIES = "/etc/orv/kestra/common/cfg/log.properties";
 
 const std::vector<std::string>& namePaths() {
-  static const std::vector<std::string> all = {std::string(kRequestName) + "_mem",
-                                               std::string(kRequestName) + "_emp",
-                                               std::string(kRequestName) + "_ovr", kReplyName};
-  return all;
+  static const std::vector<std::string> ALL = {std::string(REQUEST_NAME) + "_mem",
+                                               std::string(REQUEST_NAME) + "_emp",
+                                               std::string(REQUEST_NAME) + "_ovr", REPLY_NAME};
+  return ALL;
 }
 
 bool writeText(const char* path, const std::string& text) {
@@ -104,7 +104,7 @@ using Limits = Calls;
 
 // ---- kernel.sem and kernel.shm* -----------------------------------------------------------------
 
-constexpr const char* kDefaultSem = "32000 1024000000 500 32000";
+constexpr const char* DEFAULT_SEM = "32000 1024000000 500 32000";
 
 bool setLimit(const char* name, const std::string& value) {
   return writeText((std::string("/proc/sys/kernel/") + name).c_str(), value);
@@ -113,12 +113,12 @@ bool setLimit(const char* name, const std::string& value) {
 /// Makes the limits of this process's IPC namespace writable: root of the machine may write them in
 /// any namespace, anybody in one of a user namespace in which he is root.
 bool mayLimit() {
-  if (setLimit("sem", kDefaultSem)) return true;
+  if (setLimit("sem", DEFAULT_SEM)) return true;
   const std::string user = "0 " + std::to_string(geteuid()) + " 1";
   const std::string group = "0 " + std::to_string(getegid()) + " 1";
   return unshare(CLONE_NEWUSER | CLONE_NEWIPC) == 0 && writeText("/proc/self/setgroups", "deny") &&
          writeText("/proc/self/uid_map", user) && writeText("/proc/self/gid_map", group) &&
-         setLimit("sem", kDefaultSem);
+         setLimit("sem", DEFAULT_SEM);
 }
 
 /// Runs a body with an engine of its own where limits can be set.
@@ -127,7 +127,7 @@ void withLimits(const std::function<void(ScriptedEngine&)>& body) {
     ASSERT_TRUE(mayLimit()) << "the limits of this namespace cannot be set";
     ScriptedEngine engine;
     body(engine);
-    EXPECT_TRUE(setLimit("sem", kDefaultSem));
+    EXPECT_TRUE(setLimit("sem", DEFAULT_SEM));
   });
 }
 
@@ -138,7 +138,7 @@ TEST(KernelLimits, OfOneOperationPerSemopFailCallsUntilItIsRaised) {
     for (int round = 0; round < 3; ++round) {
       ASSERT_TRUE(setLimit("sem", "32000 1024000000 1 32000"));
       EXPECT_EQ(0, callsOtherThan(-9));
-      ASSERT_TRUE(setLimit("sem", kDefaultSem));
+      ASSERT_TRUE(setLimit("sem", DEFAULT_SEM));
       EXPECT_EQ(0, wrongCalls());
     }
   });
@@ -165,14 +165,14 @@ TEST(KernelLimits, ThatKeepAnEngineFromStartingLeaveMinus2) {
   withLimits([](ScriptedEngine&) {
     const struct {
       const char* name;
-      const char* tooLow;
+      const char* too_low;
       const char* enough;
-    } limits[] = {{"sem", "32000 32000 500 3", kDefaultSem},
+    } limits[] = {{"sem", "32000 32000 500 3", DEFAULT_SEM},
                   {"shmmni", "0", "4096"},
                   {"shmmax", "100", "18446744073692774399"}};
     const std::string engine = ARM_BUILD_DIR "/bin/armengine";
     for (const auto& limit : limits) {
-      ASSERT_TRUE(setLimit(limit.name, limit.tooLow));
+      ASSERT_TRUE(setLimit(limit.name, limit.too_low));
       const pid_t process = forkChild([&engine] {
         dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
         execl(engine.c_str(), engine.c_str(), nullptr);
@@ -242,7 +242,7 @@ struct RoomTest {
   bool succeeded = false;
 
   template <typename Call, typename Expected>
-  void run(Call&& call, int32_t success, Expected&& isExpectedFailure) {
+  void run(Call&& call, int32_t success, Expected&& is_expected_failure) {
     touchStack();
     const rlim_t used = addressSpaceInUse();
     limitAddressSpace(used);
@@ -252,7 +252,7 @@ struct RoomTest {
       const int32_t result = call();
       succeeded = result == success;
       if (!succeeded) ++failed;
-      if (!succeeded && !isExpectedFailure(result)) ++unexpected;
+      if (!succeeded && !is_expected_failure(result)) ++unexpected;
     }
     limitAddressSpace(RLIM_INFINITY);
     EXPECT_TRUE(succeeded);
@@ -265,7 +265,7 @@ struct RoomTest {
 TEST_F(Limits, OfTheAddressSpaceFailTheFirstCallUntilThereIsRoom) {
   EngineSetup setup;
   setup.requests = 256;
-  ASSERT_TRUE(engine.start(setup));
+  ASSERT_TRUE(engine_.start(setup));
   inAProcess([] {
     RoomTest().run([] { return arm_start(5, 0, nullptr, 0); }, 103,
                    [](int32_t result) { return result == -2; });
@@ -280,7 +280,7 @@ void readTableOfCodesets() {
 }
 
 TEST_F(Limits, OfTheAddressSpaceFailConversionsUntilThereIsRoomButNoMeasurement) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   inAProcess([] {
     readTableOfCodesets();
     ASSERT_EQ(103, arm_start(5, 0, nullptr, 0));
@@ -298,7 +298,7 @@ TEST_F(Limits, OfTheAddressSpaceFailConversionsUntilThereIsRoomButNoMeasurement)
 }
 
 TEST_F(Limits, OfTheAddressSpaceFailRegistrationsUntilThereIsRoom) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   traceInBasicFormat();
   inAProcess([] {
     // Lost is what cannot be converted: a name is then empty, a user refuses the call.
@@ -317,7 +317,7 @@ void leaveOneBlock(size_t size) {
 }
 
 TEST_F(Limits, OfTheAddressSpaceGiveAnEmptyUserForTheLoginName) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   ASSERT_EQ(0, SetExpectedCodeset("UTF-8"));
   ASSERT_EQ(101, w_ArmInit(0, "application", "user", 0, nullptr, 0));
   unsigned rounds = 0;
@@ -327,7 +327,7 @@ TEST_F(Limits, OfTheAddressSpaceGiveAnEmptyUserForTheLoginName) {
                 return w_ArmInit(0, "application", "*", 0, nullptr, 0) == 101 ? 0 : 1;
               })))
         << size;
-    EXPECT_EQ("", textAt(engine.last(), 140, 128)) << size;
+    EXPECT_EQ("", textAt(engine_.last(), 140, 128)) << size;
     ++rounds;
   }
   counted("login names looked up without memory", rounds);
@@ -342,7 +342,7 @@ void leaveDescriptors(rlim_t count) {
 }
 
 TEST_F(Limits, OfDescriptorsChangeNoResult) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   for (const rlim_t free : {rlim_t{0}, rlim_t{1}, rlim_t{2}}) {
     for (const bool tracing : {false, true}) {
       inAProcess([&] {
@@ -364,7 +364,7 @@ TEST_F(Limits, OfDescriptorsChangeNoResult) {
 // ---- disk ---------------------------------------------------------------------------------------
 
 void logInto(const std::string& directory) {
-  ASSERT_TRUE(writeText(kProperties, "kestra_common_dir=" + directory + "\n"));
+  ASSERT_TRUE(writeText(PROPERTIES, "kestra_common_dir=" + directory + "\n"));
 }
 
 TEST_F(Limits, OfTheDiskCutTheTraceAndChangeNoResult) {
@@ -372,7 +372,7 @@ TEST_F(Limits, OfTheDiskCutTheTraceAndChangeNoResult) {
   ASSERT_EQ(0, mkdir("/var/small/QDN/logs", 0755));
   logInto("/var/small");
   traceInBasicFormat();
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   const std::string trace = "/var/small/QDN/logs/trace-armdebug.log";
   EXPECT_EQ("", outputOf([&] {
               for (int round = 0; round < 20; ++round) EXPECT_EQ(0, wrongCalls());
@@ -486,9 +486,9 @@ TEST(Permissions, ThatAreTakenAwayAreMinus2) {
 // ---- log directory and trace file ---------------------------------------------------------------
 
 const std::string& complaint() {
-  static const std::string text = "Failed to open trace file [" + std::string(TRACE_FILE) +
+  static const std::string TEXT = "Failed to open trace file [" + std::string(TRACE_FILE) +
                                   "], make sure that subdirectory exists\n";
-  return text;
+  return TEXT;
 }
 
 class TraceTarget : public CallsWithEngine {
@@ -504,24 +504,24 @@ class TraceTarget : public CallsWithEngine {
 };
 
 TEST_F(TraceTarget, DirectoryThatIsAFileIsReportedOnce) {
-  ASSERT_EQ(0, rmdir(kLogDirectory));
-  ASSERT_TRUE(writeText(kLogDirectory, "mine"));
+  ASSERT_EQ(0, rmdir(LOG_DIRECTORY));
+  ASSERT_TRUE(writeText(LOG_DIRECTORY, "mine"));
   expectCallsPrinting(complaint());
   expectCallsPrinting("");
-  EXPECT_EQ(4, sizeOf(kLogDirectory));
+  EXPECT_EQ(4, sizeOf(LOG_DIRECTORY));
   counted("log directory or trace file that cannot be used", 1);
 }
 
 TEST_F(TraceTarget, DirectoryThatIsADanglingLinkIsReportedOnce) {
-  ASSERT_EQ(0, rmdir(kLogDirectory));
-  ASSERT_EQ(0, symlink("/tmp/nowhere", kLogDirectory));
+  ASSERT_EQ(0, rmdir(LOG_DIRECTORY));
+  ASSERT_EQ(0, symlink("/tmp/nowhere", LOG_DIRECTORY));
   expectCallsPrinting(complaint());
   EXPECT_EQ(-1, sizeOf("/tmp/nowhere"));
   counted("log directory or trace file that cannot be used", 1);
 }
 
 TEST_F(TraceTarget, DirectoryThatCannotBeWrittenIsReportedOnce) {
-  ASSERT_EQ(0, chmod(kLogDirectory, 0555));
+  ASSERT_EQ(0, chmod(LOG_DIRECTORY, 0555));
   expectCallsPrinting(complaint());
   counted("log directory or trace file that cannot be used", 1);
 }
@@ -617,8 +617,8 @@ class Properties : public TraceTarget {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 
 TEST_F(Properties, OfAGigabyteWithoutTheKeyGiveTheDefault) {
-  ASSERT_TRUE(writeText(kProperties, ""));
-  ASSERT_EQ(0, truncate(kProperties, 1L << 30));
+  ASSERT_TRUE(writeText(PROPERTIES, ""));
+  ASSERT_EQ(0, truncate(PROPERTIES, 1L << 30));
   expectDefault();
   counted("properties of a gigabyte, NULs, 5,000 characters, a directory, a pipe, a dangling link",
           1);
@@ -627,28 +627,28 @@ TEST_F(Properties, OfAGigabyteWithoutTheKeyGiveTheDefault) {
 #endif
 
 TEST_F(Properties, OfNulsGiveTheDefault) {
-  ASSERT_TRUE(writeText(kProperties, std::string(100000, '\0')));
+  ASSERT_TRUE(writeText(PROPERTIES, std::string(100000, '\0')));
   expectDefault();
   counted("properties of a gigabyte, NULs, 5,000 characters, a directory, a pipe, a dangling link",
           1);
 }
 
 TEST_F(Properties, ThatAreADirectoryGiveTheDefault) {
-  ASSERT_EQ(0, mkdir(kProperties, 0755));
+  ASSERT_EQ(0, mkdir(PROPERTIES, 0755));
   expectDefault();
   counted("properties of a gigabyte, NULs, 5,000 characters, a directory, a pipe, a dangling link",
           1);
 }
 
 TEST_F(Properties, ThatAreAPipeGiveTheDefault) {
-  ASSERT_EQ(0, mkfifo(kProperties, 0644));
+  ASSERT_EQ(0, mkfifo(PROPERTIES, 0644));
   expectDefault();
   counted("properties of a gigabyte, NULs, 5,000 characters, a directory, a pipe, a dangling link",
           1);
 }
 
 TEST_F(Properties, ThatAreADanglingLinkGiveTheDefault) {
-  ASSERT_EQ(0, symlink("/nowhere", kProperties));
+  ASSERT_EQ(0, symlink("/nowhere", PROPERTIES));
   expectDefault();
   counted("properties of a gigabyte, NULs, 5,000 characters, a directory, a pipe, a dangling link",
           1);

@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr unsigned kSegmentsOfACopy = 2;
+constexpr unsigned SEGMENTS_OF_A_COPY = 2;
 
 bool bothAnswer(const armtest::ArmCalls& one, const armtest::ArmCalls& other) {
   std::atomic<int> wrong{0};
@@ -54,7 +54,7 @@ int main(int argc, char** argv) {
     const char outcome = bothAnswer(one, other) ? 'r' : 'w';
     if (write(STDOUT_FILENO, &outcome, 1) != 1) return 96;
   } while (read(STDIN_FILENO, &byte, 1) == 1);
-  if (armtest::segmentsAttached() != 2 * kSegmentsOfACopy) return 1;
+  if (armtest::segmentsAttached() != 2 * SEGMENTS_OF_A_COPY) return 1;
   (void)dlclose(second);
   return armtest::wrongAnswersOfEveryCall(one, 9);
 }

@@ -24,7 +24,7 @@ namespace {
 
 armtest::ArmCalls arm = {};
 const char* place = "";
-bool engineKilled = false;
+bool engine_killed = false;
 
 bool isPlace(const char* name) {
   return std::strcmp(place, name) == 0;
@@ -35,8 +35,8 @@ void callHere(const char* name) {
   if (!isPlace(name)) return;
   int wrong = 0;
   for (int id = 1; id < 4; ++id) {
-    wrong += engineKilled ? armtest::wrongResultsWithoutAnEngine(arm)
-                          : armtest::wrongAnswersOfEveryCall(arm, id * 1000);
+    wrong += engine_killed ? armtest::wrongResultsWithoutAnEngine(arm)
+                           : armtest::wrongAnswersOfEveryCall(arm, id * 1000);
   }
   _exit(100 + wrong);
 }
@@ -50,15 +50,15 @@ void registerEarliest() {
   (void)atexit(whenEarliestHandlerRuns);
 }
 
-__attribute__((section(".preinit_array"), used)) void (*const preinit)() = registerEarliest;
+__attribute__((section(".preinit_array"), used)) void (*const PREINIT)() = registerEarliest;
 
 struct CallsInDestructor {
   const char* name;
   ~CallsInDestructor() { callHere(name); }
 };
 
-CallsInDestructor staticObject{"static-destructor"};
-thread_local CallsInDestructor threadObject{"thread-destructor"};
+CallsInDestructor static_object{"static-destructor"};
+thread_local CallsInDestructor thread_object{"thread-destructor"};
 
 __attribute__((destructor)) void destructorFunction() {
   callHere("destructor-function");
@@ -103,8 +103,8 @@ bool hasLostItsCreator(const char* name) {
 /// Waits until the death of the engine can be seen, by those who look at it; nobody has called
 /// then.
 bool killEngine(pid_t engine) {
-  engineKilled = kill(engine, SIGKILL) == 0;
-  for (int i = 0; engineKilled && i < 20000; ++i) {
+  engine_killed = kill(engine, SIGKILL) == 0;
+  for (int i = 0; engine_killed && i < 20000; ++i) {
     if (hasLostItsCreator("/var/kelp/controls_ae.kelp_mem") &&
         hasLostItsCreator("/var/kelp/controls_ea.kelp")) {
       return true;
@@ -123,7 +123,7 @@ int main(int argc, char** argv) {
   load();
   (void)atexit(whenHandlerRuns);
   // Makes the thread's object, and has its destructor registered.
-  if (threadObject.name == nullptr) return 98;
+  if (thread_object.name == nullptr) return 98;
   if (armtest::wrongAnswersOfEveryCall(arm, 7000) != 0) return 97;
   if (argc == 3 && !killEngine(static_cast<pid_t>(std::atoi(argv[2])))) return 96;
   if (isPlace("calling-threads")) {

@@ -39,27 +39,27 @@ std::atomic<bool> slowly{false};
 // An attempt to open the connection begins with the key of this name.
 extern "C" key_t ftok(const char* path, int project) __THROW;
 extern "C" key_t ftok(const char* path, int project) __THROW {
-  static auto* const real = armtest::nextCall<key_t(const char*, int)>("ftok");
+  static auto* const REAL = armtest::nextCall<key_t(const char*, int)>("ftok");
   if (std::strcmp(path, "/var/kelp/controls_ae.kelp_ovr") == 0) {
     openings.fetch_add(1);
     // Long enough for all others to come in, if nothing keeps them out.
     if (slowly.load()) usleep(50000);
   }
-  return real(path, project);
+  return REAL(path, project);
 }
 
 namespace armtest {
 namespace {
 
-constexpr const char* kLibrary = ARM_BUILD_DIR "/lib/libarm.so";
-constexpr unsigned kShortRounds = 600;
-constexpr unsigned kWarmUp = 20;
-constexpr unsigned kEveryCall = 16;
+constexpr const char* LIBRARY = ARM_BUILD_DIR "/lib/libarm.so";
+constexpr unsigned SHORT_ROUNDS = 600;
+constexpr unsigned WARM_UP = 20;
+constexpr unsigned EVERY_CALL = 16;
 
 unsigned rounds() {
   const char* text = getenv("ARM_LOAD_ROUNDS");
   const unsigned long count = text != nullptr ? strtoul(text, nullptr, 10) : 0;
-  return count > kWarmUp ? static_cast<unsigned>(count) : kShortRounds;
+  return count > WARM_UP ? static_cast<unsigned>(count) : SHORT_ROUNDS;
 }
 
 /// Thread-local keys that the process could still make.
@@ -125,11 +125,11 @@ void expectSame(const Footprint& before, const Footprint& after) {
 class Loads : public testing::Test {
  protected:
   void startEngine() {
-    ASSERT_TRUE(engine.start());
-    engine.derive();
+    ASSERT_TRUE(engine_.start());
+    engine_.derive();
   }
 
-  ScriptedEngine engine;
+  ScriptedEngine engine_;
 };
 
 TEST_F(Loads, RoundsWithCallsLeaveNoGrowth) {
@@ -138,8 +138,8 @@ TEST_F(Loads, RoundsWithCallsLeaveNoGrowth) {
   Footprint before;
   unsigned wrong = 0;
   for (unsigned round = 0; round < rounds(); ++round) {
-    if (round == kWarmUp) before = takeFootprint();
-    void* library = dlopen(kLibrary, RTLD_NOW | RTLD_LOCAL);
+    if (round == WARM_UP) before = takeFootprint();
+    void* library = dlopen(LIBRARY, RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(nullptr, library) << dlerror();
     wrong += static_cast<unsigned>(
         wrongAnswersOfEveryCall(loadedCalls(library), static_cast<int32_t>(1 + round)));
@@ -161,12 +161,12 @@ TEST_F(Loads, RoundsWithoutCallsKeepTheLibraryGuarded) {
   startEngine();
   const unsigned keys = freeKeys();
   for (unsigned round = 0; round < rounds(); ++round) {
-    void* library = dlopen(kLibrary, RTLD_NOW | RTLD_LOCAL);
+    void* library = dlopen(LIBRARY, RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(nullptr, library) << dlerror();
     ASSERT_EQ(0, dlclose(library));
   }
   EXPECT_EQ(2U, keys - freeKeys());
-  const ArmCalls arm = loadedCalls(dlopen(kLibrary, RTLD_NOW));
+  const ArmCalls arm = loadedCalls(dlopen(LIBRARY, RTLD_NOW));
   slowly.store(true);
   std::vector<std::thread> threads;
   std::atomic<int> wrong{0};
@@ -190,11 +190,11 @@ TEST_F(Loads, InAProcessWithoutAFreeKeyCallsStillWork) {
   pthread_key_t key = 0;
   while (pthread_key_create(&key, nullptr) == 0) {
   }
-  const ArmCalls arm = loadedCalls(dlopen(kLibrary, RTLD_NOW));
+  const ArmCalls arm = loadedCalls(dlopen(LIBRARY, RTLD_NOW));
   std::atomic<unsigned> calls{0};
   for (int32_t round = 0; round < 3; ++round) {
     EXPECT_EQ(0, wrongAnswersOfEveryCall(arm, 1 + round));
-    calls.fetch_add(kEveryCall);
+    calls.fetch_add(EVERY_CALL);
     std::vector<std::thread> threads;
     std::atomic<int> wrong{0};
     for (int32_t thread = 0; thread < 4; ++thread) {
@@ -208,7 +208,7 @@ TEST_F(Loads, InAProcessWithoutAFreeKeyCallsStillWork) {
     }
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(0, wrong.load());
-    engine.kill();
+    engine_.kill();
     EXPECT_EQ(-2, arm.start(1, 0, nullptr, 0));
     startEngine();
   }
@@ -229,23 +229,23 @@ int runClient(const char* program, const char* place, pid_t engine = 0) {
   }));
 }
 
-constexpr const char* kPrograms[] = {"load_exit_linked", "load_exit_opened"};
-constexpr const char* kPlaces[] = {"atexit",
-                                   "atexit-before-loading",
-                                   "static-destructor",
-                                   "thread-destructor",
-                                   "destructor-function",
-                                   "earliest-atexit"};
+constexpr const char* PROGRAMS[] = {"load_exit_linked", "load_exit_opened"};
+constexpr const char* PLACES[] = {"atexit",
+                                  "atexit-before-loading",
+                                  "static-destructor",
+                                  "thread-destructor",
+                                  "destructor-function",
+                                  "earliest-atexit"};
 
 TEST_F(Loads, CallsWhileTheProcessEndsAreAnswered) {
   startEngine();
   unsigned ends = 0;
   for (const char* tracing : {"", "1"}) {
     if (*tracing != '\0') setenv("ARMDEBUG", tracing, 1);
-    for (const char* program : kPrograms) {
-      for (const char* place : kPlaces) {
+    for (const char* program : PROGRAMS) {
+      for (const char* place : PLACES) {
         EXPECT_EQ(100, runClient(program, place)) << program << ", " << place;
-        (void)engine.reclaim();
+        (void)engine_.reclaim();
         ++ends;
       }
       EXPECT_EQ(0, runClient(program, "nowhere")) << program;
@@ -258,11 +258,11 @@ TEST_F(Loads, CallsWhileTheProcessEndsSeeThatTheEngineHasDied) {
   unsigned ends = 0;
   for (const char* tracing : {"", "1"}) {
     if (*tracing != '\0') setenv("ARMDEBUG", tracing, 1);
-    for (const char* program : kPrograms) {
-      for (const char* place : kPlaces) {
+    for (const char* program : PROGRAMS) {
+      for (const char* place : PLACES) {
         startEngine();
-        EXPECT_EQ(100, runClient(program, place, engine.process())) << program << ", " << place;
-        engine.kill();
+        EXPECT_EQ(100, runClient(program, place, engine_.process())) << program << ", " << place;
+        engine_.kill();
         ++ends;
       }
     }
@@ -277,9 +277,9 @@ TEST_F(Loads, ProcessEndsWhileItsThreadsAreCalling) {
   unsigned ends = 0;
   startEngine();
   for (int round = 0; round < 20; ++round) {
-    for (const char* program : kPrograms) {
+    for (const char* program : PROGRAMS) {
       EXPECT_EQ(100, runClient(program, "calling-threads")) << program;
-      (void)engine.reclaim();
+      (void)engine_.reclaim();
       ++ends;
     }
   }
@@ -304,7 +304,7 @@ class CopiesProgram {
       for (const int end : {toProgram_[0], toProgram_[1], fromProgram_[0], fromProgram_[1]}) {
         close(end);
       }
-      execl(ARM_BUILD_DIR "/bin/load_copies_client", "load_copies_client", kLibrary, nullptr);
+      execl(ARM_BUILD_DIR "/bin/load_copies_client", "load_copies_client", LIBRARY, nullptr);
       return 127;
     });
     close(toProgram_[0]);
@@ -336,7 +336,7 @@ TEST_F(Loads, TwoCopiesServeTheSameThreads) {
   CopiesProgram program;
   EXPECT_EQ('r', program.roundEnds());
   for (int round = 0; round < 5; ++round) {
-    engine.kill();
+    engine_.kill();
     startEngine();
     program.nextRound();
     EXPECT_EQ('r', program.roundEnds()) << "round " << round;
@@ -351,37 +351,37 @@ TEST_F(Loads, TwoCopiesServeTheSameThreads) {
 class HostKeys {
  public:
   HostKeys() {
-    for (size_t i = 0; i < kKeys; ++i) values_[i].assign(kSize, pattern(i));
+    for (size_t i = 0; i < KEYS; ++i) values_[i].assign(SIZE, pattern(i));
     pthread_key_t last = 0;
-    while (last < kKeys) EXPECT_EQ(0, pthread_key_create(&last, nullptr));
+    while (last < KEYS) EXPECT_EQ(0, pthread_key_create(&last, nullptr));
   }
   void setInThisThread() {
-    for (pthread_key_t i = 0; i < kKeys; ++i) {
+    for (pthread_key_t i = 0; i < KEYS; ++i) {
       EXPECT_EQ(0, pthread_setspecific(i, values_[i].data())) << "key " << i;
     }
   }
   void expectUntouched() const {
-    for (pthread_key_t i = 0; i < kKeys; ++i) {
+    for (pthread_key_t i = 0; i < KEYS; ++i) {
       EXPECT_EQ(values_[i].data(), pthread_getspecific(i)) << "key " << i;
-      EXPECT_EQ(std::vector<unsigned char>(kSize, pattern(i)), values_[i]) << "key " << i;
+      EXPECT_EQ(std::vector<unsigned char>(SIZE, pattern(i)), values_[i]) << "key " << i;
     }
   }
   /// Before a thread ends, so that no destructor sees what is not its own.
   static void clearInThisThread() {
-    for (pthread_key_t i = 0; i < kKeys; ++i) (void)pthread_setspecific(i, nullptr);
+    for (pthread_key_t i = 0; i < KEYS; ++i) (void)pthread_setspecific(i, nullptr);
   }
 
  private:
-  static constexpr size_t kKeys = 16;
+  static constexpr size_t KEYS = 16;
   /// More than an error record has.
-  static constexpr size_t kSize = 1024;
+  static constexpr size_t SIZE = 1024;
   static unsigned char pattern(size_t i) { return static_cast<unsigned char>(0xA0 + i); }
 
-  std::vector<unsigned char> values_[kKeys];
+  std::vector<unsigned char> values_[KEYS];
 };
 
 ArmCalls callsOfACopy() {
-  return loadedCalls(dlmopen(LM_ID_NEWLM, kLibrary, RTLD_NOW | RTLD_LOCAL));
+  return loadedCalls(dlmopen(LM_ID_NEWLM, LIBRARY, RTLD_NOW | RTLD_LOCAL));
 }
 
 class Copies : public Loads {
@@ -391,22 +391,22 @@ class Copies : public Loads {
     int wrong = arm.start(5, 0, nullptr, 0) == -2 ? 0 : 1;
     startEngine();
     wrong += wrongAnswersOfEveryCall(arm, 6);
-    engine.setRequestState(1);
+    engine_.setRequestState(1);
     wrong += arm.start(5, 0, nullptr, 0) == -9 ? 0 : 1;
-    engine.setRequestState(0);
-    engine.quit();
+    engine_.setRequestState(0);
+    engine_.quit();
     return wrong;
   }
 
-  HostKeys keys;
+  HostKeys keys_;
 };
 
 TEST_F(Copies, LeaveTheKeysOfTheLoadingThreadAlone) {
   int wrong = -1;
   std::thread([&] {
-    keys.setInThisThread();
+    keys_.setInThisThread();
     wrong = wrongResults(callsOfACopy());
-    keys.expectUntouched();
+    keys_.expectUntouched();
     HostKeys::clearInThisThread();
   }).join();
   EXPECT_EQ(0, wrong);
@@ -421,9 +421,9 @@ TEST_F(Copies, LeaveTheKeysOfOtherThreadsAlone) {
   }).join();
   int wrong = -1;
   std::thread([&] {
-    keys.setInThisThread();
+    keys_.setInThisThread();
     wrong = wrongResults(arm);
-    keys.expectUntouched();
+    keys_.expectUntouched();
     HostKeys::clearInThisThread();
   }).join();
   EXPECT_EQ(0, wrong);

@@ -19,14 +19,14 @@
 namespace armtest {
 namespace {
 
-constexpr int32_t kAnswer = 4711;
-constexpr unsigned kShortSignals = 200;
-constexpr int kExitCode = 7;
+constexpr int32_t ANSWER = 4711;
+constexpr unsigned SHORT_SIGNALS = 200;
+constexpr int EXIT_CODE = 7;
 
 unsigned signalsPerWait() {
   const char* text = getenv("ARM_SIGNALS");
   const unsigned long count = text != nullptr ? strtoul(text, nullptr, 10) : 0;
-  return count > 0 ? static_cast<unsigned>(count) : kShortSignals;
+  return count > 0 ? static_cast<unsigned>(count) : SHORT_SIGNALS;
 }
 
 /// Hand-laid queues and one call in a thread of its own.
@@ -37,16 +37,16 @@ class Scene {
   }
 
   /// Starts the thread; it calls when the scene has been prepared.
-  void begin(bool staysAfterTheCall, int cancelType) {
-    stays_ = staysAfterTheCall;
-    cancelType_ = cancelType;
+  void begin(bool stays_after_the_call, int cancel_type) {
+    stays_ = stays_after_the_call;
+    cancelType_ = cancel_type;
     if (pthread_create(&thread_, nullptr, run, this) != 0) abort();
     running_ = true;
     (void)waitUntil([this] { return word_.load() != 0; });
   }
   void call() { go_.store(true); }
   /// Links the answer before the call asks for it.
-  void answerBefore() { replies.reply(ownHead(), replyRecord(kAnswer)); }
+  void answerBefore() { replies.reply(ownHead(), replyRecord(ANSWER)); }
   size_t ownHead() { return replies.headOf(static_cast<uint32_t>(getpid()), word_.load()); }
 
   pthread_t thread() const { return thread_; }
@@ -103,7 +103,7 @@ bool sleepsForItsReply(const Scene& scene) {
 }
 
 const std::vector<Wait>& waits() {
-  static const std::vector<Wait> all = {
+  static const std::vector<Wait> ALL = {
       {"for the reply", nothing, sleepsForItsReply, [](Scene& scene) { scene.answerBefore(); }},
       {"for the lock of the request queue",
        [](Scene& scene) {
@@ -125,7 +125,7 @@ const std::vector<Wait>& waits() {
          (void)waitUntil([&] { return sleepsForItsReply(scene); });
          const size_t head = scene.ownHead();
          scene.replies.lock();
-         (void)scene.replies.linkReply(head, replyRecord(kAnswer));
+         (void)scene.replies.linkReply(head, replyRecord(ANSWER));
          scene.replies.waits.add(scene.replies.semaphore(head), 1);
        },
        [](const Scene& scene) { return zeroWaiters(scene.replies.set.id(), 0) > 0; },
@@ -137,13 +137,13 @@ const std::vector<Wait>& waits() {
        },
        [](const Scene& scene) { return zeroWaiters(scene.requests.empty.id(), 1) > 0; },
        [](Scene& scene) { scene.requests.empty.setValue(1, 0); }}};
-  return all;
+  return ALL;
 }
 
 /// Brings the call of a scene into its wait.
-void enter(Scene& scene, const Wait& wait, bool staysAfterTheCall = false,
-           int cancelType = PTHREAD_CANCEL_DEFERRED) {
-  scene.begin(staysAfterTheCall, cancelType);
+void enter(Scene& scene, const Wait& wait, bool stays_after_the_call = false,
+           int cancel_type = PTHREAD_CANCEL_DEFERRED) {
+  scene.begin(stays_after_the_call, cancel_type);
   wait.prepare(scene);
   scene.call();
   ASSERT_TRUE(waitUntil([&] { return wait.asleep(scene); })) << wait.name;
@@ -182,7 +182,7 @@ void expectStormsChangeNothing(int flags) {
     EXPECT_FALSE(scene.over());
     wait.release(scene);
     (void)scene.join();
-    EXPECT_EQ(kAnswer, scene.result());
+    EXPECT_EQ(ANSWER, scene.result());
     EXPECT_FALSE(scene.requests.locked());
     EXPECT_FALSE(scene.replies.locked());
   }
@@ -233,7 +233,7 @@ TEST(Signals, EndNothingButTheSleepOfAClosingThread) {
   scene.requests.set.setValue(1, 2);
   waits()[0].release(scene);
   (void)scene.join();
-  EXPECT_EQ(kAnswer, scene.result());
+  EXPECT_EQ(ANSWER, scene.result());
   counted("signals while a thread closes the connection", 1);
 }
 
@@ -255,7 +255,7 @@ void expectCancellationWaitsForTheEndOfTheCall(const Wait& wait, int type) {
   void* end = scene.join();
   if (type == PTHREAD_CANCEL_DEFERRED) {
     EXPECT_EQ(PTHREAD_CANCELED, end);
-    EXPECT_EQ(kAnswer, scene.result());
+    EXPECT_EQ(ANSWER, scene.result());
   } else {
     EXPECT_FALSE(scene.over());
   }
@@ -287,17 +287,17 @@ int endWhileWaiting(const Wait& wait, bool quickly) {
     enter(scene, wait);
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
     // The sanitizers would report what the waiting thread has in hand.
-    if (!quickly) exit(kExitCode);
+    if (!quickly) exit(EXIT_CODE);
 #endif
     (void)quickly;
-    return kExitCode;
+    return EXIT_CODE;
   }));
 }
 
 TEST(Exit, WhileThreadsWaitEndsTheProcess) {
   for (const Wait& wait : waits()) {
     for (const bool quickly : {false, true}) {
-      EXPECT_EQ(kExitCode, endWhileWaiting(wait, quickly)) << wait.name;
+      EXPECT_EQ(EXIT_CODE, endWhileWaiting(wait, quickly)) << wait.name;
     }
   }
   counted("exit and _exit while a thread waits", 2 * waits().size());

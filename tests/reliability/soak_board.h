@@ -8,11 +8,11 @@
 
 namespace armtest {
 
-inline constexpr unsigned kSlots = 512;
-inline constexpr unsigned kLives = 1024;
+inline constexpr unsigned SLOTS = 512;
+inline constexpr unsigned LIVES = 1024;
 
 /// Where a measuring program finds the board.
-inline constexpr int kBoardDescriptor = 3;
+inline constexpr int BOARD_DESCRIPTOR = 3;
 
 using Count = std::atomic<uint32_t>;
 static_assert(sizeof(Count) == 4 && Count::is_always_lock_free);
@@ -45,10 +45,10 @@ struct SoakBoard {
   /// Odd while engines change; twice the number of the engine that serves otherwise.
   Count epoch;
   Wrong wrong;
-  Slot slots[kSlots];
-  Life lives[kLives];
+  Slot slots[SLOTS];
+  Life lives[LIVES];
 };
 
-static_assert(sizeof(SoakBoard) == 12 + 16 + kSlots * 16 + kLives * 8);
+static_assert(sizeof(SoakBoard) == 12 + 16 + SLOTS * 16 + LIVES * 8);
 
 }  // namespace armtest

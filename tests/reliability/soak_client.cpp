@@ -27,31 +27,31 @@ namespace {
 using armtest::Slot;
 using armtest::SoakBoard;
 
-constexpr int32_t kNoEngine = -2;
-constexpr int32_t kFull = -8;
-constexpr int32_t kFailed = -9;
-constexpr int32_t kUnknownApplication = -101;
-constexpr int32_t kUnknownClass = -102;
-constexpr int32_t kUnknownHandle = -103;
+constexpr int32_t NO_ENGINE = -2;
+constexpr int32_t FULL = -8;
+constexpr int32_t FAILED = -9;
+constexpr int32_t UNKNOWN_APPLICATION = -101;
+constexpr int32_t UNKNOWN_CLASS = -102;
+constexpr int32_t UNKNOWN_HANDLE = -103;
 /// Any number that an engine gives.
-constexpr int32_t kNumber = 1;
+constexpr int32_t NUMBER = 1;
 
-constexpr int kTransactionsPerSession = 40;
-constexpr size_t kCorrelatorClass = 12;
-constexpr size_t kCorrelatorHandle = 16;
+constexpr int TRANSACTIONS_PER_SESSION = 40;
+constexpr size_t CORRELATOR_CLASS = 12;
+constexpr size_t CORRELATOR_HANDLE = 16;
 
 enum CallNumber {
-  init,
-  getid,
-  start,
-  update,
-  report,
-  progress,
-  complete,
-  end_instance,
-  metric,
-  stop,
-  end
+  INIT,
+  GETID,
+  START,
+  UPDATE,
+  REPORT,
+  PROGRESS,
+  COMPLETE,
+  END_INSTANCE,
+  METRIC,
+  STOP,
+  END
 };
 
 int32_t bigEndian(const unsigned char* bytes) {
@@ -60,7 +60,7 @@ int32_t bigEndian(const unsigned char* bytes) {
 }
 
 bool failedForWantOfAnEngine(int32_t result) {
-  return result == kNoEngine || result == kFull || result == kFailed;
+  return result == NO_ENGINE || result == FULL || result == FAILED;
 }
 
 /// One thread.
@@ -83,66 +83,66 @@ class Worker {
   bool session() {
     epoch_ = board_.epoch.load();
     int32_t application = 0;
-    if (!make(init, kNumber, application, [] { return arm_init("soak", "user", 0, nullptr, 0); }))
+    if (!make(INIT, NUMBER, application, [] { return arm_init("soak", "user", 0, nullptr, 0); }))
       return false;
-    const auto getClass = [&] { return arm_getid(application, "order", "d", 0, nullptr, 0); };
-    if (!make(getid, kNumber, class_, getClass)) return false;
-    for (int i = 0; i < kTransactionsPerSession && !isOver(); ++i) {
+    const auto get_class = [&] { return arm_getid(application, "order", "d", 0, nullptr, 0); };
+    if (!make(GETID, NUMBER, class_, get_class)) return false;
+    for (int i = 0; i < TRANSACTIONS_PER_SESSION && !isOver(); ++i) {
       if (!transaction(i)) return false;
       if (board_.epoch.load() != epoch_) return true;
     }
-    return make(end, 0, [&] { return arm_end(application, 0, nullptr, 0); }) &&
-           make(getid, kUnknownApplication, getClass);
+    return make(END, 0, [&] { return arm_end(application, 0, nullptr, 0); }) &&
+           make(GETID, UNKNOWN_APPLICATION, get_class);
   }
 
   bool transaction(int number) {
     int32_t handle = 0;
     if (!startOne(handle)) return false;
-    const auto updateIt = [&] { return arm_update(handle, 0, nullptr, 0); };
+    const auto update_it = [&] { return arm_update(handle, 0, nullptr, 0); };
     const bool goes =
-        make(update, kUnknownHandle, [] { return arm_update(0x7ffffff0, 0, nullptr, 0); }) &&
-        make(update, 0, updateIt) &&
-        make(start, kUnknownClass, [&] { return arm_start(handle, 0, nullptr, 0); }) &&
-        make(progress, 0,
+        make(UPDATE, UNKNOWN_HANDLE, [] { return arm_update(0x7ffffff0, 0, nullptr, 0); }) &&
+        make(UPDATE, 0, update_it) &&
+        make(START, UNKNOWN_CLASS, [&] { return arm_start(handle, 0, nullptr, 0); }) &&
+        make(PROGRESS, 0,
              [&] { return arm_transactionInstanceReport(handle, 0, nullptr, 0, 1, number, 0, 0); });
     if (!goes) return false;
-    const bool counted = number % 4 != 1 || finish(report, [&] {
+    const bool counted = number % 4 != 1 || finish(REPORT, [&] {
                            return arm_transactionReport(class_, 0, nullptr, 0, 1, ARM_GOOD, 1, 0);
                          });
-    if (!counted || !make(metric, 0, [&] { return arm_associateMetricData(handle, "data", 4); }))
+    if (!counted || !make(METRIC, 0, [&] { return arm_associateMetricData(handle, "data", 4); }))
       return false;
     if (number % 8 == 3 &&
-        !make(complete, 0, [&] { return arm_completeTransaction(class_, 1, 1); }))
+        !make(COMPLETE, 0, [&] { return arm_completeTransaction(class_, 1, 1); }))
       return false;
     const bool stopped =
-        number % 2 == 0 ? finish(stop, [&] { return arm_stop(handle, ARM_GOOD, 0, nullptr, 0); })
-                        : finish(end_instance, [&] {
+        number % 2 == 0 ? finish(STOP, [&] { return arm_stop(handle, ARM_GOOD, 0, nullptr, 0); })
+                        : finish(END_INSTANCE, [&] {
                             return arm_completeTransactionInstance(handle, ARM_GOOD, 0);
                           });
-    return stopped && make(update, kUnknownHandle, updateIt);
+    return stopped && make(UPDATE, UNKNOWN_HANDLE, update_it);
   }
 
   /// Starts a transaction below the last one; its correlator names the own class and the handle.
   bool startOne(int32_t& handle) {
     block_.format = ARM_DATA_FORMAT_1;
     block_.flags[0] = ARM_CorrReq_f | (has_parent_ ? ARM_CorrPar_f : 0);
-    if (!make(start, kNumber, handle, [&] { return arm_start(class_, 0, &block_, sizeof block_); }))
+    if (!make(START, NUMBER, handle, [&] { return arm_start(class_, 0, &block_, sizeof block_); }))
       return false;
     has_parent_ = true;
-    const int32_t named = bigEndian(block_.correlator.bytes + kCorrelatorClass);
-    const int32_t started = bigEndian(block_.correlator.bytes + kCorrelatorHandle);
-    if (named != class_) wrong(start, class_, named);
-    if (started != handle) wrong(start, handle, started);
+    const int32_t named = bigEndian(block_.correlator.bytes + CORRELATOR_CLASS);
+    const int32_t started = bigEndian(block_.correlator.bytes + CORRELATOR_HANDLE);
+    if (named != class_) wrong(START, class_, named);
+    if (started != handle) wrong(START, handle, started);
     return true;
   }
 
   /// A call after which the engine counts an instance.
   bool finish(CallNumber number, const std::function<int32_t()>& call) {
     // First possible: a killed program cannot say what became of its call.
-    armtest::Life& life = board_.lives[epoch_ / 2 % armtest::kLives];
+    armtest::Life& life = board_.lives[epoch_ / 2 % armtest::LIVES];
     life.possible.fetch_add(1);
     const bool changing = epoch_ % 2 != 0;
-    if (changing) board_.lives[(epoch_ / 2 + 1) % armtest::kLives].possible.fetch_add(1);
+    if (changing) board_.lives[(epoch_ / 2 + 1) % armtest::LIVES].possible.fetch_add(1);
     const bool finished = make(number, 0, call);
     if (finished && !changing) {
       life.confirmed.fetch_add(1);
@@ -162,7 +162,7 @@ class Worker {
     waitWhilePaused();
     ++made_;
     result = call();
-    const bool right = expected == kNumber ? result > 0 : result == expected;
+    const bool right = expected == NUMBER ? result > 0 : result == expected;
     if (right) {
       slot_.answered.fetch_add(1);
       return true;
@@ -170,11 +170,11 @@ class Worker {
     const uint32_t after = board_.epoch.load();
     if (after != epoch_ || after % 2 != 0) {
       // The next engine may have answered, who does not know the ids of the last one.
-      const bool known = failedForWantOfAnEngine(result) || result == kUnknownApplication ||
-                         result == kUnknownClass || result == kUnknownHandle;
+      const bool known = failedForWantOfAnEngine(result) || result == UNKNOWN_APPLICATION ||
+                         result == UNKNOWN_CLASS || result == UNKNOWN_HANDLE;
       if (!known) wrong(number, expected, result);
       slot_.disturbed.fetch_add(1);
-    } else if (result == kNoEngine) {
+    } else if (result == NO_ENGINE) {
       // Another thread closes the connection to the engine before, which it has seen dead.
       slot_.reconnecting.fetch_add(1);
     } else {
@@ -257,9 +257,9 @@ class Team {
 
   static bool haveAllAnswered(const std::vector<uint32_t>& before,
                               const std::vector<uint32_t>& now) {
-    constexpr uint32_t kWarmUp = 100;
+    constexpr uint32_t WARM_UP = 100;
     for (size_t i = 0; i < now.size(); ++i) {
-      if (now[i] - before[i] < kWarmUp) return false;
+      if (now[i] - before[i] < WARM_UP) return false;
     }
     return true;
   }
@@ -278,14 +278,14 @@ int main(int argc, char** argv) {
   const auto threads = static_cast<unsigned>(std::atoi(argv[2]));
   const auto calls = static_cast<uint32_t>(std::atoi(argv[3]));
   void* mapping = mmap(nullptr, sizeof(SoakBoard), PROT_READ | PROT_WRITE, MAP_SHARED,
-                       armtest::kBoardDescriptor, 0);
-  if (mapping == MAP_FAILED || first + threads > armtest::kSlots) return 3;
+                       armtest::BOARD_DESCRIPTOR, 0);
+  if (mapping == MAP_FAILED || first + threads > armtest::SLOTS) return 3;
   Team team(*static_cast<SoakBoard*>(mapping), first, threads, calls);
   team.join();
   if (segmentMappings() > 2) return 1;
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-  constexpr long kGrowth = 512;
-  if (team.growth() > kGrowth) return 2;
+  constexpr long GROWTH = 512;
+  if (team.growth() > GROWTH) return 2;
 #endif
   return 0;
 }

@@ -16,11 +16,11 @@ namespace armtest {
 
 const std::vector<std::string>& buildDirs() {
 #if defined(ARM_BOTH_WIDTHS)
-  static const std::vector<std::string> dirs = {ARM_BUILD_DIR, ARM_OTHER_BUILD_DIR};
+  static const std::vector<std::string> DIRS = {ARM_BUILD_DIR, ARM_OTHER_BUILD_DIR};
 #else
   static const std::vector<std::string> dirs = {ARM_BUILD_DIR, ARM_BUILD_DIR};
 #endif
-  return dirs;
+  return DIRS;
 }
 
 const std::string& engineBuildDir() {
@@ -43,17 +43,17 @@ SoakTeam::~SoakTeam() {
 unsigned SoakTeam::freeSlots(unsigned threads) const {
   for (unsigned first = 0;; first += threads) {
     const auto uses = [&](const Program& one) {
-      return one.process > 0 && one.firstSlot < first + threads &&
-             first < one.firstSlot + one.threads;
+      return one.process > 0 && one.first_slot < first + threads &&
+             first < one.first_slot + one.threads;
     };
     if (std::none_of(programs_.begin(), programs_.end(), uses)) return first;
   }
 }
 
-int SoakTeam::start(const std::string& buildDir, unsigned threads, uint32_t calls) {
+int SoakTeam::start(const std::string& build_dir, unsigned threads, uint32_t calls) {
   const unsigned first = freeSlots(threads);
   for (unsigned i = first; i < first + threads; ++i) board_->slots[i].rests.store(0);
-  const std::vector<std::string> words = {buildDir + "/bin/soak_client", std::to_string(first),
+  const std::vector<std::string> words = {build_dir + "/bin/soak_client", std::to_string(first),
                                           std::to_string(threads), std::to_string(calls)};
   std::vector<char*> arguments;
   for (const std::string& one : words) arguments.push_back(const_cast<char*>(one.c_str()));
@@ -62,7 +62,7 @@ int SoakTeam::start(const std::string& buildDir, unsigned threads, uint32_t call
   posix_spawn_file_actions_init(&actions);
   // Far away first: the number may be in use here.
   posix_spawn_file_actions_adddup2(&actions, mapping_, 100);
-  posix_spawn_file_actions_adddup2(&actions, 100, kBoardDescriptor);
+  posix_spawn_file_actions_adddup2(&actions, 100, BOARD_DESCRIPTOR);
   pid_t process = -1;
   const int error =
       posix_spawn(&process, arguments[0], &actions, nullptr, arguments.data(), environ);
@@ -107,7 +107,7 @@ bool SoakTeam::waitProgress(uint32_t answers) {
   for (size_t place = 0; place < programs_.size(); ++place) {
     if (!runs(static_cast<int>(place))) continue;
     const Program& program = programs_[place];
-    for (unsigned i = program.firstSlot; i < program.firstSlot + program.threads; ++i) {
+    for (unsigned i = program.first_slot; i < program.first_slot + program.threads; ++i) {
       goals.emplace_back(i, board_->slots[i].answered.load() + answers);
     }
   }
@@ -123,7 +123,7 @@ bool SoakTeam::waitProgress(uint32_t answers) {
 bool SoakTeam::allRest() {
   for (size_t place = 0; place < programs_.size(); ++place) {
     if (!runs(static_cast<int>(place))) continue;
-    const Slot* first = board_->slots + programs_[place].firstSlot;
+    const Slot* first = board_->slots + programs_[place].first_slot;
     const auto rests = [](const Slot& slot) { return slot.rests.load() != 0; };
     if (!std::all_of(first, first + programs_[place].threads, rests)) return false;
   }

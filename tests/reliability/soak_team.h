@@ -27,7 +27,7 @@ class SoakTeam {
 
   /// Starts a program of a build tree; the first free slots become those of its threads. Returns
   /// its place, or -1 with a failed test.
-  int start(const std::string& buildDir, unsigned threads, uint32_t calls = 0);
+  int start(const std::string& build_dir, unsigned threads, uint32_t calls = 0);
   /// Whether the program at a place still runs; one that has ended must have ended well.
   bool runs(int place);
   /// Kills the program at a place.
@@ -59,7 +59,7 @@ class SoakTeam {
  private:
   struct Program {
     pid_t process;
-    unsigned firstSlot;
+    unsigned first_slot;
     unsigned threads;
   };
 

@@ -18,17 +18,17 @@
 namespace armtest {
 namespace {
 
-constexpr unsigned kPrograms = 8;
-constexpr unsigned kThreads = 32;
-constexpr uint32_t kCallsPerThread = 400;
-constexpr uint32_t kShortForm = 20000;
+constexpr unsigned PROGRAMS = 8;
+constexpr unsigned THREADS = 32;
+constexpr uint32_t CALLS_PER_THREAD = 400;
+constexpr uint32_t SHORT_FORM = 20000;
 /// The two segments, their lock sets, the wake-up set, and the two counting semaphores.
-constexpr unsigned kObjects = 7;
+constexpr unsigned OBJECTS = 7;
 
 uint32_t wantedCalls() {
   const char* text = getenv("ARM_SOAK_CALLS");
   const unsigned long calls = text != nullptr ? strtoul(text, nullptr, 10) : 0;
-  return calls > 0 ? static_cast<uint32_t>(calls) : kShortForm;
+  return calls > 0 ? static_cast<uint32_t>(calls) : SHORT_FORM;
 }
 
 class Soak : public testing::Test {
@@ -37,7 +37,7 @@ class Soak : public testing::Test {
     engine_ =
         std::make_unique<EngineProcess>(std::vector<std::string>{"--report"}, engineBuildDir());
     ASSERT_EQ(0U, engine_->ready().find("armengine: serving ")) << engine_->ready();
-    EXPECT_EQ(kObjects, ipcObjects());
+    EXPECT_EQ(OBJECTS, ipcObjects());
     team_.endChange();
   }
 
@@ -65,7 +65,7 @@ class Soak : public testing::Test {
   /// What the engine has counted is what the clients have been told, and at most what may have
   /// been.
   void expectCounted(unsigned life) {
-    const Life& seen = team_.board().lives[life % kLives];
+    const Life& seen = team_.board().lives[life % LIVES];
     const auto words = wordsOfLine(engine_->report(), {"soak", "order"});
     const unsigned long counted = words.size() > 2 ? std::stoul(words[2]) : 0;
     EXPECT_GE(counted, seen.confirmed.load());
@@ -77,21 +77,21 @@ class Soak : public testing::Test {
   /// The first program of each width stays; the others end after their calls, and one is killed now
   /// and then.
   void keepProgramsRunning() {
-    for (unsigned place = 0; place < kPrograms; ++place) {
+    for (unsigned place = 0; place < PROGRAMS; ++place) {
       const std::string& dir = buildDirs()[place % 2];
-      const uint32_t calls = place < 2 ? 0 : kCallsPerThread;
+      const uint32_t calls = place < 2 ? 0 : CALLS_PER_THREAD;
       if (place >= started_) {
-        ASSERT_EQ(static_cast<int>(place), team_.start(dir, kThreads, calls));
+        ASSERT_EQ(static_cast<int>(place), team_.start(dir, THREADS, calls));
         ++started_;
       } else if (!team_.runs(static_cast<int>(place))) {
-        ASSERT_EQ(static_cast<int>(place), team_.start(dir, kThreads, calls));
+        ASSERT_EQ(static_cast<int>(place), team_.start(dir, THREADS, calls));
         ++renewed_;
       }
     }
   }
 
   void killAProgram() {
-    team_.kill(static_cast<int>(2 + killed_ % (kPrograms - 2)));
+    team_.kill(static_cast<int>(2 + killed_ % (PROGRAMS - 2)));
     ++killed_;
   }
 
@@ -106,12 +106,12 @@ class Soak : public testing::Test {
 
 TEST_F(Soak, EveryAnswerIsTheOwnAndNothingIsLostOrLeft) {
   const uint32_t wanted = wantedCalls();
-  const uint32_t perLife = std::max(wanted / 64, uint32_t{3000});
+  const uint32_t per_life = std::max(wanted / 64, uint32_t{3000});
   team_.beginChange();
   startEngine();
   while (team_.answered() < wanted && !HasFailure()) {
     keepProgramsRunning();
-    const uint32_t goal = team_.answered() + perLife;
+    const uint32_t goal = team_.answered() + per_life;
     EXPECT_TRUE(waitUntil([&] {
       keepProgramsRunning();
       return team_.answered() >= goal || HasFailure();
@@ -121,13 +121,13 @@ TEST_F(Soak, EveryAnswerIsTheOwnAndNothingIsLostOrLeft) {
     startEngine();
   }
   team_.finish();
-  EXPECT_EQ(kObjects, ipcObjects());
+  EXPECT_EQ(OBJECTS, ipcObjects());
   endInGoodOrder(team_.life());
   std::printf(
       "soak: %u calls answered by %u engines, each with its own answer; %u programs of %u threads "
       "started, %u killed; %lu instances counted by the engines, %lu uncertain; calls failed by a "
       "change of engines: %u, by a reconnection: %u\n",
-      team_.answered(), team_.life(), kPrograms + renewed_ + killed_, kThreads, killed_, counted_,
+      team_.answered(), team_.life(), PROGRAMS + renewed_ + killed_, THREADS, killed_, counted_,
       uncertain_, team_.disturbed(), team_.reconnecting());
   EXPECT_EQ(0U, ipcObjects());
 }

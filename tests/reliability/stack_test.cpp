@@ -51,24 +51,24 @@ extern "C" void* realloc(void* memory, size_t size) noexcept {
 namespace armtest {
 namespace {
 
-constexpr size_t kPaintedStack = 512 * 1024;
-constexpr uint8_t kPaint = 0xC7;
+constexpr size_t PAINTED_STACK = 512 * 1024;
+constexpr uint8_t PAINT = 0xC7;
 /// Left alone below the measuring function's own frame while it paints.
-constexpr size_t kUnpainted = 256;
+constexpr size_t UNPAINTED = 256;
 
 const std::string& longName() {
-  static const std::string name(3619, 'n');
-  return name;
+  static const std::string NAME(3619, 'n');
+  return NAME;
 }
 
 /// In most code sets it cannot be converted, or grows too long: that is traced.
 const std::string& unconvertibleName() {
-  static const std::string name(3619, '\xE9');
-  return name;
+  static const std::string NAME(3619, '\xE9');
+  return NAME;
 }
 
 /// What a call may need of its caller's stack: the manual page promises it.
-constexpr uint32_t kPromised = 16 * 1024;
+constexpr uint32_t PROMISED = 16 * 1024;
 
 struct MeasuredCall {
   const char* name;
@@ -82,7 +82,7 @@ uint8_t* block() {
 }
 
 const std::vector<MeasuredCall>& measuredCalls() {
-  static const std::vector<MeasuredCall> all = {
+  static const std::vector<MeasuredCall> ALL = {
       {"`arm_init`", false, [] { (void)arm_init("application", "user", 0, nullptr, 0); }},
       {"`arm_init`, user `*`", false, [] { (void)arm_init("application", "*", 0, nullptr, 0); }},
       {"`w_ArmInit`", false, [] { (void)w_ArmInit(0, "application", "user", 0, nullptr, 0); }},
@@ -108,7 +108,7 @@ const std::vector<MeasuredCall>& measuredCalls() {
       {"`SetExpectedCodeset`", false, [] { (void)SetExpectedCodeset("ISO-2022-JP"); }},
       {"`GetExpectedCodeset`", false, [] { (void)GetExpectedCodeset(); }},
   };
-  return all;
+  return ALL;
 }
 
 // ---- threads on stacks of a given size ----------------------------------------------------------
@@ -142,10 +142,10 @@ uint8_t* lowestByteOfThisStack() {
 __attribute__((noinline)) size_t depthOf(void (*call)()) {
   uint8_t* bottom = lowestByteOfThisStack() + 4096;
   auto* frame = static_cast<uint8_t*>(__builtin_frame_address(0));
-  std::memset(bottom, kPaint, static_cast<size_t>(frame - bottom) - kUnpainted);
+  std::memset(bottom, PAINT, static_cast<size_t>(frame - bottom) - UNPAINTED);
   call();
   const uint8_t* touched = bottom;
-  while (*touched == kPaint) ++touched;
+  while (*touched == PAINT) ++touched;
   return static_cast<size_t>(frame - touched);
 }
 
@@ -160,7 +160,7 @@ struct Setting {
   Connection connection;
 };
 
-constexpr Setting kSettings[] = {
+constexpr Setting SETTINGS[] = {
     {"open", Tracing::off, Connection::open},
     {"opening", Tracing::off, Connection::first},
     {"open, basic trace", Tracing::basic, Connection::open},
@@ -183,38 +183,38 @@ class Stacks : public testing::Test {
     setTracing(setting.tracing);
     if (setting.connection == Connection::first) return;
     // The registration settles the trace switch, here in another thread.
-    runOnStack(kPaintedStack, [] { (void)arm_init("application", "user", 0, nullptr, 0); });
-    runOnStack(kPaintedStack, call.call);
+    runOnStack(PAINTED_STACK, [] { (void)arm_init("application", "user", 0, nullptr, 0); });
+    runOnStack(PAINTED_STACK, call.call);
     if (setting.connection != Connection::restarted) return;
-    board->step.store(1);
-    (void)waitUntil([this] { return board->step.load() == 2; });
+    board_->step.store(1);
+    (void)waitUntil([this] { return board_->step.load() == 2; });
   }
 
   /// Makes one call in a thread of a process of its own.
   void callInAProcess(const Setting& setting, const MeasuredCall& call, size_t stack,
                       const std::function<void()>& body) {
-    board->step.store(0);
+    board_->step.store(0);
     const pid_t process = forkChild([&] {
       prepare(setting, call);
       runOnStack(stack, body);
       return 0;
     });
     if (setting.connection == Connection::restarted) {
-      EXPECT_TRUE(waitUntil([this] { return board->step.load() == 1; }));
-      engine.kill();
-      EXPECT_TRUE(engine.start());
-      board->step.store(2);
+      EXPECT_TRUE(waitUntil([this] { return board_->step.load() == 1; }));
+      engine_.kill();
+      EXPECT_TRUE(engine_.start());
+      board_->step.store(2);
     }
     EXPECT_EQ(0, exitCodeOf(process)) << call.name << ", " << setting.name;
-    (void)engine.reclaim();
+    (void)engine_.reclaim();
   }
 
   uint32_t measure(const Setting& setting, const MeasuredCall& call) {
-    board->depth.store(0);
-    callInAProcess(setting, call, kPaintedStack,
-                   [&] { board->depth.store(static_cast<uint32_t>(depthOf(call.call))); });
-    EXPECT_LT(0U, board->depth.load());
-    return board->depth.load();
+    board_->depth.store(0);
+    callInAProcess(setting, call, PAINTED_STACK,
+                   [&] { board_->depth.store(static_cast<uint32_t>(depthOf(call.call))); });
+    EXPECT_LT(0U, board_->depth.load());
+    return board_->depth.load();
   }
 
   struct Board {
@@ -222,8 +222,8 @@ class Stacks : public testing::Test {
     std::atomic<int> step;
   };
 
-  ScriptedEngine engine;
-  Shared<Board> board;
+  ScriptedEngine engine_;
+  Shared<Board> board_;
 };
 
 /// A call of a process whose tracing was not settled by a registration does not trace.
@@ -234,20 +234,20 @@ bool applies(const Setting& setting, const MeasuredCall& call) {
 
 TEST_F(Stacks, OfAnyCallAreWithinThePromised16Kilobytes) {
   uint32_t deepest = 0;
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   std::printf("| call |");
-  for (const Setting& setting : kSettings) std::printf(" %s |", setting.name);
+  for (const Setting& setting : SETTINGS) std::printf(" %s |", setting.name);
   std::printf("\n");
   for (const MeasuredCall& call : measuredCalls()) {
     std::printf("| %s |", call.name);
-    for (const Setting& setting : kSettings) {
+    for (const Setting& setting : SETTINGS) {
       if (!applies(setting, call)) {
         std::printf(" |");
         continue;
       }
       const uint32_t depth = measure(setting, call);
       std::printf(" %u |", depth);
-      EXPECT_GE(kPromised, depth) << call.name << ", " << setting.name;
+      EXPECT_GE(PROMISED, depth) << call.name << ", " << setting.name;
       deepest = std::max(deepest, depth);
     }
     std::printf("\n");
@@ -258,38 +258,38 @@ TEST_F(Stacks, OfAnyCallAreWithinThePromised16Kilobytes) {
 // ---- code sets ----------------------------------------------------------------------------------
 
 /// Whose converters keep much state, read tables or are made of others, and some plain ones.
-constexpr const char* kCodesets[] = {"UTF-8",
-                                     "US-ASCII",
-                                     "ISO-8859-1",
-                                     "windows-1252",
-                                     "ISO-2022-JP",
-                                     "ISO-2022-JP-2",
-                                     "ISO-2022-KR",
-                                     "GB18030",
-                                     "GBK",
-                                     "ISO-2022-CN",
-                                     "HZ-GB-2312",
-                                     "Big5-HKSCS",
-                                     "Shift_JIS",
-                                     "EUC-JP",
-                                     "EUC-KR",
-                                     "EUC-TW",
-                                     "UTF-7",
-                                     "UTF-16",
-                                     "UTF-16BE",
-                                     "UTF-16LE",
-                                     "UTF-32",
-                                     "CESU-8",
-                                     "SCSU",
-                                     "BOCU-1",
-                                     "LMBCS-1",
-                                     "ibm-1390",
-                                     "ibm-37",
-                                     "IMAP-mailbox-name",
-                                     "TIS-620",
-                                     "KOI8-R",
-                                     "ISCII,version=0",
-                                     "x11-compound-text"};
+constexpr const char* CODESETS[] = {"UTF-8",
+                                    "US-ASCII",
+                                    "ISO-8859-1",
+                                    "windows-1252",
+                                    "ISO-2022-JP",
+                                    "ISO-2022-JP-2",
+                                    "ISO-2022-KR",
+                                    "GB18030",
+                                    "GBK",
+                                    "ISO-2022-CN",
+                                    "HZ-GB-2312",
+                                    "Big5-HKSCS",
+                                    "Shift_JIS",
+                                    "EUC-JP",
+                                    "EUC-KR",
+                                    "EUC-TW",
+                                    "UTF-7",
+                                    "UTF-16",
+                                    "UTF-16BE",
+                                    "UTF-16LE",
+                                    "UTF-32",
+                                    "CESU-8",
+                                    "SCSU",
+                                    "BOCU-1",
+                                    "LMBCS-1",
+                                    "ibm-1390",
+                                    "ibm-37",
+                                    "IMAP-mailbox-name",
+                                    "TIS-620",
+                                    "KOI8-R",
+                                    "ISCII,version=0",
+                                    "x11-compound-text"};
 
 const char* codeset = nullptr;
 
@@ -304,41 +304,41 @@ void convertLongNames() {
 
 TEST_F(Stacks, OfConversionsFromAnyCodeSetAreWithinThePromised16Kilobytes) {
   uint32_t deepest = 0;
-  ASSERT_TRUE(engine.start());
-  for (const char* name : kCodesets) {
-    board->depth.store(0);
+  ASSERT_TRUE(engine_.start());
+  for (const char* name : CODESETS) {
+    board_->depth.store(0);
     const pid_t process = forkChild([&] {
       codeset = name;
       // An error of the conversion is traced from its depth.
       setTracing(Tracing::xml);
-      runOnStack(kPaintedStack, [] { (void)w_ArmInit(0, "application", "user", 0, nullptr, 0); });
-      runOnStack(kPaintedStack, [&] {
+      runOnStack(PAINTED_STACK, [] { (void)w_ArmInit(0, "application", "user", 0, nullptr, 0); });
+      runOnStack(PAINTED_STACK, [&] {
         const auto opening = static_cast<uint32_t>(depthOf(openCodeset));
-        board->depth.store(std::max(opening, static_cast<uint32_t>(depthOf(convertLongNames))));
+        board_->depth.store(std::max(opening, static_cast<uint32_t>(depthOf(convertLongNames))));
       });
       return 0;
     });
     ASSERT_EQ(0, exitCodeOf(process)) << name;
     // It has come to a conversion.
-    EXPECT_LT(12000U, board->depth.load()) << name;
-    EXPECT_GE(kPromised, board->depth.load()) << name;
-    deepest = std::max(deepest, board->depth.load());
-    (void)engine.reclaim();
+    EXPECT_LT(12000U, board_->depth.load()) << name;
+    EXPECT_GE(PROMISED, board_->depth.load()) << name;
+    deepest = std::max(deepest, board_->depth.load());
+    (void)engine_.reclaim();
   }
-  counted("code sets whose conversion was measured", std::size(kCodesets));
+  counted("code sets whose conversion was measured", std::size(CODESETS));
   counted("bytes of stack that the deepest conversion uses", deepest);
 }
 
 // ---- small stacks -------------------------------------------------------------------------------
 
 TEST_F(Stacks, OfTheSmallestSizeAnd16KiBAreEnoughForEveryCall) {
-  constexpr size_t kSize = 16384 + 16 * 1024;
+  constexpr size_t SIZE = 16384 + 16 * 1024;
   unsigned calls = 0;
-  ASSERT_TRUE(engine.start());
-  for (const Setting& setting : kSettings) {
+  ASSERT_TRUE(engine_.start());
+  for (const Setting& setting : SETTINGS) {
     if (setting.tracing != Tracing::off && setting.connection == Connection::first) continue;
     for (const MeasuredCall& call : measuredCalls()) {
-      callInAProcess(setting, call, kSize, call.call);
+      callInAProcess(setting, call, SIZE, call.call);
       ++calls;
     }
   }
@@ -372,7 +372,7 @@ void expectNoAllocations(const char* what) {
 }
 
 TEST_F(Stacks, AreAllThatMeasurementCallsUse) {
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   ASSERT_EQ(101, arm_init("application", "user", 0, nullptr, 0));
   expectNoAllocations("measurement calls that allocated nothing");
 }
@@ -382,7 +382,7 @@ TEST_F(Stacks, AreAllThatMeasurementCallsUse) {
 TEST_F(Stacks, AreAllThatTracingMeasurementCallsUse) {
   setenv("TZ", "UTC", 1);
   setTracing(Tracing::xml);
-  ASSERT_TRUE(engine.start());
+  ASSERT_TRUE(engine_.start());
   ASSERT_EQ(101, arm_init("application", "user", 0, nullptr, 0));
   expectNoAllocations("traced measurement calls that allocated nothing");
 }

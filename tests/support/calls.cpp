@@ -99,14 +99,14 @@ REPLACEABLE(write, "write", ssize_t, (int file, const void* bytes, size_t count)
 REPLACEABLE(pipe2, "pipe2", int, (int* ends, int flags), (ends, flags))
 REPLACEABLE(putenv, "putenv", int, (char* setting), (setting))
 REPLACEABLE(malloc, "malloc", void*, (size_t size), (size))
-REPLACEABLE(nothrowNew, NOTHROW_NEW, void*, (size_t size, const std::nothrow_t& tag), (size, tag))
-REPLACEABLE(nothrowNewArray, NOTHROW_NEW_ARRAY, void*, (size_t size, const std::nothrow_t& tag),
+REPLACEABLE(nothrow_new, NOTHROW_NEW, void*, (size_t size, const std::nothrow_t& tag), (size, tag))
+REPLACEABLE(nothrow_new_array, NOTHROW_NEW_ARRAY, void*, (size_t size, const std::nothrow_t& tag),
             (size, tag))
 
 // Of the library.
-REPLACEABLE(mutexLock, "_ZN9CkesMutex4LockEv", long, (CkesMutex * mutex), (mutex))
-REPLACEABLE(mutexUnlock, "_ZN9CkesMutex6UnlockEv", long, (CkesMutex * mutex), (mutex))
-REPLACEABLE(mutexPass, "_ZN9CkesMutex4PassEv", long, (CkesMutex * mutex), (mutex))
+REPLACEABLE(mutex_lock, "_ZN9CkesMutex4LockEv", long, (CkesMutex * mutex), (mutex))
+REPLACEABLE(mutex_unlock, "_ZN9CkesMutex6UnlockEv", long, (CkesMutex * mutex), (mutex))
+REPLACEABLE(mutex_pass, "_ZN9CkesMutex4PassEv", long, (CkesMutex * mutex), (mutex))
 
 // Two functions that take their last argument only sometimes.
 SUBSTITUTE(semctl, SEMCTL, int, (int set, int number, int command, ...))
@@ -143,7 +143,7 @@ Call<int(int, int, int, TSemArgument)> semctl(realSemctl);
 Call<int(const char*, int, mode_t)> open(realOpen);
 
 void refuseMemory(const std::function<bool(size_t)>& refuse) {
-  for (auto* call : {&nothrowNew, &nothrowNewArray}) {
+  for (auto* call : {&nothrow_new, &nothrow_new_array}) {
     call->replace([=](size_t size, const std::nothrow_t& tag) {
       return refuse(size) ? nullptr : call->real(size, tag);
     });
@@ -151,8 +151,8 @@ void refuseMemory(const std::function<bool(size_t)>& refuse) {
 }
 
 void giveMemory() {
-  nothrowNew.watch();
-  nothrowNewArray.watch();
+  nothrow_new.watch();
+  nothrow_new_array.watch();
 }
 
 void recordSemops(std::vector<std::string>& operations) {

@@ -138,16 +138,16 @@ extern Call<ssize_t(int, const void*, size_t)> write;
 extern Call<int(int*, int)> pipe2;
 extern Call<int(char*)> putenv;
 extern Call<void*(size_t)> malloc;
-extern Call<void*(size_t, const std::nothrow_t&)> nothrowNew;
-extern Call<void*(size_t, const std::nothrow_t&)> nothrowNewArray;
+extern Call<void*(size_t, const std::nothrow_t&)> nothrow_new;
+extern Call<void*(size_t, const std::nothrow_t&)> nothrow_new_array;
 
 /// Asks before each allocation that may fail, of one object or of many: true makes it fail.
 void refuseMemory(const std::function<bool(size_t)>& refuse);
 void giveMemory();
 
-extern Call<long(CkesMutex*)> mutexLock;
-extern Call<long(CkesMutex*)> mutexUnlock;
-extern Call<long(CkesMutex*)> mutexPass;
+extern Call<long(CkesMutex*)> mutex_lock;
+extern Call<long(CkesMutex*)> mutex_unlock;
+extern Call<long(CkesMutex*)> mutex_pass;
 
 /// Collects every semop in `operations`, as "{number,op,flags}" for each record.
 void recordSemops(std::vector<std::string>& operations);

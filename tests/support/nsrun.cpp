@@ -42,15 +42,15 @@
 
 namespace {
 
-constexpr int kSetUpFailed = 125;
-constexpr int kCannotExecute = 126;
-constexpr int kNotFound = 127;
-constexpr int kLeftovers = 124;
+constexpr int SET_UP_FAILED = 125;
+constexpr int CANNOT_EXECUTE = 126;
+constexpr int NOT_FOUND = 127;
+constexpr int LEFTOVERS = 124;
 
-constexpr const char* kCoveredDirs[] = {"/var", "/etc", "/tmp"};
+constexpr const char* COVERED_DIRS[] = {"/var", "/etc", "/tmp"};
 
 // What programs, the dynamic linker and the C library look up in /etc.
-constexpr const char* kCopiedFromEtc[] = {
+constexpr const char* COPIED_FROM_ETC[] = {
     "alternatives", "group",         "hostname", "hosts",     "ld.so.cache", "ld.so.conf",
     "localtime",    "nsswitch.conf", "passwd",   "protocols", "services",    "timezone"};
 
@@ -59,7 +59,7 @@ struct PrivateDir {
   mode_t mode;
 };
 
-constexpr PrivateDir kPrivateDirs[] = {
+constexpr PrivateDir PRIVATE_DIRS[] = {
     {"/var/tmp", 01777},
     {"/var/kelp", 0777},
     {"/var/orv/kestra/common/QDN/logs", 0777},
@@ -67,12 +67,12 @@ constexpr PrivateDir kPrivateDirs[] = {
 };
 
 // A file system of a few pages: what a full disk does.
-constexpr const char* kSmallDir = "/var/small";
+constexpr const char* SMALL_DIR = "/var/small";
 
 struct Options {
   std::vector<std::string> keep;
-  bool checkIpc = false;
-  bool noAslr = false;
+  bool check_ipc = false;
+  bool no_aslr = false;
   const char* beside = nullptr;
   char** command = nullptr;
 };
@@ -90,7 +90,7 @@ struct KeptTree {
   std::vfprintf(stderr, format, arguments);
   va_end(arguments);
   std::fprintf(stderr, " (%s)\n", std::strerror(error));
-  std::exit(kSetUpFailed);
+  std::exit(SET_UP_FAILED);
 }
 
 [[noreturn]] void usage() {
@@ -102,26 +102,26 @@ struct KeptTree {
       "  --no-aslr    run the command without address randomisation\n"
       "  --beside TEXT  a command of the shell that runs as well, in an IPC namespace of its own\n",
       stderr);
-  std::exit(kSetUpFailed);
+  std::exit(SET_UP_FAILED);
 }
 
 Options parseOptions(int argc, char** argv) {
-  static const option kLong[] = {{"keep", required_argument, nullptr, 'k'},
-                                 {"check-ipc", no_argument, nullptr, 'i'},
-                                 {"no-aslr", no_argument, nullptr, 'a'},
-                                 {"beside", required_argument, nullptr, 'b'},
-                                 {nullptr, 0, nullptr, 0}};
+  static const option LONG[] = {{"keep", required_argument, nullptr, 'k'},
+                                {"check-ipc", no_argument, nullptr, 'i'},
+                                {"no-aslr", no_argument, nullptr, 'a'},
+                                {"beside", required_argument, nullptr, 'b'},
+                                {nullptr, 0, nullptr, 0}};
   Options options;
-  for (int choice; (choice = getopt_long(argc, argv, "+", kLong, nullptr)) != -1;) {
+  for (int choice; (choice = getopt_long(argc, argv, "+", LONG, nullptr)) != -1;) {
     switch (choice) {
       case 'k':
         options.keep.emplace_back(optarg);
         break;
       case 'i':
-        options.checkIpc = true;
+        options.check_ipc = true;
         break;
       case 'a':
-        options.noAslr = true;
+        options.no_aslr = true;
         break;
       case 'b':
         options.beside = optarg;
@@ -149,11 +149,11 @@ std::string mapOfOne(unsigned id) {
 }
 
 void enterNamespaces() {
-  constexpr int kSpaces = CLONE_NEWNS | CLONE_NEWIPC | CLONE_NEWPID;
+  constexpr int SPACES = CLONE_NEWNS | CLONE_NEWIPC | CLONE_NEWPID;
   const uid_t user = geteuid();
   const gid_t group = getegid();
-  if (unshare(kSpaces) == 0) return;
-  if (unshare(kSpaces | CLONE_NEWUSER) != 0)
+  if (unshare(SPACES) == 0) return;
+  if (unshare(SPACES | CLONE_NEWUSER) != 0)
     fail("this machine refuses namespaces: allow user namespaces, or run as root");
   writeFile("/proc/self/setgroups", "deny");
   writeFile("/proc/self/uid_map", mapOfOne(user));
@@ -175,7 +175,7 @@ bool isBelow(const std::string& path, const std::string& dir) {
 }
 
 bool isCovered(const std::string& path) {
-  for (const char* dir : kCoveredDirs)
+  for (const char* dir : COVERED_DIRS)
     if (isBelow(path, dir)) return true;
   return false;
 }
@@ -215,16 +215,16 @@ void placeKeptTrees(const std::vector<KeptTree>& trees) {
   }
 }
 
-void copyLink(int fromDir, int toDir, const char* name) {
+void copyLink(int from_dir, int to_dir, const char* name) {
   char target[PATH_MAX] = {};
-  if (readlinkat(fromDir, name, target, sizeof target - 1) <= 0) return;
-  if (symlinkat(target, toDir, name) != 0) fail("cannot copy the link %s", name);
+  if (readlinkat(from_dir, name, target, sizeof target - 1) <= 0) return;
+  if (symlinkat(target, to_dir, name) != 0) fail("cannot copy the link %s", name);
 }
 
-void copyFile(int fromDir, int toDir, const char* name) {
-  const int from = openat(fromDir, name, O_RDONLY | O_CLOEXEC);
+void copyFile(int from_dir, int to_dir, const char* name) {
+  const int from = openat(from_dir, name, O_RDONLY | O_CLOEXEC);
   if (from < 0) return;
-  const int to = openat(toDir, name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  const int to = openat(to_dir, name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
   char block[65536];
   for (ssize_t got; (got = read(from, block, sizeof block)) > 0;)
     if (write(to, block, static_cast<size_t>(got)) != got) fail("cannot copy /etc/%s", name);
@@ -232,10 +232,10 @@ void copyFile(int fromDir, int toDir, const char* name) {
   close(from);
 }
 
-void copyLinksOfDir(int fromDir, int toDir, const char* name) {
-  const int from = openat(fromDir, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  mkdirat(toDir, name, 0755);
-  const int to = openat(toDir, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+void copyLinksOfDir(int from_dir, int to_dir, const char* name) {
+  const int from = openat(from_dir, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  mkdirat(to_dir, name, 0755);
+  const int to = openat(to_dir, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   DIR* entries = fdopendir(from);
   if (entries == nullptr || to < 0) fail("cannot copy /etc/%s", name);
   while (const dirent* entry = readdir(entries))
@@ -244,12 +244,12 @@ void copyLinksOfDir(int fromDir, int toDir, const char* name) {
   close(to);
 }
 
-void copyEntry(int fromDir, int toDir, const char* name) {
+void copyEntry(int from_dir, int to_dir, const char* name) {
   struct stat info;
-  if (fstatat(fromDir, name, &info, AT_SYMLINK_NOFOLLOW) != 0) return;
-  if (S_ISLNK(info.st_mode)) copyLink(fromDir, toDir, name);
-  if (S_ISREG(info.st_mode)) copyFile(fromDir, toDir, name);
-  if (S_ISDIR(info.st_mode)) copyLinksOfDir(fromDir, toDir, name);
+  if (fstatat(from_dir, name, &info, AT_SYMLINK_NOFOLLOW) != 0) return;
+  if (S_ISLNK(info.st_mode)) copyLink(from_dir, to_dir, name);
+  if (S_ISREG(info.st_mode)) copyFile(from_dir, to_dir, name);
+  if (S_ISDIR(info.st_mode)) copyLinksOfDir(from_dir, to_dir, name);
 }
 
 int openDir(const char* path) {
@@ -264,16 +264,16 @@ void mountEmpty(const char* dir, const char* options) {
 }
 
 void writeHosts(int etc) {
-  constexpr char kHosts[] = "127.0.0.1 localhost\n::1 localhost\n";
+  constexpr char HOSTS[] = "127.0.0.1 localhost\n::1 localhost\n";
   const int file = openat(etc, "hosts", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-  if (file < 0 || write(file, kHosts, sizeof kHosts - 1) != sizeof kHosts - 1)
+  if (file < 0 || write(file, HOSTS, sizeof HOSTS - 1) != sizeof HOSTS - 1)
     fail("cannot write /etc/hosts");
   close(file);
 }
 
-void fillEtc(int machineEtc) {
+void fillEtc(int machine_etc) {
   const int etc = openDir("/etc");
-  for (const char* name : kCopiedFromEtc) copyEntry(machineEtc, etc, name);
+  for (const char* name : COPIED_FROM_ETC) copyEntry(machine_etc, etc, name);
   // A minimal system has none, and localhost is then unknown.
   if (faccessat(etc, "hosts", F_OK, 0) != 0) writeHosts(etc);
   close(etc);
@@ -287,19 +287,19 @@ void fillVar() {
 void buildFileTree(const Options& options) {
   makeMountsPrivate();
   const std::vector<KeptTree> kept = takeKeptTrees(options.keep);
-  const int machineEtc = openDir("/etc");
-  for (const char* dir : kCoveredDirs) {
+  const int machine_etc = openDir("/etc");
+  for (const char* dir : COVERED_DIRS) {
     mountEmpty(dir, std::strcmp(dir, "/tmp") == 0 ? "mode=1777" : "mode=0755");
   }
   const mode_t mask = umask(0);
-  fillEtc(machineEtc);
+  fillEtc(machine_etc);
   fillVar();
-  for (const PrivateDir& dir : kPrivateDirs) makeDirs(dir.path, dir.mode);
-  makeDirs(kSmallDir, 0777);
-  mountEmpty(kSmallDir, "size=16k,mode=0777");
+  for (const PrivateDir& dir : PRIVATE_DIRS) makeDirs(dir.path, dir.mode);
+  makeDirs(SMALL_DIR, 0777);
+  mountEmpty(SMALL_DIR, "size=16k,mode=0777");
   placeKeptTrees(kept);
   umask(mask);
-  close(machineEtc);
+  close(machine_etc);
   // Containers may refuse a new /proc; the one that is there then shows the outer process ids.
   (void)mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr);
 }
@@ -318,12 +318,12 @@ int exitCodeOf(int status) {
 }
 
 // Reaps every child that has ended. True if `child` was among them; its exit code is then set.
-bool reap(pid_t child, int& exitCode) {
+bool reap(pid_t child, int& exit_code) {
   bool ended = false;
   int status = 0;
   for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
     if (pid != child) continue;
-    exitCode = exitCodeOf(status);
+    exit_code = exitCodeOf(status);
     ended = true;
   }
   return ended;
@@ -332,13 +332,13 @@ bool reap(pid_t child, int& exitCode) {
 // Waits for `child`, passing signals on. One from the terminal has reached the child by itself.
 int supervise(pid_t child) {
   const sigset_t signals = supervisedSignals();
-  int exitCode = 0;
-  while (!reap(child, exitCode)) {
+  int exit_code = 0;
+  while (!reap(child, exit_code)) {
     siginfo_t info;
     if (sigwaitinfo(&signals, &info) < 0) continue;
     if (info.si_signo != SIGCHLD && info.si_code <= 0) kill(child, info.si_signo);
   }
-  return exitCode;
+  return exit_code;
 }
 
 void killTheRest() {
@@ -358,9 +358,9 @@ void dropPrivileges() {
 }
 
 void limitSideEffects(const Options& options) {
-  const rlimit noCore = {0, 0};
-  setrlimit(RLIMIT_CORE, &noCore);
-  if (options.noAslr && personality(ADDR_NO_RANDOMIZE) == -1)
+  const rlimit no_core = {0, 0};
+  setrlimit(RLIMIT_CORE, &no_core);
+  if (options.no_aslr && personality(ADDR_NO_RANDOMIZE) == -1)
     fail("cannot switch address randomisation off");
 }
 
@@ -371,7 +371,7 @@ void limitSideEffects(const Options& options) {
   unsetenv("TMPDIR");
   sigprocmask(SIG_SETMASK, &mask, nullptr);
   execvp(command[0], const_cast<char* const*>(command));
-  const int code = errno == ENOENT ? kNotFound : kCannotExecute;
+  const int code = errno == ENOENT ? NOT_FOUND : CANNOT_EXECUTE;
   std::fprintf(stderr, "nsrun: cannot execute %s (%s)\n", command[0], std::strerror(errno));
   _exit(code);
 }
@@ -442,19 +442,19 @@ int countMessageQueues() {
   return count;
 }
 
-int afterCommand(const Options& options, int exitCode) {
+int afterCommand(const Options& options, int exit_code) {
   killTheRest();
-  if (!options.checkIpc) return exitCode;
+  if (!options.check_ipc) return exit_code;
   const int leftovers = countSegments() + countSets() + countMessageQueues();
-  return leftovers != 0 && exitCode == 0 ? kLeftovers : exitCode;
+  return leftovers != 0 && exit_code == 0 ? LEFTOVERS : exit_code;
 }
 
 // ---- the two supervisors ------------------------------------------------------------------------
 
-void dieWithOuter(int outerAlive) {
+void dieWithOuter(int outer_alive) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  pollfd outer = {outerAlive, POLLIN, 0};
-  if (poll(&outer, 1, 0) != 0) _exit(kSetUpFailed);
+  pollfd outer = {outer_alive, POLLIN, 0};
+  if (poll(&outer, 1, 0) != 0) _exit(SET_UP_FAILED);
 }
 
 // Process 1 of the new PID namespace: when it ends, the kernel kills whatever is left in there.

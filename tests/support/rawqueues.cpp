@@ -98,8 +98,8 @@ Bytes RequestQueue::take() {
 
 // ---- reply queue --------------------------------------------------------------------------------
 
-ReplyQueue::ReplyQueue(size_t capacity, size_t spareBytes, const std::string& name)
-    : LockedSegment(name, 12 + capacity * 548 + spareBytes),
+ReplyQueue::ReplyQueue(size_t capacity, size_t spare_bytes, const std::string& name)
+    : LockedSegment(name, 12 + capacity * 548 + spare_bytes),
       waits(name, 3, static_cast<int>(capacity) + 2),
       capacity_(capacity) {
   waits.setValue(0, 1);
@@ -150,11 +150,11 @@ size_t ReplyQueue::headOf(uint32_t process, uint32_t thread) {
   return 0;
 }
 
-Bytes replyRecord(int32_t result, uint8_t correlatorFlag, uint8_t pattern) {
+Bytes replyRecord(int32_t result, uint8_t correlator_flag, uint8_t pattern) {
   Bytes record(528);
   for (size_t i = 0; i < record.size(); ++i) record[i] = static_cast<uint8_t>(pattern + i * 7);
   std::memcpy(record.data(), &result, 4);
-  record[4] = correlatorFlag;
+  record[4] = correlator_flag;
   return record;
 }
 

@@ -100,8 +100,8 @@ class LockedSegment {
 /// The request queue: header of 28 bytes, then slots of 4116.
 class RequestQueue : public LockedSegment {
  public:
-  explicit RequestQueue(size_t capacity, size_t spareBytes = 0, const std::string& base = AE)
-      : RequestQueue(base, 28 + capacity * 4116 + spareBytes) {}
+  explicit RequestQueue(size_t capacity, size_t spare_bytes = 0, const std::string& base = AE)
+      : RequestQueue(base, 28 + capacity * 4116 + spare_bytes) {}
   /// A segment of any size.
   RequestQueue(const std::string& base, size_t size);
 
@@ -133,7 +133,7 @@ class RequestQueue : public LockedSegment {
 /// The reply queue: header of 12 bytes, head records of 16, items of 532, as layReplies lays them.
 class ReplyQueue : public LockedSegment {
  public:
-  explicit ReplyQueue(size_t capacity, size_t spareBytes = 0, const std::string& name = EA);
+  explicit ReplyQueue(size_t capacity, size_t spare_bytes = 0, const std::string& name = EA);
 
   uint16_t usedItems() const { return memory.u16(0); }
   uint16_t headsInUse() const { return memory.u16(2); }
@@ -171,7 +171,7 @@ class ReplyQueue : public LockedSegment {
 };
 
 /// A reply record of 528 bytes: the result word, the flag byte, every other byte from a pattern.
-Bytes replyRecord(int32_t result, uint8_t correlatorFlag = 0, uint8_t pattern = 0x30);
+Bytes replyRecord(int32_t result, uint8_t correlator_flag = 0, uint8_t pattern = 0x30);
 
 /// An engine that answers: a thread that takes every request and replies to its sender, always the
 /// same.

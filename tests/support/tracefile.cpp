@@ -151,12 +151,12 @@ std::string xmlTrace(const Lines& texts) {
 }
 
 std::string withoutTimes(const std::string& trace) {
-  constexpr const char kTime[] = " <Time Millis=\"9999999999999\">2099-99-99 99:99:99.999</Time>\n";
+  constexpr const char TIME[] = " <Time Millis=\"9999999999999\">2099-99-99 99:99:99.999</Time>\n";
   std::string masked = trace;
   for (size_t at = masked.find(" <Time "); at != std::string::npos;
        at = masked.find(" <Time ", at + 1)) {
-    EXPECT_TRUE(beginsWith(masked, at, kTime)) << masked.substr(at, sizeof kTime);
-    maskDigits(masked, at, std::min(at + sizeof kTime - 1, masked.size()));
+    EXPECT_TRUE(beginsWith(masked, at, TIME)) << masked.substr(at, sizeof TIME);
+    maskDigits(masked, at, std::min(at + sizeof TIME - 1, masked.size()));
   }
   return masked;
 }

@@ -10,14 +10,14 @@
 namespace armtest {
 namespace {
 
-constexpr unsigned kDefaultSeconds = 30;
+constexpr unsigned DEFAULT_SECONDS = 30;
 
 // Composed before the alarm is armed: its handler may do no more than write and abort.
 char g_message[512];
-size_t g_messageLength = 0;
+size_t g_message_length = 0;
 
 void onAlarm(int) {
-  if (write(STDERR_FILENO, g_message, g_messageLength) < 0) _exit(EXIT_FAILURE);
+  if (write(STDERR_FILENO, g_message, g_message_length) < 0) _exit(EXIT_FAILURE);
   abort();
 }
 
@@ -26,14 +26,14 @@ void onAlarm(int) {
 unsigned secondsPerTest() {
   const char* text = getenv("ARM_TEST_SECONDS");
   const unsigned long seconds = text == nullptr ? 0 : strtoul(text, nullptr, 10);
-  return seconds == 0 ? kDefaultSeconds : static_cast<unsigned>(seconds);
+  return seconds == 0 ? DEFAULT_SECONDS : static_cast<unsigned>(seconds);
 }
 
 void Watchdog::OnTestStart(const testing::TestInfo& test) {
   const int length =
       snprintf(g_message, sizeof g_message, "watchdog: %s.%s has not ended after %u seconds\n",
                test.test_suite_name(), test.name(), secondsPerTest());
-  g_messageLength = std::min(static_cast<size_t>(length), sizeof g_message - 1);
+  g_message_length = std::min(static_cast<size_t>(length), sizeof g_message - 1);
   signal(SIGALRM, onAlarm);
   alarm(secondsPerTest());
 }

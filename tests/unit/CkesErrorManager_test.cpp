@@ -69,23 +69,23 @@ TEST(CkesErrorManager, StackThatCannotBeStoredIsPassedOnByInitialize) {
 
 // As it is when the process has a second C library, which knows nothing of this one's keys.
 TEST(CkesErrorManager, ValueThatAnotherHasPutUnderTheKeyIsNoStackAndStaysUntouched) {
-  pthread_key_t stackKey = 0;
+  pthread_key_t stack_key = 0;
   calls::pthread_key_create.replace([&](pthread_key_t* key, void (*destructor)(void*)) {
     const int result = calls::pthread_key_create.real(key, destructor);
-    stackKey = *key;
+    stack_key = *key;
     return result;
   });
   ASSERT_EQ(0, CkesErrorManager::SetError(-5, "error"));
-  std::thread([stackKey] {
+  std::thread([stack_key] {
     std::array<unsigned char, sizeof(CkesErrorStack)> foreign;
     foreign.fill(0xA5);
     const auto before = foreign;
-    ASSERT_EQ(0, pthread_setspecific(stackKey, foreign.data()));
+    ASSERT_EQ(0, pthread_setspecific(stack_key, foreign.data()));
     EXPECT_EQ(-203, CkesErrorManager::SetError(-7, "another error"));
     EXPECT_EQ(-203, CkesErrorManager::AddFunction("f"));
     EXPECT_EQ(-203, CkesErrorManager::UnregisterThread());
     EXPECT_EQ(before, foreign);
-    EXPECT_EQ(foreign.data(), pthread_getspecific(stackKey));
+    EXPECT_EQ(foreign.data(), pthread_getspecific(stack_key));
   }).join();
   EXPECT_EQ("-5 error", errorTrail());
 }
@@ -201,7 +201,7 @@ TEST(CkesErrorManager, UnregisteringDoesNotInitializeTheManager) {
 
 TEST(CkesErrorManager, StackThatCannotBeAllocatedGivesMinus1) {
   inThread([] {
-    calls::nothrowNew.fail(nullptr, ENOMEM);
+    calls::nothrow_new.fail(nullptr, ENOMEM);
     EXPECT_EQ(-1, CkesErrorManager::RegisterThread());
     EXPECT_EQ(-203, CkesErrorManager::SetError(-5, "error"));
   });

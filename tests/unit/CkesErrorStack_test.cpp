@@ -141,9 +141,9 @@ TEST(CkesErrorStack, DumpOfAWrappedTrailRepeatsWholeEntriesUntilTheBufferIsFull)
   CkesErrorStack stack = stackWith(50);
   std::string round;
   for (int i = 0; i < 50; ++i) round += std::string(text(i)) + "\n";
-  const std::string twoRoundsAndOne = round + round + text(0) + "\n";
-  EXPECT_EQ(twoRoundsAndOne, dump(stack, 203));
-  EXPECT_EQ(twoRoundsAndOne, dump(stack, 204));
+  const std::string two_rounds_and_one = round + round + text(0) + "\n";
+  EXPECT_EQ(two_rounds_and_one, dump(stack, 203));
+  EXPECT_EQ(two_rounds_and_one, dump(stack, 204));
 }
 
 TEST(CkesErrorStack, DumpIntoFiveBytesOfALongerEntryIsEmpty) {

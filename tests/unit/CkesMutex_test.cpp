@@ -100,8 +100,8 @@ TEST(CkesMutex, FailuresOfPassAreThoseOfLockAndUnlock) {
   EXPECT_EQ(-123, mutex.Pass());
   EXPECT_EQ("-123 CkesMutex::Unlock()", errorTrail());
   calls::pthread_mutex_init.fail(EINVAL, 0, 0, 1);
-  CkesMutex notInitialized;
-  EXPECT_EQ(-120, notInitialized.Pass());
+  CkesMutex not_initialized;
+  EXPECT_EQ(-120, not_initialized.Pass());
   EXPECT_EQ("-120 CkesMutex::Lock()", errorTrail());
 }
 

@@ -33,15 +33,15 @@ void breakThreads() {
 
 /// A thread that runs until the object ends.
 struct RunningThread {
-  RunningThread() : thread([this] { EXPECT_TRUE(waitUntil([this] { return mayEnd.load(); })); }) {
+  RunningThread() : thread([this] { EXPECT_TRUE(waitUntil([this] { return may_end.load(); })); }) {
     EXPECT_EQ(0, thread.Start());
   }
   ~RunningThread() {
-    mayEnd = true;
+    may_end = true;
     thread.awaitEnd();
   }
 
-  std::atomic<bool> mayEnd{false};
+  std::atomic<bool> may_end{false};
   BodyThread thread;
 };
 
@@ -70,12 +70,12 @@ TEST(CkesThread, SystemsThreadExistsFromConstructionOn) {
 }
 
 TEST(CkesThread, StateIsRunningInTheBodyAndFinishedAfterIt) {
-  std::atomic<TThreadState> inBody{THREAD_INVALID};
+  std::atomic<TThreadState> in_body{THREAD_INVALID};
   BodyThread* self = nullptr;
-  BodyThread thread([&] { inBody = self->GetState(); });
+  BodyThread thread([&] { in_body = self->GetState(); });
   self = &thread;
   thread.finish();
-  EXPECT_EQ(THREAD_RUNNING, inBody);
+  EXPECT_EQ(THREAD_RUNNING, in_body);
   EXPECT_EQ(THREAD_FINISHED, thread.GetState());
 }
 
@@ -236,12 +236,12 @@ TEST(CkesThread, FailingStartIsRecordedUnderItsOwnNameAlone) {
 }
 
 TEST(CkesThread, IDIsThePosixThreadOfTheBody) {
-  unsigned long inBody = 0;
-  BodyThread thread([&] { inBody = pthread_self(); });
+  unsigned long in_body = 0;
+  BodyThread thread([&] { in_body = pthread_self(); });
   unsigned long id = 0;
   EXPECT_EQ(0, thread.GetID(&id));
   thread.finish();
-  EXPECT_EQ(inBody, id);
+  EXPECT_EQ(in_body, id);
 }
 
 TEST(CkesThread, FinishedThreadStillHasItsID) {

@@ -17,18 +17,18 @@ class Page {
  public:
   explicit Page(int rights)
       : start_(static_cast<char*>(
-            mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0))) {
+            mmap(nullptr, SIZE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0))) {
     *start_ = 'x';
-    EXPECT_EQ(0, mprotect(start_, kSize, rights));
+    EXPECT_EQ(0, mprotect(start_, SIZE, rights));
   }
-  ~Page() { munmap(start_, kSize); }
+  ~Page() { munmap(start_, SIZE); }
   Page(const Page&) = delete;
   Page& operator=(const Page&) = delete;
 
   char* start() const { return start_; }
 
  private:
-  static constexpr size_t kSize = 4096;
+  static constexpr size_t SIZE = 4096;
   char* start_;
 };
 

@@ -9,9 +9,9 @@ extern "C" UConverter* wrapOpenConverter(const char* name, UErrorCode* status) _
     "__wrap_" TEXT_OF_VALUE(ucnv_open));
 
 namespace armtest::calls {
-Call<UConverter*(const char*, UErrorCode*)> openConverter(realOpenConverter);
+Call<UConverter*(const char*, UErrorCode*)> open_converter(realOpenConverter);
 }
 
 UConverter* wrapOpenConverter(const char* name, UErrorCode* status) {
-  return armtest::calls::openConverter(name, status);
+  return armtest::calls::open_converter(name, status);
 }

@@ -7,6 +7,6 @@
 namespace armtest::calls {
 
 /// ucnv_open.  Only programs that link ICU have it.
-extern Call<UConverter*(const char*, UErrorCode*)> openConverter;
+extern Call<UConverter*(const char*, UErrorCode*)> open_converter;
 
 }  // namespace armtest::calls

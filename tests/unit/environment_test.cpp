@@ -35,12 +35,12 @@ class Environment : public testing::Test {
     return times;
   }
 
-  char setting[16] = "SETTING=value";
+  char setting_[16] = "SETTING=value";
 };
 
 TEST_F(Environment, NewNameIsAdded) {
-  EXPECT_TRUE(putIntoEnvironment(setting));
-  EXPECT_EQ(setting + std::strlen("SETTING="), getenv("SETTING"));
+  EXPECT_TRUE(putIntoEnvironment(setting_));
+  EXPECT_EQ(setting_ + std::strlen("SETTING="), getenv("SETTING"));
   EXPECT_EQ(1, timesInList("SETTING=value"));
   expectHostsOwn();
 }
@@ -49,7 +49,7 @@ TEST_F(Environment, ListThatOthersReadStaysWhenANameIsAdded) {
   char** const before = environ;
   std::vector<std::string> entries;
   for (char** entry = before; *entry != nullptr; ++entry) entries.emplace_back(*entry);
-  EXPECT_TRUE(putIntoEnvironment(setting));
+  EXPECT_TRUE(putIntoEnvironment(setting_));
   EXPECT_NE(before, environ);
   // Who gets freed memory writes over it.
   std::vector<void*> others;
@@ -70,7 +70,7 @@ TEST_F(Environment, ValueIsReplacedInPlace) {
   setenv("SETTING", "another", 1);
   char** const before = environ;
   calls::malloc.watch();
-  EXPECT_TRUE(putIntoEnvironment(setting));
+  EXPECT_TRUE(putIntoEnvironment(setting_));
   EXPECT_EQ(0, calls::malloc.count());
   EXPECT_EQ(before, environ);
   EXPECT_STREQ("value", getenv("SETTING"));
@@ -80,7 +80,7 @@ TEST_F(Environment, ValueIsReplacedInPlace) {
 
 TEST_F(Environment, LongerNameWithTheSameBeginningIsAnother) {
   setenv("SETTINGS", "another", 1);
-  EXPECT_TRUE(putIntoEnvironment(setting));
+  EXPECT_TRUE(putIntoEnvironment(setting_));
   EXPECT_STREQ("value", getenv("SETTING"));
   EXPECT_STREQ("another", getenv("SETTINGS"));
 }
@@ -88,13 +88,13 @@ TEST_F(Environment, LongerNameWithTheSameBeginningIsAnother) {
 TEST_F(Environment, ThatWasClearedGetsTheOneEntry) {
   ASSERT_EQ(0, clearenv());
   ASSERT_EQ(nullptr, environ);
-  EXPECT_TRUE(putIntoEnvironment(setting));
+  EXPECT_TRUE(putIntoEnvironment(setting_));
   EXPECT_STREQ("value", getenv("SETTING"));
   EXPECT_EQ(nullptr, environ[1]);
 }
 
 TEST_F(Environment, HostGoesOnChangingIt) {
-  EXPECT_TRUE(putIntoEnvironment(setting));
+  EXPECT_TRUE(putIntoEnvironment(setting_));
   EXPECT_EQ(0, setenv("HOST_MORE", "3", 1));
   EXPECT_EQ(0, setenv("HOST_FIRST", "4", 1));
   EXPECT_EQ(0, unsetenv("HOST_LAST"));
@@ -107,7 +107,7 @@ TEST_F(Environment, HostGoesOnChangingIt) {
 TEST_F(Environment, WithoutMemoryStaysAsItWas) {
   char** const before = environ;
   calls::malloc.fail(nullptr, ENOMEM, 0, 1);
-  EXPECT_FALSE(putIntoEnvironment(setting));
+  EXPECT_FALSE(putIntoEnvironment(setting_));
   EXPECT_EQ(before, environ);
   EXPECT_EQ(nullptr, getenv("SETTING"));
 }
@@ -115,7 +115,7 @@ TEST_F(Environment, WithoutMemoryStaysAsItWas) {
 TEST_F(Environment, ThatIsRefusedStaysAsItWas) {
   char** const before = environ;
   calls::putenv.fail(-1, ENOMEM);
-  EXPECT_FALSE(putIntoEnvironment(setting));
+  EXPECT_FALSE(putIntoEnvironment(setting_));
   EXPECT_EQ(before, environ);
   EXPECT_EQ(nullptr, getenv("SETTING"));
 }
@@ -128,7 +128,7 @@ TEST_F(Environment, NameThatTheHostAddsBeforeTheListIsPublishedIsKept) {
     if (round++ == 0) setenv("HOST_MEANWHILE", "3", 1);
     return calls::malloc.real(size);
   });
-  EXPECT_TRUE(putIntoEnvironment(setting));
+  EXPECT_TRUE(putIntoEnvironment(setting_));
   calls::malloc.watch();
   EXPECT_STREQ("3", getenv("HOST_MEANWHILE"));
   EXPECT_EQ(1, timesInList("SETTING=value"));
@@ -148,7 +148,7 @@ TEST_F(Environment, ValueThatTheHostIsReplacingWhileTheListIsPublishedIsKept) {
     }
     return calls::putenv.real(text);
   });
-  EXPECT_TRUE(putIntoEnvironment(setting));
+  EXPECT_TRUE(putIntoEnvironment(setting_));
   EXPECT_STREQ("3", getenv("HOST_LAST"));
   EXPECT_STREQ("1", getenv("HOST_FIRST"));
   EXPECT_EQ(1, timesInList("SETTING=value"));
@@ -163,7 +163,7 @@ TEST_F(Environment, ListThatTheHostPublishesAtLastIsTheOneThatCounts) {
     if (round++ == 0) environ = hosts;
     return calls::putenv.real(text);
   });
-  EXPECT_TRUE(putIntoEnvironment(setting));
+  EXPECT_TRUE(putIntoEnvironment(setting_));
   EXPECT_STREQ("value", getenv("SETTING"));
   expectHostsOwn();
 }
@@ -174,7 +174,7 @@ TEST_F(Environment, HostThatChangesItAllTheTimeDoesNotKeepItAway) {
     setenv(("HOST_MORE" + std::to_string(round++)).c_str(), "3", 1);
     return calls::malloc.real(size);
   });
-  EXPECT_TRUE(putIntoEnvironment(setting));
+  EXPECT_TRUE(putIntoEnvironment(setting_));
   calls::malloc.watch();
   EXPECT_GT(50, round);
   for (int i = 0; i < round; ++i) {

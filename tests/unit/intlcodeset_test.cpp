@@ -21,7 +21,7 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-constexpr const char* kDataDirectory = "/var/orv/kestra/common/QDN/icudata";
+constexpr const char* DATA_DIRECTORY = "/var/orv/kestra/common/QDN/icudata";
 
 /// The result of a conversion, and what it left in a target of `capacity` bytes; the byte behind
 /// stays.
@@ -49,10 +49,10 @@ std::string repeated(const char* text, int count) {
 
 /// Makes ucnv_open refuse a name; null refuses the locale's default.
 void refuseConverter(const char* refused) {
-  calls::openConverter.replace([=](const char* name, UErrorCode* status) -> UConverter* {
+  calls::open_converter.replace([=](const char* name, UErrorCode* status) -> UConverter* {
     const bool same =
         refused == nullptr || name == nullptr ? refused == name : std::strcmp(refused, name) == 0;
-    if (!same) return calls::openConverter.real(name, status);
+    if (!same) return calls::open_converter.real(name, status);
     *status = U_FILE_ACCESS_ERROR;
     return nullptr;
   });
@@ -98,9 +98,9 @@ TEST(ExpectedCodeset, UnknownOneGivesMinus1003AndLeavesNoConverter) {
 }
 
 TEST(ExpectedCodeset, NamedOneGetsNoBackup) {
-  calls::openConverter.watch();
+  calls::open_converter.watch();
   EXPECT_EQ(-1003, SetExpectedCodeset("no such code set"));
-  EXPECT_EQ(1, calls::openConverter.count());
+  EXPECT_EQ(1, calls::open_converter.count());
 }
 
 TEST(ExpectedCodeset, AnotherCanBeSetAfterAnUnknownOne) {
@@ -120,24 +120,24 @@ TEST(ExpectedCodeset, NullIsTheLocales) {
 }
 
 TEST(ExpectedCodeset, ConversionBeforeItOpensTheLocalesForGood) {
-  calls::openConverter.replace([](const char* name, UErrorCode* status) {
+  calls::open_converter.replace([](const char* name, UErrorCode* status) {
     EXPECT_EQ(nullptr, name);
-    return calls::openConverter.real(name, status);
+    return calls::open_converter.real(name, status);
   });
   EXPECT_EQ(0, Conversion("abc").result);
-  EXPECT_EQ(1, calls::openConverter.count());
+  EXPECT_EQ(1, calls::open_converter.count());
   EXPECT_EQ(-3004, SetExpectedCodeset("ISO-8859-1"));
 }
 
 TEST(ExpectedCodeset, UsAsciiIsTheBackupOfTheLocales) {
   refuseConverter(nullptr);
   EXPECT_EQ(0, SetExpectedCodeset(nullptr));
-  EXPECT_EQ(2, calls::openConverter.count());
+  EXPECT_EQ(2, calls::open_converter.count());
   EXPECT_STREQ("US-ASCII", GetExpectedCodeset());
 }
 
 TEST(ExpectedCodeset, WithoutTheBackupTheResultIsMinus1003) {
-  calls::openConverter.replace([](const char*, UErrorCode* status) -> UConverter* {
+  calls::open_converter.replace([](const char*, UErrorCode* status) -> UConverter* {
     *status = U_FILE_ACCESS_ERROR;
     return nullptr;
   });
@@ -280,10 +280,10 @@ TEST(CodesetConversion, SeveralThreadsShareTheConverter) {
 TEST(CodesetForks, ChildOfAProcessThatIsOpeningAConverterGetsMinus1003) {
   std::atomic<bool> opening{false};
   std::atomic<bool> forked{false};
-  calls::openConverter.replace([&](const char* name, UErrorCode* status) {
+  calls::open_converter.replace([&](const char* name, UErrorCode* status) {
     opening = true;
     EXPECT_TRUE(waitUntil([&] { return forked.load(); }));
-    return calls::openConverter.real(name, status);
+    return calls::open_converter.real(name, status);
   });
   std::thread converting([] { EXPECT_EQ("abc", Conversion("abc").terminated()); });
   EXPECT_TRUE(waitUntil([&] { return opening.load(); }));
@@ -314,19 +314,19 @@ TEST(IcuData, IsSetAtTheFirstOpen) {
   unsetenv("ICU_DATA");
   EXPECT_EQ(nullptr, getenv("ICU_DATA"));
   EXPECT_EQ(0, SetExpectedCodeset("ISO-8859-1"));
-  EXPECT_STREQ(kDataDirectory, getenv("ICU_DATA"));
+  EXPECT_STREQ(DATA_DIRECTORY, getenv("ICU_DATA"));
 }
 
 TEST(IcuData, ValueOfTheApplicationIsReplaced) {
   setenv("ICU_DATA", "/opt/icu", 1);
   EXPECT_EQ(0, SetExpectedCodeset("ISO-8859-1"));
-  EXPECT_STREQ(kDataDirectory, getenv("ICU_DATA"));
+  EXPECT_STREQ(DATA_DIRECTORY, getenv("ICU_DATA"));
 }
 
 TEST(IcuData, IsSetByAFirstConversionToo) {
   setenv("ICU_DATA", "/opt/icu", 1);
   EXPECT_EQ(0, Conversion("abc").result);
-  EXPECT_STREQ(kDataDirectory, getenv("ICU_DATA"));
+  EXPECT_STREQ(DATA_DIRECTORY, getenv("ICU_DATA"));
 }
 
 TEST(IcuData, IsSetOnce) {
@@ -338,9 +338,9 @@ TEST(IcuData, IsSetOnce) {
 
 TEST(IcuData, FailedPutenvGivesMinus3AndOpensNoConverter) {
   calls::putenv.fail(-1, ENOMEM);
-  calls::openConverter.watch();
+  calls::open_converter.watch();
   EXPECT_EQ(-3, SetExpectedCodeset("ISO-8859-1"));
-  EXPECT_EQ(0, calls::openConverter.count());
+  EXPECT_EQ(0, calls::open_converter.count());
   EXPECT_EQ(nullptr, GetExpectedCodeset());
 }
 
@@ -359,7 +359,7 @@ TEST(IcuData, WithoutMemoryTheResultIsMinus3AndTheNextCallTriesAgain) {
   calls::malloc.watch();
   EXPECT_EQ(-3, first);
   EXPECT_EQ(0, ensure_ICU_DATA_EnvVarSet(0));
-  EXPECT_STREQ(kDataDirectory, getenv("ICU_DATA"));
+  EXPECT_STREQ(DATA_DIRECTORY, getenv("ICU_DATA"));
 }
 
 TEST(IcuData, FlagTakesTheMutexAndGivesItBack) {
@@ -438,7 +438,7 @@ TEST(CodesetTrace, UnknownCodesetIsNamedWithIcusCode) {
 
 TEST(CodesetTrace, LocalesCodesetAndBackupHaveALineEach) {
   startTracing();
-  calls::openConverter.replace([](const char*, UErrorCode* status) -> UConverter* {
+  calls::open_converter.replace([](const char*, UErrorCode* status) -> UConverter* {
     *status = U_FILE_ACCESS_ERROR;
     return nullptr;
   });

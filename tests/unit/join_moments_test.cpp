@@ -20,14 +20,14 @@ namespace armtest {
 namespace {
 
 struct Moment {
-  std::atomic<bool> mayEnd{false};
+  std::atomic<bool> may_end{false};
   std::atomic<bool> finished{false};  ///< the body has returned and the state says so
   std::atomic<bool> asked{false};     ///< the system has been asked to join
 };
 
 /// Joins a started thread, from a stop on, in the process that it is called in.
 int joinFromAStopOn(Moment& moment, long (*join)(CkesThread&)) {
-  BodyThread thread([&] { (void)waitUntil([&] { return moment.mayEnd.load(); }); });
+  BodyThread thread([&] { (void)waitUntil([&] { return moment.may_end.load(); }); });
   calls::pthread_setspecific.replace([&](pthread_key_t key, const void* value) {
     if (value == nullptr) moment.finished = true;
     return calls::pthread_setspecific.real(key, value);
@@ -61,7 +61,7 @@ void endAtEveryInstructionOf(long (*join)(CkesThread&)) {
     const pid_t child = forkChild([&] { return joinFromAStopOn(*moment.get(), join); });
     ASSERT_TRUE(step(child, *moment.get(), instructions));
     asked = moment->asked;
-    moment->mayEnd = true;
+    moment->may_end = true;
     ASSERT_TRUE(waitUntil([&] { return moment->finished.load(); }));
     ASSERT_EQ(0, ptrace(PTRACE_CONT, child, nullptr, nullptr));
     ASSERT_EQ(0, exitCodeOf(child)) << "ended after instruction " << instructions;

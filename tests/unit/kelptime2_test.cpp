@@ -13,7 +13,7 @@ namespace armtest {
 namespace {
 
 /// 2024-03-07 09:05:02 UTC.
-constexpr uint32_t kSecond = 1709802302;
+constexpr uint32_t SECOND = 1709802302;
 
 void setClock(std::time_t seconds, suseconds_t microseconds, int result = 0) {
   calls::gettimeofday.replace([=](timeval* now, void* zone) {
@@ -35,7 +35,7 @@ HrtTime converted(uint32_t seconds, uint32_t nanoseconds) {
 }
 
 TEST(KelpTime, StampIsSecondsAndMicrosecondsTimes1000) {
-  setClock(kSecond, 45917);
+  setClock(SECOND, 45917);
   uint32_t seconds = 0;
   uint32_t nanoseconds = 0;
   KelpBestGetCurrentTime(&seconds, &nanoseconds);
@@ -44,7 +44,7 @@ TEST(KelpTime, StampIsSecondsAndMicrosecondsTimes1000) {
 }
 
 TEST(KelpTime, LastMicrosecondOfASecondGives999999000) {
-  setClock(kSecond, 999999);
+  setClock(SECOND, 999999);
   uint32_t seconds = 0;
   uint32_t nanoseconds = 0;
   KelpBestGetCurrentTime(&seconds, &nanoseconds);
@@ -56,7 +56,7 @@ TEST(KelpTime, LastMicrosecondOfASecondGives999999000) {
 }
 
 TEST(KelpTime, FirstMicrosecondOfASecondGivesZeros) {
-  setClock(kSecond, 0);
+  setClock(SECOND, 0);
   uint32_t seconds = 0;
   uint32_t nanoseconds = 1;
   KelpBestGetCurrentTime(&seconds, &nanoseconds);
@@ -86,7 +86,7 @@ TEST(KelpTime, StampsAreRightAfter2038) {
 }
 
 TEST(KelpTime, NanosecondsBelowTheClocksResolutionAreSplitToo) {
-  const HrtTime time = converted(kSecond, 1234567);
+  const HrtTime time = converted(SECOND, 1234567);
   EXPECT_EQ(1U, time.milliseconds);
   EXPECT_EQ(234U, time.microseconds);
   EXPECT_EQ(567U, time.nanoseconds);
@@ -94,7 +94,7 @@ TEST(KelpTime, NanosecondsBelowTheClocksResolutionAreSplitToo) {
 
 TEST(KelpTime, CalendarFieldsAreCopiedWhole) {
   setZone("UTC");
-  const std::tm day = converted(kSecond, 0).calendar;
+  const std::tm day = converted(SECOND, 0).calendar;
   EXPECT_EQ(2, day.tm_sec);
   EXPECT_EQ(5, day.tm_min);
   EXPECT_EQ(9, day.tm_hour);
@@ -110,7 +110,7 @@ TEST(KelpTime, CalendarFieldsAreCopiedWhole) {
 
 TEST(KelpTime, CalendarFollowsTheProcessesTimeZone) {
   setZone("EAST-5:30");
-  const std::tm day = converted(kSecond, 0).calendar;
+  const std::tm day = converted(SECOND, 0).calendar;
   EXPECT_EQ(14, day.tm_hour);
   EXPECT_EQ(35, day.tm_min);
   EXPECT_EQ(19800, day.tm_gmtoff);
@@ -119,9 +119,9 @@ TEST(KelpTime, CalendarFollowsTheProcessesTimeZone) {
 
 TEST(KelpTime, ChangeOfTheTimeZoneTakesEffectAtOnce) {
   setZone("UTC");
-  EXPECT_EQ(9, converted(kSecond, 0).calendar.tm_hour);
+  EXPECT_EQ(9, converted(SECOND, 0).calendar.tm_hour);
   setZone("WEST+3");
-  EXPECT_EQ(6, converted(kSecond, 0).calendar.tm_hour);
+  EXPECT_EQ(6, converted(SECOND, 0).calendar.tm_hour);
 }
 
 TEST(KelpTime, SecondsAreUnsigned) {
@@ -140,7 +140,7 @@ TEST(KelpTime, ConversionLeavesTheHostsLocalTimeResultAlone) {
   setZone("UTC");
   const std::time_t start = 0;
   const std::tm* host = std::localtime(&start);
-  (void)converted(kSecond, 0);
+  (void)converted(SECOND, 0);
   EXPECT_EQ(70, host->tm_year);
 }
 
@@ -154,17 +154,17 @@ TEST(KelpTime, ConversionInsideAConversionOfTheSameThreadHasNoCalendar) {
   setZone("UTC");
   NoMutex mutex;
   ASSERT_TRUE(VLocalTimeGate.Enter(mutex));
-  EXPECT_EQ(0, converted(kSecond, 0).calendar.tm_year);
-  EXPECT_EQ(7U, converted(kSecond, 7000000).milliseconds);
+  EXPECT_EQ(0, converted(SECOND, 0).calendar.tm_year);
+  EXPECT_EQ(7U, converted(SECOND, 7000000).milliseconds);
   VLocalTimeGate.Leave();
-  EXPECT_EQ(9, converted(kSecond, 0).calendar.tm_hour);
+  EXPECT_EQ(9, converted(SECOND, 0).calendar.tm_hour);
 }
 
 TEST(KelpTime, ConversionGivesItsLockBack) {
   setZone("UTC");
-  (void)converted(kSecond, 0);
+  (void)converted(SECOND, 0);
   int hour = 0;
-  std::thread([&] { hour = converted(kSecond, 0).calendar.tm_hour; }).join();
+  std::thread([&] { hour = converted(SECOND, 0).calendar.tm_hour; }).join();
   EXPECT_EQ(9, hour);
 }
 
@@ -172,7 +172,7 @@ TEST(KelpTime, RealClockHasMicroseconds) {
   uint32_t seconds = 0;
   uint32_t nanoseconds = 0;
   KelpBestGetCurrentTime(&seconds, &nanoseconds);
-  EXPECT_GT(seconds, kSecond);
+  EXPECT_GT(seconds, SECOND);
   EXPECT_LT(nanoseconds, 1000000000U);
   EXPECT_EQ(0U, nanoseconds % 1000);
 }

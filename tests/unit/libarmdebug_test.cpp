@@ -15,7 +15,7 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-const Texts kFirstRecord = {"Debug run found in caller's environment.\n"};
+const Texts FIRST_RECORD = {"Debug run found in caller's environment.\n"};
 
 bool writesXml() {
   return contentOf(TRACE_FILE).rfind("<Trace>\n", 0) == 0;
@@ -43,7 +43,7 @@ TEST(DebugSwitches, EmptyArmdebugTurnsTracingOn) {
   EXPECT_TRUE(checkForDebugRun());
   checkDebug();
   EXPECT_EQ(1, VDebugRun);
-  EXPECT_EQ(kFirstRecord, traceTexts());
+  EXPECT_EQ(FIRST_RECORD, traceTexts());
 }
 
 TEST(DebugSwitches, AnyValueOfArmdebugTurnsTracingOn) {
@@ -63,7 +63,7 @@ TEST(DebugSwitches, FormatBasicGivesTheBasicFormat) {
   setSwitches("1", "basic");
   checkDebug();
   EXPECT_FALSE(writesXml());
-  EXPECT_EQ(kFirstRecord, traceTexts());
+  EXPECT_EQ(FIRST_RECORD, traceTexts());
 }
 
 TEST(DebugSwitches, FormatWithACapitalBGivesXml) {
@@ -92,7 +92,7 @@ TEST(DebugSwitches, MissingFormatLeavesTheFormatAsItIs) {
   unsetenv("ARMDEBUGFORMAT");
   wcDebugSetLogFormat(0);
   checkDebug();
-  EXPECT_EQ(kFirstRecord, traceTexts());
+  EXPECT_EQ(FIRST_RECORD, traceTexts());
 }
 
 TEST(DebugSwitches, FormatWithoutArmdebugHasNoEffect) {
@@ -118,7 +118,7 @@ TEST(DebugSwitches, TracingStaysOnWhenTheVariableGoes) {
   unsetenv("ARMDEBUG");
   checkDebug();
   EXPECT_EQ(1, VDebugRun);
-  EXPECT_EQ(kFirstRecord, traceTexts());
+  EXPECT_EQ(FIRST_RECORD, traceTexts());
 }
 
 }  // namespace

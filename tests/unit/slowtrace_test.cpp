@@ -114,23 +114,23 @@ class Taker {
 /// The complete texts of the XML records in a trace; "torn" stands for whatever is no complete
 /// record.
 std::vector<std::string> textsOf(const std::string& trace) {
-  static const std::string begin = "<Trace>\n";
-  static const std::string end = "</Trace>\n";
-  static const std::string text = "<LogText><![CDATA[";
+  static const std::string BEGIN = "<Trace>\n";
+  static const std::string END = "</Trace>\n";
+  static const std::string TEXT = "<LogText><![CDATA[";
   std::vector<std::string> texts;
   size_t at = 0;
   while (at < trace.size()) {
-    const size_t close = trace.find(end, at);
+    const size_t close = trace.find(END, at);
     const std::string record =
-        close == std::string::npos ? "" : trace.substr(at, close + end.size() - at);
-    const size_t from = record.find(text);
-    const bool whole = record.rfind(begin, 0) == 0 && record.find(begin, 1) == std::string::npos &&
+        close == std::string::npos ? "" : trace.substr(at, close + END.size() - at);
+    const size_t from = record.find(TEXT);
+    const bool whole = record.rfind(BEGIN, 0) == 0 && record.find(BEGIN, 1) == std::string::npos &&
                        from != std::string::npos;
     texts.push_back(whole
-                        ? record.substr(from + text.size(), record.find("]]>") - from - text.size())
+                        ? record.substr(from + TEXT.size(), record.find("]]>") - from - TEXT.size())
                         : "torn");
     if (record.empty()) break;
-    at = close + end.size();
+    at = close + END.size();
   }
   return texts;
 }
@@ -191,11 +191,11 @@ int openTerminal() {
   return terminal;
 }
 
-constexpr int kMany = 1000;
+constexpr int MANY = 1000;
 
 std::vector<std::string> manyTexts() {
   std::vector<std::string> texts;
-  for (int i = 0; i < kMany; ++i) texts.push_back("text " + std::to_string(i));
+  for (int i = 0; i < MANY; ++i) texts.push_back("text " + std::to_string(i));
   return texts;
 }
 
@@ -212,7 +212,7 @@ TEST(SlowTrace, EveryRecordReachesTheReaderOfAPipe) {
   writeMany();
   EXPECT_EQ(manyTexts(), textsOf(reader.allTo(manyTexts().back())));
   close(pipe);
-  counted("records for a slow reader", kMany);
+  counted("records for a slow reader", MANY);
 }
 
 TEST(SlowTrace, EveryRecordReachesTheReaderOfATerminal) {
@@ -225,7 +225,7 @@ TEST(SlowTrace, EveryRecordReachesTheReaderOfATerminal) {
   EXPECT_EQ(manyTexts(), textsOf(reader.allTo(manyTexts().back())));
   close(held);
   close(terminal);
-  counted("records for a slow reader", kMany);
+  counted("records for a slow reader", MANY);
 }
 
 TEST(SlowTrace, RecordsOfSeveralThreadsAreWhole) {

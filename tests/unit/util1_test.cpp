@@ -13,7 +13,7 @@
 namespace armtest {
 namespace {
 
-constexpr const char* kFile = "/tmp/file";
+constexpr const char* FILE = "/tmp/file";
 
 /// What a function makes of a text.
 std::string after(void (*function)(char*), std::string text) {
@@ -25,34 +25,34 @@ std::string after(void (*function)(char*), std::string text) {
 // ---- files --------------------------------------------------------------------------------------
 
 TEST(FileExists, StoresTheSize) {
-  writeContent(kFile, "12345");
+  writeContent(FILE, "12345");
   unsigned int size = 0;
-  EXPECT_EQ(1, fileExists(kFile, &size));
+  EXPECT_EQ(1, fileExists(FILE, &size));
   EXPECT_EQ(5U, size);
 }
 
 TEST(FileExists, NeedsNoPlaceForTheSize) {
-  writeContent(kFile, "12345");
-  EXPECT_EQ(1, fileExists(kFile, nullptr));
+  writeContent(FILE, "12345");
+  EXPECT_EQ(1, fileExists(FILE, nullptr));
 }
 
 TEST(FileExists, MissingFileStoresNothing) {
   unsigned int size = 7;
-  EXPECT_EQ(0, fileExists(kFile, &size));
+  EXPECT_EQ(0, fileExists(FILE, &size));
   EXPECT_EQ(7U, size);
 }
 
 TEST(FileExists, FileWithoutRightsExists) {
-  writeContent(kFile, "12345");
-  EXPECT_EQ(0, chmod(kFile, 0));
-  EXPECT_EQ(1, fileExists(kFile, nullptr));
+  writeContent(FILE, "12345");
+  EXPECT_EQ(0, chmod(FILE, 0));
+  EXPECT_EQ(1, fileExists(FILE, nullptr));
 }
 
 /// What readFile gives: the text with all its bytes, or "none".
 std::string read(unsigned int size) {
   static char before;
   char* text = &before;
-  const int result = readFile(kFile, size, &text);
+  const int result = readFile(FILE, size, &text);
   EXPECT_EQ(result == 1, text != nullptr);
   if (text == nullptr) return "none";
   EXPECT_EQ('\0', text[size]);
@@ -62,24 +62,24 @@ std::string read(unsigned int size) {
 }
 
 TEST(ReadFile, GivesTheWholeFile) {
-  writeContent(kFile, "12345");
+  writeContent(FILE, "12345");
   EXPECT_EQ("12345", read(5));
 }
 
 TEST(ReadFile, GivesTheBeginningOfALongerFile) {
-  writeContent(kFile, "12345");
+  writeContent(FILE, "12345");
   EXPECT_EQ("123", read(3));
 }
 
 TEST(ReadFile, GivesAnEmptyText) {
-  writeContent(kFile, "");
+  writeContent(FILE, "");
   EXPECT_EQ("", read(0));
 }
 
 TEST(ReadFile, GivesZeroBytesToo) {
-  writeContent(kFile, std::string("1\0\0"
-                                  "4",
-                                  4));
+  writeContent(FILE, std::string("1\0\0"
+                                 "4",
+                                 4));
   EXPECT_EQ(std::string("1\0\0"
                         "4",
                         4),
@@ -87,7 +87,7 @@ TEST(ReadFile, GivesZeroBytesToo) {
 }
 
 TEST(ReadFile, RefusesAShorterFile) {
-  writeContent(kFile, "12345");
+  writeContent(FILE, "12345");
   EXPECT_EQ("none", read(6));
 }
 
@@ -96,18 +96,18 @@ TEST(ReadFile, RefusesAMissingFile) {
 }
 
 TEST(ReadFile, RefusesADirectory) {
-  EXPECT_EQ(0, mkdir(kFile, 0755));
+  EXPECT_EQ(0, mkdir(FILE, 0755));
   EXPECT_EQ("none", read(5));
 }
 
 TEST(ReadFile, RefusesAFileWithoutRights) {
-  writeContent(kFile, "12345");
-  EXPECT_EQ(0, chmod(kFile, 0));
+  writeContent(FILE, "12345");
+  EXPECT_EQ(0, chmod(FILE, 0));
   EXPECT_EQ("none", read(5));
 }
 
 TEST(ReadFile, RefusesWhatCannotBeAllocated) {
-  writeContent(kFile, "12345");
+  writeContent(FILE, "12345");
   calls::malloc.fail(nullptr, ENOMEM);
   const std::string text = read(5);
   calls::malloc.watch();
@@ -115,12 +115,12 @@ TEST(ReadFile, RefusesWhatCannotBeAllocated) {
 }
 
 TEST(ReadFile, RefusesTheLargestSize) {
-  writeContent(kFile, "12345");
+  writeContent(FILE, "12345");
   EXPECT_EQ("none", read(~0U));
 }
 
 TEST(ReadFile, AlwaysClosesTheFile) {
-  writeContent(kFile, "12345");
+  writeContent(FILE, "12345");
   const int before = openFiles();
   EXPECT_EQ("12345", read(5));
   EXPECT_EQ("none", read(6));

@@ -12,7 +12,7 @@
 namespace armtest {
 namespace {
 
-constexpr const char* kDefaultDir = "/var/orv/kestra/common/QDN/logs/";
+constexpr const char* DEFAULT_DIR = "/var/orv/kestra/common/QDN/logs/";
 
 /// A result in a buffer of exactly `len` bytes, with a guard behind it.
 template <typename Fill>
@@ -73,13 +73,13 @@ TEST(LogLocation, NoRoomForThePathIsLeftAlone) {
 }
 
 TEST(LogLocation, PathBehindAnOverlongDirectoryIsCut) {
-  const std::string longDir = "/" + std::string(4999, 'd');
-  writeContent(PROPERTIES_FILE, "kestra_common_dir=" + longDir);
-  EXPECT_EQ(longDir.substr(0, 4095), traceFile());
+  const std::string long_dir = "/" + std::string(4999, 'd');
+  writeContent(PROPERTIES_FILE, "kestra_common_dir=" + long_dir);
+  EXPECT_EQ(long_dir.substr(0, 4095), traceFile());
 }
 
 TEST(LogLocation, PropertiesAreReadAnewByEveryCall) {
-  EXPECT_EQ(std::string(kDefaultDir) + "trace-armdebug.log", traceFile());
+  EXPECT_EQ(std::string(DEFAULT_DIR) + "trace-armdebug.log", traceFile());
   writeContent(PROPERTIES_FILE, "kestra_common_dir=/a");
   EXPECT_EQ("/a/QDN/logs/trace-armdebug.log", traceFile());
 }
@@ -93,50 +93,50 @@ TEST(LogLocation, NoDirectoryIsMade) {
 // ---- the directory ------------------------------------------------------------------------------
 
 TEST(LogDirectory, EmptyFileGivesTheDefault) {
-  EXPECT_EQ(kDefaultDir, dirFor(""));
+  EXPECT_EQ(DEFAULT_DIR, dirFor(""));
 }
 
 TEST(LogDirectory, FileWithoutTheKeyGivesTheDefault) {
-  EXPECT_EQ(kDefaultDir, dirFor("other_dir=/a\n"));
+  EXPECT_EQ(DEFAULT_DIR, dirFor("other_dir=/a\n"));
 }
 
 TEST(LogDirectory, FileOfZeroBytesGivesTheDefault) {
-  EXPECT_EQ(kDefaultDir, dirFor(std::string(100, '\0')));
+  EXPECT_EQ(DEFAULT_DIR, dirFor(std::string(100, '\0')));
 }
 
 TEST(LogDirectory, KeyBehindAZeroByteIsNotSeen) {
-  EXPECT_EQ(kDefaultDir, dirFor(std::string("a\0kestra_common_dir=/a\n", 23)));
+  EXPECT_EQ(DEFAULT_DIR, dirFor(std::string("a\0kestra_common_dir=/a\n", 23)));
 }
 
 TEST(LogDirectory, FileWithoutRightsGivesTheDefault) {
   writeContent(PROPERTIES_FILE, "kestra_common_dir=/a\n");
   EXPECT_EQ(0, chmod(PROPERTIES_FILE, 0));
-  EXPECT_EQ(kDefaultDir, filled(4096, findCommonLogDir));
+  EXPECT_EQ(DEFAULT_DIR, filled(4096, findCommonLogDir));
 }
 
 TEST(LogDirectory, DirectoryInPlaceOfTheFileGivesTheDefault) {
   EXPECT_EQ(0, mkdir(PROPERTIES_FILE, 0755));
-  EXPECT_EQ(kDefaultDir, filled(4096, findCommonLogDir));
+  EXPECT_EQ(DEFAULT_DIR, filled(4096, findCommonLogDir));
 }
 
 TEST(LogDirectory, EmptyValueGivesTheDefault) {
-  EXPECT_EQ(kDefaultDir, dirFor("kestra_common_dir=\nother=/a\n"));
+  EXPECT_EQ(DEFAULT_DIR, dirFor("kestra_common_dir=\nother=/a\n"));
 }
 
 TEST(LogDirectory, ValueOfBlanksAndEqualsSignsGivesTheDefault) {
-  EXPECT_EQ(kDefaultDir, dirFor("kestra_common_dir = \t=\n"));
+  EXPECT_EQ(DEFAULT_DIR, dirFor("kestra_common_dir = \t=\n"));
 }
 
 TEST(LogDirectory, KeyAtTheVeryEndOfTheFileGivesTheDefault) {
-  EXPECT_EQ(kDefaultDir, dirFor("other=/a\nkestra_common_dir"));
+  EXPECT_EQ(DEFAULT_DIR, dirFor("other=/a\nkestra_common_dir"));
 }
 
 TEST(LogDirectory, SeparatorAtTheVeryEndOfTheFileGivesTheDefault) {
-  EXPECT_EQ(kDefaultDir, dirFor("kestra_common_dir="));
+  EXPECT_EQ(DEFAULT_DIR, dirFor("kestra_common_dir="));
 }
 
 TEST(LogDirectory, KeyBehindAHashGivesTheDefault) {
-  EXPECT_EQ(kDefaultDir, dirFor("\n#kestra_common_dir=/a\n"));
+  EXPECT_EQ(DEFAULT_DIR, dirFor("\n#kestra_common_dir=/a\n"));
 }
 
 TEST(LogDirectory, CommentedKeyIsPassedOver) {

@@ -344,14 +344,14 @@ TEST(TraceFile, RemovedFileIsMadeAgain) {
 }
 
 TEST(TraceFile, TimeIsTakenBeforeTheFileIsOpened) {
-  int opensBefore = -1;
+  int opens_before = -1;
   calls::open.watch();
   calls::gettimeofday.replace([&](timeval* now, void* zone) {
-    opensBefore = calls::open.count();
+    opens_before = calls::open.count();
     return calls::gettimeofday.real(now, zone);
   });
   wcDebug("x");
-  EXPECT_EQ(0, opensBefore);
+  EXPECT_EQ(0, opens_before);
 }
 
 TEST(TraceFile, FailedWritesAreIgnored) {
@@ -439,7 +439,7 @@ TEST(TraceStamp, SecondsAreStoredWithoutTheMilliseconds) {
 
 // ---- the file's place ---------------------------------------------------------------------------
 
-constexpr const char* kElsewhere = "/tmp/common/QDN/logs/trace-armdebug.log";
+constexpr const char* ELSEWHERE = "/tmp/common/QDN/logs/trace-armdebug.log";
 
 void moveTraceElsewhere() {
   writeContent(PROPERTIES_FILE, "kestra_common_dir=/tmp/common\n");
@@ -456,7 +456,7 @@ TEST(TracePlace, PropertiesDecide) {
   makeDirectoryElsewhere();
   wcDebugSetLogFormat(0);
   wcDebugWorker("abc", 0);
-  EXPECT_EQ("abc", contentOf(kElsewhere));
+  EXPECT_EQ("abc", contentOf(ELSEWHERE));
 }
 
 TEST(TracePlace, IsSettledByTheFirstRecord) {
@@ -498,7 +498,7 @@ TEST(TracePlace, FileIsMadeByTheFirstRecordAfterTheDirectory) {
   (void)testing::internal::GetCapturedStdout();
   makeDirectoryElsewhere();
   wcDebugWorker("abc", 0);
-  EXPECT_EQ("abc", contentOf(kElsewhere));
+  EXPECT_EQ("abc", contentOf(ELSEWHERE));
 }
 
 TEST(TracePlace, GoodRecordPrintsNothing) {
@@ -545,11 +545,11 @@ TEST(TracePlace, AskingForItMakesNoFile) {
 
 TEST(TraceThreads, EveryTextOfSeveralThreadsIsWritten) {
   wcDebugSetLogFormat(0);
-  const auto writeMany = [](const char* text) {
+  const auto write_many = [](const char* text) {
     for (int i = 0; i < 50; ++i) wcDebug(text);
   };
-  std::thread first(writeMany, "[first]");
-  std::thread second(writeMany, "[second]");
+  std::thread first(write_many, "[first]");
+  std::thread second(write_many, "[second]");
   first.join();
   second.join();
   EXPECT_EQ(50, occurrences("[first]"));
