@@ -25,7 +25,7 @@ extern "C" int countedCalls(bool bare, int count);
 extern "C" __attribute__((noinline)) int countedCalls(bool bare, int count) {
   int failures = 0;
   if (bare) {
-    for (int i = 0; i < count; ++i) failures += floor_start(1) <= 0;
+    for (int i = 0; i < count; ++i) failures += floorStart(1) <= 0;
   } else {
     for (int i = 0; i < count; ++i) failures += arm_start(1, 0, nullptr, 0) <= 0;
   }
@@ -130,10 +130,10 @@ int makeCalls(const std::string& mode) {
 
 int count(const std::string& name, int calls) {
   const bool bare = name == "floor";
-  if (bare && floor_open() != 0) return 1;
+  if (bare && floorOpen() != 0) return 1;
   constexpr int WARM_UP = 2;
   if (bare) {
-    for (int i = 0; i < WARM_UP; ++i) (void)floor_start(1);
+    for (int i = 0; i < WARM_UP; ++i) (void)floorStart(1);
   } else {
     for (int i = 0; i < WARM_UP; ++i) (void)arm_start(1, 0, nullptr, 0);
   }

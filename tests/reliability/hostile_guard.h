@@ -3,8 +3,8 @@
 #include <cstdint>
 
 // Stands between the library and the C library in the programs that link hostile_guard.cpp, and in
-// the processes that they fork. fuzz/Peer.cpp guards what it attaches too, where the library is linked
-// in and one thread attaches; here several do, in a program of the shipped library.
+// the processes that they fork. fuzz/Peer.cpp guards what it attaches too, where the library is
+// linked in and one thread attaches; here several do, in a program of the shipped library.
 
 namespace armtest {
 
