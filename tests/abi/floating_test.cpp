@@ -24,8 +24,8 @@ bool usesTheUnit(const std::string& instruction) {
 #if defined(__LP64__)
   return std::regex_search(instruction, ARITHMETIC);
 #else
-  static const std::regex kVector(R"(%[xyz]mm)");
-  return std::regex_search(instruction, ARITHMETIC) || std::regex_search(instruction, kVector);
+  static const std::regex VECTOR(R"(%[xyz]mm)");
+  return std::regex_search(instruction, ARITHMETIC) || std::regex_search(instruction, VECTOR);
 #endif
 }
 

@@ -78,13 +78,13 @@ std::map<std::string, std::string> setNames() {
 
 /// One line of the trace in the form of the lists above; a line of any other kind stays as it is.
 std::string stepOf(const std::string& line, const std::map<std::string, std::string>& names) {
-  static const std::regex GETPID(R"(^getpid\(\).*)");
+  static const std::regex GETPID_LINE(R"(^getpid\(\).*)");
   static const std::regex CONTROL(R"(^semctl\((\d+), (\d+), (?:IPC_64\|)?(\w+).*)");
   static const std::regex OPERATE(R"(^sem(?:timed)?op(?:_time64)?\((\d+), \[(.*)\], \d.*)");
   static const std::regex OPERATION(
       R"(\{(?:sem_num=)?(\d+), (?:sem_op=)?(-?\d+), (?:sem_flg=)?([^}]*)\})");
   std::smatch parts;
-  if (std::regex_match(line, GETPID)) return "getpid";
+  if (std::regex_match(line, GETPID_LINE)) return "getpid";
   const auto name_of = [&names](const std::string& number) {
     const auto name = names.find(number);
     return name != names.end() ? name->second : "set " + number;

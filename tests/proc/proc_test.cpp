@@ -570,7 +570,7 @@ TEST_F(Processes, ForkedChildOfAConnectedProcessGetsItsOwnReplies) {
     // The child's only thread has the process's number.
     EXPECT_EQ(of_child ? static_cast<uint32_t>(child) : own_thread, word(record, 4));
 #else
-    EXPECT_EQ(ownThread, word(record, 4));
+    EXPECT_EQ(own_thread, word(record, 4));
 #endif
   }
 }

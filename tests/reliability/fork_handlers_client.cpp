@@ -87,7 +87,7 @@ void forkOnce(int number) {
 /// Makes the calls of one round with the mutex held, when a fork has begun that waits for it.
 void callWithMutexOnceAForkWaits(int id) {
   pthread_mutex_lock(&host_mutex);
-  while (!fork_waits_for_mutex.load() && !STOP.load()) std::this_thread::yield();
+  while (!fork_waits_for_mutex.load() && !stop.load()) std::this_thread::yield();
   makeCalls(id);
   pthread_mutex_unlock(&host_mutex);
 }
@@ -104,16 +104,16 @@ int main(int argc, char** argv) {
   if (isPlace("mutex")) {
     if (!first) makeCalls(7);
     threads.emplace_back([] {
-      for (int id = 1000000; !STOP.load(); id += 100) callWithMutexOnceAForkWaits(id);
+      for (int id = 1000000; !stop.load(); id += 100) callWithMutexOnceAForkWaits(id);
     });
   }
   for (int thread = 0; thread < 2 && !first; ++thread) {
     threads.emplace_back([thread] {
-      for (int id = 10000000 * (2 + thread); !STOP.load(); id += 100) makeCalls(id);
+      for (int id = 10000000 * (2 + thread); !stop.load(); id += 100) makeCalls(id);
     });
   }
   for (int number = 0; number < std::atoi(argv[2]); ++number) forkOnce(number);
-  STOP.store(true);
+  stop.store(true);
   for (std::thread& thread : threads) thread.join();
   const int wrong = answers->wrong.load();
   return wrong < 90 ? wrong : 90;

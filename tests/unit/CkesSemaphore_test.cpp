@@ -21,57 +21,57 @@
 namespace armtest {
 namespace {
 
-char name[] = "/var/kelp/semaphore";
+char semaphore_name[] = "/var/kelp/semaphore";
 
 using Texts = std::vector<std::string>;
 
 int count() {
-  return semaphoreValue(setAt(name), 0);
+  return semaphoreValue(setAt(semaphore_name), 0);
 }
 int privateLock() {
-  return semaphoreValue(setAt(name), 1);
+  return semaphoreValue(setAt(semaphore_name), 1);
 }
 
 // ---- create -------------------------------------------------------------------------------------
 
 TEST(CkesSemaphore, MaximumOfZeroIsRefused) {
-  EXPECT_FALSE(CkesSemaphore(name, 0, 0).IsInitialized());
+  EXPECT_FALSE(CkesSemaphore(semaphore_name, 0, 0).IsInitialized());
 }
 
 TEST(CkesSemaphore, InitialCountAboveTheMaximumIsRefused) {
-  EXPECT_FALSE(CkesSemaphore(name, 5, 4).IsInitialized());
+  EXPECT_FALSE(CkesSemaphore(semaphore_name, 5, 4).IsInitialized());
 }
 
 TEST(CkesSemaphore, MaximumOf32767IsRefused) {
-  EXPECT_FALSE(CkesSemaphore(name, 0, 32767).IsInitialized());
+  EXPECT_FALSE(CkesSemaphore(semaphore_name, 0, 32767).IsInitialized());
 }
 
 TEST(CkesSemaphore, MaximumOf32766IsAccepted) {
-  EXPECT_TRUE(CkesSemaphore(name, 0, 32766).IsInitialized());
+  EXPECT_TRUE(CkesSemaphore(semaphore_name, 0, 32766).IsInitialized());
 }
 
 TEST(CkesSemaphore, MaximumOfOneIsAccepted) {
-  EXPECT_TRUE(CkesSemaphore(name, 1, 1).IsInitialized());
+  EXPECT_TRUE(CkesSemaphore(semaphore_name, 1, 1).IsInitialized());
 }
 
 TEST(CkesSemaphore, RefusedArgumentsCreateNothing) {
-  const CkesSemaphore semaphore(name, 5, 4);
-  EXPECT_FALSE(exists(name));
+  const CkesSemaphore semaphore(semaphore_name, 5, 4);
+  EXPECT_FALSE(exists(semaphore_name));
 }
 
 TEST(CkesSemaphore, RefusedSemaphoreRemovesNoSetWhenItIsDestroyed) {
   // The first set of a machine has identifier 0.
-  const int set = makeSet(name, 3);
-  { const CkesSemaphore semaphore(name, 5, 4); }
+  const int set = makeSet(semaphore_name, 3);
+  { const CkesSemaphore semaphore(semaphore_name, 5, 4); }
   { const CkesSemaphore semaphore(5, 4); }
   EXPECT_TRUE(setExists(set));
 }
 
 TEST(CkesSemaphore, CreationMakesTheNameFileAndASetOfThree) {
-  const CkesSemaphore semaphore(name, 3, 7);
+  const CkesSemaphore semaphore(semaphore_name, 3, 7);
   ASSERT_TRUE(semaphore.IsInitialized());
-  EXPECT_TRUE(exists(name));
-  const int set = setAt(name, 1);
+  EXPECT_TRUE(exists(semaphore_name));
+  const int set = setAt(semaphore_name, 1);
   EXPECT_EQ(3, semaphoreValue(set, 0));
   EXPECT_EQ(0, semaphoreValue(set, 1));
   EXPECT_EQ(7, semaphoreValue(set, 2));
@@ -84,43 +84,43 @@ TEST(CkesSemaphore, CreationAsksForASetOpenToAll) {
     asked = flags;
     return calls::semget.real(key, semaphores, flags);
   });
-  const CkesSemaphore semaphore(name, 3, 7);
+  const CkesSemaphore semaphore(semaphore_name, 3, 7);
   EXPECT_EQ(0x3B6, asked);
 }
 
 TEST(CkesSemaphore, CreationOverAnExistingSetOfThreeResetsItsValues) {
-  const CkesSemaphore first(name, 3, 7);
-  const int set = setAt(name);
+  const CkesSemaphore first(semaphore_name, 3, 7);
+  const int set = setAt(semaphore_name);
   setSemaphore(set, 1, 1);
-  const CkesSemaphore second(name, 1, 4);
+  const CkesSemaphore second(semaphore_name, 1, 4);
   EXPECT_TRUE(second.IsInitialized());
-  EXPECT_EQ(set, setAt(name));
+  EXPECT_EQ(set, setAt(semaphore_name));
   EXPECT_EQ(1, semaphoreValue(set, 0));
   EXPECT_EQ(0, semaphoreValue(set, 1));
   EXPECT_EQ(4, semaphoreValue(set, 2));
 }
 
 TEST(CkesSemaphore, FirstOwnersDestructionRemovesATakenOverSetUnderEveryone) {
-  auto* first = new CkesSemaphore(name, 3, 7);
-  CkesSemaphore second(name, 1, 4);
+  auto* first = new CkesSemaphore(semaphore_name, 3, 7);
+  CkesSemaphore second(semaphore_name, 1, 4);
   delete first;
-  EXPECT_EQ(-1, setAt(name));
+  EXPECT_EQ(-1, setAt(semaphore_name));
   EXPECT_EQ(-141, second.Wait(0));
 }
 
 TEST(CkesSemaphore, StaleSetOfFewerSemaphoresIsReplaced) {
-  const int stale = makeSet(name, 1);
-  const CkesSemaphore semaphore(name, 3, 7);
+  const int stale = makeSet(semaphore_name, 1);
+  const CkesSemaphore semaphore(semaphore_name, 3, 7);
   EXPECT_TRUE(semaphore.IsInitialized());
   EXPECT_FALSE(setExists(stale));
-  EXPECT_EQ(7, semaphoreValue(setAt(name), 2));
+  EXPECT_EQ(7, semaphoreValue(setAt(semaphore_name), 2));
 }
 
 TEST(CkesSemaphore, LargerSetIsTakenOver) {
-  const int larger = makeSet(name, 5);
-  const CkesSemaphore semaphore(name, 3, 7);
+  const int larger = makeSet(semaphore_name, 5);
+  const CkesSemaphore semaphore(semaphore_name, 3, 7);
   EXPECT_TRUE(semaphore.IsInitialized());
-  EXPECT_EQ(larger, setAt(name));
+  EXPECT_EQ(larger, setAt(semaphore_name));
 }
 
 TEST(CkesSemaphore, IsNotInitializedWithoutItsNameFile) {
@@ -130,41 +130,41 @@ TEST(CkesSemaphore, IsNotInitializedWithoutItsNameFile) {
 
 TEST(CkesSemaphore, IsNotInitializedWithoutItsKey) {
   calls::ftok.fail(-1, EACCES);
-  EXPECT_FALSE(CkesSemaphore(name, 0, 1).IsInitialized());
+  EXPECT_FALSE(CkesSemaphore(semaphore_name, 0, 1).IsInitialized());
 }
 
 TEST(CkesSemaphore, IsNotInitializedWhenNoStaleSetCanBeFound) {
   calls::semget.fail(-1, ENOSPC);
-  EXPECT_FALSE(CkesSemaphore(name, 0, 1).IsInitialized());
+  EXPECT_FALSE(CkesSemaphore(semaphore_name, 0, 1).IsInitialized());
   EXPECT_EQ(2, calls::semget.count());
 }
 
 TEST(CkesSemaphore, SetIsAskedForOnlyOnceMoreAfterAStaleOne) {
-  const int stale = makeSet(name, 1);
+  const int stale = makeSet(semaphore_name, 1);
   int number = 0;
   calls::semget.replace([&](key_t, int, int) { return ++number == 2 ? stale : -1; });
-  EXPECT_FALSE(CkesSemaphore(name, 0, 1).IsInitialized());
+  EXPECT_FALSE(CkesSemaphore(semaphore_name, 0, 1).IsInitialized());
   EXPECT_EQ(3, number);
 }
 
 TEST(CkesSemaphore, RemovalOfAStaleSetMayFail) {
-  ASSERT_GE(makeSet(name, 1), 0);
+  ASSERT_GE(makeSet(semaphore_name, 1), 0);
   calls::semctl.fail(-1, EPERM, 0, 1);
-  EXPECT_FALSE(CkesSemaphore(name, 0, 1).IsInitialized());
+  EXPECT_FALSE(CkesSemaphore(semaphore_name, 0, 1).IsInitialized());
   EXPECT_EQ(1, calls::semctl.count());
 }
 
 TEST(CkesSemaphore, AnyValueThatCannotBeSetLeavesItNotInitialized) {
   for (int good = 0; good < 3; ++good) {
     calls::semctl.fail(-1, EPERM, good);
-    EXPECT_FALSE(CkesSemaphore(name, 0, 1).IsInitialized()) << good;
+    EXPECT_FALSE(CkesSemaphore(semaphore_name, 0, 1).IsInitialized()) << good;
   }
 }
 
 TEST(CkesSemaphore, FailedCreationUndoesNothing) {
   calls::semctl.fail(-1, EPERM);
-  { const CkesSemaphore semaphore(name, 0, 1); }
-  EXPECT_TRUE(setExists(setAt(name)));
+  { const CkesSemaphore semaphore(semaphore_name, 0, 1); }
+  EXPECT_TRUE(setExists(setAt(semaphore_name)));
 }
 
 TEST(CkesSemaphore, ValuesAreSetInOrder) {
@@ -174,7 +174,7 @@ TEST(CkesSemaphore, ValuesAreSetInOrder) {
       set.push_back(std::to_string(number) + "=" + std::to_string(argument.val));
     return calls::semctl.real(id, number, command, argument);
   });
-  const CkesSemaphore semaphore(name, 3, 7);
+  const CkesSemaphore semaphore(semaphore_name, 3, 7);
   EXPECT_EQ((Texts{"0=3", "1=0", "2=7"}), set);
 }
 
@@ -193,91 +193,91 @@ TEST(CkesSemaphore, UnnamedSemaphoreAsksForNoSet) {
 // ---- open ---------------------------------------------------------------------------------------
 
 TEST(CkesSemaphore, OpenerSharesTheCount) {
-  const CkesSemaphore creator(name, 2, 7);
-  CkesSemaphore opener(name);
+  const CkesSemaphore creator(semaphore_name, 2, 7);
+  CkesSemaphore opener(semaphore_name);
   ASSERT_TRUE(opener.IsInitialized());
   EXPECT_EQ(0, opener.Wait(0));
   EXPECT_EQ(1, count());
 }
 
 TEST(CkesSemaphore, OpenerLearnsTheMaximumFromTheSet) {
-  const CkesSemaphore creator(name, 2, 3);
-  CkesSemaphore opener(name);
+  const CkesSemaphore creator(semaphore_name, 2, 3);
+  CkesSemaphore opener(semaphore_name);
   EXPECT_EQ(-144, opener.Post(2));
   EXPECT_EQ(0, opener.Post(1));
 }
 
 TEST(CkesSemaphore, OpeningANameNeverCreatedIsNotInitialized) {
-  const CkesSemaphore semaphore(name);
+  const CkesSemaphore semaphore(semaphore_name);
   EXPECT_FALSE(semaphore.IsInitialized());
 }
 
 TEST(CkesSemaphore, OpeningANameFileWithoutASetIsNotInitialized) {
-  writeContent(name, "");
-  const CkesSemaphore semaphore(name);
+  writeContent(semaphore_name, "");
+  const CkesSemaphore semaphore(semaphore_name);
   EXPECT_FALSE(semaphore.IsInitialized());
 }
 
 TEST(CkesSemaphore, OpeningASetOfTwoIsNotInitialized) {
-  ASSERT_GE(makeSet(name, 2), 0);
-  const CkesSemaphore semaphore(name);
+  ASSERT_GE(makeSet(semaphore_name, 2), 0);
+  const CkesSemaphore semaphore(semaphore_name);
   EXPECT_FALSE(semaphore.IsInitialized());
 }
 
 TEST(CkesSemaphore, MaximumThatCannotBeReadIsNotChecked) {
-  const CkesSemaphore creator(name, 0, 3);
+  const CkesSemaphore creator(semaphore_name, 0, 3);
   calls::semctl.fail(-1, EACCES, 0, 1);
-  CkesSemaphore opener(name);
+  CkesSemaphore opener(semaphore_name);
   EXPECT_TRUE(opener.IsInitialized());
   EXPECT_EQ(-144, opener.Post(1));
 }
 
 TEST(CkesSemaphore, OpenAsksForThreeSemaphoresWithoutFlags) {
-  const CkesSemaphore creator(name, 0, 3);
+  const CkesSemaphore creator(semaphore_name, 0, 3);
   Texts asked;
   calls::semget.replace([&](key_t key, int semaphores, int flags) {
     asked.push_back(std::to_string(semaphores) + " " + std::to_string(flags));
     return calls::semget.real(key, semaphores, flags);
   });
-  const CkesSemaphore opener(name);
+  const CkesSemaphore opener(semaphore_name);
   EXPECT_EQ((Texts{"3 0"}), asked);
 }
 
 TEST(CkesSemaphore, OpenTracesTheMissingFile) {
   startTracing();
-  const CkesSemaphore semaphore(name);
+  const CkesSemaphore semaphore(semaphore_name);
   EXPECT_EQ((Texts{"CkesSemaphore_LINUX::implOpen ftok call failed[2] for "
                    "i_Name[/var/kelp/semaphore]\n"}),
             traceTexts());
 }
 
 TEST(CkesSemaphore, OpenTracesTheMissingSet) {
-  writeContent(name, "");
+  writeContent(semaphore_name, "");
   calls::ftok.fail(4711, 0);
   startTracing();
-  const CkesSemaphore semaphore(name);
+  const CkesSemaphore semaphore(semaphore_name);
   EXPECT_EQ((Texts{"CkesSemaphore_LINUX::implOpen semget call failed[2] for sem_key[4711]\n"}),
             traceTexts());
 }
 
 TEST(CkesSemaphore, NothingIsTracedWithoutADebugRun) {
-  const CkesSemaphore semaphore(name);
+  const CkesSemaphore semaphore(semaphore_name);
   EXPECT_FALSE(exists(TRACE_FILE));
 }
 
 // ---- wait and try -------------------------------------------------------------------------------
 
 TEST(CkesSemaphore, WaitTakesOneUnit) {
-  CkesSemaphore semaphore(name, 3, 7);
+  CkesSemaphore semaphore(semaphore_name, 3, 7);
   EXPECT_EQ(0, semaphore.Wait(0));
   EXPECT_EQ(2, count());
 }
 
 TEST(CkesSemaphore, WaitIgnoresItsTimeLimitAndBlocksUntilAPost) {
-  CkesSemaphore semaphore(name, 0, 7);
+  CkesSemaphore semaphore(semaphore_name, 0, 7);
   long result = -1;
   std::thread waiter([&] { result = semaphore.Wait(10); });
-  EXPECT_TRUE(sleeperComes(setAt(name), 0));
+  EXPECT_TRUE(sleeperComes(setAt(semaphore_name), 0));
   EXPECT_EQ(0, semaphore.Post(1));
   waiter.join();
   EXPECT_EQ(0, result);
@@ -285,7 +285,7 @@ TEST(CkesSemaphore, WaitIgnoresItsTimeLimitAndBlocksUntilAPost) {
 }
 
 TEST(CkesSemaphore, WaitIsTheSameSingleOperationForEveryTimeLimit) {
-  CkesSemaphore semaphore(name, 3, 7);
+  CkesSemaphore semaphore(semaphore_name, 3, 7);
   Texts operations;
   calls::recordSemops(operations);
   EXPECT_EQ(0, semaphore.Wait(-1));
@@ -295,25 +295,25 @@ TEST(CkesSemaphore, WaitIsTheSameSingleOperationForEveryTimeLimit) {
 }
 
 TEST(CkesSemaphore, WaitInOneProcessEndsWithAPostInAnother) {
-  CkesSemaphore semaphore(name, 0, 7);
+  CkesSemaphore semaphore(semaphore_name, 0, 7);
   const pid_t child = forkChild([] {
-    CkesSemaphore opener(name);
+    CkesSemaphore opener(semaphore_name);
     return opener.Wait(0) == 0 ? 42 : 1;
   });
-  EXPECT_TRUE(sleeperComes(setAt(name), 0));
+  EXPECT_TRUE(sleeperComes(setAt(semaphore_name), 0));
   EXPECT_EQ(0, semaphore.Post(1));
   EXPECT_EQ(42, exitCodeOf(child));
 }
 
 TEST(CkesSemaphore, InterruptedWaitIsRepeated) {
-  CkesSemaphore semaphore(name, 1, 7);
+  CkesSemaphore semaphore(semaphore_name, 1, 7);
   calls::semop.fail(-1, EINTR, 0, 2);
   EXPECT_EQ(0, semaphore.Wait(0));
   EXPECT_EQ(3, calls::semop.count());
 }
 
 TEST(CkesSemaphore, WaitThatFailsOtherwiseGivesMinus141) {
-  CkesSemaphore semaphore(name, 1, 7);
+  CkesSemaphore semaphore(semaphore_name, 1, 7);
   calls::semop.fail(-1, EIDRM);
   EXPECT_EQ(-141, semaphore.Wait(0));
   EXPECT_EQ("-141 CkesSemaphore::Wait()", errorTrail());
@@ -321,8 +321,8 @@ TEST(CkesSemaphore, WaitThatFailsOtherwiseGivesMinus141) {
 
 TEST(CkesSemaphore, SetRemovedUnderAWaiterGivesMinus141) {
   ASSERT_EQ(0, CkesThreadLibrary::Initialize());
-  CkesSemaphore semaphore(name, 0, 7);
-  const int set = setAt(name);
+  CkesSemaphore semaphore(semaphore_name, 0, 7);
+  const int set = setAt(semaphore_name);
   long result = 0;
   std::thread waiter([&] { result = semaphore.Wait(0); });
   EXPECT_TRUE(sleeperComes(set, 0));
@@ -332,7 +332,7 @@ TEST(CkesSemaphore, SetRemovedUnderAWaiterGivesMinus141) {
 }
 
 TEST(CkesSemaphore, TryWaitTakesOneUnit) {
-  CkesSemaphore semaphore(name, 3, 7);
+  CkesSemaphore semaphore(semaphore_name, 3, 7);
   Texts operations;
   calls::recordSemops(operations);
   EXPECT_EQ(0, semaphore.TryWait());
@@ -341,13 +341,13 @@ TEST(CkesSemaphore, TryWaitTakesOneUnit) {
 }
 
 TEST(CkesSemaphore, TryWaitOnAZeroCountGivesMinus142AtOnce) {
-  CkesSemaphore semaphore(name, 0, 7);
+  CkesSemaphore semaphore(semaphore_name, 0, 7);
   EXPECT_EQ(-142, semaphore.TryWait());
   EXPECT_EQ("-142 CkesSemaphore::TryWait()", errorTrail());
 }
 
 TEST(CkesSemaphore, InterruptedTryWaitIsNotRepeatedAndGivesMinus141) {
-  CkesSemaphore semaphore(name, 1, 7);
+  CkesSemaphore semaphore(semaphore_name, 1, 7);
   calls::semop.fail(-1, EINTR, 0, 1);
   EXPECT_EQ(-141, semaphore.TryWait());
   EXPECT_EQ(1, calls::semop.count());
@@ -357,7 +357,7 @@ TEST(CkesSemaphore, InterruptedTryWaitIsNotRepeatedAndGivesMinus141) {
 // ---- post ---------------------------------------------------------------------------------------
 
 TEST(CkesSemaphore, PostAddsItsUnitsUnderThePrivateLock) {
-  CkesSemaphore semaphore(name, 0, 7);
+  CkesSemaphore semaphore(semaphore_name, 0, 7);
   Texts operations;
   calls::recordSemops(operations);
   EXPECT_EQ(0, semaphore.Post(3));
@@ -366,45 +366,45 @@ TEST(CkesSemaphore, PostAddsItsUnitsUnderThePrivateLock) {
 }
 
 TEST(CkesSemaphore, PostThatExactlyReachesTheMaximumSucceeds) {
-  CkesSemaphore semaphore(name, 2, 7);
+  CkesSemaphore semaphore(semaphore_name, 2, 7);
   EXPECT_EQ(0, semaphore.Post(5));
   EXPECT_EQ(7, count());
 }
 
 TEST(CkesSemaphore, PostAtTheMaximumGivesMinus144AndAddsNothing) {
-  CkesSemaphore semaphore(name, 7, 7);
+  CkesSemaphore semaphore(semaphore_name, 7, 7);
   EXPECT_EQ(-144, semaphore.Post(1));
   EXPECT_EQ("-144 CkesSemaphore::Post(long)", errorTrail());
   EXPECT_EQ(7, count());
 }
 
 TEST(CkesSemaphore, PostPastTheMaximumAddsNotEvenAPart) {
-  CkesSemaphore semaphore(name, 5, 7);
+  CkesSemaphore semaphore(semaphore_name, 5, 7);
   EXPECT_EQ(-144, semaphore.Post(3));
   EXPECT_EQ(5, count());
 }
 
 TEST(CkesSemaphore, RefusedPostGivesThePrivateLockBack) {
-  CkesSemaphore semaphore(name, 7, 7);
+  CkesSemaphore semaphore(semaphore_name, 7, 7);
   EXPECT_EQ(-144, semaphore.Post(1));
   EXPECT_EQ(0, privateLock());
 }
 
 TEST(CkesSemaphore, PostOfTheLargestNumberGivesMinus144) {
-  CkesSemaphore semaphore(name, 7, 7);
+  CkesSemaphore semaphore(semaphore_name, 7, 7);
   EXPECT_EQ(-144, semaphore.Post(LONG_MAX));
   EXPECT_EQ(7, count());
 }
 
 TEST(CkesSemaphore, InterruptedPrivateLockIsTakenAgain) {
-  CkesSemaphore semaphore(name, 0, 7);
+  CkesSemaphore semaphore(semaphore_name, 0, 7);
   calls::semop.fail(-1, EINTR, 0, 2);
   EXPECT_EQ(0, semaphore.Post(1));
   EXPECT_EQ(1, count());
 }
 
 TEST(CkesSemaphore, PostWithoutThePrivateLockGivesMinus143) {
-  CkesSemaphore semaphore(name, 0, 7);
+  CkesSemaphore semaphore(semaphore_name, 0, 7);
   calls::semop.fail(-1, EINVAL);
   EXPECT_EQ(-143, semaphore.Post(1));
   EXPECT_EQ("-143 CkesSemaphore::Post(long)", errorTrail());
@@ -412,7 +412,7 @@ TEST(CkesSemaphore, PostWithoutThePrivateLockGivesMinus143) {
 }
 
 TEST(CkesSemaphore, InterruptedAdditionGivesMinus143AndThePrivateLockBack) {
-  CkesSemaphore semaphore(name, 0, 7);
+  CkesSemaphore semaphore(semaphore_name, 0, 7);
   calls::semop.fail(-1, EINTR, 1, 1);
   EXPECT_EQ(-143, semaphore.Post(1));
   EXPECT_EQ(0, privateLock());
@@ -420,30 +420,30 @@ TEST(CkesSemaphore, InterruptedAdditionGivesMinus143AndThePrivateLockBack) {
 }
 
 TEST(CkesSemaphore, ResultOfThePrivateUnlockIsNotLookedAt) {
-  CkesSemaphore semaphore(name, 0, 7);
+  CkesSemaphore semaphore(semaphore_name, 0, 7);
   calls::semop.fail(-1, EINTR, 2, 1);
   EXPECT_EQ(0, semaphore.Post(1));
   EXPECT_EQ(1, count());
 }
 
 TEST(CkesSemaphore, PostOfAnotherProcessIsWaitedFor) {
-  CkesSemaphore semaphore(name, 0, 7);
-  setSemaphore(setAt(name), 1, 1);
+  CkesSemaphore semaphore(semaphore_name, 0, 7);
+  setSemaphore(setAt(semaphore_name), 1, 1);
   const pid_t child = forkChild([] {
-    CkesSemaphore opener(name);
+    CkesSemaphore opener(semaphore_name);
     return opener.Post(1) == 0 ? 42 : 1;
   });
-  EXPECT_TRUE(sleeperForZeroComes(setAt(name), 1));
+  EXPECT_TRUE(sleeperForZeroComes(setAt(semaphore_name), 1));
   EXPECT_EQ(0, count());
-  setSemaphore(setAt(name), 1, 0);
+  setSemaphore(setAt(semaphore_name), 1, 0);
   EXPECT_EQ(42, exitCodeOf(child));
   EXPECT_EQ(1, count());
 }
 
 TEST(CkesSemaphore, ProcessKilledInsidePostLeavesThePrivateLockFree) {
-  CkesSemaphore semaphore(name, 0, 7);
+  CkesSemaphore semaphore(semaphore_name, 0, 7);
   const pid_t child = forkChild([] {
-    CkesSemaphore opener(name);
+    CkesSemaphore opener(semaphore_name);
     calls::semop.replace([](int set, sembuf* operations, size_t number) {
       if (operations->sem_num == 0) raise(SIGKILL);
       return calls::semop.real(set, operations, number);
@@ -456,9 +456,9 @@ TEST(CkesSemaphore, ProcessKilledInsidePostLeavesThePrivateLockFree) {
 }
 
 TEST(CkesSemaphore, PostersOfSeveralProcessesNeverPassTheMaximum) {
-  const CkesSemaphore semaphore(name, 0, 10);
+  const CkesSemaphore semaphore(semaphore_name, 0, 10);
   const auto post = [] {
-    CkesSemaphore opener(name);
+    CkesSemaphore opener(semaphore_name);
     int added = 0;
     for (int i = 0; i < 20; ++i) added += opener.Post(1) == 0 ? 1 : 0;
     return added;
@@ -472,19 +472,19 @@ TEST(CkesSemaphore, PostersOfSeveralProcessesNeverPassTheMaximum) {
 // ---- an object that is not initialized ----------------------------------------------------------
 
 TEST(CkesSemaphore, WaitOnAnObjectNotInitializedGivesMinus140) {
-  CkesSemaphore semaphore(name);
+  CkesSemaphore semaphore(semaphore_name);
   EXPECT_EQ(-140, semaphore.Wait(10));
   EXPECT_EQ("-140 CkesSemaphore::Wait()", errorTrail());
 }
 
 TEST(CkesSemaphore, TryWaitOnAnObjectNotInitializedGivesMinus140) {
-  CkesSemaphore semaphore(name);
+  CkesSemaphore semaphore(semaphore_name);
   EXPECT_EQ(-140, semaphore.TryWait());
   EXPECT_EQ("-140 CkesSemaphore::TryWait()", errorTrail());
 }
 
 TEST(CkesSemaphore, PostToAnObjectNotInitializedGivesMinus140) {
-  CkesSemaphore semaphore(name);
+  CkesSemaphore semaphore(semaphore_name);
   EXPECT_EQ(-140, semaphore.Post(1));
   EXPECT_EQ("-140 CkesSemaphore::Post(long)", errorTrail());
 }
@@ -492,15 +492,15 @@ TEST(CkesSemaphore, PostToAnObjectNotInitializedGivesMinus140) {
 // ---- destruction and names ----------------------------------------------------------------------
 
 TEST(CkesSemaphore, CreatorRemovesTheSetButNotTheNameFile) {
-  { const CkesSemaphore semaphore(name, 0, 7); }
-  EXPECT_EQ(-1, setAt(name));
-  EXPECT_TRUE(exists(name));
+  { const CkesSemaphore semaphore(semaphore_name, 0, 7); }
+  EXPECT_EQ(-1, setAt(semaphore_name));
+  EXPECT_TRUE(exists(semaphore_name));
 }
 
 TEST(CkesSemaphore, OpenerNeverRemovesTheSet) {
-  const CkesSemaphore creator(name, 0, 7);
-  { const CkesSemaphore opener(name); }
-  EXPECT_TRUE(setExists(setAt(name)));
+  const CkesSemaphore creator(semaphore_name, 0, 7);
+  { const CkesSemaphore opener(semaphore_name); }
+  EXPECT_TRUE(setExists(setAt(semaphore_name)));
 }
 
 TEST(CkesSemaphore, NameIsCutTo127Characters) {
@@ -519,9 +519,9 @@ TEST(CkesSemaphore, OpenerCutsTheNameTo127CharactersToo) {
 
 TEST(CkesSemaphore, NameCarriesTheAgentsSuffix) {
   setenv("ARM_AGENT_PREFIX", "agent2", 1);
-  const CkesSemaphore semaphore(name, 0, 7);
+  const CkesSemaphore semaphore(semaphore_name, 0, 7);
   EXPECT_TRUE(exists("/var/kelp/semaphore.agent2"));
-  EXPECT_FALSE(exists(name));
+  EXPECT_FALSE(exists(semaphore_name));
 }
 
 }  // namespace
