@@ -24,13 +24,14 @@ SOURCE_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 
 
 def commands(build_dir, folders):
-    """The compile commands of the folders' sources, the longest first."""
+    """The compile commands of the folders' sources, one of each, the longest first."""
     with open(os.path.join(build_dir, "compile_commands.json"), encoding="utf-8") as file:
         entries = json.load(file)
     below = tuple(os.path.join(top, f, "") for top in (SOURCE_DIR, build_dir) for f in folders)
     # What is not there is made by a build.
-    own = [e for e in entries if e["file"].startswith(below) and os.path.exists(e["file"])]
-    return sorted(own, key=lambda entry: -size(entry["file"]))
+    own = {e["file"]: e for e in entries
+           if e["file"].startswith(below) and os.path.exists(e["file"])}
+    return sorted(own.values(), key=lambda entry: -size(entry["file"]))
 
 
 def parts(path):
