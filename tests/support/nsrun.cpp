@@ -51,8 +51,10 @@ constexpr const char* COVERED_DIRS[] = {"/var", "/etc", "/tmp"};
 
 // What programs, the dynamic linker and the C library look up in /etc.
 constexpr const char* COPIED_FROM_ETC[] = {
-    "alternatives", "group",         "hostname", "hosts",     "ld.so.cache", "ld.so.conf",
-    "localtime",    "nsswitch.conf", "passwd",   "protocols", "services",    "timezone"};
+    "group",         "hostname", "hosts",     "ld.so.cache", "ld.so.conf", "localtime",
+    "nsswitch.conf", "passwd",   "protocols", "services",    "timezone"};
+// Hundreds of links, which would take longer to copy than all the rest to set up.
+constexpr const char ALTERNATIVES[] = "/etc/alternatives";
 
 struct PrivateDir {
   const char* path;
@@ -186,17 +188,35 @@ std::string realPath(const std::string& path) {
   return resolved;
 }
 
+KeptTree takeTree(const std::string& path) {
+  const int tree =
+      open_tree(AT_FDCWD, path.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE);
+  if (tree < 0) fail("cannot keep %s", path.c_str());
+  return {path, tree};
+}
+
 std::vector<KeptTree> takeKeptTrees(const std::vector<std::string>& paths) {
   std::vector<KeptTree> trees;
   for (const std::string& path : paths) {
     const std::string real = realPath(path);
-    if (!isCovered(real)) continue;
-    const int tree =
-        open_tree(AT_FDCWD, real.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE);
-    if (tree < 0) fail("cannot keep %s", real.c_str());
-    trees.push_back({real, tree});
+    if (isCovered(real)) trees.push_back(takeTree(real));
   }
   return trees;
+}
+
+void makeReadOnly(int tree) {
+  mount_attr attributes = {};
+  attributes.attr_set = MOUNT_ATTR_RDONLY;
+  if (mount_setattr(tree, "", AT_EMPTY_PATH | AT_RECURSIVE, &attributes, sizeof attributes) != 0)
+    fail("cannot make %s read-only", ALTERNATIVES);
+}
+
+/// None on a system without.
+std::vector<KeptTree> takeAlternatives() {
+  if (access(ALTERNATIVES, F_OK) != 0) return {};
+  const KeptTree tree = takeTree(ALTERNATIVES);
+  makeReadOnly(tree.mount);
+  return {tree};
 }
 
 void makeDirs(const std::string& path, mode_t mode) {
@@ -206,13 +226,11 @@ void makeDirs(const std::string& path, mode_t mode) {
   if (chmod(path.c_str(), mode) != 0) fail("cannot make %s", path.c_str());
 }
 
-void placeKeptTrees(const std::vector<KeptTree>& trees) {
-  for (const KeptTree& tree : trees) {
-    makeDirs(tree.path, 0755);
-    if (move_mount(tree.mount, "", AT_FDCWD, tree.path.c_str(), MOVE_MOUNT_F_EMPTY_PATH) != 0)
-      fail("cannot keep %s", tree.path.c_str());
-    close(tree.mount);
-  }
+void placeTree(const KeptTree& tree) {
+  makeDirs(tree.path, 0755);
+  if (move_mount(tree.mount, "", AT_FDCWD, tree.path.c_str(), MOVE_MOUNT_F_EMPTY_PATH) != 0)
+    fail("cannot keep %s", tree.path.c_str());
+  close(tree.mount);
 }
 
 void copyLink(int from_dir, int to_dir, const char* name) {
@@ -232,24 +250,11 @@ void copyFile(int from_dir, int to_dir, const char* name) {
   close(from);
 }
 
-void copyLinksOfDir(int from_dir, int to_dir, const char* name) {
-  const int from = openat(from_dir, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  mkdirat(to_dir, name, 0755);
-  const int to = openat(to_dir, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  DIR* entries = fdopendir(from);
-  if (entries == nullptr || to < 0) fail("cannot copy /etc/%s", name);
-  while (const dirent* entry = readdir(entries))
-    if (entry->d_type == DT_LNK) copyLink(from, to, entry->d_name);
-  closedir(entries);
-  close(to);
-}
-
 void copyEntry(int from_dir, int to_dir, const char* name) {
   struct stat info;
   if (fstatat(from_dir, name, &info, AT_SYMLINK_NOFOLLOW) != 0) return;
   if (S_ISLNK(info.st_mode)) copyLink(from_dir, to_dir, name);
   if (S_ISREG(info.st_mode)) copyFile(from_dir, to_dir, name);
-  if (S_ISDIR(info.st_mode)) copyLinksOfDir(from_dir, to_dir, name);
 }
 
 int openDir(const char* path) {
@@ -287,6 +292,7 @@ void fillVar() {
 void buildFileTree(const Options& options) {
   makeMountsPrivate();
   const std::vector<KeptTree> kept = takeKeptTrees(options.keep);
+  const std::vector<KeptTree> alternatives = takeAlternatives();
   const int machine_etc = openDir("/etc");
   for (const char* dir : COVERED_DIRS) {
     mountEmpty(dir, std::strcmp(dir, "/tmp") == 0 ? "mode=1777" : "mode=0755");
@@ -297,7 +303,9 @@ void buildFileTree(const Options& options) {
   for (const PrivateDir& dir : PRIVATE_DIRS) makeDirs(dir.path, dir.mode);
   makeDirs(SMALL_DIR, 0777);
   mountEmpty(SMALL_DIR, "size=16k,mode=0777");
-  placeKeptTrees(kept);
+  for (const auto& trees : {kept, alternatives}) {
+    for (const KeptTree& tree : trees) placeTree(tree);
+  }
   umask(mask);
   close(machine_etc);
   // Containers may refuse a new /proc; the one that is there then shows the outer process ids.

@@ -67,6 +67,7 @@ NothingReachesTheMachine() {
     for file in $files; do
         [ ! -e "$file" ] || fail "$file was made on the machine"
     done
+    ! "$nsrun" -- touch "/etc/alternatives/probe-$me" 2>/dev/null || fail "/etc/alternatives was written"
 }
 
 UserKeepsNameAndNumber() {
