@@ -15,6 +15,7 @@
 #include "CallTest.h"
 #include "counted.h"
 #include "fork_calls.h"
+#include "setting.h"
 
 namespace armtest {
 namespace {
@@ -22,10 +23,8 @@ namespace {
 constexpr long TRAP_FLAG = 0x100;
 constexpr unsigned SHORT_EVERY = 17;
 
-unsigned every() {
-  const char* text = getenv("ARM_FORK_EVERY");
-  const unsigned long number = text != nullptr ? strtoul(text, nullptr, 10) : 0;
-  return number > 0 ? static_cast<unsigned>(number) : SHORT_EVERY;
+uint32_t every() {
+  return settingOr("ARM_FORK_EVERY", SHORT_EVERY);
 }
 
 // What the handlers know.

@@ -15,6 +15,7 @@
 #include "CallTest.h"
 #include "counted.h"
 #include "fork_calls.h"
+#include "setting.h"
 #include "shared.h"
 
 namespace armtest {
@@ -25,9 +26,7 @@ constexpr uint32_t SEED = 20240307;
 constexpr uint32_t SHORT_FORKS = 24;
 
 uint32_t forks() {
-  const char* text = getenv("ARM_FORKS");
-  const unsigned long count = text != nullptr ? strtoul(text, nullptr, 10) : 0;
-  return count > 0 ? static_cast<uint32_t>(count) : SHORT_FORKS;
+  return settingOr("ARM_FORKS", SHORT_FORKS);
 }
 
 struct ForkBoard {

@@ -14,6 +14,7 @@
 #include "hostile_calls.h"
 #include "hostile_guard.h"
 #include "hostile_queues.h"
+#include "setting.h"
 #include "shared.h"
 
 namespace armtest {
@@ -25,9 +26,7 @@ constexpr uint32_t SHORT_ROUNDS = 250;
 constexpr int32_t NOT_CALLED = 1;
 
 uint32_t rounds() {
-  const char* text = getenv("ARM_HOSTILE_ROUNDS");
-  const unsigned long count = text != nullptr ? strtoul(text, nullptr, 10) : 0;
-  return count > 0 ? static_cast<uint32_t>(count) : SHORT_ROUNDS;
+  return settingOr("ARM_HOSTILE_ROUNDS", SHORT_ROUNDS);
 }
 
 /// Words that the test and the process that measures share.

@@ -3,12 +3,12 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "setting.h"
+
 namespace armtest {
 
 unsigned killEvery() {
-  const char* text = getenv("ARM_KILL_EVERY");
-  const unsigned long number = text != nullptr ? strtoul(text, nullptr, 10) : 0;
-  return number > 0 ? static_cast<unsigned>(number) : 7;
+  return settingOr("ARM_KILL_EVERY", 7);
 }
 
 std::vector<Point> everyNth(const std::vector<Point>& points, size_t first) {

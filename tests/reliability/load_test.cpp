@@ -28,6 +28,7 @@
 #include "ipcobjects.h"
 #include "nextcall.h"
 #include "process.h"
+#include "setting.h"
 
 namespace {
 
@@ -57,9 +58,8 @@ constexpr unsigned WARM_UP = 20;
 constexpr unsigned EVERY_CALL = 16;
 
 unsigned rounds() {
-  const char* text = getenv("ARM_LOAD_ROUNDS");
-  const unsigned long count = text != nullptr ? strtoul(text, nullptr, 10) : 0;
-  return count > WARM_UP ? static_cast<unsigned>(count) : SHORT_ROUNDS;
+  const uint32_t count = settingOr("ARM_LOAD_ROUNDS", SHORT_ROUNDS);
+  return count > WARM_UP ? count : SHORT_ROUNDS;
 }
 
 /// Thread-local keys that the process could still make.

@@ -15,6 +15,7 @@
 #include "CallTest.h"
 #include "counted.h"
 #include "rawqueues.h"
+#include "setting.h"
 
 namespace armtest {
 namespace {
@@ -23,10 +24,8 @@ constexpr int32_t ANSWER = 4711;
 constexpr unsigned SHORT_SIGNALS = 200;
 constexpr int EXIT_CODE = 7;
 
-unsigned signalsPerWait() {
-  const char* text = getenv("ARM_SIGNALS");
-  const unsigned long count = text != nullptr ? strtoul(text, nullptr, 10) : 0;
-  return count > 0 ? static_cast<unsigned>(count) : SHORT_SIGNALS;
+uint32_t signalsPerWait() {
+  return settingOr("ARM_SIGNALS", SHORT_SIGNALS);
 }
 
 /// Hand-laid queues and one call in a thread of its own.

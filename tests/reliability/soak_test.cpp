@@ -13,6 +13,7 @@
 #include "ipcobjects.h"
 #include "process.h"
 #include "programs.h"
+#include "setting.h"
 #include "soak_team.h"
 
 namespace armtest {
@@ -26,9 +27,7 @@ constexpr uint32_t SHORT_FORM = 20000;
 constexpr unsigned OBJECTS = 7;
 
 uint32_t wantedCalls() {
-  const char* text = getenv("ARM_SOAK_CALLS");
-  const unsigned long calls = text != nullptr ? strtoul(text, nullptr, 10) : 0;
-  return calls > 0 ? static_cast<uint32_t>(calls) : SHORT_FORM;
+  return settingOr("ARM_SOAK_CALLS", SHORT_FORM);
 }
 
 class Soak : public testing::Test {

@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "setting.h"
+
 namespace armtest {
 namespace {
 
@@ -24,9 +26,7 @@ void onAlarm(int) {
 }  // namespace
 
 unsigned secondsPerTest() {
-  const char* text = getenv("ARM_TEST_SECONDS");
-  const unsigned long seconds = text == nullptr ? 0 : strtoul(text, nullptr, 10);
-  return seconds == 0 ? DEFAULT_SECONDS : static_cast<unsigned>(seconds);
+  return settingOr("ARM_TEST_SECONDS", DEFAULT_SECONDS);
 }
 
 void Watchdog::OnTestStart(const testing::TestInfo& test) {

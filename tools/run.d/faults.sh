@@ -75,7 +75,7 @@ verify_soak() {
 verify_faults() {
     build_fault_tests
     ARM_HOSTILE_ROUNDS=1500 ARM_FORKS=150 ARM_LOAD_ROUNDS=1000 ARM_SIGNALS=20000 ARM_KILL_EVERY=1 ARM_FORK_EVERY=5 \
-        count_tests faults '^test_(hostile|hostile_moments|fork|fork_handlers|fork_signal|environment|load|signals|stack|limits)\.|^unit_diag\.TraceFileLimit'
+        ARM_JOIN_EVERY=1 count_tests faults '^test_(hostile|hostile_moments|fork|fork_handlers|fork_signal|environment|load|signals|stack|limits)\.|^unit_join\.|^unit_diag\.TraceFileLimit'
     status=$?
     for preset in $KILL_PRESETS; do
         echo "bytes of stack, $preset:"
