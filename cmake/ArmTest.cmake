@@ -1,5 +1,4 @@
-# Tests: GoogleTest compiled for this tree's width and sanitizers, every case a CTest test of its
-# own that runs alone in fresh namespaces.
+# Tests: GoogleTest, every case a CTest test of its own that runs alone in fresh namespaces.
 #
 #   arm_test(NAME program SOURCES file... [LIBS library...] [LABELS label...] [TIMEOUT seconds]
 #            [CHECK_IPC] [DEPENDS target...] [LAUNCHER option...] [AREA area])
@@ -22,16 +21,27 @@ if(NOT BUILD_TESTING)
   return()
 endif()
 
-set(ARM_GTEST_DIR /usr/src/googletest CACHE PATH "GoogleTest's sources")
-if(NOT EXISTS ${ARM_GTEST_DIR}/CMakeLists.txt)
-  message(FATAL_ERROR "GoogleTest's sources were not found: the package googletest is missing: "
-                      "apt-get install googletest")
-endif()
-set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
-add_subdirectory(${ARM_GTEST_DIR} ${PROJECT_BINARY_DIR}/googletest EXCLUDE_FROM_ALL SYSTEM)
-target_compile_options(gtest PRIVATE -O0 -g1)
-if(ARM_SANITIZE MATCHES undefined)
-  target_compile_options(gtest PRIVATE -fno-sanitize=undefined)
+# Debian has GoogleTest compiled for the machine's own width, and its sources.
+if(CMAKE_SIZEOF_VOID_P EQUAL 8)
+  find_library(ARM_GTEST_LIBRARY libgtest.a)
+  if(NOT ARM_GTEST_LIBRARY)
+    message(FATAL_ERROR "GoogleTest was not found: the package libgtest-dev is missing: "
+                        "apt-get install libgtest-dev")
+  endif()
+  add_library(gtest INTERFACE)
+  target_link_libraries(gtest INTERFACE ${ARM_GTEST_LIBRARY} Threads::Threads)
+else()
+  set(ARM_GTEST_DIR /usr/src/googletest CACHE PATH "GoogleTest's sources")
+  if(NOT EXISTS ${ARM_GTEST_DIR}/CMakeLists.txt)
+    message(FATAL_ERROR "GoogleTest's sources were not found: the package googletest is missing: "
+                        "apt-get install googletest")
+  endif()
+  set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
+  add_subdirectory(${ARM_GTEST_DIR} ${PROJECT_BINARY_DIR}/googletest EXCLUDE_FROM_ALL SYSTEM)
+  target_compile_options(gtest PRIVATE -O0 -g1)
+  if(ARM_SANITIZE MATCHES undefined)
+    target_compile_options(gtest PRIVATE -fno-sanitize=undefined)
+  endif()
 endif()
 
 set(ARM_TEST_TIME_FACTOR 1)

@@ -1,6 +1,6 @@
 # Set-up of the machine: Debian packages, and the 32-bit ICU in a private directory.
 
-BUILD_PACKAGES="g++-multilib cmake ninja-build libicu-dev googletest pkg-config strace valgrind python3
+BUILD_PACKAGES="g++-multilib cmake ninja-build libicu-dev googletest libgtest-dev pkg-config strace valgrind python3
     libcli11-dev nlohmann-json3-dev prometheus-cpp-dev libcpp-httplib-dev libcurl4-openssl-dev
     zlib1g-dev scdoc libncurses-dev tmux"
 TEST_PACKAGES="python3 python3-pip python3-setuptools python3-wheel mypy abigail-tools make mandoc meson
