@@ -31,6 +31,35 @@ build_preset() { # PRESET [TARGET...]
     cmake --build "build/$preset" -j "$JOBS" ${1:+--target} "$@"
 }
 
+# A line each time another fifth is done, of ninja's steps, "[N/ALL] ...", or as make says it,
+# "[ N%] ...".
+tell_progress() { # WHAT
+    told=0
+    while IFS= read -r line; do
+        case $line in
+        '['*%']'*) done=${line%%%*} done=${done#[} ;;
+        '['[0-9]*/*']'*) done=${line%%]*} done=${done#[} done=$((${done%/*} * 100 / ${done#*/})) ;;
+        *) continue ;;
+        esac
+        [ $((done / 20)) -gt $told ] || continue
+        told=$((done / 20))
+        echo "run: $1: $((told * 20)) %"
+    done
+}
+
+# As build_quietly, and tells how far it is.
+build_telling() { # PRESET [TARGET...]
+    preset=$1
+    echo "run: building $preset"
+    mkdir -p build/logs
+    LOG=build/logs/build-$preset.log
+    rm -f "$LOG.failed"
+    { build_preset "$@" 2>&1 || : >"$LOG.failed"; } | tee "$LOG" | tell_progress "$preset"
+    [ -e "$LOG.failed" ] || return 0
+    grep -E 'error|Error|FAILED|warning:' "$LOG" | head -n 40 >&2
+    return 1
+}
+
 # Only a failure is shown; LOG names the file with everything.
 build_quietly() { # PRESET [TARGET...]
     mkdir -p build/logs
