@@ -30,8 +30,6 @@ def of_fuzz(text):
             r"^both +(\w+) +(\d+) inputs +in all: (\d+)$", text, re.MULTILINE):
         found[target] = f"{int(inputs):,}"
         found["in all"] = f"{int(in_all):,}"
-    for inputs in re.findall(r"^a fixed round: (\d+) inputs$", text, re.MULTILINE):
-        found["round"] = f"{int(inputs):,}"
     return found
 
 

@@ -37,12 +37,12 @@ count_report() { # REPORT
 # everything everywhere.
 QUICK_AREAS="support unit ipc calls proc"
 areas_of() { # PRESET
-    shipped="abi bindings counts differential mixed moments reliability"
+    shipped="abi counts differential mixed moments reliability"
     case $1 in
     i386) echo "$QUICK_AREAS $shipped" ;;
-    amd64) echo "support calls proc $shipped armengine contract page programs" ;;
-    amd64-asan) echo "support unit ipc calls engine text" ;;
-    amd64-tsan) echo "unit ipc proc engine" ;;
+    amd64) echo "support calls proc $shipped installed bindings armengine contract page programs" ;;
+    amd64-asan) echo "support unit ipc calls engine threads text" ;;
+    amd64-tsan) echo "unit ipc proc threads" ;;
     esac
 }
 
@@ -53,7 +53,6 @@ build_areas() { # PRESET AREA...
     for area; do
         targets="$targets tests_$area"
     done
-    case " $* " in *" abi "*) targets="$targets product" ;; esac
     build_quietly "$preset" $targets
 }
 

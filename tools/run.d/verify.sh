@@ -5,8 +5,7 @@ FUZZ_TARGETS="properties names conversion trace reply_reader request_writer raci
 FUZZ_SECONDS=30
 VERIFY_FUZZ_SECONDS=20
 # The properties that need the fewest states, some of which must fail.
-MODEL_ROUND="batched-wakeup batched stop-1 overflow no-undo never-raised kept-segment
-    overflow-unlocked"
+MODEL_ROUND="overflow no-undo never-raised kept-segment overflow-unlocked"
 
 # ---- fuzzers ------------------------------------------------------------------------------------
 
