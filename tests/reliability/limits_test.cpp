@@ -27,6 +27,7 @@
 #include "CallTest.h"
 #include "counted.h"
 #include "ipcobjects.h"
+#include "soak_team.h"
 #include "tracefile.h"
 
 namespace armtest {
@@ -170,7 +171,7 @@ TEST(KernelLimits, ThatKeepAnEngineFromStartingLeaveMinus2) {
     } limits[] = {{"sem", "32000 32000 500 3", DEFAULT_SEM},
                   {"shmmni", "0", "4096"},
                   {"shmmax", "100", "18446744073692774399"}};
-    const std::string engine = ARM_BUILD_DIR "/bin/armengine";
+    const std::string engine = engineBuildDir() + "/bin/armengine";
     for (const auto& limit : limits) {
       ASSERT_TRUE(setLimit(limit.name, limit.too_low));
       const pid_t process = forkChild([&engine] {

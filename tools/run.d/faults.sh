@@ -45,8 +45,8 @@ count_tests() { # NAME REGEX
     return $bad
 }
 
-# Every moment of every call is tried; './run test' tries one in seven. With them go what happens to
-# those that wait, or are between two steps, when an engine dies, and a writer at each of its
+# Every moment of every call is tried; './run test' tries one in fifteen. With them go what happens
+# to those that wait, or are between two steps, when an engine dies, and a writer at each of its
 # instructions.
 verify_kills() {
     build_fault_tests
