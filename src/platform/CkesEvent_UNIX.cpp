@@ -21,9 +21,9 @@ bool CkesEvent::consumeSignal() {
 long CkesEvent::implWait() {
   if (consumeSignal()) return 0;
   // Deliberate (any-wake-up): no loop and no second look at the state; any wake-up ends the wait.
-  VMutex.noteReleased();
+  VMutex.clearHolder();
   const int result = pthread_cond_wait(&VCondition, &VMutex.VMutex);
-  VMutex.noteTaken();
+  VMutex.setHolder();
   return result == 0 ? 0 : ERR_WAIT;
 }
 
@@ -33,9 +33,9 @@ long CkesEvent::implWait(long milliseconds) {
   // Deliberate (whole-seconds): whole seconds only, so the wait may end up to one second early.
   deadline.tv_sec = std::time(nullptr) + milliseconds / 1000;
   deadline.tv_nsec = (milliseconds % 1000) * 1000000L;
-  VMutex.noteReleased();
+  VMutex.clearHolder();
   const int result = pthread_cond_timedwait(&VCondition, &VMutex.VMutex, &deadline);
-  VMutex.noteTaken();
+  VMutex.setHolder();
   switch (result) {
     case 0:
       return 0;

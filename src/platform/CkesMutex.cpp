@@ -38,6 +38,6 @@ long CkesMutex::TryLock() {
 
 void CkesMutex::RenewAfterFork() {
   if (!IsInitialized()) return;
-  noteReleased();
+  clearHolder();
   VInitialized.store(implInitialize(), std::memory_order_relaxed);
 }

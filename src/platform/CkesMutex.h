@@ -55,8 +55,8 @@ class CkesMutex {
   long implPass();
   long implTryLock();
   // A wait on a condition variable gives the mutex up and takes it again by itself.
-  void noteReleased() { VHolder.store(nullptr, std::memory_order_relaxed); }
-  void noteTaken() { VHolder.store(threadMark(), std::memory_order_relaxed); }
+  void clearHolder() { VHolder.store(nullptr, std::memory_order_relaxed); }
+  void setHolder() { VHolder.store(threadMark(), std::memory_order_relaxed); }
 
   std::atomic<bool> VInitialized{false};
   pthread_mutex_t VMutex;

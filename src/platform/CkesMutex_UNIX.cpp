@@ -12,12 +12,12 @@ void CkesMutex::implDestroy() {
 
 long CkesMutex::implLock() {
   if (pthread_mutex_lock(&VMutex) != 0) return ERR_LOCK;
-  noteTaken();
+  setHolder();
   return 0;
 }
 
 long CkesMutex::implUnlock() {
-  noteReleased();
+  clearHolder();
   return pthread_mutex_unlock(&VMutex) == 0 ? 0 : ERR_UNLOCK;
 }
 
@@ -30,7 +30,7 @@ long CkesMutex::implPass() {
 long CkesMutex::implTryLock() {
   switch (pthread_mutex_trylock(&VMutex)) {
     case 0:
-      noteTaken();
+      setHolder();
       return 0;
     case EBUSY:
       return ERR_BUSY;

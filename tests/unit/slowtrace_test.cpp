@@ -82,9 +82,9 @@ class StoppedTime {
 };
 
 /// Stands for the reader of a pipe in the trace's place: takes as many bytes as it is told to.
-class Taker {
+class PipeReader {
  public:
-  Taker() {
+  PipeReader() {
     EXPECT_EQ(0, mkfifo(TRACE_FILE, 0600));
     calls::write.replace([this](int, const void* bytes, size_t count) -> ssize_t {
       const size_t now = std::min(count, room_);
@@ -98,7 +98,7 @@ class Taker {
       return static_cast<ssize_t>(now);
     });
   }
-  ~Taker() { calls::write.watch(); }
+  ~PipeReader() { calls::write.watch(); }
 
   void take(size_t bytes) { room_ = bytes; }
   void takeAll() { room_ = ~size_t{0}; }
@@ -250,22 +250,22 @@ TEST(SlowTrace, RecordsOfSeveralThreadsAreWhole) {
 
 TEST(SlowTrace, RecordIsOneWriteWhereItIsNoFile) {
   fixStamp();
-  Taker taker;
-  taker.takeAll();
+  PipeReader reader;
+  reader.takeAll();
   wcDebug("x");
-  EXPECT_EQ(xmlRecord("x"), taker.taken());
-  EXPECT_EQ(1, taker.writes());
+  EXPECT_EQ(xmlRecord("x"), reader.taken());
+  EXPECT_EQ(1, reader.writes());
 }
 
 TEST(SlowTrace, ReaderIsWaitedForOneSecond) {
   fixStamp();
   SleptTime time;
-  Taker taker;
+  PipeReader reader;
   time.whileAsleep([&, slept = 0]() mutable {
-    if (++slept == 999) taker.takeAll();
+    if (++slept == 999) reader.takeAll();
   });
   wcDebug("x");
-  EXPECT_EQ(xmlRecord("x"), taker.taken());
+  EXPECT_EQ(xmlRecord("x"), reader.taken());
   EXPECT_EQ(999, time.slept());
 }
 
@@ -273,26 +273,26 @@ TEST(SlowTrace, ReaderIsWaitedForOneSecond) {
 
 TEST(SlowTrace, ReaderThatHasStoppedCostsOneSecondAltogether) {
   SleptTime time;
-  Taker taker;
+  PipeReader reader;
   wcDebug("x");
   EXPECT_EQ(1000, time.slept());
   for (int i = 0; i < 100; ++i) wcDebugln("x");
   EXPECT_EQ(0, time.slept());
-  EXPECT_EQ("", taker.taken());
+  EXPECT_EQ("", reader.taken());
 }
 
 TEST(SlowTrace, ReaderThatReadsAgainIsWaitedForAgain) {
   fixStamp();
   SleptTime time;
-  Taker taker;
+  PipeReader reader;
   wcDebug("lost");
-  taker.takeAll();
+  reader.takeAll();
   wcDebug("x");
-  taker.take(0);
+  reader.take(0);
   (void)time.slept();
   wcDebug("lost too");
   EXPECT_EQ(1000, time.slept());
-  EXPECT_EQ(xmlRecord("x"), taker.taken());
+  EXPECT_EQ(xmlRecord("x"), reader.taken());
 }
 
 TEST(SlowTrace, PipeThatNobodyReadsHoldsWholeRecords) {
@@ -340,14 +340,14 @@ TEST(SlowTrace, TerminalThatNobodyReadsHoldsNoTornRecordOnceItIsRead) {
 TEST(SlowTrace, RecordIsWrittenWholeOrNotAtAllWhereverItsReaderStops) {
   fixStamp();
   SleptTime time;
-  Taker taker;
+  PipeReader reader;
   const std::string first = xmlRecord("first");
   for (size_t taken = 0; taken <= first.size(); ++taken) {
-    taker.take(taken);
+    reader.take(taken);
     wcDebug("first");
-    taker.takeAll();
+    reader.takeAll();
     wcDebug("second");
-    EXPECT_EQ((taken == 0 ? "" : first) + xmlRecord("second"), taker.taken()) << taken;
+    EXPECT_EQ((taken == 0 ? "" : first) + xmlRecord("second"), reader.taken()) << taken;
   }
   counted("bytes of a record after which its reader stops", first.size() + 1);
 }
@@ -356,15 +356,15 @@ TEST(SlowTrace, LineIsWrittenWholeOrNotAtAllWhereverItsReaderStops) {
   fixStamp();
   wcDebugSetLogFormat(0);
   SleptTime time;
-  Taker taker;
+  PipeReader reader;
   const std::string stamp = "2024-03-07 09:05:02.045:917:000 (1234:1024) - ";
   const std::string first = stamp + "first\n";
   for (size_t taken = 0; taken <= first.size(); ++taken) {
-    taker.take(taken);
+    reader.take(taken);
     wcDebugln("first");
-    taker.takeAll();
+    reader.takeAll();
     wcDebugln("second");
-    EXPECT_EQ((taken == 0 ? "" : first) + stamp + "second\n", taker.taken()) << taken;
+    EXPECT_EQ((taken == 0 ? "" : first) + stamp + "second\n", reader.taken()) << taken;
   }
   counted("bytes of a record after which its reader stops", first.size() + 1);
 }
@@ -372,16 +372,16 @@ TEST(SlowTrace, LineIsWrittenWholeOrNotAtAllWhereverItsReaderStops) {
 TEST(SlowTrace, RecordsAreLostWholeUntilTheRestOfOneHasGone) {
   fixStamp();
   SleptTime time;
-  Taker taker;
-  taker.take(10);
+  PipeReader reader;
+  reader.take(10);
   wcDebug("begun");
-  taker.take(10);
+  reader.take(10);
   wcDebug("lost");
-  taker.take(0);
+  reader.take(0);
   wcDebug("lost too");
-  taker.takeAll();
+  reader.takeAll();
   wcDebug("x");
-  EXPECT_EQ(xmlRecord("begun") + xmlRecord("x"), taker.taken());
+  EXPECT_EQ(xmlRecord("begun") + xmlRecord("x"), reader.taken());
 }
 
 TEST(SlowTrace, LongestRecordsOfTheLibraryFitBehindEachOther) {
@@ -391,23 +391,23 @@ TEST(SlowTrace, LongestRecordsOfTheLibraryFitBehindEachOther) {
     return 0;
   });
   SleptTime time;
-  Taker taker;
+  PipeReader reader;
   const std::string text(4095, 't');
-  taker.take(1);
+  reader.take(1);
   wcDebug(text.c_str());
-  taker.takeAll();
+  reader.takeAll();
   wcDebug(text.c_str());
-  EXPECT_EQ((std::vector<std::string>{text, text}), textsOf(taker.taken()));
+  EXPECT_EQ((std::vector<std::string>{text, text}), textsOf(reader.taken()));
 }
 
 TEST(SlowTrace, RecordWithoutRoomIsNotWrittenAtAll) {
   fixStamp();
-  Taker taker;
-  taker.takeAll();
+  PipeReader reader;
+  reader.takeAll();
   wcDebugln(std::string(100000, 't').c_str());
-  EXPECT_EQ("", taker.taken());
+  EXPECT_EQ("", reader.taken());
   wcDebug("x");
-  EXPECT_EQ(xmlRecord("x"), taker.taken());
+  EXPECT_EQ(xmlRecord("x"), reader.taken());
 }
 
 TEST(SlowTrace, ReaderThatIsGoneLosesTheRecord) {
@@ -427,15 +427,15 @@ TEST(SlowTrace, ReaderThatIsGoneLosesTheRecord) {
 TEST(SlowTrace, RestOfARecordIsNotWrittenInAnotherPlace) {
   fixStamp();
   SleptTime time;
-  Taker taker;
-  taker.take(10);
+  PipeReader reader;
+  reader.take(10);
   wcDebug("begun");
-  EXPECT_EQ(10U, taker.taken().size());
+  EXPECT_EQ(10U, reader.taken().size());
   ASSERT_EQ(0, rename(TRACE_FILE, (std::string(TRACE_FILE) + ".1").c_str()));
   ASSERT_EQ(0, mkfifo(TRACE_FILE, 0600));
-  taker.takeAll();
+  reader.takeAll();
   wcDebug("x");
-  EXPECT_EQ(xmlRecord("x"), taker.taken());
+  EXPECT_EQ(xmlRecord("x"), reader.taken());
 }
 
 TEST(SlowTrace, RestOfARecordIsItsOwnProcesssAffair) {
@@ -493,8 +493,8 @@ TEST(SlowTrace, ChildOfAForkInTheMiddleOfARecordTraces) {
 
 TEST(SlowTrace, ThreadThatKeepsItsTurnCostsTheOthersOneSecondAltogether) {
   SleptTime time;
-  Taker taker;
-  taker.takeAll();
+  PipeReader reader;
+  reader.takeAll();
   struct stat info = {};
   ASSERT_EQ(0, stat(TRACE_FILE, &info));
   ASSERT_TRUE(beginSlowRecord(info));
@@ -504,7 +504,7 @@ TEST(SlowTrace, ThreadThatKeepsItsTurnCostsTheOthersOneSecondAltogether) {
   EXPECT_EQ(0, time.slept());
   EXPECT_TRUE(endSlowRecord(-1, false));
   wcDebug("x");
-  EXPECT_EQ(std::vector<std::string>{"x"}, textsOf(taker.taken()));
+  EXPECT_EQ(std::vector<std::string>{"x"}, textsOf(reader.taken()));
 }
 
 // ---- a terminal that stops background jobs ------------------------------------------------------
