@@ -65,6 +65,6 @@ if(NOT ARM_SANITIZE)
     LIBS arm arm_call_test SOURCES stack_test.cpp)
 endif()
 
-arm_test(NAME test_limits TIMEOUT 120 CHECK_IPC DEPENDS scripted_engine ${reliability_engine}
+arm_test(NAME test_limits TIMEOUT 120 CHECK_IPC DEPENDS scripted_engine armengine
   LIBS arm arm_call_test reliability_team ${ARM_ICU_UC_LIBRARY} SOURCES limits_test.cpp)
 target_include_directories(test_limits SYSTEM PRIVATE ${ARM_ICU_INCLUDE_DIR})

@@ -178,7 +178,7 @@ test_widths() { # AREAS [CTEST-ARGUMENT...]
 
 # The trees of both widths are tested while the others are built.
 test_all() {
-    need_packages $CLANG_PACKAGES $LINT_PACKAGES $MODEL_PACKAGES
+    need_packages $CLANG_PACKAGES $LINT_PACKAGES $FUZZ_PACKAGES $MODEL_PACKAGES
     need_eslint
     check "source format" format_check
     check "lint of the page" lint_page
