@@ -47,16 +47,27 @@ tell_progress() { # WHAT
     done
 }
 
+# Tells how far the steps of a build are; everything goes to the end of LOG.
+telling() { # WHAT COMMAND...
+    what=$1
+    shift
+    rm -f "$LOG.failed"
+    { "$@" 2>&1 || : >"$LOG.failed"; } | tee -a "$LOG" | tell_progress "$what"
+    [ ! -e "$LOG.failed" ]
+}
+
+show_errors() { # LOG
+    grep -E 'error|Error|FAILED|warning:' "$1" | head -n 40 >&2
+}
+
 # As build_quietly, and tells how far it is.
 build_telling() { # PRESET [TARGET...]
-    preset=$1
-    echo "run: building $preset"
+    echo "run: building $1"
     mkdir -p build/logs
-    LOG=build/logs/build-$preset.log
-    rm -f "$LOG.failed"
-    { build_preset "$@" 2>&1 || : >"$LOG.failed"; } | tee "$LOG" | tell_progress "$preset"
-    [ -e "$LOG.failed" ] || return 0
-    grep -E 'error|Error|FAILED|warning:' "$LOG" | head -n 40 >&2
+    LOG=build/logs/build-$1.log
+    : >"$LOG"
+    telling "$1" build_preset "$@" && return 0
+    show_errors "$LOG"
     return 1
 }
 
@@ -65,6 +76,6 @@ build_quietly() { # PRESET [TARGET...]
     mkdir -p build/logs
     LOG=build/logs/build-$1.log
     build_preset "$@" >"$LOG" 2>&1 && return 0
-    grep -E 'error|Error|FAILED|warning:' "$LOG" | head -n 40 >&2
+    show_errors "$LOG"
     return 1
 }

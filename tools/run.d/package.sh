@@ -103,20 +103,12 @@ build_packages() { # DIRECTORY ARCHITECTURE DPKG-BUILDPACKAGE-ARGUMENT...
     )
 }
 
-# Tells how far the steps of a build are; everything goes to LOG.
-telling() { # ARCHITECTURE COMMAND...
-    echo "run: building the packages of $1"
-    architecture=$1
-    shift
-    rm -f "$LOG.failed"
-    { "$@" 2>&1 || : >"$LOG.failed"; } | tee -a "$LOG" | tell_progress "$architecture"
-    [ ! -e "$LOG.failed" ]
-}
-
 build_both_widths() { # DIRECTORY
     echo "run: packing the sources"
     make_source_package "$1" >"$LOG" 2>&1 || return 1
+    echo "run: building the packages of amd64"
     telling amd64 build_packages "$1" amd64 -b || return 1
+    echo "run: building the packages of i386"
     ARM_I386_SYSROOT=$PACKAGE_SYSROOT telling i386 build_packages "$1" i386 -B -ai386 -d || return 1
     for architecture in amd64 i386; do
         mv "$1/$architecture"/*.deb "$1/$architecture"/*.changes "$1/$architecture"/*.buildinfo "$1" &&
