@@ -77,6 +77,13 @@ std::optional<unsigned> ReplyQueue::freeHead() const {
   return headOf({wire::NOBODY, wire::NOBODY});
 }
 
+std::optional<unsigned> ReplyQueue::lastFreeHead() const {
+  for (unsigned i = capacity(); i-- > 0;) {
+    if (isFree(i)) return i;
+  }
+  return {};
+}
+
 std::optional<unsigned> ReplyQueue::idleHead() const {
   for (unsigned i = 0; i < capacity(); ++i) {
     if (status(i) == wire::IDLE && first(i) == 0 && wake.waiters(semaphore(i)) == 0) return i;

@@ -122,6 +122,10 @@ class ReplyQueue : public LockedSegment {
   /// The same, claimed as libarm does when there is none; nothing when none can be had.
   std::optional<unsigned> headFor(Identity who);
   void claim(unsigned head, Identity who);
+  /// The free head record that is claimed next; nothing when none is free.
+  std::optional<unsigned> freeHead() const;
+  /// The one that is claimed last.
+  std::optional<unsigned> lastFreeHead() const;
   /// Head records of a requester.
   unsigned headsOf(Identity who) const;
   /// Head records of a process.
@@ -145,7 +149,6 @@ class ReplyQueue : public LockedSegment {
   SemaphoreSet wake;
 
  private:
-  std::optional<unsigned> freeHead() const;
   std::optional<unsigned> idleHead() const;
   std::string walk(uint32_t first, const char* list, std::vector<bool>* seen) const;
   std::optional<Taken> tryTake(unsigned head);

@@ -33,22 +33,26 @@ unsigned linkedReply(Bench& bench, Identity who) {
   return head;
 }
 
+/// Claims the last of the free head records: an engine that claims one itself takes another.
+unsigned claimLast(ReplyQueue& replies, Identity who) {
+  const ReplyQueue::Guard guard(replies);
+  const auto head = replies.lastFreeHead();
+  if (!head || head == replies.freeHead()) throw Unchecked("fewer than two head records are free");
+  replies.memory.put16(wire::REPLY_HEADS, static_cast<uint16_t>(replies.headsInUse() + 1));
+  replies.claim(*head, who);
+  // As one that waits: an idle record may be taken back.
+  replies.setStatus(*head, wire::WAITING);
+  return *head;
+}
+
 void checkOwnHead(Bench& bench) {
   const Requester requester;
   ReplyQueue& replies = bench.replies();
-  const unsigned last = replies.capacity() - 1;
-  {
-    const ReplyQueue::Guard guard(replies);
-    if (!replies.isFree(last)) throw Unchecked("the last head record is not free");
-    replies.memory.put16(wire::REPLY_HEADS, static_cast<uint16_t>(replies.headsInUse() + 1));
-    replies.claim(last, requester.identity());
-    // As one that waits: an idle record may be taken back.
-    replies.setStatus(last, wire::WAITING);
-  }
+  const unsigned own = claimLast(replies, requester.identity());
   bench.post(makePing(requester.identity()));
   const bool linked =
-      comesTrue(bench.patience(), [&replies, last] { return replies.first(last) != 0; });
-  need(linked, "the owner of the last head record gets no reply there");
+      comesTrue(bench.patience(), [&replies, own] { return replies.first(own) != 0; });
+  need(linked, "the owner of a head record gets no reply there");
   (void)bench.take(requester.identity());
 }
 

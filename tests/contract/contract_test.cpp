@@ -127,6 +127,10 @@ TEST(Armcontract, AllClausesHoldForAnotherEngine) {
   expectAllHold(faultyEngine(""));
 }
 
+TEST(Armcontract, AllClausesHoldForAnEngineWhoseLastHeadRecordIsInUse) {
+  expectAllHold(faultyEngine("last-head-in-use"));
+}
+
 TEST(Armcontract, AllClausesHoldForAnEngineOfTheOtherWidth) {
   const std::string other = ARM_OTHER_BUILD_DIR "/bin/armengine";
   if (access(other.c_str(), X_OK) != 0) {

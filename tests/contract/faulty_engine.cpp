@@ -3,6 +3,7 @@
 //   faulty_engine REQUESTS REQUESTERS [FAULT]
 //
 // Faults carry the names of the clauses that they break; what each one is stands where it is made.
+// One is no fault: with last-head-in-use the engine has the last head record for itself.
 
 #include <fcntl.h>
 #include <signal.h>
@@ -185,6 +186,10 @@ void layOut(ReplyQueue& replies) {
                          last ? 0 : static_cast<uint32_t>(replies.itemAt(i + 1)));
   }
   replies.memory.put32(wire::REPLY_FREE, count > 0 ? static_cast<uint32_t>(replies.itemAt(0)) : 0);
+  if (faulty("last-head-in-use")) {
+    replies.claim(count - 1, {static_cast<uint32_t>(getpid()), static_cast<uint32_t>(getpid())});
+    replies.memory.put16(wire::REPLY_HEADS, 1);
+  }
 }
 
 // ---- answers ------------------------------------------------------------------------------------
