@@ -46,6 +46,18 @@ if(ARM_SANITIZE)
   set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O1 -g1")
   add_compile_options(-fsanitize=${ARM_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${ARM_SANITIZE})
+  if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
+    # gcc defines these by itself.
+    add_compile_definitions(
+      $<IF:$<STREQUAL:${ARM_SANITIZE},thread>,__SANITIZE_THREAD__,__SANITIZE_ADDRESS__>)
+  endif()
+  # Tests intercept the calls of their programs, among which those of the sanitizer's runtime must
+  # not be.
+  if(CMAKE_CXX_COMPILER_ID MATCHES Clang AND NOT ARM_FUZZ)
+    execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-runtime-dir OUTPUT_VARIABLE runtime
+                    OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+    add_link_options(-shared-libsan -Wl,-rpath,${runtime})
+  endif()
 endif()
 # The fuzzers follow which code an input reaches.
 if(ARM_FUZZ)
@@ -69,4 +81,8 @@ if(ARM_SANITIZE)
     $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
 else()
   target_compile_options(arm_warnings INTERFACE -Werror)
+endif()
+if(ARM_SANITIZE STREQUAL "thread")
+  target_sources(arm_warnings INTERFACE
+    $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:${PROJECT_SOURCE_DIR}/tests/support/tsanstart.cpp>)
 endif()

@@ -5,6 +5,7 @@
 #include <random>
 #include <thread>
 
+#include "events/EventPublisher.h"
 #include "events/EventWorker.h"
 
 namespace {
