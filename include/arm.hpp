@@ -96,7 +96,7 @@ class correlator {
   };
 
   /// No correlator: all bytes zero.
-  correlator() noexcept : raw_{} {}
+  correlator() noexcept : raw_() {}
   explicit correlator(const arm_correlator_t& raw) noexcept : raw_(raw) {}
 
   /// Whether it names a transaction; one whose length word is zero names none.
@@ -166,7 +166,7 @@ class correlator {
 class data_block {
  public:
   /// An empty block: no metric is valid, no correlator is there or wanted.
-  data_block() noexcept : raw_{} { raw_.format = ARM_DATA_FORMAT_1; }
+  data_block() noexcept : raw_() { raw_.format = ARM_DATA_FORMAT_1; }
 
   template <int Slot>
   data_block& counter32(arm_int32_t value) noexcept {
@@ -252,8 +252,10 @@ class data_block {
   arm_metric_t& slot() noexcept {
     static_assert(Slot >= 1 && Slot <= 6, "metric slots are 1 to 6; slot 7 is string32");
     raw_.flags[1] = static_cast<arm_uint8_t>(raw_.flags[1] | detail::slot_bit(Slot));
-    raw_.metric[Slot - 1] = {};
-    return raw_.metric[Slot - 1];
+    arm_metric_t& metric = raw_.metric[Slot - 1];
+    // Braces would zero the first member of the union and leave four bytes as they are.
+    std::memset(&metric, 0, sizeof metric);
+    return metric;
   }
   template <int Slot>
   data_block& value32(arm_int32_t value) noexcept {
@@ -287,7 +289,7 @@ class data_block {
 /// The block of format 101 with which a class describes its metrics.  344 bytes.
 class metric_descriptions {
  public:
-  metric_descriptions() noexcept : raw_{} { raw_.format = ARM_DATA_FORMAT_101; }
+  metric_descriptions() noexcept : raw_() { raw_.format = ARM_DATA_FORMAT_101; }
 
   /// Gives a slot, 1 to 7, its type and a name of at most 43 bytes; the rest of a longer one is
   /// left out.  Slot 7 takes string32 and the others take everything else.

@@ -3,6 +3,7 @@
 #include <arm.hpp>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -284,6 +285,25 @@ TEST_F(ArmHpp, MetricsLieAtTheirOffsetsAndAreMarked) {
   putText(expected, 56, "a region");
   EXPECT_EQ(256U, word(engine_.last(), 276));
   expectSameBytes(expected, slice(engine_.last(), 20, 256));
+}
+
+template <typename Block>
+Bytes madeInUsedMemory() {
+  alignas(Block) uint8_t memory[sizeof(Block)];
+  std::memset(memory, 0xA5, sizeof memory);
+  const Block* block = new (memory) Block();
+  const auto* raw = reinterpret_cast<const uint8_t*>(&block->raw());
+  return Bytes(raw, raw + sizeof block->raw());
+}
+
+TEST_F(ArmHpp, NewBlocksHaveNothingOfTheMemoryThatTheyAreMadeIn) {
+  Bytes empty(256, 0);
+  putWord(empty, 0, 1);
+  expectSameBytes(empty, madeInUsedMemory<arm::data_block>());
+  Bytes described(344, 0);
+  putWord(described, 0, 101);
+  expectSameBytes(described, madeInUsedMemory<arm::metric_descriptions>());
+  expectSameBytes(Bytes(168, 0), madeInUsedMemory<arm::correlator>());
 }
 
 TEST_F(ArmHpp, EveryTypeOfMetricHasTheBytesOfItsType) {
