@@ -2,17 +2,6 @@
 # ARM_ENGINE_OUTPUTS the interface target arm_outputs with those of its HTTP server and its sending
 # of traces.
 
-# The compiler finds the headers by itself: here they are only looked for.
-function(arm_need_header header package)
-  string(MAKE_C_IDENTIFIER ARM_HAVE_${header} found)
-  find_path(${found} ${header})
-  if(NOT ${found})
-    message(FATAL_ERROR "${header} was not found: the package ${package} is missing: "
-                        "apt-get install ${package}")
-  endif()
-endfunction()
-
-arm_need_header(CLI/CLI.hpp libcli11-dev)
 arm_need_header(nlohmann/json.hpp nlohmann-json3-dev)
 
 if(NOT ARM_ENGINE_OUTPUTS)

@@ -31,11 +31,6 @@ function(arm_unity)
   endif()
 endfunction()
 
-# Sources that read a command line once: the library for that takes half a minute to be optimised.
-function(arm_read_once)
-  set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS -O0 SKIP_UNITY_BUILD_INCLUSION ON)
-endfunction()
-
 find_package(Threads REQUIRED)
 
 # ---- sanitizers ---------------------------------------------------------------------------------
@@ -48,8 +43,11 @@ if(ARM_SANITIZE)
   add_link_options(-fsanitize=${ARM_SANITIZE})
   if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
     # gcc defines these by itself.
-    add_compile_definitions(
-      $<IF:$<STREQUAL:${ARM_SANITIZE},thread>,__SANITIZE_THREAD__,__SANITIZE_ADDRESS__>)
+    if(ARM_SANITIZE STREQUAL "thread")
+      add_compile_definitions(__SANITIZE_THREAD__)
+    else()
+      add_compile_definitions(__SANITIZE_ADDRESS__)
+    endif()
   endif()
   # Tests intercept the calls of their programs, among which those of the sanitizer's runtime must
   # not be.

@@ -1,13 +1,13 @@
 """Runs a checking command over the sources of a build tree, one for each processor at a time.
 
-usage: checksources.py BUILD-DIR tidy | syntax | names FOLDER...
+usage: checksources.py BUILD-DIR tidy | together | syntax FOLDER...
 
-FOLDER  of the project, whose sources are checked, also where the build puts them together
+FOLDER    of the project, whose sources are checked, also where the build puts them together
 
-tidy    clang-tidy, with the .clang-tidy nearest to each source, or to its copy in the build tree
-syntax  the tree's own compiler, for its warnings only: no code is made
-names   clang-tidy as well, for folders where only names are checked: the sources of a folder are
-        read in one go, as far as they go together, since most time goes into what all include
+tidy      clang-tidy, with the .clang-tidy nearest to each source, or to its copy in the build tree
+together  the same, but the sources of a folder are read in one go, as far as they go together:
+          for many small ones, where most time goes into what all include
+syntax    the tree's own compiler, for its warnings only: no code is made
 
 Nothing is printed of sources without findings.  The exit status is 1 when there were any.
 """
@@ -66,9 +66,11 @@ def check_each(check, build_dir, entries):
 
 
 def options(entry):
+    """What a source is read with; in a tree of clang's with its warnings."""
     words = shlex.split(entry["command"])
     system = ["-isystem" + after for word, after in zip(words, words[1:]) if word == "-isystem"]
-    return [word for word in words if word.startswith(("-std=", "-D", "-I"))] + system
+    warnings = [w for w in words if w.startswith("-W")] if "clang" in words[0] else ["-w"]
+    return [w for w in words if w.startswith(("-std=", "-D", "-I"))] + system + warnings
 
 
 class Folder:
@@ -76,7 +78,7 @@ class Folder:
 
     def __init__(self, build_dir, name, suffix):
         self.build_dir = build_dir
-        self.together = os.path.join(build_dir, name, f"names{suffix}")
+        self.together = os.path.join(build_dir, name, f"together{suffix}")
         self.sources, self.options = {}, {}
 
     def add(self, entry):
@@ -87,7 +89,7 @@ class Folder:
         """What clang-tidy finds; sources that clash with earlier ones are read once more."""
         text = run(self.command(sources), self.build_dir)
         found = re.split(r"\n(?=/\S+:\d+:\d+: error: )", text.strip()) if text else []
-        broken = [f for f in found if "[readability-identifier-naming" not in f.split("\n")[0]]
+        broken = [f for f in found if "[clang-diagnostic-error" in f.split("\n")[0]]
         if not broken or len(sources) == 1:
             return set(found)
         clashing = [s for s in sources[1:] if any(f.startswith(s + ":") for f in broken)]
@@ -101,22 +103,24 @@ class Folder:
             for number, source in enumerate(sources):
                 file.write(f"#undef main\n#define main main{number}  // NOLINT\n")
                 file.write(f'#include "{source}"\n')
-        always = ["-w", "-ferror-limit=0"]
-        return ["clang-tidy", "--quiet", self.together, "--", *always, *self.options]
+        # Of a main that has been renamed there is no prototype.
+        always = ["-Wno-missing-prototypes", "-ferror-limit=0"]
+        return ["clang-tidy", "--quiet", self.together, "--", *self.options, *always]
 
 
 def precompile(build_dir, entries):
     """The header that the tree precompiles for its own compiler, for clang."""
     for entry in entries:
         if " -x c++-header " in entry["command"]:
-            header, made = os.path.splitext(entry["file"])[0], os.path.join(build_dir, "names.pch")
-            command = ["clang++", "-w", *options(entry), "-x", "c++-header", header, "-o", made]
+            header = os.path.splitext(entry["file"])[0]
+            made = os.path.join(build_dir, "together.pch")
+            command = ["clang++", *options(entry), "-x", "c++-header", header, "-o", made]
             run(command, build_dir)
             return ["-include-pch", made]
     return []
 
 
-def check_names(build_dir, entries):
+def check_together(build_dir, entries):
     """What clang-tidy finds in each folder, read in one go."""
     precompiled, folders = precompile(build_dir, entries), {}
     for entry in entries:
@@ -139,8 +143,8 @@ def main():
     entries = commands(build_dir, sys.argv[3:])
     if not entries:
         sys.exit(f"checksources.py: {build_dir} has no sources")
-    if what == "names":
-        findings = check_names(build_dir, entries)
+    if what == "together":
+        findings = check_together(build_dir, entries)
     else:
         findings = check_each({"tidy": tidy, "syntax": syntax}[what], build_dir, entries)
     for text in filter(None, findings):

@@ -2,11 +2,12 @@
 
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cstdio>
+#include <optional>
 #include <string>
 #include <thread>
 
+#include "arguments/ArgumentParser.h"
 #include "armstat/Clean.h"
 #include "armstat/Doctor.h"
 #include "armstat/Objects.h"
@@ -24,15 +25,20 @@ constexpr int BAD_INPUT = 2;
 constexpr int NOT_READABLE = 3;
 constexpr int NOT_WRITTEN = 4;
 
+constexpr double SHORTEST_PAUSE = 0.01;
 constexpr double LONGEST_PAUSE = 86400;
 
 struct Options {
-  std::string prefix;
+  std::optional<std::string> prefix;
   bool json = false;
   bool consistent = false;
-  std::string watch;
+  double watch = 0;  ///< seconds; 0: once
+  bool doctor = false;
+  bool clean = false;
   bool yes = false;
   bool dry_run = false;
+  bool help = false;
+  bool version = false;
 };
 
 int exitCodeFor(armstat::EngineState state) {
@@ -47,7 +53,7 @@ bool print(const std::string& text) {
 int show(const Options& options) {
   const auto manner =
       options.consistent ? armstat::Manner::with_lock : armstat::Manner::without_lock;
-  const bool watching = !options.watch.empty();
+  const bool watching = options.watch > 0;
   const bool terminal = isatty(STDOUT_FILENO) != 0;
   for (bool first = true;; first = false) {
     const armstat::Picture picture = armstat::takePicture(manner);
@@ -59,7 +65,7 @@ int show(const Options& options) {
     }
     if (!print(text)) return NOT_WRITTEN;
     if (!watching) return exitCodeFor(picture.engine.state);
-    std::this_thread::sleep_for(std::chrono::duration<double>(std::stod(options.watch)));
+    std::this_thread::sleep_for(std::chrono::duration<double>(options.watch));
   }
 }
 
@@ -91,38 +97,38 @@ int clean(const Options& options) {
   return failure.empty() ? GOOD : armtools::complain("armstat", failure, NOT_SERVING);
 }
 
-std::string checkPrefix(const std::string& prefix) {
-  if (armengine::isPrefix(prefix)) return "";
+std::string readPrefix(const std::string& text, std::optional<std::string>* prefix) {
+  *prefix = text;
+  if (armengine::isPrefix(text)) return "";
   return "needs a name of at most " + std::to_string(armengine::LONGEST_PREFIX) +
          " characters without '/'";
 }
 
 /// Options that a subcommand has no use for.
-std::string misused(const Options& options, bool doctor, bool cleaner) {
-  if ((doctor || cleaner) && (options.consistent || !options.watch.empty())) {
+std::string misused(const Options& options) {
+  if ((options.doctor || options.clean) && (options.consistent || options.watch > 0)) {
     return "--watch and --consistent are for armstat without a subcommand";
   }
-  if (cleaner && options.json) return "armstat clean has no --json";
+  if (options.clean && options.json) return "armstat clean has no --json";
   return "";
 }
 
-void declare(CLI::App* app, Options* options, CLI::Option** prefix) {
-  app->set_version_flag("--version", armtools::versionText("armstat"));
-  app->set_help_flag("--help", "Print this help and exit");
-  *prefix = app->add_option("--prefix", options->prefix,
-                            "The engine's prefix (default: ARM_AGENT_PREFIX)")
-                ->check(CLI::Validator(checkPrefix, "NAME"))
-                ->expected(1);
-  app->add_flag("--json", options->json, "Print JSON; with --watch one object a line");
-  app->add_flag("--consistent", options->consistent,
-                "Copy the queues under their locks, instead of beside them");
-  app->add_option("--watch", options->watch, "Repeat every SECONDS (default 2)")
-      ->expected(0, 1)
-      ->default_str("2")
-      ->check(CLI::Range(0.01, LONGEST_PAUSE).description("SECONDS"));
-  app->require_subcommand(0, 1);
-  app->fallthrough();
-  app->footer(
+void declare(armarguments::ArgumentParser* parser, Options* options) {
+  parser->option("--prefix", "NAME", "the engine's prefix (default: ARM_AGENT_PREFIX)",
+                 [options](const std::string& text) { return readPrefix(text, &options->prefix); });
+  parser->flag("--json", "print JSON; with --watch one object a line", &options->json);
+  parser->flag("--consistent", "copy the queues under their locks, instead of beside them",
+               &options->consistent);
+  parser->optional("--watch", "[SECONDS]", "repeat every SECONDS (default 2)", "2",
+                   armarguments::numberInto(&options->watch, SHORTEST_PAUSE, LONGEST_PAUSE));
+  parser->flag("--help", "print this text", &options->help);
+  parser->flag("--version", "print the version", &options->version);
+  parser->subcommand("doctor", "check what usually goes wrong, and say what to do",
+                     &options->doctor);
+  auto& clean = parser->subcommand("clean", "remove what a dead engine has left", &options->clean);
+  clean.flag("--yes", "do not ask", &options->yes);
+  clean.flag("--dry-run", "only show what would be removed", &options->dry_run);
+  parser->footer(
       "Exit status: 0 an engine serves (doctor: nothing is wrong; clean: done), 1 none does\n"
       "(doctor: something is wrong; clean: refused), 2 wrong use, 3 the objects may not be read,\n"
       "4 the output could not be written.");
@@ -130,30 +136,21 @@ void declare(CLI::App* app, Options* options, CLI::Option** prefix) {
 
 int run(int count, char** arguments) {
   armtext::useLocale();
-  CLI::App app("Looks into the shared objects of an engine from outside, without asking it.",
-               "armstat");
+  armarguments::ArgumentParser parser(
+      "armstat",
+      "usage: armstat [OPTION]...\n       armstat doctor [OPTION]...\n       armstat clean "
+      "[--yes] [--dry-run]",
+      "Looks into the shared objects of an engine from outside, without asking it.");
   Options options;
-  CLI::Option* prefix = nullptr;
-  declare(&app, &options, &prefix);
-  const CLI::App* doctor =
-      app.add_subcommand("doctor", "Check what usually goes wrong, and say what to do");
-  CLI::App* cleaner = app.add_subcommand("clean", "Remove what a dead engine has left");
-  cleaner->add_flag("--yes", options.yes, "Do not ask");
-  cleaner->add_flag("--dry-run", options.dry_run, "Only show what would be removed");
-  try {
-    app.parse(count, arguments);
-  } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0)
-      return app.exit(error) == 0 && std::fflush(stdout) == 0 ? GOOD : NOT_WRITTEN;
-    return armtools::complain("armstat", std::string(error.what()) + ": see armstat --help",
-                              BAD_INPUT);
-  }
-  const std::string misuse = misused(options, doctor->parsed(), cleaner->parsed());
-  if (!misuse.empty()) return armtools::complain("armstat", misuse, BAD_INPUT);
-  if (prefix->count() > 0) armstat::choosePrefix(options.prefix);
-  if (doctor->parsed()) return diagnose(options);
-  if (cleaner->parsed()) return clean(options);
-  return show(options);
+  declare(&parser, &options);
+  std::string wrong = parser.parse(count - 1, arguments + 1);
+  if (wrong.empty()) wrong = misused(options);
+  if (!wrong.empty()) return armtools::complain("armstat", wrong, BAD_INPUT);
+  if (options.help) return print(parser.help()) ? GOOD : NOT_WRITTEN;
+  if (options.version) return print(armtools::versionText("armstat") + "\n") ? GOOD : NOT_WRITTEN;
+  if (options.prefix) armstat::choosePrefix(*options.prefix);
+  if (options.doctor) return diagnose(options);
+  return options.clean ? clean(options) : show(options);
 }
 
 }  // namespace

@@ -2,11 +2,11 @@
 
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <string>
 #include <thread>
 
+#include "arguments/ArgumentParser.h"
 #include "armtop/Poller.h"
 #include "armtop/Screen.h"
 #include "armtop/View.h"
@@ -23,26 +23,24 @@ constexpr int NOT_WRITTEN = 4;
 
 constexpr std::size_t NAME_COLUMNS = 40;
 
+constexpr double SHORTEST_TIME = 0.1;
+constexpr double LONGEST_INTERVAL = 3600;
+constexpr double LONGEST_WINDOW = 86400;
+
 struct Options {
-  std::string engine = "127.0.0.1:9464";
+  armtext::HostPort engine = {"127.0.0.1", 9464};
   double interval = 2;
   double window = 60;
   bool window_given = false;
-  std::string sort = "rate";
-  bool reverse = false;
+  armtop::Order order = {armtop::Column::rate, false};
   std::string filter;
   bool once = false;
+  bool help = false;
+  bool version = false;
 };
 
 bool print(const std::string& text) {
   return std::fputs(text.c_str(), stdout) >= 0 && std::fflush(stdout) == 0;
-}
-
-armtop::Order orderOf(const Options& options) {
-  armtop::Order order;
-  (void)armtop::columnNamed(options.sort, &order.column);
-  order.reversed = options.reverse;
-  return order;
 }
 
 std::string tableText(const Options& options, const armtop::Figures* before,
@@ -53,7 +51,7 @@ std::string tableText(const Options& options, const armtop::Figures* before,
     return text;
   }
   auto rows = armtop::filterRows(armtop::makeRows(before, now), options.filter);
-  armtop::sortRows(&rows, orderOf(options));
+  armtop::sortRows(&rows, options.order);
   for (const std::string& line : armtop::tableLines(rows, nullptr, NAME_COLUMNS)) {
     text += line + "\n";
   }
@@ -61,36 +59,37 @@ std::string tableText(const Options& options, const armtop::Figures* before,
 }
 
 /// One table as plain text: since the engine's start, or of a window that is waited for.
-int printOnce(const Options& options, const armtext::HostPort& address) {
+int printOnce(const Options& options) {
   std::string why;
-  auto now = armtop::ask(address, &why);
+  auto now = armtop::ask(options.engine, &why);
   std::optional<armtop::Figures> before;
   if (now && options.window_given) {
     before = std::move(now);
     std::this_thread::sleep_for(std::chrono::duration<double>(options.window));
-    now = armtop::ask(address, &why);
+    now = armtop::ask(options.engine, &why);
   }
   if (!now) return armtools::complain("armtop", why, NO_ANSWER);
   return print(tableText(options, before ? &*before : nullptr, *now)) ? GOOD : NOT_WRITTEN;
 }
 
-int runLive(const Options& options, const armtext::HostPort& address) {
-  armtop::Poller poller(address, std::chrono::duration<double>(options.interval),
+int runLive(const Options& options) {
+  armtop::Poller poller(options.engine, std::chrono::duration<double>(options.interval),
                         std::chrono::duration<double>(options.window));
   std::string why;
-  if (!armtop::runScreen(&poller, address.text(), orderOf(options), options.filter, &why)) {
+  if (!armtop::runScreen(&poller, options.engine.text(), options.order, options.filter, &why)) {
     return armtools::complain("armtop", why, BAD_INPUT);
   }
   return GOOD;
 }
 
-std::string checkAddress(const std::string& text) {
-  return armtop::parseAddress(text) ? "" : "needs ADDRESS:PORT, not '" + text + "'";
+std::string readAddress(const std::string& text, armtext::HostPort* engine) {
+  const auto address = armtop::parseAddress(text);
+  if (address) *engine = *address;
+  return address ? "" : "needs ADDRESS:PORT, not '" + text + "'";
 }
 
-std::string checkColumn(const std::string& text) {
-  armtop::Column column = {};
-  if (armtop::columnNamed(text, &column)) return "";
+std::string readColumn(const std::string& text, armtop::Column* column) {
+  if (armtop::columnNamed(text, column)) return "";
   std::string names;
   for (int i = 0; i < armtop::COLUMNS; ++i) {
     names += std::string(i > 0 ? ", " : "") + armtop::nameOf(static_cast<armtop::Column>(i));
@@ -98,23 +97,33 @@ std::string checkColumn(const std::string& text) {
   return "needs one of " + names;
 }
 
-void declare(CLI::App* app, Options* options) {
-  app->set_version_flag("--version", armtools::versionText("armtop"));
-  app->set_help_flag("--help", "Print this help and exit");
-  app->add_option("--engine", options->engine, "Where the engine listens (default 127.0.0.1:9464)")
-      ->check(CLI::Validator(checkAddress, "ADDRESS:PORT"));
-  app->add_option("--interval", options->interval, "Ask the engine every SECONDS (default 2)")
-      ->check(CLI::Range(0.1, 3600.0).description("SECONDS"));
-  app->add_option("--window", options->window, "Show the last SECONDS (default 60)")
-      ->check(CLI::Range(0.1, 86400.0).description("SECONDS"));
-  app->add_option("--sort", options->sort, "Sort by COLUMN (default rate)")
-      ->check(CLI::Validator(checkColumn, "COLUMN"));
-  app->add_flag("--reverse", options->reverse, "Sort the other way round");
-  app->add_option("--filter", options->filter, "Show only names that contain TEXT");
-  app->add_flag("--once", options->once,
-                "Print one table as plain text: since the engine's start, or of --window SECONDS "
-                "from now on");
-  app->footer(
+std::string readWindow(const std::string& text, Options* options) {
+  options->window_given = true;
+  return armarguments::numberInto(&options->window, SHORTEST_TIME, LONGEST_WINDOW)(text);
+}
+
+void declare(armarguments::ArgumentParser* parser, Options* options) {
+  parser->option("--engine", "ADDRESS:PORT", "where the engine listens (default 127.0.0.1:9464)",
+                 [=](const std::string& text) { return readAddress(text, &options->engine); });
+  parser->option("--interval", "SECONDS", "ask the engine every SECONDS (default 2)",
+                 armarguments::numberInto(&options->interval, SHORTEST_TIME, LONGEST_INTERVAL));
+  parser->option("--window", "SECONDS", "show the last SECONDS (default 60)",
+                 [=](const std::string& text) { return readWindow(text, options); });
+  parser->option("--sort", "COLUMN", "sort by COLUMN (default rate)",
+                 [=](const std::string& text) { return readColumn(text, &options->order.column); });
+  parser->flag("--reverse", "sort the other way round", &options->order.reversed);
+  parser->option("--filter", "TEXT", "show only names that contain TEXT",
+                 [=](const std::string& text) {
+                   options->filter = text;
+                   return "";
+                 });
+  parser->flag("--once",
+               "print one table as plain text: since the engine's start, or of --window SECONDS "
+               "from now on",
+               &options->once);
+  parser->flag("--help", "print this text", &options->help);
+  parser->flag("--version", "print the version", &options->version);
+  parser->footer(
       "Without a terminal, armtop prints as with --once. In the table, h shows the keys.\n"
       "Exit status: 0 good, 1 the engine does not answer (with --once), 2 wrong use or an unknown\n"
       "terminal, 4 the output could not be written.");
@@ -122,22 +131,17 @@ void declare(CLI::App* app, Options* options) {
 
 int run(int count, char** arguments) {
   armtext::useLocale();
-  CLI::App app("A live table of the transaction classes that an engine measures.", "armtop");
+  armarguments::ArgumentParser parser(
+      "armtop", "usage: armtop [OPTION]...",
+      "A live table of the transaction classes that an engine measures.");
   Options options;
-  declare(&app, &options);
-  try {
-    app.parse(count, arguments);
-  } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0) {
-      return app.exit(error) == 0 && std::fflush(stdout) == 0 ? GOOD : NOT_WRITTEN;
-    }
-    return armtools::complain("armtop", std::string(error.what()) + ": see armtop --help",
-                              BAD_INPUT);
-  }
-  options.window_given = app.count("--window") > 0;
-  const armtext::HostPort address = *armtop::parseAddress(options.engine);
+  declare(&parser, &options);
+  const std::string wrong = parser.parse(count - 1, arguments + 1);
+  if (!wrong.empty()) return armtools::complain("armtop", wrong, BAD_INPUT);
+  if (options.help) return print(parser.help()) ? GOOD : NOT_WRITTEN;
+  if (options.version) return print(armtools::versionText("armtop") + "\n") ? GOOD : NOT_WRITTEN;
   const bool plain = options.once || isatty(STDOUT_FILENO) == 0;
-  return plain ? printOnce(options, address) : runLive(options, address);
+  return plain ? printOnce(options) : runLive(options);
 }
 
 }  // namespace

@@ -10,7 +10,10 @@ need_preset() { # PRESET
     *" $1 "*) ;;
     *) die "there is no preset '$1', only: $ALL_PRESETS" ;;
     esac
-    case $1 in *-clang) need_packages $CLANG_PACKAGES ;; esac
+    case $1 in
+    *-clang) need_packages $CLANG_PACKAGES ;;
+    *-asan | *-tsan) need_packages $CLANG_PACKAGES $SANITIZER_PACKAGES ;;
+    esac
     case $1 in i386*) need_sysroot ;; esac
 }
 

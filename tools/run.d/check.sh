@@ -89,21 +89,24 @@ format_check() {
     sources include src shared engine programs examples tests bench fuzz | xargs clang-format --dry-run -Werror
 }
 
-CHECKED_FOLDERS="src shared engine programs bench fuzz"
+PRODUCT_FOLDERS="src shared engine programs"
 
 # clang's warnings are errors of the lint as well, so the 64-bit tree is only configured.
 lint() {
-    configure_quietly amd64-clang && python3 -B tools/checksources.py build/amd64-clang tidy $CHECKED_FOLDERS
+    configure_quietly amd64-clang || return 1
+    python3 -B tools/checksources.py build/amd64-clang tidy $PRODUCT_FOLDERS
+    product=$?
+    python3 -B tools/checksources.py build/amd64-clang together bench fuzz && return $product
 }
 
 # Of the tests only the names are checked.
 lint_names() {
-    configure_quietly amd64 && python3 -B tools/checksources.py build/amd64 names tests
+    configure_quietly amd64 && python3 -B tools/checksources.py build/amd64 together tests
 }
 
 # What clang's warnings say of the other width.
 warnings_of_clang() {
-    configure_quietly i386-clang && python3 -B tools/checksources.py build/i386-clang syntax $CHECKED_FOLDERS
+    configure_quietly i386-clang && python3 -B tools/checksources.py build/i386-clang syntax $PRODUCT_FOLDERS
 }
 
 lint_python() {
@@ -178,7 +181,7 @@ test_widths() { # AREAS [CTEST-ARGUMENT...]
 
 # The trees of both widths are tested while the others are built.
 test_all() {
-    need_packages $CLANG_PACKAGES $LINT_PACKAGES $FUZZ_PACKAGES $MODEL_PACKAGES
+    need_packages $CLANG_PACKAGES $LINT_PACKAGES $SANITIZER_PACKAGES $MODEL_PACKAGES
     need_eslint
     check "source format" format_check
     check "lint of the page" lint_page
@@ -204,7 +207,7 @@ test_all() {
 }
 
 run_tests() { # [quick | REGEX]
-    need_packages $BUILD_PACKAGES
+    need_packages $BUILD_PACKAGES $CLANG_PACKAGES
     need_test_tools
     mkdir -p build/logs
     case ${1-} in

@@ -7,7 +7,7 @@ TEST_PACKAGES="python3 python3-pip python3-setuptools python3-wheel mypy abigail
     chromium chromium-driver python3-selenium fonts-inter fonts-dejavu-core"
 PICTURE_PACKAGES="pngquant"
 CLANG_PACKAGES="clang"
-FUZZ_PACKAGES="libclang-rt-dev"
+SANITIZER_PACKAGES="libclang-rt-dev"
 MODEL_PACKAGES="spin"
 LINT_PACKAGES="clang-format clang-tidy python3-flake8 libbenchmark-dev libsystemd-dev liblttng-ust-dev"
 

@@ -10,7 +10,7 @@ MODEL_ROUND="overflow no-undo never-raised kept-segment overflow-unlocked"
 # ---- fuzzers ------------------------------------------------------------------------------------
 
 build_fuzzers() {
-    need_packages $BUILD_PACKAGES $CLANG_PACKAGES $FUZZ_PACKAGES
+    need_packages $BUILD_PACKAGES $CLANG_PACKAGES $SANITIZER_PACKAGES
     need_sysroot
     for preset in $FUZZ_PRESETS; do
         build_quietly "$preset" fuzz && continue
