@@ -86,8 +86,11 @@ TEST_F(SanitizerDeathTest, SignedOverflowIsNoticed) {
 TEST_F(SanitizerDeathTest, LostBlockIsNoticedAtTheEnd) {
   EXPECT_DEATH(
       {
-        void* volatile block = malloc(77);
-        block = nullptr;
+        // Of many, since registers and the stack may still hold some.
+        for (int i = 0; i < 100; ++i) {
+          void* volatile block = malloc(77);
+          block = nullptr;
+        }
         exit(0);
       },
       "LeakSanitizer: detected memory leaks");
