@@ -5,8 +5,8 @@ usage: checksources.py BUILD-DIR tidy | together | syntax FOLDER...
 FOLDER    of the project, whose sources are checked, also where the build puts them together
 
 tidy      clang-tidy, with the .clang-tidy nearest to each source, or to its copy in the build tree
-together  the same, but the sources of a folder are read in one go, as far as they go together:
-          for many small ones, where most time goes into what all include
+together  the same, but the sources of each FOLDER are read in one go, as far as they go together,
+          since most time goes into what all include
 syntax    the tree's own compiler, for its warnings only: no code is made
 
 Nothing is printed of sources without findings.  The exit status is 1 when there were any.
@@ -120,14 +120,15 @@ def precompile(build_dir, entries):
     return []
 
 
-def check_together(build_dir, entries):
+def check_together(build_dir, entries, names):
     """What clang-tidy finds in each folder, read in one go."""
     precompiled, folders = precompile(build_dir, entries), {}
     for entry in entries:
         first, suffix = os.path.splitext(parts(entry["file"])[0])
-        name = os.path.relpath(os.path.dirname(first), SOURCE_DIR)
+        path = os.path.relpath(first, SOURCE_DIR)
         if entry["file"].endswith(".hxx.cxx"):
             continue
+        name = next(name for name in names if path.startswith(os.path.join(name, "")))
         folder = folders.setdefault((name, suffix), Folder(build_dir, name, suffix))
         folder.add(entry)
         if suffix == ".cpp":
@@ -144,7 +145,7 @@ def main():
     if not entries:
         sys.exit(f"checksources.py: {build_dir} has no sources")
     if what == "together":
-        findings = check_together(build_dir, entries)
+        findings = check_together(build_dir, entries, sys.argv[3:])
     else:
         findings = check_each({"tidy": tidy, "syntax": syntax}[what], build_dir, entries)
     for text in filter(None, findings):

@@ -21,7 +21,7 @@ using armtest::exitCodeOf;
 using armtest::forkChild;
 using armtest::waitUntil;
 
-using Names = std::set<std::string>;
+using NameSet = std::set<std::string>;
 
 const std::string BIN = ARM_BUILD_DIR "/bin/";
 const std::string ARMCONTRACT = BIN + "armcontract";
@@ -43,9 +43,9 @@ Ran run(const std::string& command) {
   return {WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status), text};
 }
 
-/// Names of the clauses with a verdict, or of all that are listed.
-Names clausesThat(const std::string& verdict, const std::string& text) {
-  Names names;
+/// NameSet of the clauses with a verdict, or of all that are listed.
+NameSet clausesThat(const std::string& verdict, const std::string& text) {
+  NameSet names;
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
     std::istringstream words(line);
@@ -69,7 +69,7 @@ std::string faultyEngine(const std::string& fault) {
 /// by all clauses in a reasonable time.
 struct Fault {
   std::string name;
-  Names also = {};
+  NameSet also = {};
   std::string options = "";
 };
 
@@ -78,8 +78,8 @@ Ran lookAt(const Fault& fault, int patience) {
              " " + fault.options + " -- " + faultyEngine(fault.name));
 }
 
-Names brokenBy(const Fault& fault) {
-  Names names = fault.also;
+NameSet brokenBy(const Fault& fault) {
+  NameSet names = fault.also;
   names.insert(fault.name);
   return names;
 }
@@ -244,8 +244,8 @@ TEST(Armcontract, EngineInUseIsOnlyLookedAt) {
     ran = run(ARMCONTRACT);
     return ran.status == 0;
   })) << ran.out;
-  EXPECT_EQ(Names(), clausesThat("broken", ran.out)) << ran.out;
-  const Names unchecked = clausesThat("unchecked", ran.out);
+  EXPECT_EQ(NameSet(), clausesThat("broken", ran.out)) << ran.out;
+  const NameSet unchecked = clausesThat("unchecked", ran.out);
   EXPECT_EQ(numberOfClauses(), clausesThat("holds", ran.out).size() + unchecked.size());
   for (const char* harmful : {"bad-ring", "death", "stop-wakes", "dead-waiter", "second-engine"}) {
     EXPECT_EQ(1U, unchecked.count(harmful)) << harmful;

@@ -29,7 +29,7 @@ using armtest::waitUntil;
 using armtest::wordsOfLine;
 
 // Offsets in the request queue's segment.
-constexpr size_t COUNT = 0;
+constexpr size_t REQUEST_COUNT = 0;
 constexpr size_t STATE = 8;
 
 // What this engine answers to a handle that it never gave.
@@ -45,7 +45,7 @@ Registered registerClass(const char* application, const char* tran_class) {
   return {id, arm_getid(id, tran_class, nullptr, 0, nullptr, 0)};
 }
 
-int32_t startAndStop(int32_t tran_class, int32_t status) {
+int32_t measureOnce(int32_t tran_class, int32_t status) {
   return arm_stop(arm_start(tran_class, 0, nullptr, 0), status, 0, nullptr, 0);
 }
 
@@ -141,7 +141,7 @@ TEST(ArmEngine, StatusesAreInTheTable) {
   EngineProcess engine;
   const Registered ids = registerClass("shop", "order");
   for (const int32_t status : {ARM_GOOD, ARM_GOOD, ARM_GOOD, ARM_FAILED, ARM_FAILED, ARM_ABORT}) {
-    EXPECT_EQ(0, startAndStop(ids.tran_class, status));
+    EXPECT_EQ(0, measureOnce(ids.tran_class, status));
   }
   EXPECT_EQ(0, engine.end(SIGTERM));
   const auto words = wordsOfLine(engine.report(), {"shop", "order"});
@@ -209,7 +209,7 @@ int measureWithThreads(int threads, int each) {
   std::vector<std::thread> running;
   for (int& count : done) {
     running.emplace_back([&count, ids, each] {
-      while (count < each && startAndStop(ids.tran_class, ARM_GOOD) == 0) ++count;
+      while (count < each && measureOnce(ids.tran_class, ARM_GOOD) == 0) ++count;
     });
   }
   for (std::thread& thread : running) thread.join();
@@ -262,7 +262,7 @@ TEST(ArmEngine, ClientsKilledWhileWaitingDoNotStopIt) {
   for (int i = 0; i < 12; ++i) clients.push_back(forkChild([] { return registered() ? 0 : 1; }));
   {
     const armtest::Attached memory(controlPath("ae.kelp_mem"));
-    EXPECT_TRUE(waitUntil([&memory] { return memory.read<uint16_t>(COUNT) == 12; }));
+    EXPECT_TRUE(waitUntil([&memory] { return memory.read<uint16_t>(REQUEST_COUNT) == 12; }));
   }
   for (const pid_t client : clients) {
     kill(client, SIGKILL);
@@ -279,7 +279,7 @@ TEST(ArmEngine, ClientsKilledWhileWaitingDoNotStopIt) {
 TEST(ArmEngine, DamagedRingIsRepairedWhileItWaits) {
   EngineProcess engine;
   ASSERT_TRUE(registered());
-  armtest::Attached(controlPath("ae.kelp_mem")).write<uint16_t>(COUNT, 0xFFFF);
+  armtest::Attached(controlPath("ae.kelp_mem")).write<uint16_t>(REQUEST_COUNT, 0xFFFF);
   EXPECT_TRUE(waitUntil([] { return registered(); }));
   EXPECT_EQ(0, engine.end(SIGTERM));
 }

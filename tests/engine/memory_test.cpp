@@ -53,7 +53,7 @@ using armengine::Registry;
 using armengine::RegistrySettings;
 using armengine::SpanCollector;
 
-TArmMessage message(int32_t type) {
+TArmMessage requestOf(int32_t type) {
   TArmMessage request = {};
   request.sender_id = {getpid(), 1};
   request.msg_type = type;
@@ -62,7 +62,7 @@ TArmMessage message(int32_t type) {
 
 /// A parent with some children, updates and metrics, a report, a completion and refused calls.
 void makeRound(Dispatcher* dispatcher, int32_t id, uint32_t round) {
-  TArmMessage start = message(ARM_MSG_START);
+  TArmMessage start = requestOf(ARM_MSG_START);
   start.messages.start.tran_id = id;
   start.messages.start.data_size = 256;
   start.messages.start.time = {round, 0};
@@ -75,8 +75,8 @@ void makeRound(Dispatcher* dispatcher, int32_t id, uint32_t round) {
   block.flags[0] = ARM_CorrReq_f | ARM_CorrPar_f;
   std::memcpy(&block.correlator, top.correlator, sizeof top.correlator);
   std::memcpy(start.messages.start.data, &block, sizeof block);
-  TArmMessage update = message(ARM_MSG_UPDATE);
-  TArmMessage stop = message(ARM_MSG_STOP);
+  TArmMessage update = requestOf(ARM_MSG_UPDATE);
+  TArmMessage stop = requestOf(ARM_MSG_STOP);
   std::memcpy(stop.messages.stop.data, &block, sizeof block);
   stop.messages.stop.data_size = 256;
   stop.messages.stop.time = {round, 1000000};
@@ -89,20 +89,20 @@ void makeRound(Dispatcher* dispatcher, int32_t id, uint32_t round) {
     (void)dispatcher->answer(stop);
     (void)dispatcher->answer(stop);
   }
-  TArmMessage report = message(ARM_MSG_TRANS_REPORT);
+  TArmMessage report = requestOf(ARM_MSG_TRANS_REPORT);
   report.messages.report.tran_handle = id;
   report.messages.report.report_value2 = 1;
   (void)dispatcher->answer(report);
-  TArmMessage complete = message(ARM_MSG_COMPLETE_TRANS);
+  TArmMessage complete = requestOf(ARM_MSG_COMPLETE_TRANS);
   complete.messages.complete.tran_handle = top.result;
   complete.messages.complete.time = {round, 2000000};
   EXPECT_EQ(0, dispatcher->answer(complete).result);
 }
 
 int32_t registerClass(Dispatcher* dispatcher) {
-  TArmMessage init = message(ARM_MSG_INIT);
+  TArmMessage init = requestOf(ARM_MSG_INIT);
   std::strcpy(init.messages.init.appl_name, "shop");
-  TArmMessage getid = message(ARM_MSG_GETID);
+  TArmMessage getid = requestOf(ARM_MSG_GETID);
   getid.messages.getid.appl_id = dispatcher->answer(init).result;
   std::strcpy(getid.messages.getid.tran_name, "order");
   arm_user_data101_t described = {};

@@ -26,7 +26,7 @@ using armtest::ServingEngine;
 using armtest::waitUntil;
 using nlohmann::json;
 
-constexpr double MS = 1e6;
+constexpr double MS_IN_NS = 1e6;
 /// A name, not an address that anybody asks.
 constexpr const char* SVG = "http://www.w3.org/2000/svg";
 const std::string HOSTILE =
@@ -81,11 +81,12 @@ TEST_F(PageData, FiguresOfTheTableAreThoseOfWhatWasSent) {
     EXPECT_EQ(86, row["good"]);
     EXPECT_EQ(10, row["failed"]);
     EXPECT_EQ(4, row["aborted"]);
-    EXPECT_EQ(100 * MS, row["max_ns"]);
+    EXPECT_EQ(100 * MS_IN_NS, row["max_ns"]);
     const double tolerance = window == std::string("0") ? 1.0 / 128 : 0.25;
     for (const int percent : {50, 95, 99}) {
       const double got = row["p" + std::to_string(percent) + "_ns"];
-      EXPECT_NEAR(percent * MS, got, percent * MS * tolerance) << percent << " of " << window;
+      EXPECT_NEAR(percent * MS_IN_NS, got, percent * MS_IN_NS * tolerance)
+          << percent << " of " << window;
     }
     EXPECT_NEAR(100 / answer["covered_s"].get<double>(), row["rate"].get<double>(), 1e-9);
     EXPECT_EQ(row["p95_ns"], answer["total"]["p95_ns"]);
@@ -112,10 +113,10 @@ TEST_F(PageData, HistoryHasEveryDurationOnce) {
     errors += point["errors"].get<uint64_t>();
     ASSERT_EQ(1U, point["steps"].size()) << "all took the same time";
     const auto step = point["steps"][0][0].get<std::size_t>();
-    EXPECT_LE(history["step_begins_ns"][step].get<double>(), 8 * MS);
-    EXPECT_GT(history["step_begins_ns"][step + 1].get<double>(), 8 * MS);
+    EXPECT_LE(history["step_begins_ns"][step].get<double>(), 8 * MS_IN_NS);
+    EXPECT_GT(history["step_begins_ns"][step + 1].get<double>(), 8 * MS_IN_NS);
     EXPECT_EQ(point["count"], point["steps"][0][1]);
-    EXPECT_EQ(8 * MS, point["max_ns"]);
+    EXPECT_EQ(8 * MS_IN_NS, point["max_ns"]);
   }
   EXPECT_EQ(20U, count);
   EXPECT_EQ(5U, errors);

@@ -60,7 +60,7 @@ void onNap(const std::function<void(useconds_t)>& nap) {
   });
 }
 
-Bytes bytesOf(const TArmReplyMessage& reply) {
+Bytes replyBytes(const TArmReplyMessage& reply) {
   const auto* bytes = reinterpret_cast<const uint8_t*>(&reply);
   return Bytes(bytes, bytes + sizeof reply);
 }
@@ -100,7 +100,7 @@ class Connection : public testing::Test {
       TArmReplyMessage reply;
       std::memset(&reply, 0xEE, sizeof reply);
       get_result = IPCGetFromEngine(reply, {1001, 2002});
-      return bytesOf(reply);
+      return replyBytes(reply);
     });
     EXPECT_TRUE(waitUntil([this] { return replies_->waits.sleepers(2) == 1; }));
     return got;
@@ -422,7 +422,7 @@ TEST_F(Connection, GetTakesTheReplyOfTheCallingThread) {
   replies_->reply(1, replyRecord(77));
   TArmReplyMessage reply;
   EXPECT_EQ(0, IPCGetFromEngine(reply));
-  EXPECT_EQ(replyRecord(77), bytesOf(reply));
+  EXPECT_EQ(replyRecord(77), replyBytes(reply));
   EXPECT_EQ(0, InQueueCount);
 }
 

@@ -19,7 +19,7 @@ namespace {
 
 using Queue = CIPCSimpleQueue<TArmMessage>;
 
-constexpr const char* NAME = "/var/kelp/controls_ae.kelp";
+constexpr const char* RING_NAME = "/var/kelp/controls_ae.kelp";
 constexpr uint16_t CAPACITY = 3;
 
 /// Runs a process that opens the queue and then does something with it, one instruction at a time,
@@ -28,7 +28,7 @@ unsigned long stepThrough(const std::function<void(Queue&)>& act,
                           const std::function<void()>& look) {
   const pid_t child = fork();
   if (child == 0) {
-    Queue queue(NAME);
+    Queue queue(RING_NAME);
     ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
     (void)raise(SIGSTOP);
     act(queue);

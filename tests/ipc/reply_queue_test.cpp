@@ -22,7 +22,7 @@
 namespace armtest {
 namespace {
 
-using Queue = CIPCQueue<TArmReplyMessage>;
+using Reader = CIPCQueue<TArmReplyMessage>;
 
 constexpr const char* NAME = "/var/kelp/controls_ea.kelp";
 constexpr _TIPCIdentifier ME = {1001, 2002};
@@ -49,7 +49,7 @@ void failUnlocksOf(const ReplyQueue& replies) {
 TEST(ReplyQueueOpening, OfARunningQueueIsTraced) {
   ReplyQueue replies(3);
   const TraceLog log;
-  const Queue queue(NAME, false);
+  const Reader queue(NAME, false);
   EXPECT_TRUE(queue.IsInitialized());
   EXPECT_TRUE(queue.CreatorAlive());
   EXPECT_EQ(
@@ -66,7 +66,7 @@ TEST(ReplyQueueOpening, OfARunningQueueIsTraced) {
 
 TEST(ReplyQueueOpening, WithoutSegmentHasNoExitLine) {
   const TraceLog log;
-  EXPECT_FALSE(Queue(NAME, false).IsInitialized());
+  EXPECT_FALSE(Reader(NAME, false).IsInitialized());
   EXPECT_EQ(
       (Lines{"CIPCQueue<T>::CIPCQueue(const char*,bool) ENTER, name[/var/kelp/controls_ea.kelp] "
              "remove[0]",
@@ -79,7 +79,7 @@ TEST(ReplyQueueOpening, WithoutItsSetFailsWithItsTexts) {
   ReplyQueue replies(3);
   replies.waits.remove();
   const TraceLog log;
-  EXPECT_FALSE(Queue(NAME, true).IsInitialized());
+  EXPECT_FALSE(Reader(NAME, true).IsInitialized());
   EXPECT_EQ(
       (Lines{"CIPCQueue<T>::CIPCQueue(const char*,bool) ENTER, name[/var/kelp/controls_ea.kelp] "
              "remove[1]",
@@ -96,7 +96,7 @@ TEST(ReplyQueueOpening, OfAStoppedQueueIsRefusedAndDetached) {
     ReplyQueue replies(3);
     replies.setState(state);
     const Bytes before = replies.memory.all();
-    const Queue queue(NAME, false);
+    const Reader queue(NAME, false);
     EXPECT_FALSE(queue.IsInitialized());
     EXPECT_FALSE(queue.CreatorAlive());
     EXPECT_EQ(before, replies.memory.all());
@@ -110,7 +110,7 @@ TEST(ReplyQueueOpening, OfAStoppedQueueEndsWithTheExitLine) {
   ReplyQueue replies(3);
   replies.setState(1);
   const TraceLog log;
-  const Queue queue(NAME, false);
+  const Reader queue(NAME, false);
   EXPECT_EQ(
       (Lines{"CIPCQueue<T>::CIPCQueue(const char*,bool) ENTER, name[/var/kelp/controls_ea.kelp] "
              "remove[0]",
@@ -122,7 +122,7 @@ TEST(ReplyQueueOpening, OfAStoppedQueueEndsWithTheExitLine) {
 TEST(ReplyQueueOpening, OfAStoppedQueueByItsOwnerClosesAndRemovesIt) {
   ReplyQueue replies(3);
   replies.setState(1);
-  EXPECT_FALSE(Queue(NAME, true).IsInitialized());
+  EXPECT_FALSE(Reader(NAME, true).IsInitialized());
   EXPECT_EQ(2U, replies.memory.u32(8));
   EXPECT_EQ(-1, setAt(EA, 1));
   EXPECT_EQ(-1, setAt(EA, 3));
@@ -131,7 +131,7 @@ TEST(ReplyQueueOpening, OfAStoppedQueueByItsOwnerClosesAndRemovesIt) {
 TEST(ReplyQueueOpening, AcceptsADeadCreator) {
   ReplyQueue replies(3);
   replies.creatorDies();
-  const Queue queue(NAME, false);
+  const Reader queue(NAME, false);
   EXPECT_TRUE(queue.IsInitialized());
   EXPECT_FALSE(queue.CreatorAlive());
 }
@@ -139,7 +139,7 @@ TEST(ReplyQueueOpening, AcceptsADeadCreator) {
 TEST(ReplyQueueOpening, ChangesNothing) {
   ReplyQueue replies(3);
   const Bytes before = replies.memory.all();
-  { const Queue queue(NAME, false); }
+  { const Reader queue(NAME, false); }
   EXPECT_EQ(before, replies.memory.all());
   EXPECT_EQ(1U, replies.memory.attachments());
 }
@@ -147,7 +147,7 @@ TEST(ReplyQueueOpening, ChangesNothing) {
 TEST(ReplyQueueOpening, OfASegmentSmallerThanTheHeaderFails) {
   LockedSegment segment(EA, 11);
   SemaphoreSet waits(EA, 3, 3);
-  const Queue queue(NAME, false);
+  const Reader queue(NAME, false);
   EXPECT_FALSE(queue.IsInitialized());
   EXPECT_EQ(1U, segment.memory.attachments());
 }
@@ -155,13 +155,13 @@ TEST(ReplyQueueOpening, OfASegmentSmallerThanTheHeaderFails) {
 TEST(ReplyQueueOpening, WithoutMemoryFails) {
   ReplyQueue replies(3);
   calls::refuseMemory([](size_t) { return true; });
-  EXPECT_FALSE(Queue(NAME, false).IsInitialized());
+  EXPECT_FALSE(Reader(NAME, false).IsInitialized());
   calls::giveMemory();
 }
 
 TEST(ReplyQueueOpening, CutsSpareBytesFromTheCapacity) {
   ReplyQueue replies(2, 547);
-  Queue queue(NAME, false);
+  Reader queue(NAME, false);
   TArmReplyMessage reply;
   EXPECT_EQ(-278, queue.PrivateGet(ME, 2, reply));
   replies.setStatus(1, 2);
@@ -172,14 +172,14 @@ TEST(ReplyQueueOpening, CutsSpareBytesFromTheCapacity) {
 
 TEST(ReplyQueueOpening, OfTheHeaderAloneHasNoHead) {
   ReplyQueue replies(0);
-  Queue queue(NAME, false);
+  Reader queue(NAME, false);
   EXPECT_TRUE(queue.IsInitialized());
   TArmReplyMessage reply;
   EXPECT_EQ(-274, queue.Get(ME, reply));
 }
 
 TEST(ReplyQueue, ThatIsNotOpenRefusesToGet) {
-  Queue queue(NAME, false);
+  Reader queue(NAME, false);
   TArmReplyMessage reply;
   EXPECT_EQ(-276, queue.Get(ME, reply));
   EXPECT_EQ("-276 CIPCQueue::PrivateGet() < CIPCQueue::Get()", errorTrail());
@@ -188,7 +188,7 @@ TEST(ReplyQueue, ThatIsNotOpenRefusesToGet) {
 
 TEST(ReplyQueue, DestructorOfANonOwnerChangesNothing) {
   ReplyQueue replies(3);
-  auto queue = std::make_unique<Queue>(NAME, false);
+  auto queue = std::make_unique<Reader>(NAME, false);
   const Bytes before = replies.memory.all();
   EXPECT_EQ(2U, replies.memory.attachments());
   queue.reset();
@@ -201,7 +201,7 @@ TEST(ReplyQueue, DestructorOfANonOwnerChangesNothing) {
 
 TEST(ReplyQueue, DestructorWaitsForTheLock) {
   ReplyQueue replies(3);
-  auto queue = std::make_unique<Queue>(NAME, false);
+  auto queue = std::make_unique<Reader>(NAME, false);
   replies.lock();
   std::thread destroyer([&queue] { queue.reset(); });
   EXPECT_TRUE(waitUntil([&] { return semctl(replies.set.id(), 0, GETZCNT) == 1; }));
@@ -211,7 +211,7 @@ TEST(ReplyQueue, DestructorWaitsForTheLock) {
 
 TEST(ReplyQueue, DestructorOfAnOwnerClosesAndRemovesTheQueue) {
   ReplyQueue replies(3);
-  { const Queue queue(NAME, true); }
+  { const Reader queue(NAME, true); }
   EXPECT_EQ(2U, replies.memory.u32(8));
   EXPECT_EQ(-1, setAt(EA, 1));
   EXPECT_EQ(-1, setAt(EA, 3));
@@ -221,7 +221,7 @@ TEST(ReplyQueue, DestructorTracesALockWhoseSetIsGone) {
   ReplyQueue replies(3);
   const TraceLog log;
   {
-    const Queue queue(NAME, false);
+    const Reader queue(NAME, false);
     replies.set.remove();
   }
   EXPECT_EQ((Lines{"CkesSharedMemory::implLock: semop on VSemaphore[" +
@@ -258,7 +258,7 @@ class ReplyQueueHeads : public testing::Test {
   }
 
   ReplyQueue replies_;
-  Queue queue_;
+  Reader queue_;
 };
 
 TEST_F(ReplyQueueHeads, FirstFreeRecordIsClaimed) {
@@ -421,7 +421,7 @@ class ReplyQueueGet : public testing::Test {
   }
 
   ReplyQueue replies_;
-  Queue queue_;
+  Reader queue_;
 };
 
 TEST_F(ReplyQueueGet, ReplyLinkedBeforeIsReturnedAtOnce) {
@@ -1011,7 +1011,7 @@ class ReplyQueueSet : public testing::Test {
   }
 
   static constexpr const char* PATH = "/var/kelp/set";
-  Queue queue_;
+  Reader queue_;
 };
 
 TEST_F(ReplyQueueSet, IsCreatedWithTwoMoreSemaphoresThanItems) {
@@ -1099,7 +1099,7 @@ TEST_F(ReplyQueueSet, FailureOfTheFirstRaiseHasItsText) {
 
 TEST_F(ReplyQueueSet, IsRemovedByAnOwnerAndNobodyElse) {
   EXPECT_TRUE(queue_.implInitialize(PATH, 5));
-  Queue other("/var/kelp/none", false);
+  Reader other("/var/kelp/none", false);
   EXPECT_TRUE(other.implInitialize(PATH, 0));
   other.implDestroy();
   EXPECT_NE(-1, setAt(PATH, 3));

@@ -31,46 +31,46 @@ struct Answers {
   std::atomic<int> wrong;
 };
 
-armtest::ArmCalls arm = {};
-const char* place = "";
+armtest::ArmCalls host_calls = {};
+const char* guarded_place = "";
 pthread_mutex_t host_mutex = PTHREAD_MUTEX_INITIALIZER;
 std::atomic<bool> fork_waits_for_mutex{false};
 std::atomic<bool> stop{false};
 armtest::Shared<Answers> answers;
 
-bool isPlace(const char* name) {
-  return std::strcmp(place, name) == 0;
+bool isGuardedPlace(const char* name) {
+  return std::strcmp(guarded_place, name) == 0;
 }
 
 void makeCalls(int id) {
-  answers->wrong.fetch_add(armtest::wrongAnswersOfEveryCall(arm, id));
+  answers->wrong.fetch_add(armtest::wrongAnswersOfEveryCall(host_calls, id));
 }
 
 void beforeFork() {
-  if (isPlace("prepare")) makeCalls(1000);
-  if (!isPlace("mutex")) return;
+  if (isGuardedPlace("prepare")) makeCalls(1000);
+  if (!isGuardedPlace("mutex")) return;
   fork_waits_for_mutex.store(true);
   pthread_mutex_lock(&host_mutex);
 }
 
 void inParent() {
-  if (isPlace("parent")) makeCalls(2000);
-  if (!isPlace("mutex")) return;
+  if (isGuardedPlace("parent")) makeCalls(2000);
+  if (!isGuardedPlace("mutex")) return;
   fork_waits_for_mutex.store(false);
   pthread_mutex_unlock(&host_mutex);
 }
 
 void inChild() {
-  if (isPlace("child")) makeCalls(3000);
-  if (isPlace("mutex")) pthread_mutex_unlock(&host_mutex);
+  if (isGuardedPlace("child")) makeCalls(3000);
+  if (isGuardedPlace("mutex")) pthread_mutex_unlock(&host_mutex);
 }
 
 void registerAndLoad() {
 #if defined(FORK_HANDLERS_LIBRARY)
   (void)pthread_atfork(beforeFork, inParent, inChild);
-  arm = armtest::loadedCalls(dlopen(FORK_HANDLERS_LIBRARY, RTLD_NOW));
+  host_calls = armtest::loadedCalls(dlopen(FORK_HANDLERS_LIBRARY, RTLD_NOW));
 #else
-  arm = armtest::linkedCalls();
+  host_calls = armtest::linkedCalls();
   (void)pthread_atfork(beforeFork, inParent, inChild);
 #endif
 }
@@ -98,10 +98,10 @@ int main(int argc, char** argv) {
   if (argc != 3) return 99;
   (void)alarm(SECONDS_UNTIL_IT_HANGS);
   const bool first = std::strncmp(argv[1], "first-", 6) == 0;
-  place = first ? argv[1] + 6 : argv[1];
+  guarded_place = first ? argv[1] + 6 : argv[1];
   registerAndLoad();
   std::vector<std::thread> threads;
-  if (isPlace("mutex")) {
+  if (isGuardedPlace("mutex")) {
     if (!first) makeCalls(7);
     threads.emplace_back([] {
       for (int id = 1000000; !stop.load(); id += 100) callWithMutexOnceAForkWaits(id);

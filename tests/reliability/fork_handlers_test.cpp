@@ -11,7 +11,7 @@ namespace armtest {
 namespace {
 
 constexpr int FORKS = 10;
-constexpr const char* HOSTS[] = {"fork_handlers_linked", "fork_handlers_opened"};
+constexpr const char* HANDLER_HOSTS[] = {"fork_handlers_linked", "fork_handlers_opened"};
 
 class ForkHandlers : public testing::Test {
  protected:
@@ -24,7 +24,7 @@ class ForkHandlers : public testing::Test {
   }
 
   void expectRightAnswers(const std::string& place, int forks = FORKS) {
-    for (const char* host : HOSTS) {
+    for (const char* host : HANDLER_HOSTS) {
       for (const char* tracing : {"", "1"}) {
         *tracing != '\0' ? setenv("ARMDEBUG", tracing, 1) : unsetenv("ARMDEBUG");
         EXPECT_EQ(0, run(host, place, forks)) << host << " " << place << " " << tracing;

@@ -22,7 +22,7 @@ namespace armtest {
 namespace {
 
 constexpr int THREADS = 4;
-constexpr uint32_t SEED = 20240307;
+constexpr uint32_t FORK_SEED = 20240307;
 constexpr uint32_t SHORT_FORKS = 24;
 
 uint32_t forks() {
@@ -121,7 +121,7 @@ class Forks : public testing::Test {
   std::atomic<bool> stop_{false};
   std::atomic<uint32_t> wrong_{0};
   std::atomic<uint32_t> calls_{0};
-  std::minstd_rand random_{SEED};
+  std::minstd_rand random_{FORK_SEED};
 };
 
 TEST_F(Forks, AtAnyMomentTheChildMakesEveryCall) {

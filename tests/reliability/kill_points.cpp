@@ -8,7 +8,7 @@
 namespace armtest {
 
 unsigned killEvery() {
-  return settingOr("ARM_KILL_EVERY", 15);
+  return settingOr("ARM_KILL_EVERY", 30);
 }
 
 std::vector<Point> everyNth(const std::vector<Point>& points, size_t first) {

@@ -16,7 +16,7 @@ struct Point {
   bool before;
 };
 
-/// Of how many moments in a row one is tried: ARM_KILL_EVERY of the environment, else 7.
+/// Of how many moments in a row one is tried: ARM_KILL_EVERY of the environment, else 30.
 unsigned killEvery();
 /// One in so many of the moments, from one of the first on.
 std::vector<Point> everyNth(const std::vector<Point>& points, size_t first = 0);

@@ -19,12 +19,12 @@
 namespace armtest {
 namespace {
 
-constexpr unsigned PROGRAMS = 8;
-constexpr unsigned THREADS = 32;
+constexpr unsigned SOAK_PROGRAMS = 8;
+constexpr unsigned SOAK_THREADS = 32;
 constexpr uint32_t CALLS_PER_THREAD = 400;
 constexpr uint32_t SHORT_FORM = 20000;
 /// The two segments, their lock sets, the wake-up set, and the two counting semaphores.
-constexpr unsigned OBJECTS = 7;
+constexpr unsigned SOAK_OBJECTS = 7;
 
 uint32_t wantedCalls() {
   return settingOr("ARM_SOAK_CALLS", SHORT_FORM);
@@ -36,7 +36,7 @@ class Soak : public testing::Test {
     engine_ =
         std::make_unique<EngineProcess>(std::vector<std::string>{"--report"}, engineBuildDir());
     ASSERT_EQ(0U, engine_->ready().find("armengine: serving ")) << engine_->ready();
-    EXPECT_EQ(OBJECTS, ipcObjects());
+    EXPECT_EQ(SOAK_OBJECTS, ipcObjects());
     team_.endChange();
   }
 
@@ -76,21 +76,21 @@ class Soak : public testing::Test {
   /// The first program of each width stays; the others end after their calls, and one is killed now
   /// and then.
   void keepProgramsRunning() {
-    for (unsigned place = 0; place < PROGRAMS; ++place) {
+    for (unsigned place = 0; place < SOAK_PROGRAMS; ++place) {
       const std::string& dir = buildDirs()[place % 2];
       const uint32_t calls = place < 2 ? 0 : CALLS_PER_THREAD;
       if (place >= started_) {
-        ASSERT_EQ(static_cast<int>(place), team_.start(dir, THREADS, calls));
+        ASSERT_EQ(static_cast<int>(place), team_.start(dir, SOAK_THREADS, calls));
         ++started_;
       } else if (!team_.runs(static_cast<int>(place))) {
-        ASSERT_EQ(static_cast<int>(place), team_.start(dir, THREADS, calls));
+        ASSERT_EQ(static_cast<int>(place), team_.start(dir, SOAK_THREADS, calls));
         ++renewed_;
       }
     }
   }
 
   void killAProgram() {
-    team_.kill(static_cast<int>(2 + killed_ % (PROGRAMS - 2)));
+    team_.kill(static_cast<int>(2 + killed_ % (SOAK_PROGRAMS - 2)));
     ++killed_;
   }
 
@@ -120,14 +120,14 @@ TEST_F(Soak, EveryAnswerIsTheOwnAndNothingIsLostOrLeft) {
     startEngine();
   }
   team_.finish();
-  EXPECT_EQ(OBJECTS, ipcObjects());
+  EXPECT_EQ(SOAK_OBJECTS, ipcObjects());
   endInGoodOrder(team_.life());
   std::printf(
       "soak: %u calls answered by %u engines, each with its own answer; %u programs of %u threads "
       "started, %u killed; %lu instances counted by the engines, %lu uncertain; calls failed by a "
       "change of engines: %u, by a reconnection: %u\n",
-      team_.answered(), team_.life(), PROGRAMS + renewed_ + killed_, THREADS, killed_, counted_,
-      uncertain_, team_.disturbed(), team_.reconnecting());
+      team_.answered(), team_.life(), SOAK_PROGRAMS + renewed_ + killed_, SOAK_THREADS, killed_,
+      counted_, uncertain_, team_.disturbed(), team_.reconnecting());
   EXPECT_EQ(0U, ipcObjects());
 }
 

@@ -13,7 +13,7 @@ namespace armtest {
 namespace {
 
 /// A laid queue that is not what the test asked for would make every result worthless.
-int need(int result, const char* what) {
+int required(int result, const char* what) {
   if (result >= 0) return result;
   std::perror(what);
   std::abort();
@@ -25,13 +25,13 @@ void operate(int set, sembuf* operations, size_t count) {
   do {
     result = semop(set, operations, count);
   } while (result < 0 && errno == EINTR);
-  need(result, "semop");
+  required(result, "semop");
 }
 
 }  // namespace
 
 SemaphoreSet::SemaphoreSet(const std::string& path, int project, int semaphores)
-    : id_(need(makeSet(path, semaphores, project), "semget")), semaphores_(semaphores) {}
+    : id_(required(makeSet(path, semaphores, project), "semget")), semaphores_(semaphores) {}
 
 void SemaphoreSet::add(int set, int number, int by) {
   sembuf operation = {static_cast<unsigned short>(number), static_cast<short>(by), 0};
@@ -39,7 +39,7 @@ void SemaphoreSet::add(int set, int number, int by) {
 }
 
 Segment::Segment(const std::string& path, size_t size)
-    : size_(size), id_(need(makeSegment(path, size), "shmget")), memory_(id_) {}
+    : size_(size), id_(required(makeSegment(path, size), "shmget")), memory_(id_) {}
 
 void layReplies(Segment& memory, size_t capacity) {
   const size_t items = 12 + 16 * capacity;
@@ -117,7 +117,7 @@ uint32_t ReplyQueue::itemOffset(size_t index) const {
 
 size_t ReplyQueue::linkReply(size_t head, const Bytes& reply) {
   const uint32_t item = freeList();
-  need(item != 0 ? 0 : -1, "no free item");
+  required(item != 0 ? 0 : -1, "no free item");
   memory.put32(4, memory.u32(item + 528));
   std::memcpy(memory.at(item), reply.data(), 528);
   memory.put32(item + 528, 0);
@@ -146,7 +146,7 @@ size_t ReplyQueue::headOf(uint32_t process, uint32_t thread) {
     setOwner(i, process, thread);
     return i;
   }
-  need(-1, "no free head");
+  required(-1, "no free head");
   return 0;
 }
 

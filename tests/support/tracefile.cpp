@@ -151,12 +151,13 @@ std::string xmlTrace(const Lines& texts) {
 }
 
 std::string withoutTimes(const std::string& trace) {
-  constexpr const char TIME[] = " <Time Millis=\"9999999999999\">2099-99-99 99:99:99.999</Time>\n";
+  constexpr const char TIME_ELEMENT[] =
+      " <Time Millis=\"9999999999999\">2099-99-99 99:99:99.999</Time>\n";
   std::string masked = trace;
   for (size_t at = masked.find(" <Time "); at != std::string::npos;
        at = masked.find(" <Time ", at + 1)) {
-    EXPECT_TRUE(beginsWith(masked, at, TIME)) << masked.substr(at, sizeof TIME);
-    maskDigits(masked, at, std::min(at + sizeof TIME - 1, masked.size()));
+    EXPECT_TRUE(beginsWith(masked, at, TIME_ELEMENT)) << masked.substr(at, sizeof TIME_ELEMENT);
+    maskDigits(masked, at, std::min(at + sizeof TIME_ELEMENT - 1, masked.size()));
   }
   return masked;
 }

@@ -40,7 +40,7 @@ areas_of() { # PRESET
     shipped="abi counts differential mixed moments reliability"
     case $1 in
     i386) echo "$QUICK_AREAS $shipped" ;;
-    amd64) echo "support calls proc $shipped installed bindings armengine contract page programs" ;;
+    amd64) echo "support $shipped installed bindings armengine contract page programs" ;;
     amd64-asan) echo "support unit ipc calls engine threads text" ;;
     amd64-tsan) echo "unit ipc proc threads" ;;
     esac
@@ -89,24 +89,24 @@ format_check() {
     sources include src shared engine programs examples tests bench fuzz | xargs clang-format --dry-run -Werror
 }
 
-PRODUCT_FOLDERS="src shared engine programs"
-
 # clang's warnings are errors of the lint as well, so the 64-bit tree is only configured.
 lint() {
     configure_quietly amd64-clang || return 1
-    python3 -B tools/checksources.py build/amd64-clang tidy $PRODUCT_FOLDERS
-    product=$?
-    python3 -B tools/checksources.py build/amd64-clang together bench fuzz && return $product
+    python3 -B tools/checksources.py build/amd64-clang tidy src
+    library=$?
+    python3 -B tools/checksources.py build/amd64-clang together shared engine programs bench fuzz &&
+        return $library
 }
 
 # Of the tests only the names are checked.
 lint_names() {
-    configure_quietly amd64 && python3 -B tools/checksources.py build/amd64 together tests
+    configure_quietly amd64 && python3 -B tools/checksources.py build/amd64 together tests/*/
 }
 
 # What clang's warnings say of the other width.
 warnings_of_clang() {
-    configure_quietly i386-clang && python3 -B tools/checksources.py build/i386-clang syntax $PRODUCT_FOLDERS
+    configure_quietly i386-clang &&
+        python3 -B tools/checksources.py build/i386-clang syntax src shared engine programs
 }
 
 lint_python() {
