@@ -128,7 +128,8 @@ def check_together(build_dir, entries, names):
         path = os.path.relpath(first, SOURCE_DIR)
         if entry["file"].endswith(".hxx.cxx"):
             continue
-        name = next(name for name in names if path.startswith(os.path.join(name, "")))
+        name = next((name for name in names if path.startswith(os.path.join(name, ""))),
+                    os.path.dirname(path))
         folder = folders.setdefault((name, suffix), Folder(build_dir, name, suffix))
         folder.add(entry)
         if suffix == ".cpp":

@@ -163,14 +163,11 @@ void ArgumentParser::optional(const std::string& name, const std::string& value,
                               const std::string& help, const std::string& otherwise,
                               const Read& read) {
   app_->it
-      ->add_option_function<std::vector<std::string>>(
-          name,
-          [=](const std::vector<std::string>& texts) {
-            readInto(read, name, texts.empty() ? otherwise : texts.front());
-          },
-          help)
+      ->add_option_function<std::string>(
+          name, [=](const std::string& text) { readInto(read, name, text); }, help)
       ->type_name(value)
-      ->expected(0, 1);
+      ->expected(0, 1)
+      ->default_str(otherwise);
 }
 
 void ArgumentParser::flag(const std::string& name, const std::string& help, bool* given) {
