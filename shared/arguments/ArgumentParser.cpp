@@ -3,7 +3,6 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
-#include <cmath>
 #include <sstream>
 #include <string_view>
 #include <utility>
@@ -104,10 +103,20 @@ void readInto(const Read& read, const std::string& name, const std::string& text
   if (!wrong.empty()) throw BadValue(name + " " + wrong);
 }
 
-std::string asText(double number) {
-  std::ostringstream text;
-  text << number;
-  return text.str();
+/// What is wrong with a number; empty when it is within its bounds, and read.
+template <typename Number>
+std::string readNumber(const std::string& text, Number smallest, Number largest, Number* number) {
+  Number read = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, read);
+  if (error == std::errc() && stop == end && text[0] != '-' && read >= smallest &&
+      read <= largest) {
+    *number = read;
+    return "";
+  }
+  std::ostringstream wrong;
+  wrong << "needs a number from " << smallest << " to " << largest << ", not '" << text << "'";
+  return wrong.str();
 }
 
 }  // namespace
@@ -212,17 +221,7 @@ std::string ArgumentParser::help() const {
 }
 
 Read numberInto(double* number, double smallest, double largest) {
-  return [=](const std::string& text) {
-    double read = 0;
-    const char* end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, read);
-    const bool good = error == std::errc() && stop == end && std::isfinite(read) &&
-                      text[0] != '-' && read >= smallest && read <= largest;
-    if (good) *number = read;
-    return good ? ""
-                : "needs a number from " + asText(smallest) + " to " + asText(largest) + ", not '" +
-                      text + "'";
-  };
+  return [=](const std::string& text) { return readNumber(text, smallest, largest, number); };
 }
 
 Read someTextInto(std::string* text) {
@@ -234,11 +233,7 @@ Read someTextInto(std::string* text) {
 
 std::string readWholeNumber(const std::string& text, uint64_t smallest, uint64_t largest,
                             uint64_t* number) {
-  const char* end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, *number);
-  if (error == std::errc() && stop == end && *number >= smallest && *number <= largest) return "";
-  return "needs a number from " + std::to_string(smallest) + " to " + std::to_string(largest) +
-         ", not '" + text + "'";
+  return readNumber(text, smallest, largest, number);
 }
 
 }  // namespace armarguments
